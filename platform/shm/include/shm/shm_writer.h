@@ -1,0 +1,135 @@
+/*
+ * The writer's side of a frame store.
+ *
+ * Life of a writer: fill a shm_writer_params_t (shm_writer_params_init gives the defaults), shm_writer_open
+ * creates the memory and the socket and starts a service thread that talks to readers; then publish frames
+ * and audio as they come; shm_writer_close removes the store. A writer that dies leaves nothing that stops
+ * the next one of that name.
+ *
+ * Publishing never waits for a reader and makes no blocking system call. Either let the store copy a frame
+ * (shm_writer_publish_video), or fill a slot in place: shm_writer_acquire, write the planes,
+ * shm_writer_publish (or shm_writer_abandon).
+ *
+ * Threads: one thread at a time may use the video calls of a handle and one the audio calls, which may be
+ * different threads; shm_writer_get_stats may be called from any. After fork() the child's handle does
+ * nothing, also when closed.
+ */
+#ifndef SHM_SHM_WRITER_H
+#define SHM_SHM_WRITER_H
+
+#include <shm/shm_types.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct shm_writer shm_writer_t;
+
+enum {
+    SHM_WRITER_SEALED = 1u, /* nobody but this process can write pixels, readers of the same user included */
+    SHM_WRITER_DMABUF_OTHERS = 2u, /* readers of other users may have (writable) DMA-buf descriptors */
+    SHM_WRITER_HUGE_PAGES = 4u     /* frame slots in huge pages; refused when none are to be had */
+};
+
+typedef struct shm_writer_params
+{
+    uint32_t size;    /* set by shm_writer_params_init: sizeof(shm_writer_params_t) */
+    const char *name; /* of the store */
+    const char
+        *directory;    /* where to publish; null: the first of the usual directories that is this user's */
+    const char *group; /* null, or the name of a group whose members may read: published in /run/zev-shm */
+    uint32_t flags;    /* SHM_WRITER_... */
+
+    int32_t width, height; /* pixels; 0 x 0: no video. 4:2:0 chroma rounds up for odd sizes */
+    int32_t pixel_format;  /* SHM_PIXEL_FORMAT */
+    shm_color_t color;     /* how the samples are to be read; full range unless the source's range is kept */
+    uint32_t rate_numerator; /* declared frames a second; 0: not known, readers estimate */
+    uint32_t rate_denominator;
+    uint32_t history_frames; /* kept at least; 0: 0.75 s of frames, at least 8, at most 256 MiB */
+    uint32_t spare_frames;   /* slots beyond the history that readers may pin; 0: 8 */
+
+    int32_t sample_rate;      /* audio frames a second; 0: no audio */
+    int32_t channels;         /* 1 to SHM_CHANNELS_MAX */
+    int32_t audio_streams;    /* 1 to SHM_STREAMS_MAX; 0 means 1 when there is audio */
+    int32_t audio_history_ms; /* 0: 2000; never less */
+} shm_writer_params_t;
+
+/* Zeroes `params`, sets `size`, and the color to BT.709 full range. */
+SHM_API void shm_writer_params_init(shm_writer_params_t *params);
+
+/*
+ * Creates the store. Returns 0 with *writer set, or a negative errno with *writer null and, with `error`
+ * given, why in words: EINVAL (parameters), EADDRINUSE (already published by a living writer), EACCES /
+ * ENOENT (directory), ENOMEM (needed and available bytes are named; nothing has been allocated), EMFILE. The
+ * strings are not kept.
+ */
+SHM_API int shm_writer_open(const shm_writer_params_t *params, shm_writer_t **writer, shm_error_t *error);
+
+/* Removes the store; readers see it as gone at once and may keep the frames they hold. Null is fine. */
+SHM_API void shm_writer_close(shm_writer_t *writer);
+
+/* A slot being filled. `planes` are Y, U, V (or Y, UV); valid until publish or abandon. */
+typedef struct shm_writer_frame
+{
+    uint8_t *planes[4];
+    int32_t strides[4];
+    int32_t width, height;
+    int32_t slot;
+    int32_t memory_fd; /* borrowed descriptor of the slot's memory, for import by a device; -1 when none */
+    int64_t plane_offsets[4]; /* in that memory */
+} shm_writer_frame_t;
+
+/*
+ * Takes a free slot to write into. Returns 0, or a negative errno: EAGAIN (every slot is held by readers: the
+ * frame is to be dropped, and is counted), EBUSY (a slot is acquired already), EINVAL (no video).
+ */
+SHM_API int shm_writer_acquire(shm_writer_t *writer, shm_writer_frame_t *frame);
+
+/*
+ * Publishes the acquired slot under `timestamp`. Returns 0, or a negative errno, the slot given back: EEXIST
+ * when `timestamp` is not later than the newest frame's (unless the wall clock was stepped back, which starts
+ * the history anew).
+ */
+SHM_API int shm_writer_publish(shm_writer_t *writer, shm_writer_frame_t *frame, int64_t timestamp);
+
+/* Gives the acquired slot back unpublished. */
+SHM_API void shm_writer_abandon(shm_writer_t *writer, shm_writer_frame_t *frame);
+
+/* Copies a frame in and publishes it: planes in the order Y, U, V (or Y, UV). Errors as above. */
+SHM_API int shm_writer_publish_video(shm_writer_t *writer, const uint8_t *const planes[4],
+                                     const int32_t strides[4], int64_t timestamp);
+
+/*
+ * Appends `frames` audio frames of interleaved signed 16-bit samples to `stream`; `timestamp` is that of the
+ * first. A gap to what was published before becomes silence (up to the ring's length), an overlap is trimmed,
+ * less than half a sample's difference per call is taken as continuous. Returns 0 or a negative errno.
+ */
+SHM_API int shm_writer_publish_audio(shm_writer_t *writer, int stream, const int16_t *samples,
+                                     uint32_t frames, int64_t timestamp);
+
+typedef struct shm_writer_stats
+{
+    uint32_t size; /* set by the caller: sizeof(shm_writer_stats_t) */
+    int32_t readers;
+    int32_t locks_held;
+    int32_t slots;
+    uint64_t session;
+    uint64_t frames_published;
+    uint64_t frames_dropped;
+    uint64_t frames_refused;
+    uint64_t audio_frames_published; /* stream 0 */
+    uint64_t total_bytes;
+    uint32_t wished_numerator; /* highest wish of the readers; 0/0 for none */
+    uint32_t wished_denominator;
+    uint64_t readers_disconnected; /* that pinned the last slots */
+    uint64_t slots_replaced;       /* by fresh memory because readers pinned them */
+} shm_writer_stats_t;
+
+/* Any thread. Returns 0 or a negative errno. */
+SHM_API int shm_writer_get_stats(shm_writer_t *writer, shm_writer_stats_t *stats);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
