@@ -1,0 +1,109 @@
+#ifndef ZEVQTMM_MEDIAPROVIDER_H
+#define ZEVQTMM_MEDIAPROVIDER_H
+
+#include <zevqt-mm/mediasourcebase.h>
+
+#include <QtCore/QDeadlineTimer>
+#include <QtCore/QMetaType>
+#include <QtCore/QSharedPointer>
+#include <QtCore/QUrl>
+
+#include <chrono>
+
+class VideoTimeline;
+
+Q_DECLARE_METATYPE(std::chrono::seconds)
+
+/*!
+ * Live video and audio for an application, from one URL each.
+ *
+ * Usage: construct with the URLs ("shm:///cam0" for a store, "v4l:///dev/video0" for a capture device, an
+ * empty URL for none; the same URL twice for a store's own audio), call enableVideoFrames() or
+ * enableImageFrames(), connect the signals, setRunning(true). When the source stops to deliver, videoIdle()
+ * is emitted, and after a delay the no-signal picture takes the place of the frames; when it returns, so do
+ * they.
+ *
+ * Threads: bound to the thread it lives in. Sources work in the tick thread; their results arrive here
+ * through queued connections. With external ticks (getTimeline()->externalTick()) the caller's thread does
+ * the work.
+ *
+ * Ownership: owns its timeline, shares its sources. Frames and images handed out stay valid after the
+ * provider has gone; frames keep memory of the store locked, so let go of them promptly.
+ *
+ * Units: rates in frames a second; timestamps of frames and audio in wall-clock microseconds.
+ *
+ * Errors: the constructor throws std::logic_error for a URL without a scheme or with an unknown one. After
+ * that only empty values: a store that is not there yet is looked for once a second.
+ *
+ * Note: capture devices are not built in yet: a video URL with the scheme "v4l" throws std::logic_error.
+ */
+class ZEVQTMM_EXPORT MediaProvider : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(bool running READ running WRITE setRunning NOTIFY runningChanged)
+
+public:
+    /*! URL schemes by name; none stands for an empty URL. */
+    enum Schemes { shm, v4l, none };
+
+    MediaProvider(const QUrl &video, const QUrl &audio, bool useExternalTicks = false,
+                  QObject *parent = nullptr);
+    ~MediaProvider() override;
+
+    bool running() const;
+    void setRunning(bool on);
+
+    /*! Ticks a second, and the rate wished from the source. */
+    void setFrameRate(double fps);
+    /*! Size of the images delivered by imageReady(). Only for a provider with a video source. */
+    void setRequestedFrameSize(const QSize &size);
+    /*! QSize(-1, -1) while unknown. */
+    QSize getVideoFrameSize() const;
+
+    /*! Ticks ask for images: imageReady(). Removes every connection from the timeline's signals. */
+    void enableImageFrames();
+    /*! Ticks ask for frames: videoReady(). Removes every connection from the timeline's signals. */
+    void enableVideoFrames();
+
+    /*! The picture that stands in for a source that has been silent for `delay` (5 s at first). */
+    void setNoSignalImage(const QString &path, std::chrono::seconds delay);
+    void updateNoSignalImage();
+
+    void emitImageFrame(const QImage &image);
+    void emitVideoFrame(const QVideoFrame &frame);
+
+    /*! Null without one. For the GL hooks. */
+    QSharedPointer<MediaSourceBase> getVideoSource() const;
+    /*! Null without one; the video source itself when both URLs name the same store. For the player. */
+    QSharedPointer<MediaSourceBase> getAudioSource() const;
+    /*! Null without a video source; owned by the provider. For external ticks and adjustReadPosition(). */
+    VideoTimeline *getTimeline() const;
+
+Q_SIGNALS:
+    void runningChanged(bool running);
+    void imageReady(QImage image);
+    void videoReady(const QVideoFrame &frame);
+    void audioReady(QAudioBuffer buffer);
+    void noSignalImagePathChanged(QString path);
+    void noSignalDelayChanged(std::chrono::seconds delay);
+    void videoIdle();
+
+private:
+    void rearmIdleDeadline();
+    void connectTicks(void (MediaSourceBase::*combined)(long long),
+                      void (MediaSourceBase::*videoOnly)(long long));
+
+    bool running_;
+    QSharedPointer<MediaSourceBase> videoSource;
+    QSharedPointer<MediaSourceBase> audioSource;
+    VideoTimeline *timeline;
+    QImage noSignalImage;
+    QVideoFrame noSignalFrame;
+    QString noSignalImagePath;
+    QDeadlineTimer idleDeadline;
+    std::chrono::seconds noSignalDelay;
+    QSize requestedFrameSize;
+    bool separateAudio;
+};
+
+#endif
