@@ -1,0 +1,184 @@
+#include <audio-level/audio_level.h>
+
+#include <errno.h>
+#include <math.h>
+#include <stdint.h>
+#include <string.h>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#elif defined(__ARM_NEON)
+#include <arm_neon.h>
+#endif
+
+enum { MODE_S16 = 1, LANES = 8, VECTORS_MAX = 7, ROWS_PER_FLUSH = 64 };
+
+static const double FULL_SCALE = 32768.0;
+static const double FLOOR_DB = -120.0;
+
+/* Eight samples and what becomes of them; the compiler maps these to whatever vectors the processor has. */
+typedef int16_t samples_t __attribute__((vector_size(LANES * sizeof(int16_t))));
+typedef int32_t pairs_t __attribute__((vector_size(LANES / 2 * sizeof(int32_t))));
+typedef float squares_t __attribute__((vector_size(LANES / 2 * sizeof(float))));
+
+/* C has no vector minimum; composed of a comparison and three logical operations it would cost half of all
+ * the time. */
+static inline samples_t larger(samples_t a, samples_t b)
+{
+#if defined(__SSE2__)
+    return (samples_t)_mm_max_epi16((__m128i)a, (__m128i)b);
+#elif defined(__ARM_NEON)
+    return (samples_t)vmaxq_s16((int16x8_t)a, (int16x8_t)b);
+#else
+    const samples_t above = a > b;
+    return (a & above) | (b & ~above);
+#endif
+}
+
+static inline samples_t smaller(samples_t a, samples_t b)
+{
+#if defined(__SSE2__)
+    return (samples_t)_mm_min_epi16((__m128i)a, (__m128i)b);
+#elif defined(__ARM_NEON)
+    return (samples_t)vminq_s16((int16x8_t)a, (int16x8_t)b);
+#else
+    const samples_t above = a > b;
+    return (b & above) | (a & ~above);
+#endif
+}
+
+/* One accumulator per lane of a row of up to VECTORS_MAX vectors. */
+typedef struct
+{
+    double squares[VECTORS_MAX * LANES];
+    int16_t high[VECTORS_MAX * LANES];
+    int16_t low[VECTORS_MAX * LANES];
+} sums_t;
+
+/*
+ * Adds whole rows of `vectors` vectors. A row's length is a multiple of the channel count, so a lane belongs
+ * to one channel throughout and nothing needs to be shuffled. `vectors` is a constant in every caller, which
+ * keeps the accumulators in registers.
+ *
+ * Squares are summed in floats over a few rows only, then in doubles: a float that runs over a long block
+ * would lose its quiet parts.
+ */
+static inline __attribute__((always_inline)) void add_rows(const int16_t *data, size_t rows, int vectors,
+                                                           sums_t *sums)
+{
+    samples_t high[VECTORS_MAX] = {{0}};
+    samples_t low[VECTORS_MAX] = {{0}};
+    while (rows > 0) {
+        const size_t count = rows < ROWS_PER_FLUSH ? rows : ROWS_PER_FLUSH;
+        squares_t even[VECTORS_MAX] = {{0}};
+        squares_t odd[VECTORS_MAX] = {{0}};
+        for (size_t row = 0; row < count; ++row) {
+            for (int v = 0; v < vectors; ++v, data += LANES) {
+                samples_t samples;
+                memcpy(&samples, data, sizeof samples); /* blocks are aligned to a sample only */
+                high[v] = larger(samples, high[v]);
+                low[v] = smaller(samples, low[v]);
+
+                pairs_t pairs;
+                memcpy(&pairs, &samples, sizeof pairs);
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+                const squares_t first = __builtin_convertvector((pairs << 16) >> 16, squares_t);
+                const squares_t second = __builtin_convertvector(pairs >> 16, squares_t);
+#else
+                const squares_t first = __builtin_convertvector(pairs >> 16, squares_t);
+                const squares_t second = __builtin_convertvector((pairs << 16) >> 16, squares_t);
+#endif
+                even[v] += first * first;
+                odd[v] += second * second;
+            }
+        }
+        for (int v = 0; v < vectors; ++v) {
+            for (int i = 0; i < LANES / 2; ++i) {
+                sums->squares[v * LANES + 2 * i] += (double)even[v][i];
+                sums->squares[v * LANES + 2 * i + 1] += (double)odd[v][i];
+            }
+        }
+        rows -= count;
+    }
+    memcpy(sums->high, high, sizeof high);
+    memcpy(sums->low, low, sizeof low);
+}
+
+/* A row of whole vectors that holds a whole number of frames; two vectors at least, so that additions
+ * overlap. */
+static int vectors_per_row(int channels)
+{
+    static const int vectors[AUDIO_LEVEL_CHANNELS_MAX + 1] = {2, 2, 2, 3, 2, 5, 3, 7, 2};
+    return vectors[channels];
+}
+
+static void add_all_rows(const int16_t *samples, size_t rows, int vectors, sums_t *sums)
+{
+    switch (vectors) {
+    case 2:
+        add_rows(samples, rows, 2, sums);
+        break;
+    case 3:
+        add_rows(samples, rows, 3, sums);
+        break;
+    case 5:
+        add_rows(samples, rows, 5, sums);
+        break;
+    default:
+        add_rows(samples, rows, 7, sums);
+        break;
+    }
+}
+
+static float decibels(double amplitude)
+{
+    if (!(amplitude > 0))
+        return (float)FLOOR_DB;
+    return (float)fmax(FLOOR_DB, 20.0 * log10(amplitude / FULL_SCALE));
+}
+
+int av_audio_level_calc(const void *data, size_t frames, long channels, int mode,
+                        AudioLevelCalcResult *result)
+{
+    if (mode != MODE_S16 || channels < 0 || channels > AUDIO_LEVEL_CHANNELS_MAX || !result)
+        return -EINVAL;
+    if (!data && frames > 0 && channels > 0)
+        return -EINVAL;
+
+    for (int i = 0; i < AUDIO_LEVEL_CHANNELS_MAX; ++i) {
+        result->rms[i] = (float)FLOOR_DB;
+        result->max[i] = (float)FLOOR_DB;
+    }
+    if (frames == 0 || channels == 0)
+        return 0;
+
+    const int16_t *samples = data;
+    const size_t total = frames * (size_t)channels;
+    const int vectors = vectors_per_row((int)channels);
+    const size_t lanes = (size_t)vectors * LANES;
+    const size_t rows = total / lanes;
+    sums_t sums = {{0}, {0}, {0}};
+    add_all_rows(samples, rows, vectors, &sums);
+
+    /* The last row, which is not whole: its samples fall on the same lanes. */
+    for (size_t i = rows * lanes; i < total; ++i) {
+        const size_t lane = i - rows * lanes;
+        const int16_t sample = samples[i];
+        sums.squares[lane] += (double)sample * sample;
+        sums.high[lane] = sample > sums.high[lane] ? sample : sums.high[lane];
+        sums.low[lane] = sample < sums.low[lane] ? sample : sums.low[lane];
+    }
+
+    for (long channel = 0; channel < channels; ++channel) {
+        double squares = 0;
+        int peak = 0;
+        for (size_t lane = (size_t)channel; lane < lanes; lane += (size_t)channels) {
+            squares += sums.squares[lane];
+            peak = sums.high[lane] > peak ? sums.high[lane] : peak;
+            peak = -sums.low[lane] > peak ? -sums.low[lane] : peak; /* -(-32768) fits an int */
+        }
+        result->rms[channel] = decibels(sqrt(squares / (double)frames));
+        result->max[channel] = decibels(peak);
+    }
+    return 0;
+}
