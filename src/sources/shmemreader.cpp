@@ -276,7 +276,7 @@ QAudioBuffer ShmemReader::grabAudio(int stream, unsigned long frames, long long 
     long long start = ts <= 0 ? wrapping::add(newestStart, ts) : ts;
     if (start < status.oldest_timestamp)
         start = status.oldest_timestamp;
-    else if (wrapping::add(start, duration) > status.newest_timestamp)
+    else if (start > newestStart) // not "start + duration > newest": a start near the end of time would wrap
         start = newestStart;
     if (!checkRealtimeSync(start))
         return {};

@@ -30,6 +30,10 @@ enum : int {
     drmFormatNv12 = 0x3231564E,   // "NV12"
 };
 
+// Offset and pitch follow the descriptor's attribute. This scheme has no fourth plane: it takes the first's
+// names, by intent.
+constexpr int planeFd[] = {eglDmaBufPlane0Fd, eglDmaBufPlane1Fd, eglDmaBufPlane2Fd, eglDmaBufPlane0Fd};
+
 int drmFourcc(QVideoFrame::PixelFormat format)
 {
     static const QMap<QVideoFrame::PixelFormat, int> pixelFormatMap = {
@@ -57,9 +61,6 @@ void *EGLImageContext::createImage(FrameHolder &frame, int dmabufFd, QVideoFrame
     add(eglYuvColorSpaceHint, eglItuRec709);
     add(eglSampleRangeHint, eglYuvFullRange);
 
-    // Offset and pitch follow the descriptor's attribute. This scheme has no fourth plane: it takes the
-    // first's names, by intent.
-    static const int planeFd[] = {eglDmaBufPlane0Fd, eglDmaBufPlane1Fd, eglDmaBufPlane2Fd, eglDmaBufPlane0Fd};
     for (int plane = 0; plane < 4 && frame->strides[plane] != 0; ++plane) {
         add(planeFd[plane], dmabufFd);
         add(planeFd[plane] + 1, static_cast<int>(frame->plane_offsets[plane]));

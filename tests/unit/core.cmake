@@ -1,0 +1,24 @@
+# The video road. Private classes are tested on the library's objects; the store is a fake, so that what the library
+# asks of it can be compared call by call.
+set(unit ${CMAKE_CURRENT_LIST_DIR})
+set(fake_store ${unit}/fake_shm.cpp ${unit}/fake_shm.h)
+set(core_libraries zevqt-mm-objects Qt5::Test PkgConfig::FFMPEG)
+
+zev_test(tst_shmemreader SOURCES ${unit}/tst_shmemreader.cpp ${fake_store} LIBRARIES ${core_libraries})
+zev_test(tst_shmemreaderdma SOURCES ${unit}/tst_shmemreaderdma.cpp ${fake_store} LIBRARIES ${core_libraries})
+zev_test(tst_mediasourcebase SOURCES ${unit}/tst_mediasourcebase.cpp ${unit}/fake_source.h ${fake_store}
+    LIBRARIES ${core_libraries})
+zev_test(tst_shmemvideobuffer SOURCES ${unit}/tst_shmemvideobuffer.cpp ${fake_store} LIBRARIES ${core_libraries})
+zev_test(tst_mediasource SOURCES ${unit}/tst_mediasource.cpp ${fake_store} LIBRARIES ${core_libraries})
+zev_test(tst_storeframe SOURCES ${unit}/tst_storeframe.cpp ${fake_store} LIBRARIES ${core_libraries})
+zev_test(tst_eglimagecontext SOURCES ${unit}/tst_eglimagecontext.cpp ${fake_store} LIBRARIES ${core_libraries})
+
+# With a currentContext() of the test's own instead of the one that asks Qt.
+set(video ${PROJECT_SOURCE_DIR}/src/video)
+zev_test(tst_shmemdmavideobuffer
+    SOURCES ${unit}/tst_shmemdmavideobuffer.cpp ${video}/shmemdmavideobuffer.cpp ${video}/dmavideobuffer.cpp
+        ${video}/eglimagecontext.cpp ${video}/storeframerecord.cpp
+    LIBRARIES Qt5::Multimedia Qt5::Gui Qt5::Test)
+target_include_directories(tst_shmemdmavideobuffer PRIVATE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src
+    $<TARGET_PROPERTY:Zev::shm,INTERFACE_INCLUDE_DIRECTORIES>)
+target_compile_definitions(tst_shmemdmavideobuffer PRIVATE QT_NO_KEYWORDS)

@@ -1,0 +1,807 @@
+#include "fake_shm.h"
+
+#include "sources/shmemreader.h"
+
+#include <QtCore/QVariant>
+#include <QtTest/QtTest>
+
+#include <limits>
+
+extern "C" {
+#include <libavutil/time.h>
+}
+
+class ShmemReaderProbe
+{
+public:
+    /*! As if the second since the last look at the store had passed. */
+    static void letASecondPass(ShmemReader &reader) { reader.checkTimer.invalidate(); }
+    static long long syncMin(const ShmemReader &reader) { return reader.realtimeSyncMin; }
+    static long long syncMax(const ShmemReader &reader) { return reader.realtimeSyncMax; }
+};
+
+class tst_ShmemReader : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void constructionOpensNothing();
+    void nameAndChannel_data();
+    void nameAndChannel();
+    void selectedChannelOfAudioOnlyStoreIsReportedAsMono();
+    void selectedChannelOfStoreWithVideoKeepsItsChannels();
+
+    void opensInOrder();
+    void firstUseAfterOpenLooksAtTheStore();
+    void absentStoreFails();
+    void storeWithoutFormatIsClosedAgain();
+    void closeGivesTheHandleBack();
+    void looksAtTheStoreAtMostOnceASecond();
+    void triesAnAbsentStoreAtMostOnceASecond();
+    void forceLooksAtOnce();
+    void reopensAfterTheWriterHasGone();
+    void lockedFrameOutlivesReopening();
+
+    void realtimeRange_data();
+    void realtimeRange();
+    void realtimeRangeWrapsAt32Bits();
+    void dropsFramesOutsideTheRealtimeRange();
+
+    void rate_data();
+    void rate();
+    void rateIsAppliedAgainWhenReopened();
+    void rateWaitsForAStoreWithVideo();
+
+    void videoStatus();
+    void deadStatusMakesTheReaderReopen();
+    void timestamps_data();
+    void timestamps();
+    void frameSize();
+
+    void lookupMode_data();
+    void lookupMode();
+    void frameCarriesWhatTheStoreSays();
+    void dmaDescriptorGivesAnImageFrame();
+    void emptyFramesAreDropped_data();
+    void emptyFramesAreDropped();
+    void nothingToLock();
+    void frameIsUnlockedWhenTheLastCopyGoes();
+
+    void audioBlock_data();
+    void audioBlock();
+    void audioBlockFailures_data();
+    void audioBlockFailures();
+    void failedAudioStatusWithoutFramesMakesTheReaderReopen();
+    void hugeAudioRequestIsRefused();
+    void audioBlockOutsideTheRealtimeRange();
+    void rawAudio_data();
+    void rawAudio();
+    void rawAudioDeliversNothingWhenChannelsGrew();
+    void audioFormat();
+    void lastAudioTimestamp_data();
+    void lastAudioTimestamp();
+
+    void everythingIsEmptyWithoutAStore();
+    void everythingIsEmptyWithoutTheMedium();
+
+private:
+    FakeShm &store = FakeShm::instance();
+};
+
+void tst_ShmemReader::initTestCase()
+{
+    qputenv("ZEV_GL_DMABUF", ""); // set but empty: off
+}
+
+void tst_ShmemReader::init()
+{
+    store.reset();
+}
+
+void tst_ShmemReader::cleanup()
+{
+    QCOMPARE(store.lockedFrames, 0);
+    QCOMPARE(store.openHandles, 0);
+}
+
+void tst_ShmemReader::constructionOpensNothing()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QCOMPARE(store.takeCalls(), QStringList());
+}
+
+void tst_ShmemReader::nameAndChannel_data()
+{
+    QTest::addColumn<QString>("given");
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<int>("channel");
+    QTest::newRow("plain") << "cam0"
+                           << "cam0" << -1;
+    QTest::newRow("channel") << "cam0;2"
+                             << "cam0" << 2;
+    QTest::newRow("letter") << "cam0;x"
+                            << "cam0" << -1;
+    QTest::newRow("nothing after it") << "cam0;"
+                                      << "cam0" << -1;
+    QTest::newRow("not base 10") << "cam0;0x2"
+                                 << "cam0" << -1;
+    QTest::newRow("two suffixes") << "cam0;2;3"
+                                  << "cam0" << -1;
+    QTest::newRow("beyond ASCII") << QString::fromUtf8("kam\xc3\xa9ra;1")
+                                  << QString::fromUtf8("kam\xc3\xa9ra") << 1;
+    QTest::newRow("empty") << ""
+                           << "" << -1;
+}
+
+void tst_ShmemReader::nameAndChannel()
+{
+    QFETCH(QString, given);
+    QFETCH(QString, name);
+    QFETCH(int, channel);
+    ShmemReader reader(given, 7);
+    QCOMPARE(reader.getName(), name.toUtf8());
+    short samples[2];
+    QCOMPARE(reader.grabAudio(0, 1, samples, 1000000), 1LL);
+    const QStringList calls = store.takeCalls();
+    QCOMPARE(calls.first(), QStringLiteral("open %1 7").arg(name));
+    QCOMPARE(calls.last(),
+             QStringLiteral("query_audio2 stream 0 1 x 1 from 1000000 channel %1").arg(channel));
+}
+
+void tst_ShmemReader::selectedChannelOfAudioOnlyStoreIsReportedAsMono()
+{
+    store.format.has_video = 0;
+    ShmemReader reader(QStringLiteral("mic;2"), 100);
+    QCOMPARE(reader.getAudioFormat().channelCount(), 1);
+    ShmemReader all(QStringLiteral("mic;x"), 100);
+    QCOMPARE(all.getAudioFormat().channelCount(), 2);
+}
+
+void tst_ShmemReader::selectedChannelOfStoreWithVideoKeepsItsChannels()
+{
+    ShmemReader reader(QStringLiteral("cam0;2"), 100);
+    QCOMPARE(reader.getAudioFormat().channelCount(), 2);
+}
+
+void tst_ShmemReader::opensInOrder()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(reader.open());
+    QCOMPARE(store.takeCalls(), QStringList({"open cam0 100", "get_format", "set_fps 1/1"}));
+}
+
+void tst_ShmemReader::firstUseAfterOpenLooksAtTheStore()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(reader.open());
+    store.takeCalls();
+    QVERIFY(reader.getVideoFrameSize().isValid());
+    QCOMPARE(store.takeCalls(), QStringList({"is_ready"}));
+}
+
+void tst_ShmemReader::absentStoreFails()
+{
+    store.exists = false;
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(!reader.open());
+    QCOMPARE(store.takeCalls(), QStringList({"open cam0 100"}));
+}
+
+void tst_ShmemReader::storeWithoutFormatIsClosedAgain()
+{
+    store.format.valid = 0;
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(!reader.open());
+    QCOMPARE(store.takeCalls(), QStringList({"open cam0 100", "get_format", "close"}));
+}
+
+void tst_ShmemReader::closeGivesTheHandleBack()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(reader.open());
+    reader.close();
+    QCOMPARE(store.openHandles, 0);
+    ShmemReaderProbe::letASecondPass(reader);
+    QVERIFY(reader.getVideoFrameSize().isValid()); // a later use opens it again
+    QCOMPARE(store.openHandles, 1);
+}
+
+void tst_ShmemReader::looksAtTheStoreAtMostOnceASecond()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    // A machine that stops for a second between two lines makes the second pass in earnest: then once more.
+    for (int attempt = 0; attempt < 10; ++attempt) {
+        ShmemReaderProbe::letASecondPass(reader);
+        QVERIFY(reader.getVideoFrameSize().isValid());
+        QElapsedTimer elapsed;
+        elapsed.start();
+        store.takeCalls();
+        store.ready = 0; // the writer has gone, but nobody looks yet
+        const bool isTrusted = reader.getVideoFrameSize().isValid();
+        const QStringList calls = store.takeCalls();
+        store.ready = 1;
+        if (elapsed.elapsed() >= 900)
+            continue;
+        QVERIFY(isTrusted);
+        QCOMPARE(calls, QStringList());
+
+        ShmemReaderProbe::letASecondPass(reader);
+        QVERIFY(reader.getVideoFrameSize().isValid());
+        QCOMPARE(store.takeCalls(), QStringList({"is_ready"}));
+        return;
+    }
+    QFAIL("ten times in a row, two lines took a second");
+}
+
+void tst_ShmemReader::triesAnAbsentStoreAtMostOnceASecond()
+{
+    store.exists = false;
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    for (int attempt = 0; attempt < 10; ++attempt) {
+        ShmemReaderProbe::letASecondPass(reader);
+        QElapsedTimer elapsed;
+        elapsed.start();
+        store.takeCalls();
+        for (int use = 0; use < 5; ++use)
+            QVERIFY(!reader.getVideoFrameSize().isValid());
+        const QStringList calls = store.takeCalls();
+        if (elapsed.elapsed() >= 900)
+            continue;
+        QCOMPARE(calls, QStringList({"open cam0 100"}));
+
+        store.exists = true;
+        ShmemReaderProbe::letASecondPass(reader);
+        QVERIFY(reader.getVideoFrameSize().isValid());
+        return;
+    }
+    QFAIL("ten times in a row, six lines took a second");
+}
+
+void tst_ShmemReader::forceLooksAtOnce()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(reader.check(true));
+    QCOMPARE(store.takeCalls(), QStringList({"open cam0 100", "get_format", "set_fps 1/1"}));
+    QVERIFY(reader.check(true));
+    QCOMPARE(store.takeCalls(), QStringList({"is_ready"}));
+    store.ready = 0;
+    QVERIFY(reader.check(true));
+    QCOMPARE(store.takeCalls(),
+             QStringList({"is_ready", "open cam0 100", "close", "get_format", "set_fps 1/1"}));
+    store.exists = false;
+    QVERIFY(!reader.check(true));
+    store.takeCalls();
+    QVERIFY(!reader.check(true));
+    QCOMPARE(store.takeCalls(), QStringList({"open cam0 100"}));
+}
+
+void tst_ShmemReader::reopensAfterTheWriterHasGone()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(reader.check(true));
+    ShmemReaderProbe::letASecondPass(reader);
+    store.ready = 0;
+    store.format.width = 128;
+    store.takeCalls();
+    QCOMPARE(reader.getVideoFrameSize(), QSize(128, 36));
+    QCOMPARE(store.takeCalls(),
+             QStringList({"is_ready", "open cam0 100", "close", "get_format", "set_fps 1/1"}));
+}
+
+void tst_ShmemReader::lockedFrameOutlivesReopening()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVideoFrame frame = reader.grabVideo(0);
+    QVERIFY(frame.isValid());
+    store.ready = 0;
+    QVERIFY(reader.check(true));
+    QCOMPARE(store.openHandles, 2); // the frame keeps its own handle
+    QCOMPARE(store.lockedFrames, 1);
+    QVERIFY(frame.map(QAbstractVideoBuffer::ReadOnly));
+    QCOMPARE(static_cast<const uchar *>(frame.bits(0)), static_cast<const uchar *>(store.pixels));
+    frame.unmap();
+    store.takeCalls();
+    frame = QVideoFrame();
+    QCOMPARE(store.takeCalls(), QStringList({"unlock_video", "close"}));
+    QCOMPARE(store.openHandles, 1);
+}
+
+void tst_ShmemReader::realtimeRange_data()
+{
+    QTest::addColumn<int>("min");
+    QTest::addColumn<int>("max");
+    QTest::addColumn<long long>("aheadUs");
+    QTest::addColumn<bool>("passes");
+    const long long second = 1000000;
+    QTest::newRow("off, old") << 0 << 0 << -3600 * second << true;
+    QTest::newRow("off, new") << 0 << 0 << 3600 * second << true;
+    QTest::newRow("inside") << -60000 << 60000 << 0LL << true;
+    QTest::newRow("late") << -100 << 100 << -60 * second << false;
+    QTest::newRow("early") << -100 << 100 << 60 * second << false;
+    QTest::newRow("only the past, inside") << -60000 << 0 << -30 * second << true;
+    QTest::newRow("only the past, early") << -60000 << 0 << 30 * second << false;
+    QTest::newRow("only the future") << 0 << 60000 << -30 * second << false;
+}
+
+void tst_ShmemReader::realtimeRange()
+{
+    QFETCH(int, min);
+    QFETCH(int, max);
+    QFETCH(long long, aheadUs);
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    reader.setRealtimeSyncRange(min, max);
+    QTEST(reader.checkRealtimeSync(av_gettime() + aheadUs), "passes");
+}
+
+void tst_ShmemReader::realtimeRangeWrapsAt32Bits()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    reader.setRealtimeSyncRange(-2147483, 2147483);
+    QCOMPARE(ShmemReaderProbe::syncMin(reader), -2147483000LL);
+    QCOMPARE(ShmemReaderProbe::syncMax(reader), 2147483000LL);
+    reader.setRealtimeSyncRange(-2147484, 2147484);
+    QCOMPARE(ShmemReaderProbe::syncMin(reader), 2147483296LL);
+    QCOMPARE(ShmemReaderProbe::syncMax(reader), -2147483296LL);
+}
+
+void tst_ShmemReader::dropsFramesOutsideTheRealtimeRange()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(reader.grabVideo(0).isValid()); // of 1970
+    reader.setRealtimeSyncRange(-100, 100);
+    store.takeCalls();
+    QVERIFY(!reader.grabVideo(0).isValid());
+    QCOMPARE(store.takeCalls().last(), QStringLiteral("unlock_video")); // at once
+    reader.setRealtimeSyncRange(-600000, 600000);
+    store.frame.timestamp = av_gettime();
+    QVERIFY(reader.grabVideo(0).isValid());
+}
+
+void tst_ShmemReader::rate_data()
+{
+    QTest::addColumn<double>("fps"); // negative: the pair
+    QTest::addColumn<unsigned int>("numerator");
+    QTest::addColumn<unsigned int>("denominator");
+    QTest::addColumn<QString>("call");
+    QTest::newRow("29.97") << 29.97 << 0u << 0u << "set_fps 29970/1000";
+    QTest::newRow("25") << 25.0 << 0u << 0u << "set_fps 25000/1000";
+    QTest::newRow("truncates") << 23.9767 << 0u << 0u << "set_fps 23976/1000";
+    QTest::newRow("below a thousandth") << 0.0005 << 0u << 0u << "set_fps 1/1";
+    QTest::newRow("pair") << -1.0 << 30000u << 1001u << "set_fps 30000/1001";
+    QTest::newRow("no numerator") << -1.0 << 0u << 5u << "set_fps 1/1";
+    QTest::newRow("no denominator") << -1.0 << 5u << 0u << "set_fps 1/1";
+}
+
+void tst_ShmemReader::rate()
+{
+    QFETCH(double, fps);
+    QFETCH(unsigned int, numerator);
+    QFETCH(unsigned int, denominator);
+    QFETCH(QString, call);
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(reader.check(true));
+    store.takeCalls();
+    if (fps >= 0)
+        reader.setVideoFrameRate(fps);
+    else
+        reader.setVideoFrameRate(numerator, denominator);
+    QCOMPARE(store.takeCalls(), QStringList({call}));
+}
+
+void tst_ShmemReader::rateIsAppliedAgainWhenReopened()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    reader.setVideoFrameRate(50, 1);
+    QCOMPARE(store.takeCalls(), QStringList()); // not open yet
+    QVERIFY(reader.open());
+    QCOMPARE(store.takeCalls().last(), QStringLiteral("set_fps 50/1"));
+    QVERIFY(reader.open());
+    QCOMPARE(store.takeCalls().last(), QStringLiteral("set_fps 50/1"));
+}
+
+void tst_ShmemReader::rateWaitsForAStoreWithVideo()
+{
+    store.format.has_video = 0;
+    ShmemReader reader(QStringLiteral("mic"), 100);
+    QVERIFY(reader.open());
+    reader.setVideoFrameRate(50, 1);
+    QVERIFY(store.takeCalls().filter(QStringLiteral("set_fps")).isEmpty());
+}
+
+void tst_ShmemReader::videoStatus()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    store.videoStatus.newest_timestamp = 77;
+    const shm_video_status_t status = reader.getVideoStatus();
+    QCOMPARE(status.live, 1);
+    QCOMPARE(status.newest_timestamp, int64_t(77));
+    QCOMPARE(status.frame_interval_us, int64_t(40000));
+    QCOMPARE(status.jitter_us, int64_t(100));
+}
+
+void tst_ShmemReader::deadStatusMakesTheReaderReopen()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    for (int attempt = 0; attempt < 10; ++attempt) {
+        store.videoStatus.live = 1;
+        QVERIFY(reader.check(true));
+        QElapsedTimer elapsed;
+        elapsed.start();
+        store.videoStatus.live = 0;
+        QCOMPARE(reader.getVideoStatus().live, 0);
+        store.takeCalls();
+        const bool isEmptyMeanwhile = !reader.getVideoFrameSize().isValid();
+        const QStringList calls = store.takeCalls();
+        if (elapsed.elapsed() >= 900)
+            continue;
+        QVERIFY(isEmptyMeanwhile); // not usable, and not tried again within the second
+        QCOMPARE(calls, QStringList());
+        ShmemReaderProbe::letASecondPass(reader);
+        QVERIFY(reader.getVideoFrameSize().isValid());
+        QCOMPARE(store.takeCalls().first(),
+                 QStringLiteral("open cam0 100")); // is_ready is not asked any more
+        return;
+    }
+    QFAIL("ten times in a row, four lines took a second");
+}
+
+void tst_ShmemReader::timestamps_data()
+{
+    QTest::addColumn<int>("frameCount");
+    QTest::addColumn<int>("result");
+    QTest::addColumn<QVector<long long>>("expected");
+    QTest::addColumn<QString>("call");
+    QTest::newRow("fewer than room") << 8 << -1000 << QVector<long long>{1000000, 1040000, 1080000}
+                                     << "get_video_timestamps 8";
+    QTest::newRow("more than room") << 2 << -1000 << QVector<long long>{1040000, 1080000}
+                                    << "get_video_timestamps 2";
+    QTest::newRow("none") << 8 << 0 << QVector<long long>{} << "get_video_timestamps 8";
+    QTest::newRow("error") << 8 << -19 << QVector<long long>{} << "get_video_timestamps 8";
+    QTest::newRow("no room") << 0 << -1000 << QVector<long long>{} << "get_video_timestamps 0";
+    QTest::newRow("negative room") << -3 << -1000 << QVector<long long>{} << "get_video_timestamps 0";
+}
+
+void tst_ShmemReader::timestamps()
+{
+    QFETCH(int, frameCount);
+    QFETCH(int, result);
+    QFETCH(QString, call);
+    store.format.frame_count = frameCount;
+    store.timestampsResult = result;
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QTEST(reader.getVideoTimestamps(), "expected");
+    QCOMPARE(store.takeCalls().last(), call);
+}
+
+void tst_ShmemReader::frameSize()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QCOMPARE(reader.getVideoFrameSize(), QSize(64, 36));
+}
+
+void tst_ShmemReader::lookupMode_data()
+{
+    QTest::addColumn<long long>("ts");
+    QTest::addColumn<int>("mode"); // -1: none given
+    QTest::addColumn<QString>("call");
+    QTest::newRow("newest by default") << 0LL << -1 << "lock_video 0 mode 1";
+    QTest::newRow("nearest by default") << 1040000LL << -1 << "lock_video 1040000 mode 0";
+    QTest::newRow("negative is a time too") << -5LL << -1 << "lock_video -5 mode 0";
+    QTest::newRow("given mode") << 1040000LL << 4 << "lock_video 1040000 mode 4";
+    QTest::newRow("given mode for 0") << 0LL << 0 << "lock_video 0 mode 0";
+}
+
+void tst_ShmemReader::lookupMode()
+{
+    QFETCH(long long, ts);
+    QFETCH(int, mode);
+    QFETCH(QString, call);
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(reader.check(true));
+    store.takeCalls();
+    const QVideoFrame frame =
+        mode < 0 ? reader.grabVideo(ts) : reader.grabVideo(ts, static_cast<shm_video_lookup_mode_t>(mode));
+    QVERIFY(frame.isValid());
+    QCOMPARE(store.takeCalls(), QStringList({call, "get_dmabuf_fd"}));
+}
+
+void tst_ShmemReader::frameCarriesWhatTheStoreSays()
+{
+    ShmemReader reader(QStringLiteral("cam0;1"), 100);
+    const QVideoFrame frame = reader.grabVideo(0);
+    QVERIFY(frame.isValid());
+    QCOMPARE(frame.size(), QSize(64, 36));
+    QCOMPARE(frame.pixelFormat(), QVideoFrame::Format_NV12);
+    QCOMPARE(frame.startTime(), qint64(1080000));
+    QCOMPARE(frame.fieldType(), QVideoFrame::ProgressiveFrame);
+    QCOMPARE(frame.handleType(), QAbstractVideoBuffer::NoHandle);
+    QCOMPARE(frame.metaData(QStringLiteral("shmname")), QVariant(QByteArray("cam0")));
+    QCOMPARE(frame.metaData(QStringLiteral("buffer")).userType(), int(QMetaType::VoidStar));
+    QCOMPARE(frame.metaData(QStringLiteral("buffer")).value<void *>(), static_cast<void *>(frame.buffer()));
+    QCOMPARE(frame.availableMetaData().size(), 2);
+}
+
+void tst_ShmemReader::dmaDescriptorGivesAnImageFrame()
+{
+    store.dmabufFd = 0; // any but -1
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    const QVideoFrame frame = reader.grabVideo(0);
+    QVERIFY(frame.isValid());
+    QCOMPARE(frame.handleType(), QAbstractVideoBuffer::EGLImageHandle);
+    QCOMPARE(frame.pixelFormat(), QVideoFrame::Format_NV12);
+    QCOMPARE(frame.metaData(QStringLiteral("buffer")).value<void *>(), static_cast<void *>(frame.buffer()));
+    // With the variable empty, the store was not asked to export.
+    QVERIFY(!store.takeCalls().contains(QStringLiteral("open_dmabuf_fd")));
+}
+
+void tst_ShmemReader::emptyFramesAreDropped_data()
+{
+    QTest::addColumn<int>("width");
+    QTest::addColumn<int>("height");
+    QTest::addColumn<bool>("valid");
+    QTest::newRow("no width") << 0 << 36 << false;
+    QTest::newRow("no height") << 64 << 0 << false;
+    QTest::newRow("negative") << -64 << 36 << false;
+    QTest::newRow("one pixel") << 1 << 1 << true;
+}
+
+void tst_ShmemReader::emptyFramesAreDropped()
+{
+    QFETCH(int, width);
+    QFETCH(int, height);
+    QFETCH(bool, valid);
+    store.frame.width = width;
+    store.frame.height = height;
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    const QVideoFrame frame = reader.grabVideo(0);
+    QCOMPARE(frame.isValid(), valid);
+    QCOMPARE(store.lockedFrames, valid ? 1 : 0);
+}
+
+void tst_ShmemReader::nothingToLock()
+{
+    store.lockResult = -2;
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(!reader.grabVideo(5).isValid());
+    QCOMPARE(store.takeCalls().last(), QStringLiteral("lock_video 5 mode 0")); // nothing to unlock
+}
+
+void tst_ShmemReader::frameIsUnlockedWhenTheLastCopyGoes()
+{
+    QVideoFrame copy;
+    {
+        ShmemReader reader(QStringLiteral("cam0"), 100);
+        const QVideoFrame frame = reader.grabVideo(0);
+        copy = frame;
+    }
+    QCOMPARE(store.lockedFrames, 1); // the reader has gone, the frame has not
+    QCOMPARE(store.openHandles, 1);
+    copy = QVideoFrame();
+    QCOMPARE(store.lockedFrames, 0);
+    QCOMPARE(store.openHandles, 0);
+}
+
+void tst_ShmemReader::audioBlock_data()
+{
+    QTest::addColumn<unsigned long>("frames");
+    QTest::addColumn<long long>("ts");
+    QTest::addColumn<long long>("start");
+    // Held: 500000 to 2500000; 4800 frames are 100000 microseconds.
+    QTest::newRow("newest") << 4800ul << 0LL << 2400000LL;
+    QTest::newRow("back from the newest") << 4800ul << -50000LL << 2350000LL;
+    QTest::newRow("further back than held") << 4800ul << -9000000LL << 500000LL;
+    QTest::newRow("inside") << 4800ul << 1000000LL << 1000000LL;
+    QTest::newRow("older than held") << 4800ul << 1LL << 500000LL;
+    QTest::newRow("newer than held") << 4800ul << 2400001LL << 2400000LL;
+    QTest::newRow("just held") << 4800ul << 2400000LL << 2400000LL;
+    QTest::newRow("end of time") << 4800ul << std::numeric_limits<long long>::max() << 2400000LL;
+    QTest::newRow("everything") << 96000ul << 0LL << 500000LL;
+}
+
+void tst_ShmemReader::audioBlock()
+{
+    QFETCH(unsigned long, frames);
+    QFETCH(long long, ts);
+    QFETCH(long long, start);
+    ShmemReader reader(QStringLiteral("cam0;1"), 100);
+    QVERIFY(reader.check(true));
+    store.takeCalls();
+    const QAudioBuffer buffer = reader.grabAudio(3, frames, ts);
+    QVERIFY(buffer.isValid());
+    QCOMPARE(buffer.frameCount(), int(frames));
+    QCOMPARE(buffer.startTime(), qint64(start));
+    QCOMPARE(buffer.format(), reader.getAudioFormat());
+    QCOMPARE(static_cast<const short *>(buffer.constData())[frames * 2 - 1], short(0x1111));
+    QCOMPARE(store.takeCalls(),
+             QStringList(
+                 {"get_audio_status 3",
+                  QStringLiteral("query_audio2 stream 3 1 x %1 from %2 channel 1").arg(frames).arg(start)}));
+}
+
+void tst_ShmemReader::audioBlockFailures_data()
+{
+    QTest::addColumn<unsigned long>("frames");
+    QTest::addColumn<int>("statusResult");
+    QTest::addColumn<qint64>("queryResult");
+    QTest::addColumn<int>("callsAfterOpen");
+    QTest::newRow("no frames asked for") << 0ul << 0 << qint64(-1000) << 0;
+    QTest::newRow("more than held") << 96001ul << 0 << qint64(-1000) << 1;
+    QTest::newRow("status fails") << 4800ul << -19 << qint64(-1000) << 1;
+    QTest::newRow("nothing copied") << 4800ul << 0 << qint64(0) << 2;
+    QTest::newRow("copy fails") << 4800ul << 0 << qint64(-5) << 2;
+    QTest::newRow("positive status") << 4800ul << 1 << qint64(-1000) << 1;
+}
+
+void tst_ShmemReader::audioBlockFailures()
+{
+    QFETCH(unsigned long, frames);
+    QFETCH(int, statusResult);
+    QFETCH(qint64, queryResult);
+    QFETCH(int, callsAfterOpen);
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(reader.check(true));
+    store.takeCalls();
+    store.audioStatusResult = statusResult;
+    store.queryResult = queryResult;
+    const QAudioBuffer buffer = reader.grabAudio(0, frames, 0LL);
+    QVERIFY(!buffer.isValid());
+    QCOMPARE(buffer.frameCount(), 0);
+    QCOMPARE(store.takeCalls().size(), callsAfterOpen);
+    QVERIFY(reader.check(false)); // the store is still trusted
+}
+
+void tst_ShmemReader::failedAudioStatusWithoutFramesMakesTheReaderReopen()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(reader.check(true));
+    store.audioStatusResult = -19;
+    store.audioStatus = {};
+    QVERIFY(!reader.grabAudio(0, 4800, 0LL).isValid());
+    store.takeCalls();
+    ShmemReaderProbe::letASecondPass(reader);
+    QVERIFY(reader.check(false));
+    QCOMPARE(store.takeCalls().first(), QStringLiteral("open cam0 100"));
+}
+
+void tst_ShmemReader::hugeAudioRequestIsRefused()
+{
+    store.audioStatus.frames = std::numeric_limits<uint32_t>::max();
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(!reader.grabAudio(0, 0x20000000ul, 0LL).isValid()); // 2 GiB of samples
+    QCOMPARE(store.takeCalls().last(), QStringLiteral("get_audio_status 0"));
+}
+
+void tst_ShmemReader::audioBlockOutsideTheRealtimeRange()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    reader.setRealtimeSyncRange(-100, 100);
+    QVERIFY(!reader.grabAudio(0, 4800, 0LL).isValid());
+    QCOMPARE(store.takeCalls().last(), QStringLiteral("get_audio_status 0"));
+    reader.setRealtimeSyncRange(-600000, 600000);
+    store.audioStatus.newest_timestamp = av_gettime();
+    store.audioStatus.oldest_timestamp = store.audioStatus.newest_timestamp - 2000000;
+    QVERIFY(reader.grabAudio(0, 4800, 0LL).isValid());
+}
+
+void tst_ShmemReader::rawAudio_data()
+{
+    QTest::addColumn<qint64>("answer");
+    QTest::addColumn<long long>("copied");
+    QTest::newRow("all") << qint64(-1000) << 10LL;
+    QTest::newRow("some") << qint64(4) << 4LL;
+    QTest::newRow("none") << qint64(0) << 0LL;
+    QTest::newRow("error") << qint64(-19) << 0LL;
+}
+
+void tst_ShmemReader::rawAudio()
+{
+    QFETCH(qint64, answer);
+    store.queryResult = answer;
+    ShmemReader reader(QStringLiteral("cam0;1"), 100);
+    reader.setRealtimeSyncRange(-1, 1); // not looked at
+    QVERIFY(reader.check(true));
+    store.takeCalls();
+    short samples[20] = {};
+    QTEST(reader.grabAudio(2, 10, samples, -7), "copied");
+    QCOMPARE(store.takeCalls(), QStringList({"query_audio2 stream 2 10 x 1 from -7 channel 1"}));
+}
+
+void tst_ShmemReader::rawAudioDeliversNothingWhenChannelsGrew()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QCOMPARE(reader.getAudioFormat().channelCount(), 2);
+    short samples[20] = {};
+    QCOMPARE(reader.grabAudio(0, 10, samples, 1), 10LL);
+
+    store.format.channels = 6;
+    store.ready = 0;
+    QVERIFY(reader.check(true));
+    store.takeCalls();
+    QCOMPARE(reader.grabAudio(0, 10, samples, 1), 0LL);
+    QCOMPARE(store.takeCalls(), QStringList()); // nothing may be written
+
+    QCOMPARE(reader.getAudioFormat().channelCount(), 6); // now the caller knows
+    short more[60] = {};
+    QCOMPARE(reader.grabAudio(0, 10, more, 1), 10LL);
+
+    store.format.channels = 1; // fewer than there is room for
+    QVERIFY(reader.check(true));
+    QCOMPARE(reader.grabAudio(0, 10, more, 1), 10LL);
+}
+
+void tst_ShmemReader::audioFormat()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    const QAudioFormat format = reader.getAudioFormat();
+    QCOMPARE(format.channelCount(), 2);
+    QCOMPARE(format.sampleRate(), 48000);
+    QCOMPARE(format.sampleSize(), 16);
+    QCOMPARE(format.sampleType(), QAudioFormat::SignedInt);
+    QCOMPARE(format.byteOrder(), QAudioFormat::LittleEndian);
+    QCOMPARE(format.codec(), QStringLiteral("audio/pcm"));
+}
+
+void tst_ShmemReader::lastAudioTimestamp_data()
+{
+    QTest::addColumn<int>("statusResult");
+    QTest::addColumn<long long>("expected");
+    QTest::newRow("success") << 0 << 2500000LL;
+    QTest::newRow("any answer of 0 or more") << 3 << 2500000LL;
+    QTest::newRow("failure") << -19 << 0LL;
+}
+
+void tst_ShmemReader::lastAudioTimestamp()
+{
+    QFETCH(int, statusResult);
+    store.audioStatusResult = statusResult;
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QTEST(reader.getAudioLastTimestamp(), "expected");
+    QCOMPARE(store.takeCalls().last(), QStringLiteral("get_audio_status 0"));
+}
+
+void tst_ShmemReader::everythingIsEmptyWithoutAStore()
+{
+    store.exists = false;
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    short sample[2] = {};
+    QCOMPARE(reader.getVideoStatus().live, 0);
+    QCOMPARE(reader.getVideoStatus().frame_interval_us, int64_t(0));
+    QCOMPARE(reader.getVideoFrameSize(), QSize(-1, -1));
+    QVERIFY(reader.getVideoTimestamps().isEmpty());
+    QVERIFY(!reader.grabVideo(0).isValid());
+    QVERIFY(!reader.grabAudio(0, 10, 0LL).isValid());
+    QCOMPARE(reader.grabAudio(0, 1, sample, 0), 0LL);
+    QCOMPARE(reader.getAudioFormat(), QAudioFormat());
+    QCOMPARE(reader.getAudioLastTimestamp(), 0LL);
+}
+
+void tst_ShmemReader::everythingIsEmptyWithoutTheMedium()
+{
+    store.format.has_video = 0;
+    ShmemReader audioOnly(QStringLiteral("mic"), 100);
+    QVERIFY(audioOnly.check(true));
+    store.takeCalls();
+    QCOMPARE(audioOnly.getVideoStatus().live, 0);
+    QCOMPARE(audioOnly.getVideoFrameSize(), QSize(-1, -1));
+    QVERIFY(audioOnly.getVideoTimestamps().isEmpty());
+    QVERIFY(!audioOnly.grabVideo(0).isValid());
+
+    store.format.has_video = 1;
+    store.format.has_audio = 0;
+    ShmemReader videoOnly(QStringLiteral("cam0"), 100);
+    short sample[2] = {};
+    QVERIFY(!videoOnly.grabAudio(0, 10, 0LL).isValid());
+    QCOMPARE(videoOnly.grabAudio(0, 1, sample, 0), 0LL);
+    QCOMPARE(videoOnly.getAudioFormat(), QAudioFormat());
+    QCOMPARE(videoOnly.getAudioLastTimestamp(), 0LL);
+    const QStringList calls = store.takeCalls();
+    QVERIFY(calls.filter(QStringLiteral("video")).isEmpty());
+    QVERIFY(calls.filter(QStringLiteral("audio")).isEmpty());
+}
+
+QTEST_GUILESS_MAIN(tst_ShmemReader)
+#include "tst_shmemreader.moc"
