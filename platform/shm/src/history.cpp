@@ -1,0 +1,137 @@
+#include "history.h"
+
+#include <algorithm>
+
+namespace shm {
+namespace {
+
+// Differences of hostile timestamps must not overflow.
+uint64_t distance(int64_t a, int64_t b)
+{
+    return a > b ? static_cast<uint64_t>(a) - static_cast<uint64_t>(b)
+                 : static_cast<uint64_t>(b) - static_cast<uint64_t>(a);
+}
+
+// Smallest generation in [oldest, newest + 1] whose frame is not earlier than `timestamp`.
+Lookup lowerBound(const IndexView &index, const HistoryRange &range, int64_t timestamp, uint64_t *bound)
+{
+    uint64_t low = range.oldest;
+    uint64_t high = range.newest + 1;
+    FoundFrame frame;
+    while (low < high) {
+        const uint64_t middle = low + (high - low) / 2;
+        if (!readHistoryEntry(index, middle, &frame))
+            return Lookup::Moved;
+        if (frame.timestamp < timestamp)
+            low = middle + 1;
+        else
+            high = middle;
+    }
+    *bound = low;
+    return Lookup::Found;
+}
+
+Lookup findNearest(const IndexView &index, const HistoryRange &range, uint64_t bound, int64_t timestamp,
+                   int64_t limitUs, FoundFrame *found)
+{
+    FoundFrame after;
+    FoundFrame before;
+    const bool hasAfter = bound <= range.newest;
+    const bool hasBefore = bound > range.oldest;
+    if ((hasAfter && !readHistoryEntry(index, bound, &after)) ||
+        (hasBefore && !readHistoryEntry(index, bound - 1, &before)))
+        return Lookup::Moved;
+    // The earlier one when both are as far: it has been on the way longer and is the likelier to be shown
+    // already.
+    const bool takeBefore = hasBefore && (!hasAfter || distance(timestamp, before.timestamp) <=
+                                                           distance(after.timestamp, timestamp));
+    *found = takeBefore ? before : after;
+    return distance(found->timestamp, timestamp) <= static_cast<uint64_t>(limitUs) ? Lookup::Found
+                                                                                   : Lookup::None;
+}
+
+} // namespace
+
+bool readHistoryEntry(const IndexView &index, uint64_t generation, FoundFrame *frame)
+{
+    const HistoryEntry &entry = index.history[generation & (index.ring - 1)];
+    frame->timestamp = entry.timestamp.load(std::memory_order_acquire);
+    frame->slot = entry.slot.load(std::memory_order_acquire);
+    frame->generation = generation;
+    return entry.generation.load(std::memory_order_relaxed) == generation;
+}
+
+int64_t nearestLimitUs(int64_t intervalUs)
+{
+    if (intervalUs <= 0)
+        return 10 * 1000000;
+    // The interval comes from shared memory; an hour is longer than any that is meant.
+    return std::max<int64_t>(1000000, 3 * std::min<int64_t>(intervalUs, int64_t{3600} * 1000000));
+}
+
+HistoryRange historyRange(const IndexView &index)
+{
+    HistoryRange range;
+    range.newest = index.head->newest.value.load(std::memory_order_acquire);
+    range.oldest = index.head->first.value.load(std::memory_order_acquire);
+    if (range.newest > index.historyFrames)
+        range.oldest = std::max<uint64_t>(range.oldest, range.newest - index.historyFrames + 1);
+    range.oldest = std::max<uint64_t>(range.oldest, 1);
+    return range;
+}
+
+Lookup findFrame(const IndexView &index, shm_video_lookup_mode_t mode, int64_t timestamp, int64_t limitUs,
+                 FoundFrame *found)
+{
+    const HistoryRange range = historyRange(index);
+    if (range.newest == 0)
+        return Lookup::None;
+    if (range.oldest > range.newest) // the history starts anew between our two loads
+        return Lookup::Moved;
+    if (mode == SHM_VIDEO_NEWEST)
+        return readHistoryEntry(index, range.newest, found) ? Lookup::Found : Lookup::Moved;
+
+    uint64_t bound = 0;
+    if (lowerBound(index, range, timestamp, &bound) == Lookup::Moved)
+        return Lookup::Moved;
+    if (mode == SHM_VIDEO_NEAREST)
+        return findNearest(index, range, bound, timestamp, limitUs, found);
+
+    FoundFrame after;
+    const bool hasAfter = bound <= range.newest;
+    if (hasAfter && !readHistoryEntry(index, bound, &after))
+        return Lookup::Moved;
+    const bool exact = hasAfter && after.timestamp == timestamp;
+    if (mode == SHM_VIDEO_EXACT || mode == SHM_VIDEO_AT_OR_AFTER || exact) {
+        *found = after;
+        return hasAfter && (exact || mode == SHM_VIDEO_AT_OR_AFTER) ? Lookup::Found : Lookup::None;
+    }
+    if (bound == range.oldest) // SHM_VIDEO_AT_OR_BEFORE, and all are later
+        return Lookup::None;
+    return readHistoryEntry(index, bound - 1, found) ? Lookup::Found : Lookup::Moved;
+}
+
+int historyTimestamps(const IndexView &index, long long *timestamps, int capacity)
+{
+    if (capacity <= 0)
+        return 0;
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        const HistoryRange range = historyRange(index);
+        if (range.empty())
+            return 0;
+        const uint64_t held = range.newest - range.oldest + 1;
+        const uint64_t count = std::min<uint64_t>(held, static_cast<uint64_t>(capacity));
+        FoundFrame frame;
+        uint64_t i = 0;
+        for (; i < count; ++i) {
+            if (!readHistoryEntry(index, range.newest - count + 1 + i, &frame))
+                break;
+            timestamps[i] = frame.timestamp;
+        }
+        if (i == count)
+            return static_cast<int>(count);
+    }
+    return 0;
+}
+
+} // namespace shm

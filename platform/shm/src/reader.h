@@ -1,0 +1,84 @@
+// A reader's handle.
+//
+// Steady state of lock and unlock: three locked instructions (one for the lock, two for the unlock), a dozen
+// loads and a look at the kernel's coarse clock; no system call, no allocation. Every 10 ms one poll() of the
+// socket.
+//
+// Threads: one at a time, but for unlock, which may run in any thread beside any other call: it touches only
+// the atomic lock table and the control page, whose addresses never change.
+#ifndef SHM_READER_INTERNAL_H
+#define SHM_READER_INTERNAL_H
+
+#include "audio_ring.h"
+#include "handshake.h"
+#include "layout.h"
+#include "process_id.h"
+
+#include <shm/shm_reader.h>
+
+#include <array>
+#include <atomic>
+#include <vector>
+
+struct shm_reader
+{
+public:
+    shm_reader(shm::StoreConnection connection, uint32_t maxLocks);
+    ~shm_reader();
+    shm_reader(const shm_reader &) = delete;
+    shm_reader &operator=(const shm_reader &) = delete;
+
+    // The writer lives, as far as was known at most 10 ms ago; `now`: as far as is known.
+    enum class Look { Recent, Now };
+    bool live(Look look = Look::Recent);
+    bool mine() const { return m_process == shm::processId(); }
+
+    void format(shm_reader_format_t *format) const;
+    void info(shm_store_info_t *info, bool isLive);
+    int setWish(uint32_t numerator, uint32_t denominator);
+
+    void videoStatus(shm_video_status_t *status) const;
+    int timestamps(long long *timestamps, int capacity) const;
+    int lock(shm_video_frame_t *frame, shm_video_lookup_mode_t mode);
+    void unlock(shm_video_frame_t *frame);
+    int waitVideo(uint64_t after, int timeoutMs);
+    bool hasVideo() const { return m_connection.layout.slotCapacity != 0; }
+
+    bool hasAudio() const { return !m_audio.empty(); }
+    void audioStatus(int stream, shm_audio_status_t *status);
+    int64_t queryAudio(int stream, void *destination, uint64_t items, uint64_t itemFrames, int64_t start,
+                       int channel);
+
+private:
+    enum class Attempt { Locked, Retry, NoFrame };
+    Attempt tryLock(uint64_t generation, uint32_t slot, uint32_t entry, shm_video_frame_t *frame);
+    void describe(uint32_t slot, uint64_t generation, shm_video_frame_t *frame) const;
+    bool pollConnection();
+    bool receive();
+    bool lockedHere(uint32_t slot) const;
+
+    // A frame that this handle holds. Entered by the locking thread alone; whoever exchanges `generation`
+    // back to 0 gives the lock back, so a second unlock of the same lock finds nothing.
+    struct Held
+    {
+        std::atomic<uint64_t> generation{0};
+        std::atomic<uint32_t> slot{0};
+    };
+
+    // Immutable.
+    const uint64_t m_process;
+    const uint32_t m_maxLocks;
+    shm::IndexView m_index;
+    shm::ControlPage *m_control = nullptr;
+
+    // Atomic.
+    std::array<Held, shm::kLocksMax> m_held{};
+
+    // One thread at a time.
+    shm::StoreConnection m_connection;
+    std::vector<shm::AudioRingReader> m_audio;
+    int64_t m_lastPollUs = 0; // coarse clock
+    bool m_gone = false;
+};
+
+#endif

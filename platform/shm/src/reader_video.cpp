@@ -1,0 +1,190 @@
+// Locking frames.
+#include "clock.h"
+#include "error.h"
+#include "history.h"
+#include "process_id.h"
+#include "reader.h"
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+using namespace shm;
+
+namespace {
+
+// A writer has to publish a whole history during each look to outrun this many.
+constexpr int kLookups = 16;
+
+int64_t knownInterval(const IndexView &index)
+{
+    const int64_t interval = index.head->intervalUs.load(std::memory_order_relaxed);
+    return std::clamp<int64_t>(interval, 0, int64_t{3600} * 1000000);
+}
+
+} // namespace
+
+void shm_reader::videoStatus(shm_video_status_t *status) const
+{
+    const IndexHead &head = *m_index.head;
+    status->live = 1;
+    if (!hasVideo())
+        return;
+    for (int i = 0; i < kLookups; ++i) {
+        const HistoryRange range = historyRange(m_index);
+        if (range.newest == 0)
+            break;
+        if (range.empty())
+            continue;
+        // Both ends by generation, so that they belong to one moment.
+        FoundFrame oldest;
+        FoundFrame newest;
+        if (!readHistoryEntry(m_index, range.oldest, &oldest) ||
+            !readHistoryEntry(m_index, range.newest, &newest))
+            continue;
+        status->frames_held = static_cast<int32_t>(range.newest - range.oldest + 1);
+        status->oldest_timestamp = oldest.timestamp;
+        status->newest_timestamp = newest.timestamp;
+        break;
+    }
+    status->frame_interval_us = knownInterval(m_index);
+    status->jitter_us = std::max<int64_t>(head.jitterUs.load(std::memory_order_relaxed), 0);
+    status->frames_published = head.published.load(std::memory_order_relaxed);
+    status->frames_dropped = head.dropped.load(std::memory_order_relaxed);
+}
+
+int shm_reader::timestamps(long long *timestamps, int capacity) const
+{
+    return hasVideo() ? historyTimestamps(m_index, timestamps, capacity) : 0;
+}
+
+void shm_reader::describe(uint32_t slot, uint64_t generation, shm_video_frame_t *frame) const
+{
+    const WelcomeMessage &layout = m_connection.layout;
+    const SlotMeta &meta = m_index.metas[slot];
+    const shm_color_t color = unpackColor(meta.color.load(std::memory_order_relaxed));
+    uint8_t *const base = m_connection.slots[slot].mapping.data();
+    frame->width = static_cast<int32_t>(layout.width);
+    frame->height = static_cast<int32_t>(layout.height);
+    frame->timestamp = meta.timestamp.load(std::memory_order_relaxed);
+    for (uint32_t p = 0; p < 4; ++p) {
+        const bool there = p < layout.planeCount;
+        frame->planes[p] = there ? base + layout.offsets[p] : nullptr;
+        frame->strides[p] = there ? static_cast<int32_t>(layout.strides[p]) : 0;
+        frame->plane_offsets[p] = there ? static_cast<int64_t>(layout.offsets[p]) : 0;
+    }
+    frame->slot = static_cast<uint16_t>(slot);
+    frame->matrix = color.matrix;
+    frame->range = color.range;
+    frame->memory_generation = m_connection.slots[slot].memoryGeneration;
+    frame->generation = generation;
+    frame->session = layout.session;
+}
+
+shm_reader::Attempt shm_reader::tryLock(uint64_t generation, uint32_t slot, uint32_t entry,
+                                        shm_video_frame_t *frame)
+{
+    if (slot >= m_connection.layout.slotCapacity)
+        return Attempt::NoFrame; // the index is nonsense
+    std::atomic<uint32_t> &lock = m_control->locks[slot];
+    const std::atomic<uint64_t> &current = m_index.generations[slot].value;
+
+    lock.fetch_add(1, std::memory_order_seq_cst);                // R1 of protocol.h
+    if (current.load(std::memory_order_seq_cst) != generation) { // R2
+        lock.fetch_sub(1, std::memory_order_release);
+        return Attempt::Retry;
+    }
+    const bool revoked = m_control->revoked.value.load(std::memory_order_seq_cst) != 0;
+    const uint32_t memory = m_index.metas[slot].memoryGeneration.load(std::memory_order_relaxed);
+    if (revoked || memory == 0 || memory != m_connection.slots[slot].memoryGeneration) {
+        lock.fetch_sub(1, std::memory_order_release);
+        // Memory that we have not been given yet; if its message has come, the frame can be had after all.
+        return !revoked && pollConnection() && memory == m_connection.slots[slot].memoryGeneration
+                   ? Attempt::Retry
+                   : Attempt::NoFrame;
+    }
+    describe(slot, generation, frame);
+    m_held[entry].slot.store(slot, std::memory_order_relaxed);
+    m_held[entry].generation.store(generation, std::memory_order_release);
+    return Attempt::Locked;
+}
+
+int shm_reader::lock(shm_video_frame_t *frame, shm_video_lookup_mode_t mode)
+{
+    if (!hasVideo())
+        return -ENOENT;
+    uint32_t entry = 0;
+    while (entry < m_maxLocks && m_held[entry].generation.load(std::memory_order_acquire) != 0)
+        ++entry;
+    if (entry == m_maxLocks)
+        return -EBUSY;
+
+    const int64_t asked = frame->timestamp;
+    const int64_t limit = mode == SHM_VIDEO_NEAREST ? nearestLimitUs(knownInterval(m_index)) : 0;
+    FoundFrame found;
+    for (int i = 0; i < kLookups; ++i) {
+        const Lookup result = findFrame(m_index, mode, asked, limit, &found);
+        if (result == Lookup::None)
+            return -ENOENT;
+        if (result == Lookup::Moved)
+            continue;
+        const Attempt attempt = tryLock(found.generation, found.slot, entry, frame);
+        if (attempt == Attempt::Locked)
+            return 0;
+        if (attempt == Attempt::NoFrame)
+            return -ENOENT;
+    }
+    return -ENOENT;
+}
+
+void shm_reader::unlock(shm_video_frame_t *frame)
+{
+    if (!mine()) {
+        frame->planes[0] = nullptr;
+        return;
+    }
+    if (frame->planes[0] == nullptr || frame->session != m_connection.layout.session ||
+        frame->generation == 0)
+        return;
+    for (uint32_t i = 0; i < m_maxLocks; ++i) {
+        Held &held = m_held[i];
+        uint64_t expected = frame->generation;
+        if (held.generation.load(std::memory_order_relaxed) != expected)
+            continue;
+        // Before the entry is free: the locking thread may fill it again at once.
+        const uint32_t slot = held.slot.load(std::memory_order_acquire);
+        if (held.generation.compare_exchange_strong(expected, 0, std::memory_order_acq_rel)) {
+            m_control->locks[slot].fetch_sub(1, std::memory_order_release); // R4
+            frame->planes[0] = nullptr;
+            return;
+        }
+    }
+}
+
+int shm_reader::waitVideo(uint64_t after, int timeoutMs)
+{
+    if (!hasVideo())
+        return -EINVAL;
+    // A writer that is killed wakes nobody, so the connection is looked at now and then.
+    constexpr int64_t kSliceUs = 50 * 1000;
+    const int64_t deadline = monotonicUs() + int64_t{timeoutMs} * 1000;
+    IndexHead &head = *m_index.head;
+    while (true) {
+        const uint32_t word = head.wake.value.load(std::memory_order_acquire);
+        if (head.newest.value.load(std::memory_order_acquire) > after)
+            return 0;
+        if (!live(Look::Now))
+            return -ENODEV;
+        const int64_t left = deadline - monotonicUs();
+        if (left <= 0)
+            return -ETIMEDOUT;
+        const int64_t slice = std::min(left, kSliceUs);
+        const timespec limit = {slice / 1000000, (slice % 1000000) * 1000};
+        m_control->waiting.value.store(1, std::memory_order_seq_cst);
+        // Not private: the word is in another process's memory too.
+        syscall(SYS_futex, &head.wake.value, FUTEX_WAIT, word, &limit, nullptr, 0);
+        m_control->waiting.value.store(0, std::memory_order_seq_cst);
+    }
+}

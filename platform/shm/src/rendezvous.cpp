@@ -1,0 +1,311 @@
+#include "rendezvous.h"
+
+#include "error.h"
+#include "process_id.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <set>
+
+namespace shm {
+namespace {
+
+std::string environment(const char *variable)
+{
+    const char *value = std::getenv(variable);
+    return value != nullptr ? value : "";
+}
+
+std::string lockPath(const std::string &directory, const std::string &name)
+{
+    return directory + "/." + name + ".lock";
+}
+
+// An address for `path`. One that is longer than an address can hold is reached through its opened directory,
+// which the caller keeps open in `*holder` meanwhile.
+int makeAddress(const std::string &directory, const std::string &file, sockaddr_un *address, UniqueFd *holder)
+{
+    std::memset(address, 0, sizeof *address);
+    address->sun_family = AF_UNIX;
+    std::string path = directory + "/" + file;
+    if (path.size() >= sizeof address->sun_path) {
+        *holder = UniqueFd(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (!*holder)
+            return -errno;
+        path = "/proc/self/fd/" + std::to_string(holder->get()) + "/" + file;
+        if (path.size() >= sizeof address->sun_path)
+            return -ENAMETOOLONG;
+    }
+    std::memcpy(address->sun_path, path.c_str(), path.size() + 1);
+    return 0;
+}
+
+// Names published by this process, by their lock file.
+using LockKey = std::pair<dev_t, ino_t>;
+std::mutex &heldMutex()
+{
+    static std::mutex mutex;
+    return mutex;
+}
+std::set<LockKey> &heldLocks()
+{
+    static std::set<LockKey> locks;
+    static uint64_t owner = processId();
+    // Record locks are not inherited, so what is in the table after a fork is held by the parent alone.
+    if (owner != processId()) {
+        owner = processId();
+        locks.clear();
+    }
+    return locks;
+}
+
+int failDirectory(const std::string &directory, int code, shm_error_t *error)
+{
+    if (code == ENOENT) {
+        return fail(error, ENOENT, "directory %s does not exist: create it or name another one",
+                    directory.c_str());
+    }
+    return fail(error, code, "directory %s cannot be written: %s; make it yours or name another one",
+                directory.c_str(), std::strerror(code));
+}
+
+int checkWritable(const std::string &directory, shm_error_t *error)
+{
+    struct stat status = {};
+    if (stat(directory.c_str(), &status) != 0)
+        return failDirectory(directory, errno, error);
+    if (!S_ISDIR(status.st_mode))
+        return failDirectory(directory, ENOTDIR, error);
+    if (access(directory.c_str(), W_OK | X_OK) != 0)
+        return failDirectory(directory, errno, error);
+    return 0;
+}
+
+} // namespace
+
+std::vector<std::string> readerDirectories()
+{
+    const std::string chosen = environment("ZEV_SHM_DIR");
+    if (!chosen.empty())
+        return {chosen};
+    std::vector<std::string> directories;
+    const std::string runtime = environment("XDG_RUNTIME_DIR");
+    if (!runtime.empty())
+        directories.push_back(runtime + "/zev-shm");
+    directories.emplace_back(kSystemDirectory);
+    return directories;
+}
+
+int writerDirectory(const char *asked, bool shared, std::string *directory, shm_error_t *error)
+{
+    // Chosen by somebody: it must be there.
+    const std::string chosen = asked != nullptr && *asked != '\0' ? asked : environment("ZEV_SHM_DIR");
+    if (!chosen.empty()) {
+        *directory = chosen;
+        return checkWritable(chosen, error);
+    }
+    const std::string runtime = environment("XDG_RUNTIME_DIR");
+    if (!shared && !runtime.empty()) {
+        *directory = runtime + "/zev-shm";
+        if (mkdir(directory->c_str(), 0700) == 0 || errno == EEXIST) {
+            if (checkWritable(*directory, nullptr) == 0)
+                return 0;
+        }
+    }
+    *directory = kSystemDirectory;
+    if (mkdir(kSystemDirectory, 0755) != 0 && errno != EEXIST) {
+        return fail(
+            error, errno,
+            "no directory to publish in: %s cannot be created (%s); set XDG_RUNTIME_DIR or ZEV_SHM_DIR",
+            kSystemDirectory, std::strerror(errno));
+    }
+    return checkWritable(*directory, error);
+}
+
+int socketFile(const std::string &directory, const std::string &name, SocketFile *file)
+{
+    struct stat status = {};
+    if (stat((directory + "/" + name).c_str(), &status) != 0)
+        return -errno;
+    if (!S_ISSOCK(status.st_mode))
+        return -ENOENT;
+    // Inode numbers are used again at once on some file systems; the time of change is not.
+    *file = {status.st_dev, status.st_ino, status.st_uid,
+             static_cast<int64_t>(status.st_ctim.tv_sec) * 1000000000 + status.st_ctim.tv_nsec};
+    return 0;
+}
+
+int connectStore(const std::string &directory, const std::string &name, int timeoutMs, UniqueFd *socket)
+{
+    sockaddr_un address;
+    UniqueFd holder;
+    int result = makeAddress(directory, name, &address, &holder);
+    if (result != 0)
+        return result;
+    const int wait = timeoutMs > 0 ? 0 : SOCK_NONBLOCK;
+    UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | wait, 0));
+    if (!fd)
+        return -errno;
+    // connect() on a Unix socket waits only for a place in the listener's queue, bounded by this.
+    const timeval limit = {timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+    if (timeoutMs > 0)
+        setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    do {
+        result = connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    } while (result != 0 && errno == EINTR);
+    if (result != 0)
+        return errno == EWOULDBLOCK ? -EAGAIN : -errno;
+    *socket = std::move(fd);
+    return 0;
+}
+
+int Publication::claim(const std::string &directory, const std::string &name, shm_error_t *error)
+{
+    const std::string path = lockPath(directory, name);
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        // Looked up before it is opened: closing any descriptor of a file drops the process's record locks on
+        // it.
+        const std::lock_guard<std::mutex> guard(heldMutex());
+        struct stat status = {};
+        if (stat(path.c_str(), &status) == 0 && heldLocks().count({status.st_dev, status.st_ino}) != 0) {
+            return fail(error, EADDRINUSE,
+                        "store \"%s\" in %s is already published by this process: close that writer first",
+                        name.c_str(), directory.c_str());
+        }
+        UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+        if (!fd) {
+            return fail(error, errno, "lock file %s cannot be opened: %s; it may belong to another user",
+                        path.c_str(), std::strerror(errno));
+        }
+        struct flock lock = {};
+        lock.l_type = F_WRLCK;
+        lock.l_whence = SEEK_SET;
+        if (fcntl(fd.get(), F_SETLK, &lock) != 0) {
+            if (errno != EACCES && errno != EAGAIN)
+                return fail(error, errno, "lock file %s cannot be locked: %s", path.c_str(),
+                            std::strerror(errno));
+            struct flock holder = {};
+            holder.l_type = F_WRLCK;
+            holder.l_whence = SEEK_SET;
+            fcntl(fd.get(), F_GETLK, &holder);
+            return fail(error, EADDRINUSE,
+                        "store \"%s\" in %s is already published by process %d: stop it or use another name",
+                        name.c_str(), directory.c_str(), static_cast<int>(holder.l_pid));
+        }
+        // The one who had the lock before may have removed the file meanwhile; a lock on a removed file locks
+        // nothing.
+        struct stat opened = {};
+        if (fstat(fd.get(), &opened) != 0 || stat(path.c_str(), &status) != 0 ||
+            opened.st_dev != status.st_dev || opened.st_ino != status.st_ino) {
+            continue;
+        }
+        heldLocks().insert({opened.st_dev, opened.st_ino});
+        m_lockDevice = opened.st_dev;
+        m_lockInode = opened.st_ino;
+        m_lock = std::move(fd);
+        m_directory = directory;
+        m_name = name;
+        return 0;
+    }
+    return fail(error, EAGAIN, "store \"%s\" changes hands all the time: try again", name.c_str());
+}
+
+int Publication::listen(long group, shm_error_t *error)
+{
+    const std::string temporary = "." + m_name + ".new";
+    const std::string temporaryPath = m_directory + "/" + temporary;
+    const std::string path = m_directory + "/" + m_name;
+
+    // Under the lock, so nobody else uses the temporary name; a writer that died here may have left it.
+    ::unlink(temporaryPath.c_str());
+    UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd)
+        return fail(error, errno, "no socket for store \"%s\": %s", m_name.c_str(), std::strerror(errno));
+    sockaddr_un address;
+    UniqueFd holder;
+    const int result = makeAddress(m_directory, temporary, &address, &holder);
+    if (result != 0)
+        return fail(error, -result, "directory name %s is too long for a socket", m_directory.c_str());
+    // The mode is set before anybody can connect: there is no listener until the rename.
+    if (bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+        return failDirectory(m_directory, errno, error);
+    const bool ready =
+        chmod(temporaryPath.c_str(), group >= 0 ? 0660 : 0600) == 0 &&
+        (group < 0 || chown(temporaryPath.c_str(), static_cast<uid_t>(-1), static_cast<gid_t>(group)) == 0) &&
+        ::listen(fd.get(), 128) == 0 && rename(temporaryPath.c_str(), path.c_str()) == 0;
+    if (!ready) {
+        const int code = errno;
+        ::unlink(temporaryPath.c_str());
+        return fail(error, code, "store \"%s\" cannot be made visible in %s: %s", m_name.c_str(),
+                    m_directory.c_str(), std::strerror(code));
+    }
+    m_socket = std::move(fd);
+    m_visible = true;
+    return 0;
+}
+
+void Publication::release()
+{
+    if (!m_lock)
+        return;
+    if (m_visible)
+        ::unlink((m_directory + "/" + m_name).c_str());
+    m_visible = false;
+    m_socket.reset();
+    const std::lock_guard<std::mutex> guard(heldMutex());
+    ::unlink(lockPath(m_directory, m_name).c_str());
+    heldLocks().erase({m_lockDevice, m_lockInode});
+    m_lock.reset();
+}
+
+void Publication::forget()
+{
+    m_visible = false;
+    m_socket.reset();
+    m_lock.reset();
+}
+
+} // namespace shm
+
+int shm_list_stores(void (*visit)(void *context, const char *name, const char *directory), void *context)
+{
+    using namespace shm;
+    return guarded(nullptr, [&] {
+        std::map<std::string, std::string> found; // name to directory, in alphabetical order
+        bool readable = false;
+        int code = ENOENT;
+        for (const std::string &directory : readerDirectories()) {
+            DIR *stream = opendir(directory.c_str());
+            if (stream == nullptr) {
+                code = errno;
+                continue;
+            }
+            readable = true;
+            while (const dirent *entry = readdir(stream)) {
+                SocketFile file;
+                if (shm_check_name(entry->d_name, nullptr) == 0 &&
+                    socketFile(directory, entry->d_name, &file) == 0) {
+                    found.emplace(entry->d_name, directory);
+                }
+            }
+            closedir(stream);
+        }
+        if (!readable)
+            return -code;
+        for (const auto &[name, directory] : found) {
+            if (visit != nullptr)
+                visit(context, name.c_str(), directory.c_str());
+        }
+        return static_cast<int>(found.size());
+    });
+}

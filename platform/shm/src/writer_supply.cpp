@@ -1,0 +1,172 @@
+// The service thread's care for free slots: fresh memory before readers pin the last one.
+//
+// A slot is free when it is not in the history and no reader locks it. Below half the spare slots, fresh ones
+// are added until twice the original number; there the reader that pins most is cut off. Above, what was
+// added is taken back. A pinned slot is never written: its readers keep it as long as they like.
+#include "memory_check.h"
+#include "writer_service.h"
+
+#include <algorithm>
+
+namespace shm {
+
+bool WriterService::inHistory(uint32_t slot) const
+{
+    const uint64_t generation = m_store.index.generations[slot].value.load(std::memory_order_acquire);
+    if (generation == 0)
+        return false;
+    const uint64_t newest = m_store.index.head->newest.value.load(std::memory_order_acquire);
+    return generation + m_store.policy.historyFrames > newest &&
+           generation >= m_store.index.head->first.value.load(std::memory_order_acquire);
+}
+
+bool WriterService::lockedByAny(uint32_t slot) const
+{
+    return std::any_of(m_connections.begin(), m_connections.end(), [slot](const auto &connection) {
+        if (!connection || connection->listed < 0)
+            return false;
+        const auto *page = reinterpret_cast<const ControlPage *>(connection->control.mapping.data());
+        return page->locks[slot].load(std::memory_order_seq_cst) != 0;
+    });
+}
+
+WriterService::Census WriterService::census() const
+{
+    Census census;
+    std::array<uint32_t, kReadersMax> pins{};
+    for (uint32_t s = 0; s < m_store.policy.slotCapacity; ++s) {
+        const SlotOwner owner = m_store.slots[s].owner.load(std::memory_order_acquire);
+        if (m_store.slots[s].memory.fd)
+            ++census.populated;
+        const bool outside = !inHistory(s);
+        bool locked = false;
+        for (size_t i = 0; i < m_connections.size(); ++i) {
+            const Connection *connection = m_connections[i].get();
+            if (connection == nullptr || connection->listed < 0)
+                continue;
+            const auto *page = reinterpret_cast<const ControlPage *>(connection->control.mapping.data());
+            const uint32_t count = page->locks[s].load(std::memory_order_seq_cst);
+            if (count == 0)
+                continue;
+            census.locks += std::min<uint32_t>(count, kLocksMax);
+            locked = true;
+            if (outside)
+                ++pins[i];
+        }
+        const bool usable = owner == SlotOwner::Ready || owner == SlotOwner::Pool;
+        if (usable && outside && !locked && !m_store.slots[s].poisoned.load(std::memory_order_relaxed))
+            ++census.freeSlots;
+    }
+    for (size_t i = 0; i < pins.size(); ++i) {
+        if (pins[i] > census.worstPins) {
+            census.worst = i;
+            census.worstPins = pins[i];
+        }
+    }
+    return census;
+}
+
+void WriterService::freeReturnedSlots()
+{
+    for (uint32_t s = 0; s < m_store.policy.slotCapacity; ++s) {
+        Slot &slot = m_store.slots[s];
+        // A lock of a reader that is still listed keeps the number in use: the counter is by number.
+        if (slot.owner.load(std::memory_order_acquire) != SlotOwner::Returned || lockedByAny(s))
+            continue;
+        slot.memory = SharedMemory{};
+        slot.owner.store(SlotOwner::Empty, std::memory_order_relaxed);
+    }
+}
+
+bool WriterService::addSlot()
+{
+    MemoryNeed need;
+    (m_store.policy.memoryKind == kHugePages ? need.hugeBytes : need.bytes) = m_store.policy.slotBytes;
+    need.descriptors = 1;
+    if (checkMemory(need, readMemoryFacts("/"), m_store.policy.name.c_str(), nullptr) != 0)
+        return false;
+    for (uint32_t s = 0; s < m_store.policy.slotCapacity; ++s) {
+        Slot &slot = m_store.slots[s];
+        if (slot.owner.load(std::memory_order_relaxed) != SlotOwner::Empty)
+            continue;
+        if (m_store.createSlot(s) != 0)
+            return false;
+        // Told to the readers first, so that they rarely meet a frame in memory that they do not have.
+        for (size_t i = 0; i < m_connections.size(); ++i) {
+            if (m_connections[i] && m_connections[i]->welcomed && !sendState(*m_connections[i]))
+                disconnect(i);
+        }
+        slot.owner.store(SlotOwner::Ready, std::memory_order_release);
+        m_store.readySlots.fetch_add(1, std::memory_order_release);
+        m_store.counters.replaced.fetch_add(1, std::memory_order_relaxed);
+        return true;
+    }
+    return false;
+}
+
+// Ends the connection of a reader that lives. It may go on looking at what it has locked, so that memory is
+// never written again.
+void WriterService::cutOff(size_t index)
+{
+    Connection &connection = *m_connections[index];
+    auto *page = reinterpret_cast<ControlPage *>(connection.control.mapping.data());
+    page->revoked.value.store(1, std::memory_order_seq_cst);
+    for (uint32_t s = 0; s < m_store.policy.slotCapacity; ++s) {
+        if (page->locks[s].load(std::memory_order_seq_cst) != 0)
+            m_store.slots[s].poisoned.store(true, std::memory_order_seq_cst);
+    }
+    disconnect(index);
+    m_store.counters.disconnected.fetch_add(1, std::memory_order_relaxed);
+}
+
+void WriterService::supplySlots()
+{
+    freeReturnedSlots();
+    Census now = census();
+    if (!m_store.policy.hasVideo()) {
+        publishStatistics(now);
+        return;
+    }
+    const uint32_t low = std::max<uint32_t>(2, m_store.policy.spareFrames / 2);
+    while (now.freeSlots < low && addSlot()) {
+        ++now.freeSlots;
+        ++now.populated;
+    }
+    if (now.freeSlots < 2 && now.worst != SIZE_MAX) {
+        cutOff(now.worst);
+        now = census();
+    }
+    const uint32_t added =
+        now.populated > m_store.policy.slotCount ? now.populated - m_store.policy.slotCount : 0;
+    const uint32_t beyond =
+        now.freeSlots > m_store.policy.spareFrames ? now.freeSlots - m_store.policy.spareFrames : 0;
+    m_store.surplusSlots.store(std::min(added, beyond), std::memory_order_relaxed);
+    publishStatistics(now);
+}
+
+void WriterService::publishStatistics(const Census &now)
+{
+    IndexHead &head = *m_store.index.head;
+    uint32_t readers = 0;
+    uint64_t wish = 0;
+    for (const auto &connection : m_connections) {
+        if (!connection || !connection->ready)
+            continue;
+        ++readers;
+        const auto *page = reinterpret_cast<const ControlPage *>(connection->control.mapping.data());
+        const uint64_t mine = page->wish.value.load(std::memory_order_relaxed);
+        const uint64_t numerator = mine >> 32;
+        const uint64_t denominator = mine & 0xffffffff;
+        if (numerator == 0 || denominator == 0 || (numerator == 1 && denominator == 1))
+            continue;
+        if (wish == 0 || numerator * (wish & 0xffffffff) > (wish >> 32) * denominator)
+            wish = mine;
+    }
+    head.readers.store(readers, std::memory_order_relaxed);
+    head.locksHeld.store(now.locks, std::memory_order_relaxed);
+    head.slots.store(now.populated, std::memory_order_relaxed);
+    head.totalBytes.store(m_store.bytesWith(now.populated), std::memory_order_relaxed);
+    head.wish.store(wish, std::memory_order_relaxed);
+}
+
+} // namespace shm
