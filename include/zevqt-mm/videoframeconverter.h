@@ -27,6 +27,9 @@ struct SwsContext;
  *
  * Units: sizes in pixels; start time in microseconds as in the frame.
  *
+ * swscale reads rows in blocks of up to 32 bytes: the memory behind a frame has to go on that far after its
+ * last sample, as a store's padded rows do.
+ *
  * Errors: a null image for an invalid or unmappable frame, a format that is not listed, or memory that is not
  * there.
  *

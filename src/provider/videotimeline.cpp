@@ -205,6 +205,11 @@ long long VideoTimeline::nextTimestamp(long long now)
     return reanchored(beatCorrection(ratio, tickInterval), Replace);
 }
 
+long long VideoTimeline::getReadOffset() const
+{
+    return readOffset.load(relaxed);
+}
+
 void VideoTimeline::externalTick(long long ts)
 {
     if (thread)

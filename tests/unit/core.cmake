@@ -22,3 +22,15 @@ zev_test(tst_shmemdmavideobuffer
 target_include_directories(tst_shmemdmavideobuffer PRIVATE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src
     $<TARGET_PROPERTY:Zev::shm,INTERFACE_INCLUDE_DIRECTORIES>)
 target_compile_definitions(tst_shmemdmavideobuffer PRIVATE QT_NO_KEYWORDS)
+
+# With a tick source that has no thread: what the timeline asks of it is part of its contract, and time is the test's.
+set(timeline_sources ${unit}/fake_source.h ${unit}/fakes/zevqt-utils/multimediathread.h
+    ${PROJECT_SOURCE_DIR}/src/provider/videotimeline.cpp ${PROJECT_SOURCE_DIR}/include/zevqt-mm/videotimeline.h
+    ${PROJECT_SOURCE_DIR}/src/sources/mediasourcebase.cpp ${PROJECT_SOURCE_DIR}/include/zevqt-mm/mediasourcebase.h)
+foreach(test tst_videotimeline tst_videotimelinecadence)
+    zev_test(${test} SOURCES ${unit}/${test}.cpp ${timeline_sources} LIBRARIES Qt5::Multimedia Qt5::Gui Qt5::Test)
+    target_include_directories(${test} PRIVATE
+        ${unit}/fakes ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
+    target_compile_definitions(${test} PRIVATE QT_NO_KEYWORDS ZEVQTMM_BUILD)
+endforeach()
+zev_test(tst_videoframeconverter SOURCES ${unit}/tst_videoframeconverter.cpp ${fake_store} LIBRARIES ${core_libraries})
