@@ -1,0 +1,107 @@
+// zevshm list
+#include "commands.h"
+#include "report.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace zevshm {
+
+namespace {
+
+const std::vector<OptionSpec> specs = {
+    {"--json", "", "as a JSON array"},
+    {"--help", "", "show this"},
+};
+
+struct Entry
+{
+    std::string name;
+    std::string directory;
+};
+
+struct Row
+{
+    std::string name, state, readers, carries;
+};
+
+void writeDead(JsonWriter &json, const Entry &entry, const std::string &why)
+{
+    json.beginObject().member("name", entry.name).member("directory", entry.directory).member("live", false);
+    json.member("reason", why).endObject();
+}
+
+} // namespace
+
+int listCommand(const std::vector<std::string> &words)
+{
+    const Options options("list", specs, {}, words);
+    if (options.has("--help")) {
+        std::printf("Usage: zevshm list [options]\n\n"
+                    "Shows the frame stores that can be read from here. Stores are looked for in "
+                    "$ZEV_SHM_DIR alone when\n"
+                    "that is set, else in $XDG_RUNTIME_DIR/zev-shm and /run/zev-shm.\n\n"
+                    "Options:\n%s\n"
+                    "Examples:\n  zevshm list\n  zevshm list --json\n",
+                    describeOptions(specs).c_str());
+        return ExitOk;
+    }
+    std::vector<Entry> entries;
+    const int found = shm_list_stores(
+        [](void *context, const char *name, const char *directory) {
+            static_cast<std::vector<Entry> *>(context)->push_back({name, directory});
+        },
+        &entries);
+    // No directory at all is what a machine looks like on which nobody has published yet.
+    if (found < 0 && found != -ENOENT) {
+        const char *directory = std::getenv("ZEV_SHM_DIR");
+        throw Failure(exitCodeForReader(found), std::string(directory ? directory : "the store directories") +
+                                                    ": cannot be read (" + std::strerror(-found) +
+                                                    "); check $ZEV_SHM_DIR and the permissions");
+    }
+
+    JsonWriter json;
+    json.beginArray();
+    std::vector<Row> rows = {{"NAME", "STATE", "READERS", "CARRIES"}};
+    for (const Entry &entry : entries) {
+        shm_error_t error{};
+        const ReaderPtr reader = tryOpenStore(entry.name, error);
+        try {
+            if (!reader)
+                throw Failure(ExitNoStore, error.message);
+            const StoreReport report = readReport(reader.get(), entry.name);
+            writeJson(json, report);
+            // This command is a reader itself.
+            rows.push_back(
+                {entry.name, "live", std::to_string(std::max(report.info.readers - 1, 0)), summary(report)});
+        } catch (const Failure &failure) {
+            writeDead(json, entry, failure.what());
+            const int code = -error.code;
+            rows.push_back({entry.name,
+                            code == EACCES      ? "no access"
+                            : code == ETIMEDOUT ? "silent"
+                                                : "dead",
+                            "-", "-"});
+        }
+    }
+    json.endArray();
+    if (options.has("--json")) {
+        std::puts(json.text().c_str());
+        return ExitOk;
+    }
+    if (entries.empty()) {
+        std::puts("No stores. Publish one with 'zevshm publish NAME test:'.");
+        return ExitOk;
+    }
+    size_t nameWidth = 0;
+    for (const Row &row : rows)
+        nameWidth = std::max(nameWidth, row.name.size());
+    for (const Row &row : rows)
+        std::printf("%-*s  %-9s  %-7s  %s\n", static_cast<int>(nameWidth), row.name.c_str(),
+                    row.state.c_str(), row.readers.c_str(), row.carries.c_str());
+    return ExitOk;
+}
+
+} // namespace zevshm

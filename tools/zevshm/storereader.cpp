@@ -1,0 +1,95 @@
+#include "storereader.h"
+
+#include "commands.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace zevshm {
+
+namespace {
+constexpr int openTimeoutMs = 1000;
+}
+
+ExitCode exitCodeForReader(int negativeErrno)
+{
+    switch (-negativeErrno) {
+    case EINVAL:
+        return ExitBadName;
+    case ENOENT:
+    case ECONNREFUSED:
+    case ETIMEDOUT:
+    case ENODEV:
+    case EPROTO:
+        return ExitNoStore;
+    case EACCES:
+    case EPERM:
+    case ENOTDIR:
+        return ExitDirectory;
+    case EMFILE:
+    case ENFILE:
+    case ENOMEM:
+        return ExitResources;
+    default:
+        return ExitInternal;
+    }
+}
+
+void checkStoreName(const std::string &name)
+{
+    shm_error_t error{};
+    if (shm_check_name(name.c_str(), &error) < 0)
+        throw Failure(ExitBadName, error.message);
+}
+
+ReaderPtr tryOpenStore(const std::string &name, shm_error_t &error)
+{
+    shm_reader_options_t options{};
+    options.size = sizeof options;
+    options.timeout_ms = openTimeoutMs;
+    return ReaderPtr(shm_reader_open_with(name.c_str(), &options, &error));
+}
+
+ReaderPtr openStore(const std::string &name)
+{
+    checkStoreName(name);
+    shm_error_t error{};
+    ReaderPtr reader = tryOpenStore(name, error);
+    if (!reader)
+        throw Failure(exitCodeForReader(error.code), error.message[0] ? std::string(error.message)
+                                                                      : name + ": cannot be opened (" +
+                                                                            std::strerror(-error.code) +
+                                                                            "); see 'zevshm list'");
+    return reader;
+}
+
+StoreReport readReport(shm_reader_t *reader, const std::string &name)
+{
+    StoreReport report;
+    report.name = name;
+    shm_reader_get_format(reader, &report.format);
+    report.info.size = sizeof report.info;
+    const int rc = shm_reader_get_info(reader, &report.info);
+    if (rc < 0 || !report.info.live)
+        throw Failure(ExitNoStore, name + ": its writer has just gone; start it again");
+    if (report.format.has_video) {
+        report.timestamps.resize(SHM_FRAMES_MAX);
+        const int held = shm_reader_get_video_timestamps(reader, report.timestamps.data(), SHM_FRAMES_MAX);
+        report.timestamps.resize(static_cast<size_t>(held > 0 ? held : 0));
+    }
+    for (int stream = 0; report.format.has_audio && stream < report.info.audio_streams; ++stream) {
+        shm_audio_status_t status{};
+        shm_reader_get_audio_status(reader, stream, &status);
+        report.audio.push_back(status);
+    }
+    return report;
+}
+
+double framesPerSecond(const shm_store_info_t &info)
+{
+    if (info.rate_numerator && info.rate_denominator)
+        return static_cast<double>(info.rate_numerator) / info.rate_denominator;
+    return info.frame_interval_us > 0 ? 1e6 / static_cast<double>(info.frame_interval_us) : 0;
+}
+
+} // namespace zevshm

@@ -1,0 +1,47 @@
+// A store that is looked at.
+#ifndef ZEVSHM_STOREREADER_H
+#define ZEVSHM_STOREREADER_H
+
+#include "failure.h"
+
+#include <shm/shm_reader.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace zevshm {
+
+struct ReaderClose
+{
+    void operator()(shm_reader_t *reader) const { shm_reader_close(reader); }
+};
+using ReaderPtr = std::unique_ptr<shm_reader_t, ReaderClose>;
+
+// Which exit code an error of the store's library means.
+ExitCode exitCodeForReader(int negativeErrno);
+
+// Connects to a store; Failure when that is not possible.
+ReaderPtr openStore(const std::string &name);
+
+// Everything that `list` and `info` show, read once. The exposed values belong together as well as a live
+// store allows.
+struct StoreReport
+{
+    std::string name;
+    shm_reader_format_t format{};
+    shm_store_info_t info{};
+    std::vector<long long> timestamps;
+    std::vector<shm_audio_status_t> audio; // of every stream
+};
+StoreReport readReport(shm_reader_t *reader, const std::string &name);
+
+// Frames a second, declared or estimated; 0 when not known.
+double framesPerSecond(const shm_store_info_t &info);
+
+// Connects, but does not fail: an empty pointer and why.
+ReaderPtr tryOpenStore(const std::string &name, shm_error_t &error);
+
+} // namespace zevshm
+
+#endif

@@ -1,0 +1,88 @@
+#include "storewriter.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace zevshm {
+
+ExitCode exitCodeForWriter(int negativeErrno)
+{
+    switch (-negativeErrno) {
+    case EADDRINUSE:
+        return ExitPublished;
+    case EACCES:
+    case EPERM:
+    case ENOENT:
+    case ENOTDIR:
+    case EROFS:
+        return ExitDirectory;
+    case ENOMEM:
+    case ENOSPC:
+    case EMFILE:
+    case ENFILE:
+        return ExitResources;
+    case EINVAL:
+        return ExitUsage;
+    default:
+        return ExitInternal;
+    }
+}
+
+StoreWriter::~StoreWriter()
+{
+    shm_writer_close(m_writer);
+}
+
+void StoreWriter::open(const InputFormat &format)
+{
+    shm_writer_params_t params;
+    shm_writer_params_init(&params);
+    params.name = m_settings.name.c_str();
+    params.group = m_settings.group.empty() ? nullptr : m_settings.group.c_str();
+    params.flags = m_settings.sealed ? SHM_WRITER_SEALED : 0;
+    params.history_frames = m_settings.historyFrames;
+    if (format.video) {
+        params.width = format.video->width;
+        params.height = format.video->height;
+        params.pixel_format = m_settings.pixelFormat;
+        params.color = format.video->color;
+        if (format.video->rate) {
+            params.rate_numerator = static_cast<uint32_t>(format.video->rate->numerator);
+            params.rate_denominator = static_cast<uint32_t>(format.video->rate->denominator);
+        }
+    }
+    if (format.audio) {
+        params.sample_rate = format.audio->sampleRate;
+        params.channels = format.audio->channels;
+        params.audio_streams = 1;
+    }
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    shm_writer_close(m_writer);
+    m_writer = nullptr;
+    shm_error_t error{};
+    const int rc = shm_writer_open(&params, &m_writer, &error);
+    if (rc < 0)
+        throw Failure(exitCodeForWriter(rc), error.message[0] ? error.message
+                                                              : m_settings.name + ": cannot be published (" +
+                                                                    std::strerror(-rc) + ")");
+    m_format = format;
+}
+
+int StoreWriter::publishAudio(const AudioBlock &block, int64_t labelUs)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return shm_writer_publish_audio(m_writer, 0, block.samples.data(), static_cast<uint32_t>(block.frames),
+                                    labelUs);
+}
+
+shm_writer_stats_t StoreWriter::stats() const
+{
+    shm_writer_stats_t stats{};
+    stats.size = sizeof stats;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_writer)
+        shm_writer_get_stats(m_writer, &stats);
+    return stats;
+}
+
+} // namespace zevshm

@@ -1,0 +1,62 @@
+// The store that is published to.
+#ifndef ZEVSHM_STOREWRITER_H
+#define ZEVSHM_STOREWRITER_H
+
+#include "failure.h"
+#include "input.h"
+
+#include <shm/shm_writer.h>
+
+#include <mutex>
+#include <string>
+
+namespace zevshm {
+
+struct StoreSettings
+{
+    std::string name;
+    std::string group; // empty: this user only
+    int pixelFormat = SHM_PIXEL_FORMAT_YUV420P;
+    uint32_t historyFrames = 0;
+    bool sealed = false;
+};
+
+// Which exit code an error of the store's library means.
+ExitCode exitCodeForWriter(int negativeErrno);
+
+// Owns a shm_writer_t and can replace it by one of another format: readers see the store go and come.
+//
+// Threads: video calls and open() in one thread, publishAudio() in one, stats() in any.
+// Errors: Failure out of open(); the rest answers as libshm does.
+class StoreWriter
+{
+public:
+    explicit StoreWriter(const StoreSettings &settings) : m_settings(settings) {}
+    ~StoreWriter();
+    StoreWriter(const StoreWriter &) = delete;
+    StoreWriter &operator=(const StoreWriter &) = delete;
+
+    void open(const InputFormat &format);
+    const InputFormat &format() const { return m_format; }
+    int pixelFormat() const { return m_settings.pixelFormat; }
+
+    int acquire(shm_writer_frame_t &frame) { return shm_writer_acquire(m_writer, &frame); }
+    int publish(shm_writer_frame_t &frame, int64_t labelUs)
+    {
+        return shm_writer_publish(m_writer, &frame, labelUs);
+    }
+    void abandon(shm_writer_frame_t &frame) { shm_writer_abandon(m_writer, &frame); }
+    int publishAudio(const AudioBlock &block, int64_t labelUs);
+
+    shm_writer_stats_t stats() const;
+
+private:
+    const StoreSettings m_settings;
+    InputFormat m_format;
+    mutable std::mutex m_mutex; // held while the writer is replaced, and by threads other than the video's
+    shm_writer_t *m_writer = nullptr; // owned
+};
+
+} // namespace zevshm
+
+#endif
