@@ -5,3 +5,16 @@ zev_test(tst_clockadjustmentdetector
 zev_test(tst_audiolevel
     SOURCES unit/tst_audiolevel.cpp
     LIBRARIES Zev::audio-level GTest::gtest_main)
+
+# The reader and the player on the library's objects, over a store of known samples.
+set(audio_unit ${CMAKE_CURRENT_LIST_DIR})
+set(audio_store ${audio_unit}/fake_audiostore.cpp ${audio_unit}/fake_audiostore.h)
+set(audio_libraries zevqt-mm-objects Zev::zevqt-utils Zev::audio-level Qt5::Test PkgConfig::FFMPEG)
+
+zev_test(tst_audioreader SOURCES ${audio_unit}/tst_audioreader.cpp ${audio_store}
+    LIBRARIES ${audio_libraries})
+foreach(function swr_alloc swr_init swr_convert swr_free)
+    target_link_options(tst_audioreader PRIVATE LINKER:--wrap=${function})
+endforeach()
+
+zev_test(tst_audiolevels SOURCES ${audio_unit}/tst_audiolevels.cpp LIBRARIES Zev::zevqt-mm Qt5::Test)

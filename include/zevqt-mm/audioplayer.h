@@ -1,0 +1,136 @@
+#ifndef ZEVQTMM_AUDIOPLAYER_H
+#define ZEVQTMM_AUDIOPLAYER_H
+
+#include <zevqt-mm/audioreader.h>
+#include <zevqt-mm/mediasource.h>
+
+#include <zev-utils/clockadjustmentdetector.h>
+
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QObject>
+#include <QtCore/QString>
+#include <QtMultimedia/QAudio>
+#include <QtMultimedia/QAudioDeviceInfo>
+
+class QAudioOutput;
+
+/*!
+ * Plays a source's audio on a device; there is one player in a process.
+ *
+ * Usage: select a device ("default", or a name that the system lists), start() with a source and the video's
+ * frame rate. While it plays, audioPlayed() reports once per frame interval which source timestamp is being
+ * heard, for the video to follow. The player stops by itself, and says so with playerStopped(), when the wall
+ * clock is set by more than a second, when the source is destroyed, and when the device fails; whoever wants
+ * to go on then calls start() again. teardown() before the application object goes away.
+ *
+ *     AudioPlayer *player = AudioPlayer::getInstance();
+ *     player->setDevice("default");
+ *     player->start(source, 25.0);
+ *
+ * Threads: bound to the thread of the first getInstance(), which needs an event loop. The source may live in
+ * another thread; one that dies there waits until the player has let go, so that thread must not be waited
+ * for in the player's thread meanwhile.
+ *
+ * Ownership: getInstance() creates, teardown() deletes, neither from a slot that the player's signals call.
+ * The source is borrowed from start() until it stops.
+ *
+ * Units: timestamps and delays in wall-clock microseconds; rates in Hz; volume linear, 0 to 1.
+ *
+ * Errors: false from setDevice() and start(), with a message in the category "zevqt.audio"; start() without a
+ * device or source says nothing.
+ *
+ * Cost: start() opens the device and may wait for a sound server; the rest does not wait.
+ */
+class ZEVQTMM_EXPORT AudioPlayer : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(double volume READ volume WRITE setVolume NOTIFY volumeChanged)
+    Q_PROPERTY(bool muted READ muted WRITE setMuted NOTIFY mutedChanged)
+    Q_PROPERTY(qint64 delay READ delay WRITE setDelay)
+    Q_PROPERTY(qint64 maxDelay READ maxDelay WRITE setMaxDelay)
+    Q_PROPERTY(int fixedSampleRate READ fixedSampleRate WRITE setFixedSampleRate)
+
+public:
+    static AudioPlayer *getInstance();
+    static void teardown();
+
+    /*! True once a device is selected. */
+    bool enabled() const;
+    /*! True while the device takes audio. */
+    bool isActive() const;
+    double volume() const;
+    bool muted() const;
+    /*! How far behind the source's newest audio reading starts. */
+    qint64 delay() const;
+    /*! How far behind reading may fall before it jumps forward to `delay` again. */
+    qint64 maxDelay() const;
+    /*! The rate that the device is asked for; -1: the source's. */
+    int fixedSampleRate() const;
+    /*! Of the device; 0 when not active. */
+    int sampleRate() const;
+    /*! Source timestamp being heard; 0 when not active or nothing was read yet. Call it at a steady rate. */
+    qint64 getPlayedTime();
+    /*!
+     * Source timestamp of the next sample to read; 0 when there is none. Its distance to the source's newest
+     * audio is what may come late without a gap.
+     */
+    qint64 getReadPosition() const;
+
+    /*!
+     * From now on also writes what the device gets to a file, raw, in the device's format. A file that cannot
+     * be opened ends that; an empty path does nothing.
+     */
+    void setWaveformFile(const QString &path);
+
+Q_SIGNALS:
+    void audioPlayed(qint64 timestamp);
+    void playerStopped();
+    void mutedChanged();
+    /*! Only for moves of more than 0.05. */
+    void volumeChanged();
+
+public Q_SLOTS:
+    /*! Stops. An empty name keeps the device; false for a name that no device has, and the device is kept. */
+    bool setDevice(QString name);
+    /*!
+     * Plays `source` from now on. With `fps`, audioPlayed() comes at that rate. A source without audio plays
+     * as silence until it has some, unless `requireAudio` is set.
+     */
+    bool start(MediaSource *source, double fps = 0, bool requireAudio = false);
+    void stop();
+    void setVolume(double volume);
+    void setMuted(bool mute);
+    void setDelay(qint64 delay);
+    void setMaxDelay(qint64 maxDelay);
+    void setFixedSampleRate(int fixedSampleRate);
+
+private Q_SLOTS:
+    void onFrameTimer();
+    void playerStateChanged(QAudio::State state);
+    void activeSourceDestroyed();
+
+private:
+    AudioPlayer();
+    ~AudioPlayer() override;
+
+    bool negotiateFormat(MediaSource *source, bool requireAudio, QAudioFormat *format) const;
+    void prepareOutput(const QAudioFormat &format);
+    void discardOutput();
+    void selectDevice(const QAudioDeviceInfo &selected);
+
+    static AudioPlayer *instance;
+
+    QAudioOutput *output;
+    QAudioDeviceInfo device;
+    AudioReader reader;
+    double volume_;
+    bool muted_;
+    md::zev::utils::ClockAdjustmentDetector clockDetector;
+    qint64 timeBase; // played time at which smoothing began; 0: not begun
+    QElapsedTimer smoothTimer;
+    double correction;
+    int fixedSampleRate_;
+    bool isOutputEmitting;
+};
+
+#endif

@@ -1,0 +1,116 @@
+#ifndef ZEVQTMM_AUDIOREADER_H
+#define ZEVQTMM_AUDIOREADER_H
+
+#include <zevqt-mm/zevqtmmglobal.h>
+
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QIODevice>
+#include <QtCore/QVector>
+#include <QtMultimedia/QAudioFormat>
+
+class MediaSource;
+struct SwrContext;
+
+/*!
+ * The device that an audio output pulls a source's audio from.
+ *
+ * Every read takes the source's samples at the reader's own position, converts them to the output's format
+ * and fills what was not to be had with silence: the output never sees a short read. The position starts a
+ * fixed delay behind the newest audio and moves on by what was read; it jumps forward again when it has
+ * fallen too far behind:
+ *
+ *     -------------|----------------|-----------------|---> time
+ *              last - maxDelay    position           last (the newest audio the source holds)
+ *                                   '---- delay ------'
+ *
+ * With the defaults, reading starts 200 ms behind; a position more than 300 ms behind is put back to 200 ms.
+ * A position that runs ahead is not put back: what is not there yet reads as silence.
+ *
+ * Usage: open() with a source and the output's format, hand the reader to the output, close(). An opened
+ * reader survives a source that goes away and returns, and follows a change of its format.
+ *
+ * Threads: bound to the thread of the output, without a lock.
+ *
+ * Ownership: borrows the source until close(), and the waveform output until it is replaced; the source must
+ * not die before.
+ *
+ * Units: timestamps and delays in wall-clock microseconds; sizes in bytes; frames are samples of every
+ * channel.
+ *
+ * Errors: open() returns false, a read -1; resampler failures are logged as critical.
+ *
+ * Cost: a read copies once when the formats are equal and resamples otherwise; it allocates nothing and does
+ * not wait, except for the source's lock.
+ */
+class ZEVQTMM_EXPORT AudioReader : public QIODevice
+{
+    Q_OBJECT
+
+public:
+    explicit AudioReader(QObject *parent = nullptr);
+    ~AudioReader() override;
+
+    using QIODevice::open;
+    /*!
+     * False when the source's format cannot be converted to `outputFormat`, or when the source has no audio
+     * and `requireAudio` is set. Without it, a source without audio reads as silence.
+     */
+    bool open(MediaSource *source, const QAudioFormat &outputFormat, bool requireAudio);
+    void close() override;
+    bool isSequential() const override;
+    qint64 bytesAvailable() const override;
+    bool seek(qint64 pos) override;
+
+    /*! `maxSize` bytes, or -1; what was delivered is copied to the waveform output. */
+    qint64 readData(char *data, qint64 maxSize) override;
+    qint64 writeData(const char *data, qint64 size) override;
+    qint64 readDataInternal(char *data, qint64 maxSize);
+    bool updateResampler(QAudioFormat inputFormat);
+
+    /*! Take effect at the next read. */
+    void setDelay(qint64 delay);
+    void setMaxDelay(qint64 maxDelay);
+    /*! Null for none. The previous one is neither closed nor deleted. */
+    void setWaveformOutput(QIODevice *output);
+
+    /*! Forgets the position; the next read finds it anew. */
+    void resetTimer();
+    /*! True when the time read has strayed from the time passed by more than `maxDelay`. */
+    bool check_delta();
+
+    qint64 getDelay() const { return delay; }
+    qint64 getMaxDelay() const { return maxDelay; }
+    MediaSource *getSource() const { return source; }
+    /*! Timestamp of the next sample to read; 0 before the first read. */
+    qint64 getReadPosition() const { return readPosition; }
+    /*! Timestamp of the first sample that was read since open(); 0 while there is none. */
+    qint64 getFirstTimestamp() const { return firstTimestamp; }
+
+private:
+    qint64 readBytes(char *data, qint64 maxSize);
+    void anchor(qint64 last, qint64 span);
+    qint64 grab(unsigned long frames, void *destination, qint64 last);
+    qint64 resample(char *data, qint64 frames, qint64 last);
+    void advance(qint64 frames);
+    void failResampler(const char *message);
+
+    QAudioFormat outputFormat;
+    QAudioFormat inputFormat; // the source's, at the last read
+    MediaSource *source;
+    bool requireAudio;
+    qint64 readPosition;
+    qint64 firstTimestamp;
+    SwrContext *resampler;   // null: the formats are equal
+    QElapsedTimer readTimer; // valid while the position is anchored
+    qint64 delay;
+    qint64 maxDelay;
+    qint64 samplesRead;
+    int grabSamples;
+    QVector<unsigned char> inputBuffer;
+    QIODevice *waveformOutput;
+    qint64 positionRemainder;   // what readPosition lacks, in 1 / sample rate microseconds
+    QVector<char> partialFrame; // a frame of the output, of which only a part was asked for so far
+    int partialBytes;           // its bytes still to be delivered, at the end
+};
+
+#endif

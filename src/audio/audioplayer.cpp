@@ -1,0 +1,327 @@
+#include <zevqt-mm/audioplayer.h>
+
+#include "audio/audiologging.h"
+#include "wrapping.h"
+
+#include <QtCore/QFile>
+#include <QtCore/QScopedValueRollback>
+#include <QtCore/QThread>
+#include <QtMultimedia/QAudioOutput>
+
+#include <cmath>
+#include <limits>
+
+namespace {
+
+const qint64 clockShiftLimitMs = 1000;
+const double announcedVolumeMove = 0.05;
+const double smoothingKeep = 0.999;
+const double smoothingTake = 0.001;
+
+int notifyIntervalMs(double fps)
+{
+    return static_cast<int>(qMin(1000.0 / fps, static_cast<double>(std::numeric_limits<int>::max())));
+}
+
+} // namespace
+
+AudioPlayer *AudioPlayer::instance = nullptr;
+
+AudioPlayer *AudioPlayer::getInstance()
+{
+    if (!instance)
+        instance = new AudioPlayer;
+    return instance;
+}
+
+void AudioPlayer::teardown()
+{
+    delete instance;
+    instance = nullptr;
+}
+
+AudioPlayer::AudioPlayer()
+    : output(nullptr), volume_(1.0), muted_(false), timeBase(0), correction(0.0), fixedSampleRate_(-1),
+      isOutputEmitting(false)
+{}
+
+AudioPlayer::~AudioPlayer()
+{
+    stop(); // the backends of Qt 5 abort the process when an active output is destroyed
+    delete output;
+    qCDebug(audio) << "Audio player destroyed";
+}
+
+bool AudioPlayer::enabled() const
+{
+    return !device.isNull();
+}
+
+bool AudioPlayer::isActive() const
+{
+    return output && output->state() == QAudio::ActiveState;
+}
+
+double AudioPlayer::volume() const
+{
+    return volume_;
+}
+
+bool AudioPlayer::muted() const
+{
+    return muted_;
+}
+
+qint64 AudioPlayer::delay() const
+{
+    return reader.getDelay();
+}
+
+qint64 AudioPlayer::maxDelay() const
+{
+    return reader.getMaxDelay();
+}
+
+int AudioPlayer::fixedSampleRate() const
+{
+    return fixedSampleRate_;
+}
+
+int AudioPlayer::sampleRate() const
+{
+    return isActive() ? output->format().sampleRate() : 0;
+}
+
+qint64 AudioPlayer::getReadPosition() const
+{
+    return reader.isOpen() ? reader.getReadPosition() : 0;
+}
+
+bool AudioPlayer::setDevice(QString name)
+{
+    if (enabled())
+        stop();
+    if (name.isEmpty())
+        return true;
+    if (name == QLatin1String("default")) {
+        selectDevice(QAudioDeviceInfo::defaultOutputDevice());
+        qCDebug(audio) << "Selected default audio playback device" << device.deviceName();
+        return true;
+    }
+    const QList<QAudioDeviceInfo> devices = QAudioDeviceInfo::availableDevices(QAudio::AudioOutput);
+    for (const QAudioDeviceInfo &candidate : devices) {
+        if (candidate.deviceName() == name) {
+            selectDevice(candidate);
+            qCDebug(audio) << "Selected audio playback device" << name;
+            return true;
+        }
+    }
+    qCWarning(audio) << "Audio playback device" << name << "not found";
+    return false;
+}
+
+bool AudioPlayer::start(MediaSource *source, double fps, bool requireAudio)
+{
+    if (device.isNull() || !source)
+        return false;
+    stop();
+    const QString name = source->name();
+    qCDebug(audio).nospace() << "Audio playback starting for " << name;
+
+    QAudioFormat format;
+    if (!negotiateFormat(source, requireAudio, &format)) {
+        qCCritical(audio) << "Source" << name << "does not have audio";
+        return false;
+    }
+    if (!reader.open(source, format, requireAudio)) {
+        qCCritical(audio) << "Failed to open audio reader for" << name;
+        return false;
+    }
+
+    prepareOutput(format);
+    output->setVolume(muted_ ? 0.0 : volume_);
+    if (fps > 0)
+        output->setNotifyInterval(notifyIntervalMs(fps));
+    output->start(&reader);
+
+    const QAudio::Error error = output->error();
+    if (error != QAudio::NoError) {
+        qCCritical(audio) << "Audio playback failed for" << name << "Error code:" << error;
+        stop();
+        reader.close(); // a backend may fail without a change of its state
+        return false;
+    }
+    // A source that dies in another thread has to wait until nobody reads from it any more.
+    connect(source, &QObject::destroyed, this, &AudioPlayer::activeSourceDestroyed,
+            source->thread() == thread() ? Qt::DirectConnection : Qt::BlockingQueuedConnection);
+    clockDetector.start();
+    qCInfo(audio).nospace() << "Audio playback started for " << name << " (" << format.sampleRate() << "/"
+                            << format.channelCount() << "/" << format.sampleSize() << ")";
+    return true;
+}
+
+bool AudioPlayer::negotiateFormat(MediaSource *source, bool requireAudio, QAudioFormat *format) const
+{
+    *format = source->getAudioFormat();
+    if (format->isValid())
+        *format = device.nearestFormat(*format);
+    else if (requireAudio)
+        return false;
+    else
+        *format = device.preferredFormat(); // the reader plays silence until there is audio
+
+    if (fixedSampleRate_ != -1 && format->sampleRate() != fixedSampleRate_) {
+        format->setSampleRate(fixedSampleRate_);
+        *format = device.nearestFormat(*format);
+    }
+    return true;
+}
+
+void AudioPlayer::prepareOutput(const QAudioFormat &format)
+{
+    if (output && output->format() == format) {
+        output->reset();
+        return;
+    }
+    discardOutput();
+    output = new QAudioOutput(device, format);
+    connect(output, &QAudioOutput::stateChanged, this, &AudioPlayer::playerStateChanged);
+    connect(output, &QAudioOutput::notify, this, &AudioPlayer::onFrameTimer);
+}
+
+// A slot of audioPlayed() or playerStopped() may select another device or start anew: then the output is
+// still busy emitting and must outlive that.
+void AudioPlayer::discardOutput()
+{
+    if (!output)
+        return;
+    output->disconnect(this);
+    if (isOutputEmitting)
+        output->deleteLater();
+    else
+        delete output;
+    output = nullptr;
+}
+
+// An output is bound to its device: one that is kept for the next start must not outlive the choice.
+void AudioPlayer::selectDevice(const QAudioDeviceInfo &selected)
+{
+    if (selected != device)
+        discardOutput();
+    device = selected;
+}
+
+void AudioPlayer::stop()
+{
+    if (!output || output->state() == QAudio::StoppedState)
+        return;
+    qCDebug(audio) << "Audio playback stopping";
+    output->stop();
+    qCInfo(audio) << "Audio playback stopped";
+}
+
+void AudioPlayer::playerStateChanged(QAudio::State state)
+{
+    const QScopedValueRollback<bool> emitting(isOutputEmitting, true);
+    qCDebug(audio).nospace() << "Audio player state changed to " << state;
+    if (state != QAudio::StoppedState)
+        return;
+    if (reader.isOpen()) {
+        disconnect(reader.getSource(), nullptr, this, nullptr);
+        reader.close();
+    }
+    timeBase = 0;
+    correction = 0;
+    Q_EMIT playerStopped();
+}
+
+void AudioPlayer::onFrameTimer()
+{
+    const QScopedValueRollback<bool> emitting(isOutputEmitting, true);
+    const qint64 shift = clockDetector.check();
+    if (std::abs(shift) <= clockShiftLimitMs) {
+        Q_EMIT audioPlayed(getPlayedTime());
+        return;
+    }
+    qCWarning(audio).nospace() << "Audio. Clock shift detected (" << shift << " ms)";
+    stop();
+}
+
+void AudioPlayer::activeSourceDestroyed()
+{
+    qCInfo(audio) << "Active media source destroyed during playback";
+    stop();
+}
+
+qint64 AudioPlayer::getPlayedTime()
+{
+    if (!isActive())
+        return 0;
+    const qint64 firstTimestamp = reader.getFirstTimestamp();
+    if (firstTimestamp < 1)
+        return firstTimestamp;
+
+    const QAudioFormat format = output->format();
+    const qint64 period = format.durationForBytes(output->periodSize());
+    const qint64 buffered = format.durationForBytes(output->bufferSize());
+    // The first sample read, plus what has left the device: what was handed over less what still lies there.
+    const qint64 raw = firstTimestamp + (output->processedUSecs() - buffered - period);
+    if (timeBase == 0) {
+        timeBase = raw;
+        smoothTimer.start();
+        return raw;
+    }
+    const int diff =
+        wrapping::subtract(static_cast<int>(1000 * smoothTimer.elapsed()), static_cast<int>(raw - timeBase));
+    correction = correction * smoothingKeep + diff * smoothingTake;
+    return raw + static_cast<qint64>(correction);
+}
+
+void AudioPlayer::setVolume(double newVolume)
+{
+    const double clamped = qBound(0.0, newVolume, 1.0);
+    const bool isAnnounced = std::abs(clamped - volume_) > announcedVolumeMove;
+    volume_ = clamped;
+    if (output && !muted_)
+        output->setVolume(volume_);
+    if (isAnnounced)
+        Q_EMIT volumeChanged();
+}
+
+void AudioPlayer::setMuted(bool mute)
+{
+    const bool isChanged = muted_ != mute;
+    muted_ = mute;
+    if (output)
+        output->setVolume(muted_ ? 0.0 : volume_);
+    if (isChanged)
+        Q_EMIT mutedChanged();
+}
+
+void AudioPlayer::setDelay(qint64 newDelay)
+{
+    reader.setDelay(newDelay);
+}
+
+void AudioPlayer::setMaxDelay(qint64 newMaxDelay)
+{
+    reader.setMaxDelay(newMaxDelay);
+}
+
+void AudioPlayer::setFixedSampleRate(int newFixedSampleRate)
+{
+    fixedSampleRate_ = newFixedSampleRate;
+}
+
+void AudioPlayer::setWaveformFile(const QString &path)
+{
+    if (path.isEmpty())
+        return;
+    auto *file = new QFile(path, &reader);
+    if (file->open(QIODevice::WriteOnly)) {
+        reader.setWaveformOutput(file);
+    } else {
+        reader.setWaveformOutput(nullptr);
+        delete file;
+    }
+}

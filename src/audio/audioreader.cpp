@@ -1,0 +1,347 @@
+#include <zevqt-mm/audioreader.h>
+
+#include "audio/audiologging.h"
+#include "audio/resampleroptions.h"
+
+#include <zevqt-mm/mediasource.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+extern "C" {
+#include <libswresample/swresample.h>
+}
+
+namespace {
+
+const qint64 defaultDelayUs = 200000;
+const qint64 defaultMaxDelayUs = 300000;
+const int framesPerGrab = 1024;
+
+// The audio stream that is asked for; the source's own requests use stream 0.
+const int playbackStream = 3;
+
+AVSampleFormat sampleFormat(const QAudioFormat &format)
+{
+    const int bytes = format.sampleSize() / 8;
+    switch (format.sampleType()) {
+    case QAudioFormat::UnSignedInt:
+        if (bytes == 1)
+            return AV_SAMPLE_FMT_U8;
+        break;
+    case QAudioFormat::SignedInt:
+        if (bytes == 2)
+            return AV_SAMPLE_FMT_S16;
+        if (bytes == 4)
+            return AV_SAMPLE_FMT_S32;
+        break;
+    case QAudioFormat::Float:
+        if (bytes == 4)
+            return AV_SAMPLE_FMT_FLT;
+        if (bytes == 8)
+            return AV_SAMPLE_FMT_DBL;
+        break;
+    case QAudioFormat::Unknown:
+        break;
+    }
+    return AV_SAMPLE_FMT_NONE;
+}
+
+ResamplerSide side(const QAudioFormat &format)
+{
+    return {format.channelCount(), sampleFormat(format), format.sampleRate()};
+}
+
+// QAudioFormat counts bytes in 32 bits.
+int clampedBytes(qint64 bytes)
+{
+    return static_cast<int>(qBound<qint64>(0, bytes, std::numeric_limits<int>::max()));
+}
+
+} // namespace
+
+AudioReader::AudioReader(QObject *parent)
+    : QIODevice(parent), source(nullptr), requireAudio(true), readPosition(0), firstTimestamp(0),
+      resampler(nullptr), delay(defaultDelayUs), maxDelay(defaultMaxDelayUs), samplesRead(0),
+      grabSamples(framesPerGrab), waveformOutput(nullptr), positionRemainder(0), partialBytes(0)
+{}
+
+AudioReader::~AudioReader()
+{
+    swr_free(&resampler);
+}
+
+bool AudioReader::open(MediaSource *newSource, const QAudioFormat &newOutputFormat, bool newRequireAudio)
+{
+    outputFormat = newOutputFormat;
+    const QAudioFormat format = newSource->getAudioFormat();
+    if (format.isValid()) {
+        if (!updateResampler(format))
+            return false;
+    } else if (newRequireAudio) {
+        return false;
+    }
+    source = newSource;
+    inputFormat = format;
+    requireAudio = newRequireAudio;
+    readPosition = 0;
+    firstTimestamp = 0;
+    positionRemainder = 0;
+    partialFrame.resize(qMax(0, outputFormat.bytesPerFrame()));
+    partialBytes = 0;
+    return QIODevice::open(ReadOnly);
+}
+
+void AudioReader::close()
+{
+    source = nullptr;
+    QIODevice::close();
+    readTimer.invalidate();
+}
+
+bool AudioReader::isSequential() const
+{
+    return true;
+}
+
+qint64 AudioReader::bytesAvailable() const
+{
+    return 0;
+}
+
+bool AudioReader::seek(qint64)
+{
+    return false;
+}
+
+qint64 AudioReader::writeData(const char *, qint64)
+{
+    return 0;
+}
+
+void AudioReader::setDelay(qint64 newDelay)
+{
+    delay = newDelay;
+}
+
+void AudioReader::setMaxDelay(qint64 newMaxDelay)
+{
+    maxDelay = newMaxDelay;
+}
+
+void AudioReader::setWaveformOutput(QIODevice *output)
+{
+    waveformOutput = output;
+}
+
+void AudioReader::resetTimer()
+{
+    readPosition = 0;
+    firstTimestamp = 0;
+    positionRemainder = 0;
+    readTimer.invalidate();
+}
+
+// Without a resampler, samples pass through unchanged, which would write more than fits when the formats
+// differ. So after a failure no input format is known, and the next read begins with building a resampler.
+void AudioReader::failResampler(const char *message)
+{
+    swr_free(&resampler);
+    inputFormat = QAudioFormat();
+    qCCritical(audio) << message;
+}
+
+bool AudioReader::updateResampler(QAudioFormat newInputFormat)
+{
+    swr_free(&resampler);
+    if (newInputFormat == outputFormat)
+        return true;
+
+    const ResamplerSide in = side(newInputFormat);
+    const ResamplerSide out = side(outputFormat);
+    resampler = swr_alloc();
+    qCDebug(audio).nospace() << "Create new resampler context: " << in.sampleRate << "," << in.channels << ","
+                             << in.sampleFormat << "-->" << out.sampleRate << "," << out.channels << ","
+                             << out.sampleFormat;
+    setResamplerOptions(resampler, in, out);
+    // libswresample does not refuse a format that it does not know in every version.
+    const bool isKnown = in.sampleFormat != AV_SAMPLE_FMT_NONE && out.sampleFormat != AV_SAMPLE_FMT_NONE;
+    if (!isKnown || swr_init(resampler) < 0) {
+        failResampler("Error in creating resampler");
+        return false;
+    }
+    inputBuffer.resize(newInputFormat.bytesForFrames(grabSamples));
+    return true;
+}
+
+qint64 AudioReader::readData(char *data, qint64 maxSize)
+{
+    const int frameBytes = partialFrame.size();
+    const bool isWholeFrames = partialBytes == 0 && (frameBytes == 0 || maxSize % frameBytes == 0);
+    const qint64 result = isWholeFrames ? readDataInternal(data, maxSize) : readBytes(data, maxSize);
+    if (result < 0)
+        return result;
+    if (waveformOutput)
+        waveformOutput->write(data, result);
+    return result;
+}
+
+// QIODevice buffers sequential devices and asks for 16384 bytes at a time, which is no whole number of frames
+// of three or six channels: the rest of a frame has to wait for the next read, or all channels would change
+// places.
+qint64 AudioReader::readBytes(char *data, qint64 maxSize)
+{
+    const qint64 frameBytes = partialFrame.size();
+    const qint64 head = qMin<qint64>(partialBytes, maxSize);
+    std::memcpy(data, partialFrame.constData() + frameBytes - partialBytes, static_cast<size_t>(head));
+    partialBytes -= static_cast<int>(head);
+
+    const qint64 tail = (maxSize - head) % frameBytes;
+    const qint64 whole = maxSize - head - tail;
+    if (readDataInternal(data + head, whole) < 0)
+        return -1;
+    if (tail > 0) {
+        if (readDataInternal(partialFrame.data(), frameBytes) < 0)
+            return -1;
+        std::memcpy(data + head + whole, partialFrame.constData(), static_cast<size_t>(tail));
+        partialBytes = static_cast<int>(frameBytes - tail);
+    }
+    return maxSize;
+}
+
+qint64 AudioReader::readDataInternal(char *data, qint64 maxSize)
+{
+    if (maxSize == 0)
+        return 0;
+    if (!source)
+        return -1;
+
+    const QAudioFormat format = source->getAudioFormat();
+    if (!format.isValid()) {
+        if (requireAudio)
+            return -1;
+        std::memset(data, 0, static_cast<size_t>(maxSize));
+        return maxSize;
+    }
+    if (format != inputFormat) {
+        if (!updateResampler(format))
+            return -1;
+        inputFormat = format;
+        readTimer.invalidate();
+        positionRemainder = 0;
+    }
+
+    const qint64 last = source->getAudioLastTimestamp();
+    // The output's bytes, measured in the source's format: that is intended.
+    anchor(last, inputFormat.durationForBytes(clampedBytes(maxSize)));
+
+    qint64 frames = outputFormat.framesForBytes(clampedBytes(maxSize));
+    if (resampler) {
+        if (frames < 1)
+            return maxSize;
+        frames = resample(data, frames, last);
+        if (frames < 0)
+            return -1;
+    } else {
+        frames -= grab(static_cast<unsigned long>(frames), data, last);
+    }
+
+    if (frames >= 1) {
+        if (requireAudio && !source->getAudioFormat().isValid())
+            return -1;
+        const qint64 silence = outputFormat.bytesForFrames(clampedBytes(frames));
+        std::memset(data + maxSize - silence, 0, static_cast<size_t>(silence));
+    }
+    return maxSize;
+}
+
+void AudioReader::anchor(qint64 last, qint64 span)
+{
+    const bool isAnchored = readTimer.isValid();
+    if (isAnchored && last - readPosition <= maxDelay)
+        return;
+    readPosition = last - qMax(delay, span);
+    positionRemainder = 0;
+    if (!isAnchored) {
+        samplesRead = 0;
+        readTimer.start();
+    }
+}
+
+// One request to the source at the read position, which moves on by what was obtained.
+qint64 AudioReader::grab(unsigned long frames, void *destination, qint64 last)
+{
+    const qint64 got =
+        source->grabAudio(playbackStream, frames, static_cast<short *>(destination), readPosition);
+    qCDebug(audioTimings).nospace() << "Audio reader got " << got << "/" << frames << " samples at "
+                                    << readPosition << " (" << readPosition - last << ")";
+    if (got <= 0)
+        return 0;
+    if (firstTimestamp == 0)
+        firstTimestamp = readPosition;
+    advance(got);
+    samplesRead += got;
+    return got;
+}
+
+// What does not fill a microsecond is kept for the next time: 1024 frames at 48 kHz last 21333.3 us, and
+// dropping the third would read a sample twice every 1.3 s, which clicks.
+void AudioReader::advance(qint64 frames)
+{
+    const qint64 rate = inputFormat.sampleRate();
+    const qint64 scaled = frames * 1000000 + positionRemainder;
+    readPosition += scaled / rate;
+    positionRemainder = scaled % rate;
+}
+
+// Returns the frames that are still missing, or -1.
+qint64 AudioReader::resample(char *data, qint64 frames, qint64 last)
+{
+    auto *output = reinterpret_cast<uint8_t *>(data);
+    for (;;) {
+        // Always a full request: the resampler keeps the surplus for the next read.
+        const qint64 in = grab(static_cast<unsigned long>(grabSamples), inputBuffer.data(), last);
+        const uint8_t *input = inputBuffer.constData();
+        const int converted =
+            swr_convert(resampler, &output, static_cast<int>(frames), &input, static_cast<int>(in));
+        if (converted < 0) {
+            qCCritical(audio) << "Error while converting audio format";
+            return -1;
+        }
+        output += outputFormat.bytesForFrames(converted);
+        if (converted > frames)
+            return 0;
+        frames -= converted;
+        if (frames == 0)
+            return 0;
+        if (in < grabSamples)
+            break;
+    }
+
+    // The source ran dry: take what the filter still holds, and start afresh with the next samples.
+    const int drained = swr_convert(resampler, &output, static_cast<int>(frames), nullptr, 0);
+    if (drained < 0) {
+        qCCritical(audio) << "Error while converting audio format";
+        return -1;
+    }
+    if (swr_init(resampler) < 0) {
+        failResampler("Error reseting resampler");
+        return -1;
+    }
+    return frames - drained;
+}
+
+bool AudioReader::check_delta()
+{
+    if (firstTimestamp < 1 || readPosition < 1)
+        return false;
+    const qint64 stream = readPosition - firstTimestamp;
+    const auto wall = static_cast<qint64>(static_cast<double>(readTimer.nsecsElapsed()) / 1000.0);
+    const qint64 delta = wall - stream;
+    if (std::abs(delta) <= maxDelay)
+        return false;
+    qCDebug(audioTimings).nospace() << "check_delta: " << firstTimestamp << " " << readPosition << " "
+                                    << stream << " " << wall << " " << delta;
+    return true;
+}
