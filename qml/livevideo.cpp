@@ -1,0 +1,258 @@
+#include "livevideo.h"
+
+#include "fillgeometry.h"
+#include "frameimage.h"
+#include "frameplanes.h"
+#include "sourcehooks.h"
+#include "yuvnode.h"
+#include "yuvtextures.h"
+
+#include <zevqt-mm/mediaprovider.h>
+
+#include <QOpenGLContext>
+#include <QQuickWindow>
+#include <QSGImageNode>
+#include <QSGRendererInterface>
+
+using zevqml::YuvNode;
+
+namespace {
+
+zevqml::FillGeometry geometryOf(LiveVideo::FillMode mode, const QSizeF &item, const QSizeF &video)
+{
+    switch (mode) {
+    case LiveVideo::Stretch:
+        return zevqml::fillGeometry(zevqml::FillMode::Stretch, item, video);
+    case LiveVideo::PreserveAspectCrop:
+        return zevqml::fillGeometry(zevqml::FillMode::PreserveAspectCrop, item, video);
+    case LiveVideo::PreserveAspectFit:
+        break;
+    }
+    return zevqml::fillGeometry(zevqml::FillMode::PreserveAspectFit, item, video);
+}
+
+} // namespace
+
+LiveVideo::LiveVideo(QQuickItem *parent) : QQuickItem(parent), m_hooks(new zevqml::SourceHooks(this))
+{
+    setFlag(ItemHasContents);
+    connect(m_hooks, &zevqml::SourceHooks::failed, this, [this](const QString &message) {
+        qWarning(
+            "LiveVideo: the source cannot prepare its frames for this window (%s); frames in the GPU are "
+            "not shown",
+            qPrintable(message));
+        m_hookError = message;
+        update();
+    });
+}
+
+LiveVideo::~LiveVideo()
+{
+    m_hooks->detach();
+}
+
+QObject *LiveVideo::source() const
+{
+    return m_source;
+}
+
+void LiveVideo::setSource(QObject *source)
+{
+    auto *provider = qobject_cast<MediaProvider *>(source);
+    if (source && !provider)
+        qWarning("LiveVideo: source is a %s; a MediaProvider is needed", source->metaObject()->className());
+    if (provider == m_source)
+        return;
+    if (m_source)
+        disconnect(m_source, nullptr, this, nullptr);
+    m_source = provider;
+    if (provider) {
+        connect(provider, &MediaProvider::videoReady, this, &LiveVideo::present);
+        connect(provider, &MediaProvider::imageReady, this, &LiveVideo::presentImage);
+        connect(provider, &QObject::destroyed, this, [this] {
+            m_hooks->detach();
+            emit sourceChanged();
+        });
+    }
+    clear();
+    attachHooks();
+    emit sourceChanged();
+}
+
+void LiveVideo::attachHooks()
+{
+    m_hookError.clear();
+    m_hooks->attach(window(), m_source ? m_source->getVideoSource() : QSharedPointer<MediaSourceBase>());
+}
+
+void LiveVideo::setFillMode(FillMode mode)
+{
+    if (mode == m_fillMode)
+        return;
+    m_fillMode = mode;
+    update();
+    emit fillModeChanged();
+}
+
+void LiveVideo::present(const QVideoFrame &frame)
+{
+    if (!frame.isValid() || frame == m_frame)
+        return;
+    m_frame = frame;
+    m_image = QImage();
+    pictureChanged(frame.size());
+}
+
+void LiveVideo::presentImage(const QImage &image)
+{
+    // The no-signal picture comes again with every tick.
+    if (image.isNull() || image.cacheKey() == m_image.cacheKey())
+        return;
+    m_image = image;
+    m_frame = QVideoFrame();
+    pictureChanged(image.size());
+}
+
+void LiveVideo::clear()
+{
+    m_frame = QVideoFrame();
+    m_image = QImage();
+    m_mappingFailed = false;
+    pictureChanged(QSize(0, 0));
+}
+
+void LiveVideo::pictureChanged(const QSize &size)
+{
+    ++m_serial;
+    update();
+    if (size == m_videoSize)
+        return;
+    m_videoSize = size;
+    emit videoSizeChanged();
+}
+
+void LiveVideo::itemChange(ItemChange change, const ItemChangeData &value)
+{
+    if (change == ItemSceneChange)
+        attachHooks();
+    QQuickItem::itemChange(change, value);
+}
+
+LiveVideo::Choice LiveVideo::choosePath() const
+{
+    if (!m_image.isNull())
+        return {Converted, QStringLiteral("images were asked for")};
+    if (!m_frame.isValid())
+        return {NoPath, QStringLiteral("there is no picture yet")};
+    if (!zevqml::hasReadablePlanes(m_frame))
+        return {NoPath, m_hookError.isEmpty() ? QStringLiteral("frames in the GPU cannot be drawn yet")
+                                              : m_hookError};
+    if (!zevqml::isPlanarYuv(m_frame.pixelFormat()))
+        return {Converted, QStringLiteral("the frame is RGB")};
+
+    if (window()->rendererInterface()->graphicsApi() != QSGRendererInterface::OpenGL)
+        return {Converted, QStringLiteral("the scene graph does not draw with OpenGL")};
+    const QString obstacle = zevqml::YuvTextures::whyNot(QOpenGLContext::currentContext(), m_frame.size());
+    if (!obstacle.isEmpty())
+        return {Converted, obstacle};
+    if (YuvNode::shaderFailed())
+        return {Converted, QStringLiteral("the shader could not be built, see the log")};
+    if (m_mappingFailed)
+        return {Converted, QStringLiteral("the planes could not be uploaded")};
+    return {Mapped, QString()};
+}
+
+QSGNode *LiveVideo::updatePaintNode(QSGNode *oldNode, UpdatePaintNodeData *)
+{
+    if (!oldNode)
+        m_nodePath = NoPath;
+    if (m_nodePath == Mapped && static_cast<YuvNode *>(oldNode)->failed())
+        m_mappingFailed = true;
+    const Choice choice = choosePath();
+    if (oldNode && m_nodePath != choice.path) {
+        delete oldNode;
+        oldNode = nullptr;
+    }
+    m_nodePath = choice.path;
+    switch (choice.path) {
+    case Mapped:
+        return updateYuvNode(oldNode, choice);
+    case Converted:
+        return updateImageNode(oldNode, choice);
+    case NoPath:
+    case EglImage:
+        break;
+    }
+    reportPath(choice);
+    return nullptr;
+}
+
+QSGNode *LiveVideo::updateYuvNode(QSGNode *oldNode, const Choice &choice)
+{
+    auto *node = static_cast<YuvNode *>(oldNode);
+    if (node && node->format() != m_frame.pixelFormat()) {
+        delete node;
+        node = nullptr;
+    }
+    const bool fresh = !node;
+    if (fresh)
+        node = new YuvNode(m_frame.pixelFormat());
+    if (fresh || m_nodeSerial != m_serial) {
+        node->setFrame(m_frame, zevqml::frameColors(m_frame));
+        m_nodeSerial = m_serial;
+    }
+    node->setGeometry(geometryOf(m_fillMode, size(), m_frame.size()));
+    reportPath(choice);
+    return node;
+}
+
+QSGNode *LiveVideo::updateImageNode(QSGNode *oldNode, const Choice &choice)
+{
+    auto *node = static_cast<QSGImageNode *>(oldNode);
+    const bool fresh = !node;
+    if (fresh || m_nodeSerial != m_serial) {
+        const QImage image =
+            m_image.isNull() ? zevqml::frameToImage(m_frame, zevqml::frameColors(m_frame)) : m_image;
+        QSGTexture *texture = image.isNull() ? nullptr : window()->createTextureFromImage(image);
+        if (!texture) {
+            delete node;
+            m_nodePath = NoPath;
+            reportPath({NoPath, QStringLiteral("the frame could not be converted")});
+            return nullptr;
+        }
+        if (fresh) {
+            node = window()->createImageNode();
+            node->setOwnsTexture(true);
+            node->setFiltering(QSGTexture::Linear);
+        }
+        node->setTexture(texture);
+        m_nodeSerial = m_serial;
+    }
+    const zevqml::FillGeometry geometry = geometryOf(m_fillMode, size(), m_videoSize);
+    const QSizeF pixels = node->texture()->textureSize();
+    node->setRect(geometry.target);
+    node->setSourceRect(QRectF(geometry.source.x() * pixels.width(), geometry.source.y() * pixels.height(),
+                               geometry.source.width() * pixels.width(),
+                               geometry.source.height() * pixels.height()));
+    reportPath(choice);
+    return node;
+}
+
+void LiveVideo::reportPath(const Choice &choice)
+{
+    if (choice.path == m_reported.path && choice.reason == m_reported.reason)
+        return;
+    m_reported = choice;
+    // The properties belong to the GUI thread, and so do those who are told of their change.
+    QMetaObject::invokeMethod(
+        this, [this, choice] { setPath(choice.path, choice.reason); }, Qt::QueuedConnection);
+}
+
+void LiveVideo::setPath(FramePath path, const QString &reason)
+{
+    if (path == m_framePath && reason == m_framePathReason)
+        return;
+    m_framePath = path;
+    m_framePathReason = reason;
+    emit framePathChanged();
+}

@@ -1,0 +1,119 @@
+#pragma once
+
+#include <QImage>
+#include <QPointer>
+#include <QQuickItem>
+#include <QSize>
+#include <QVideoFrame>
+
+class MediaProvider;
+
+namespace zevqml {
+class SourceHooks;
+}
+
+/*
+ * Shows live video: the frames or images of a MediaProvider, or those handed to present() and presentImage().
+ *
+ * Usage, in QML:
+ *     LiveVideo { anchors.fill: parent; source: provider; fillMode: LiveVideo.PreserveAspectFit }
+ * The provider decides between frames and images (enableVideoFrames(), enableImageFrames()) and runs on its
+ * own; the item calls the GL hooks of its video source.
+ *
+ * Frames take one of these paths, readable as framePath, with the reason in framePathReason when it is not
+ * the best one:
+ *   Mapped     the planes of a 4:2:0 frame are copied from where they lie into textures, colors are made by
+ *              a shader from the frame's own matrix and range
+ *   Converted  RGB frames and images; also 4:2:0 frames where the scene graph has no usable OpenGL
+ *   NoPath     nothing to show, or a frame that cannot be drawn
+ *
+ * Threads: an item lives in the GUI thread like all others; present() is called there.
+ * Ownership: keeps exactly the newest frame, so that one frame of the store stays locked while it is on
+ * screen, and no other once the scene graph has taken the planes over. A hidden item keeps the newest frame
+ * and draws nothing. clear() lets go of it.
+ * Errors: none are thrown; a frame that cannot be drawn leaves the item empty, with framePathReason saying
+ * why. Cost: Mapped is one copy into textures per new frame, in the render thread; Converted converts 4:2:0
+ * frames there while the GUI thread waits.
+ */
+class LiveVideo : public QQuickItem
+{
+    Q_OBJECT
+    Q_PROPERTY(QObject *source READ source WRITE setSource NOTIFY sourceChanged)
+    Q_PROPERTY(FillMode fillMode READ fillMode WRITE setFillMode NOTIFY fillModeChanged)
+    Q_PROPERTY(QSize videoSize READ videoSize NOTIFY videoSizeChanged)
+    Q_PROPERTY(FramePath framePath READ framePath NOTIFY framePathChanged)
+    Q_PROPERTY(QString framePathReason READ framePathReason NOTIFY framePathChanged)
+
+public:
+    enum FillMode { Stretch, PreserveAspectFit, PreserveAspectCrop };
+    Q_ENUM(FillMode)
+    enum FramePath { NoPath, Mapped, Converted, EglImage };
+    Q_ENUM(FramePath)
+
+    explicit LiveVideo(QQuickItem *parent = nullptr);
+    ~LiveVideo() override;
+
+    /* A MediaProvider; anything else is refused with a warning. Borrowed: null again once it is destroyed. */
+    QObject *source() const;
+    void setSource(QObject *source);
+
+    FillMode fillMode() const { return m_fillMode; }
+    void setFillMode(FillMode mode);
+
+    /* Pixels of the newest picture; 0 x 0 without one. */
+    QSize videoSize() const { return m_videoSize; }
+
+    FramePath framePath() const { return m_framePath; }
+    QString framePathReason() const { return m_framePathReason; }
+
+public slots:
+    /* An invalid frame changes nothing. */
+    void present(const QVideoFrame &frame);
+    /* A null image changes nothing. */
+    void presentImage(const QImage &image);
+    /* Shows nothing from now on and releases the frame. */
+    void clear();
+
+signals:
+    void sourceChanged();
+    void fillModeChanged();
+    void videoSizeChanged();
+    void framePathChanged();
+
+protected:
+    QSGNode *updatePaintNode(QSGNode *oldNode, UpdatePaintNodeData *data) override;
+    void itemChange(ItemChange change, const ItemChangeData &value) override;
+
+private:
+    struct Choice
+    {
+        FramePath path;
+        QString reason;
+    };
+    Choice choosePath() const;
+    QSGNode *updateYuvNode(QSGNode *oldNode, const Choice &choice);
+    QSGNode *updateImageNode(QSGNode *oldNode, const Choice &choice);
+    void reportPath(const Choice &choice);
+    void setPath(FramePath path, const QString &reason);
+    void pictureChanged(const QSize &size);
+    void attachHooks();
+
+    QPointer<MediaProvider> m_source;
+    zevqml::SourceHooks *m_hooks; // child
+    QString m_hookError;
+    FillMode m_fillMode = PreserveAspectFit;
+    QSize m_videoSize{0, 0};
+    FramePath m_framePath = NoPath;
+    QString m_framePathReason;
+
+    // The newest picture: one of the two. The serial tells the scene graph's node whether it has it already.
+    QVideoFrame m_frame;
+    QImage m_image;
+    quint64 m_serial = 0;
+
+    // The render thread's while it synchronizes, when the GUI thread waits.
+    FramePath m_nodePath = NoPath;
+    quint64 m_nodeSerial = 0;
+    Choice m_reported{NoPath, QString()};
+    bool m_mappingFailed = false; // until clear()
+};

@@ -1,0 +1,15 @@
+foreach(name fillgeometry yuvcolors)
+    zev_test(tst_${name} SOURCES unit/tst_${name}.cpp LIBRARIES Zev::items GTest::gtest_main)
+endforeach()
+
+# The same program twice, on a display of its own: the software scene graph, and OpenGL.
+zev_test(tst_livevideo
+    SOURCES unit/tst_livevideo.cpp integration/xvfbserver.cpp
+    LIBRARIES Zev::items GTest::gtest
+    LABEL integration)
+target_include_directories(tst_livevideo PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/integration)
+if(TARGET tst_livevideo)
+    add_test(NAME tst_livevideo_opengl COMMAND tst_livevideo --opengl)
+    set_tests_properties(tst_livevideo_opengl PROPERTIES LABELS integration TIMEOUT 120 SKIP_RETURN_CODE 77)
+    zev_test_environment(tst_livevideo_opengl)
+endif()
