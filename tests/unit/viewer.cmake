@@ -1,3 +1,6 @@
+foreach(name framestatistics ratefollower vieweroptions)
+    zev_test(tst_${name} SOURCES unit/tst_${name}.cpp LIBRARIES zevqt-viewer-parts GTest::gtest_main)
+endforeach()
 foreach(name fillgeometry yuvcolors)
     zev_test(tst_${name} SOURCES unit/tst_${name}.cpp LIBRARIES Zev::items GTest::gtest_main)
 endforeach()

@@ -1,0 +1,158 @@
+#include "options.h"
+#include "quitsignals.h"
+#include "report.h"
+#include "viewer.h"
+#include "viewerwindow.h"
+
+#include <QElapsedTimer>
+#include <QGuiApplication>
+#include <QImageReader>
+#include <QJsonDocument>
+#include <QLoggingCategory>
+#include <QSaveFile>
+#include <QScreen>
+#include <QThread>
+#include <QTimer>
+
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace {
+
+enum ExitCode { Ok = 0, OutputFailed = 1, WrongUse = 2, NoDisplay = 3 };
+
+int complain(ExitCode code, const QString &message)
+{
+    std::fprintf(stderr, "zevqt-viewer: %s\n", qUtf8Printable(message));
+    return code;
+}
+
+/* Empty, or what is wrong with the files that the options name. */
+QString checkFiles(const Options &options)
+{
+    if (!options.noSignal.isEmpty()) {
+        QImageReader reader(options.noSignal);
+        if (reader.read().isNull())
+            return QStringLiteral("cannot read the picture '%1': %2")
+                .arg(options.noSignal, reader.errorString());
+    }
+    for (const QString &path : {options.snapshot, options.report}) {
+        const QString reason = path.isEmpty() ? QString() : whyNotWritable(path);
+        if (!reason.isEmpty())
+            return reason;
+    }
+    return {};
+}
+
+/*
+ * Without a display Qt ends the program with an abort and a page of advice; what a person needs is one line.
+ * Only in place while the application object is made.
+ */
+void endWithoutDisplay(QtMsgType type, const QMessageLogContext &, const QString &)
+{
+    if (type != QtFatalMsg)
+        return;
+    std::fputs(
+        "zevqt-viewer: there is no display to open a window on; run with --headless, or set DISPLAY or "
+        "QT_QPA_PLATFORM\n",
+        stderr);
+    std::_Exit(NoDisplay);
+}
+
+std::unique_ptr<QCoreApplication> createApplication(bool headless, int &argc, char **argv)
+{
+    if (headless)
+        return std::make_unique<QCoreApplication>(argc, argv);
+    const QtMessageHandler before = qInstallMessageHandler(endWithoutDisplay);
+    auto application = std::make_unique<QGuiApplication>(argc, argv);
+    qInstallMessageHandler(before);
+    return application;
+}
+
+int writeResults(const Viewer &viewer, const Options &options, double seconds)
+{
+    int code = Ok;
+    if (!options.report.isEmpty()) {
+        QSaveFile file(options.report);
+        const QJsonDocument document(reportOf(viewer.figures(), options.video.toString(), seconds));
+        if (!file.open(QIODevice::WriteOnly) || file.write(document.toJson()) < 0 || !file.commit())
+            code = complain(OutputFailed,
+                            QStringLiteral("cannot write '%1': %2").arg(options.report, file.errorString()));
+    }
+    if (!options.snapshot.isEmpty()) {
+        const QImage picture = viewer.snapshot();
+        if (picture.isNull())
+            code = complain(OutputFailed, QStringLiteral("no picture came from %1, '%2' is not written")
+                                              .arg(options.video.toString(), options.snapshot));
+        else if (!picture.save(options.snapshot, "PNG"))
+            code = complain(OutputFailed, QStringLiteral("cannot write '%1'").arg(options.snapshot));
+    }
+    return code;
+}
+
+int run(QCoreApplication &application, const Options &options)
+{
+    const auto *gui = qobject_cast<QGuiApplication *>(&application);
+    const double screenRate = gui && gui->primaryScreen() ? gui->primaryScreen()->refreshRate() : 0.0;
+
+    std::unique_ptr<Viewer> viewer;
+    try {
+        // Screens that cannot tell say 0 or something close to it.
+        viewer = std::make_unique<Viewer>(options, screenRate >= 10.0 ? screenRate : 0.0);
+    } catch (const std::logic_error &error) {
+        return complain(WrongUse, QStringLiteral("%1 (a store is named shm:///NAME, a capture device "
+                                                 "v4l:///dev/videoN)")
+                                      .arg(QString::fromUtf8(error.what())));
+    }
+    std::unique_ptr<ViewerWindow> window;
+    if (gui) {
+        window = std::make_unique<ViewerWindow>(viewer.get(), options);
+        if (!window->error().isEmpty())
+            return complain(WrongUse, QStringLiteral("cannot build the window: %1").arg(window->error()));
+        QObject::connect(window.get(), &ViewerWindow::closed, &application, &QCoreApplication::quit);
+    }
+
+    const QuitSignals signals_;
+    QObject::connect(&signals_, &QuitSignals::quitRequested, &application, &QCoreApplication::quit);
+    if (options.seconds > 0.0)
+        QTimer::singleShot(int(options.seconds * 1000.0), Qt::PreciseTimer, &application,
+                           &QCoreApplication::quit);
+    if (options.blockFor > 0.0)
+        QTimer::singleShot(int(options.blockAfter * 1000.0), &application,
+                           [&options] { QThread::msleep((unsigned long)(options.blockFor * 1000.0)); });
+
+    QElapsedTimer clock;
+    clock.start();
+    viewer->start();
+    application.exec();
+    viewer->stop();
+    return writeResults(*viewer, options, double(clock.elapsed()) / 1000.0);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QuitSignals::block();
+    QStringList arguments;
+    for (int i = 1; i < argc; ++i)
+        arguments << QString::fromLocal8Bit(argv[i]);
+    const ParsedOptions parsed = parseOptions(arguments);
+    if (!parsed.error.isEmpty())
+        return complain(WrongUse, parsed.error);
+    if (parsed.help) {
+        std::fputs(qUtf8Printable(helpText()), stdout);
+        return Ok;
+    }
+    // Traces are for those who ask for them (QT_LOGGING_RULES).
+    QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
+    const QString problem = checkFiles(parsed.options);
+    if (!problem.isEmpty())
+        return complain(WrongUse, problem);
+
+    int qtArgc = 1; // Qt has options of its own, which would be taken for URLs or hide mistakes
+    const auto application = createApplication(parsed.options.headless, qtArgc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("zevqt-viewer"));
+    return run(*application, parsed.options);
+}

@@ -1,0 +1,191 @@
+#include "options.h"
+
+#include <QCommandLineParser>
+
+namespace {
+
+// Longer runs are ended by hand; and a day in milliseconds fits a timer.
+constexpr double secondsMax = 86400.0;
+
+struct Problem
+{
+    QString text;
+};
+
+double number(const QCommandLineParser &parser, const QString &name, double minimum, double maximum)
+{
+    bool ok = false;
+    const double value = parser.value(name).toDouble(&ok);
+    if (!ok || !(value >= minimum && value <= maximum))
+        throw Problem{QStringLiteral("--%1 %2: a number from %3 to %4 is needed")
+                          .arg(name, parser.value(name))
+                          .arg(minimum)
+                          .arg(maximum)};
+    return value;
+}
+
+template <typename Value>
+Value choice(const QCommandLineParser &parser, const QString &name,
+             std::initializer_list<std::pair<const char *, Value>> values)
+{
+    QStringList names;
+    for (const auto &[text, value] : values) {
+        if (parser.value(name) == QLatin1String(text))
+            return value;
+        names << QLatin1String(text);
+    }
+    throw Problem{QStringLiteral("--%1 %2: one of %3 is needed")
+                      .arg(name, parser.value(name), names.join(QStringLiteral(", ")))};
+}
+
+QUrl sourceUrl(const QString &text)
+{
+    const QUrl url(text, QUrl::StrictMode);
+    if (!url.isValid() || text.isEmpty())
+        throw Problem{QStringLiteral("'%1' is not a URL; a store is named shm:///NAME, a capture device "
+                                     "v4l:///dev/videoN")
+                          .arg(text)};
+    if (!url.scheme().isEmpty() && (url.path().isEmpty() || url.path() == QLatin1String("/")))
+        throw Problem{QStringLiteral("'%1' names no source; a store is named shm:///NAME, a capture device "
+                                     "v4l:///dev/videoN")
+                          .arg(text)};
+    return url;
+}
+
+QSize windowSize(const QString &text)
+{
+    const QStringList parts = text.split(QLatin1Char('x'));
+    const QSize size = parts.size() == 2 ? QSize(parts[0].toInt(), parts[1].toInt()) : QSize();
+    if (size.width() < 16 || size.height() < 16 || size.width() > 16384 || size.height() > 16384)
+        throw Problem{
+            QStringLiteral("--size %1: a width and a height of 16 to 16384 are needed, as in 960x540")
+                .arg(text)};
+    return size;
+}
+
+void addOptions(QCommandLineParser &parser)
+{
+    const auto valued = [&parser](const char *name) {
+        parser.addOption(QCommandLineOption(QLatin1String(name), QString(), QStringLiteral("value")));
+    };
+    const auto plain = [&parser](const QStringList &names) { parser.addOption(QCommandLineOption(names)); };
+    for (const char *name :
+         {"audio", "frames", "fps", "no-signal", "seconds", "snapshot", "report", "fill", "size", "block"})
+        valued(name);
+    plain({QStringLiteral("h"), QStringLiteral("help")});
+    plain({QStringLiteral("headless")});
+    plain({QStringLiteral("stats")});
+    plain({QStringLiteral("fullscreen")});
+    parser.addPositionalArgument(QStringLiteral("URL"), QString());
+}
+
+void fill(Options &options, const QCommandLineParser &parser)
+{
+    const auto given = [&parser](const char *name) { return parser.isSet(QLatin1String(name)); };
+
+    const QStringList urls = parser.positionalArguments();
+    if (urls.isEmpty())
+        throw Problem{QStringLiteral("a URL is missing; a store is named shm:///NAME")};
+    if (urls.size() > 1)
+        throw Problem{QStringLiteral("'%1' is one URL too many; one viewer shows one source").arg(urls[1])};
+    options.video = sourceUrl(urls.first());
+    if (given("audio"))
+        options.audio = sourceUrl(parser.value(QStringLiteral("audio")));
+    if (given("frames"))
+        options.frames =
+            choice<Options::Frames>(parser, QStringLiteral("frames"),
+                                    {{"video", Options::Frames::Video}, {"image", Options::Frames::Image}});
+    if (given("fps") && parser.value(QStringLiteral("fps")) != QLatin1String("auto"))
+        options.fps = number(parser, QStringLiteral("fps"), 0.1, 1000.0);
+    if (given("no-signal"))
+        options.noSignal = parser.value(QStringLiteral("no-signal"));
+    if (given("seconds"))
+        options.seconds = number(parser, QStringLiteral("seconds"), 0.001, secondsMax);
+    options.snapshot = parser.value(QStringLiteral("snapshot"));
+    options.report = parser.value(QStringLiteral("report"));
+    if (given("fill"))
+        options.fill = choice<Options::Fill>(parser, QStringLiteral("fill"),
+                                             {{"stretch", Options::Fill::Stretch},
+                                              {"fit", Options::Fill::Fit},
+                                              {"crop", Options::Fill::Crop}});
+    if (given("size"))
+        options.windowSize = windowSize(parser.value(QStringLiteral("size")));
+    options.headless = given("headless");
+    options.statistics = given("stats");
+    options.fullscreen = given("fullscreen");
+    if (given("block")) {
+        const QStringList parts = parser.value(QStringLiteral("block")).split(QLatin1Char(','));
+        options.blockAfter = parts.value(0).toDouble();
+        options.blockFor = parts.value(1).toDouble();
+        if (!(options.blockFor > 0.0 && options.blockFor <= secondsMax && options.blockAfter >= 0.0))
+            throw Problem{QStringLiteral("--block: two numbers of seconds are needed, AFTER,FOR")};
+    }
+}
+
+} // namespace
+
+ParsedOptions parseOptions(const QStringList &arguments)
+{
+    ParsedOptions result;
+    QCommandLineParser parser;
+    addOptions(parser);
+    if (!parser.parse(QStringList{QStringLiteral("zevqt-viewer")} + arguments)) {
+        QString text = parser.errorText();
+        if (text.endsWith(QLatin1Char('.')))
+            text.chop(1);
+        result.error = text;
+    } else if (parser.isSet(QStringLiteral("help"))) {
+        result.help = true;
+    } else {
+        try {
+            fill(result.options, parser);
+        } catch (const Problem &problem) {
+            result.error = problem.text;
+        }
+    }
+    if (!result.error.isEmpty())
+        result.error += QStringLiteral(" (zevqt-viewer --help explains)");
+    return result;
+}
+
+QString helpText()
+{
+    return QStringLiteral(R"(Usage: zevqt-viewer URL [options]
+
+Shows live video from a frame store (shm:///NAME) or a capture device (v4l:///dev/videoN). A source that is
+not there yet is waited for; one that goes away is replaced by a no-signal picture after five seconds and
+shown again when it returns, also with another size or rate.
+
+Options:
+  --audio URL            where the sound comes from; without it, from the video's own store
+  --frames video|image   frames drawn from the store's memory (default), or converted images
+  --fps auto|N           ticks a second; auto: the source's own rate, up to the screen's (default)
+  --no-signal FILE       picture for a source that is silent, instead of the built-in one
+  --fill fit|stretch|crop   how the picture fills the window (default: fit)
+  --size WxH             size of the window (default: 960x540)
+  --fullscreen           fill the screen from the start
+  --stats                show statistics from the start
+  --headless             no window: receive and count only
+  --seconds N            end after N seconds
+  --snapshot FILE.png    write the last picture of the source at the end
+  --report FILE.json     write statistics at the end
+  -h, --help             this text
+
+Keys: S statistics, A next fill mode, F full screen, Esc or Q quit.
+
+The report: frames (pictures of the source handed out), distinct and repeated (new, or with the timestamp of
+the one before), skipped (source frames that passed between two pictures in a row, less those that ticks
+slower than the source explain), invalid (requests answered without a picture since the first one; before
+it: invalid_before_first), idle_events, no_signal_frames, fps (pictures a second, interruptions left out),
+source_interval_us, latency_ms (clock minus the frame's timestamp when it is handed out), size, pixel_format,
+frame_path (mapped: planes uploaded as they are; converted: RGB made by the CPU; image: converted by the
+library; none).
+
+Exit status: 0 ended as asked, 1 a report or snapshot could not be written, 2 wrong use, 3 no display.
+
+Examples:
+  zevqt-viewer shm:///cam0
+  zevqt-viewer shm:///cam0 --frames image --fps 10 --stats
+  zevqt-viewer shm:///cam0 --headless --seconds 10 --report report.json --snapshot picture.png
+)");
+}

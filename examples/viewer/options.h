@@ -1,0 +1,43 @@
+#pragma once
+
+#include <QSize>
+#include <QString>
+#include <QStringList>
+#include <QUrl>
+
+/* What the command line asks for. */
+struct Options
+{
+    enum class Frames { Video, Image };
+    enum class Fill { Stretch, Fit, Crop };
+
+    QUrl video;
+    QUrl audio;
+    Frames frames = Frames::Video;
+    double fps = 0.0; // 0: the source's own
+    QString noSignal; // file; empty: the built-in picture
+    bool headless = false;
+    double seconds = 0.0; // 0: without end
+    QString snapshot;
+    QString report;
+    Fill fill = Fill::Fit;
+    QSize windowSize{960, 540};
+    bool statistics = false;
+    bool fullscreen = false;
+
+    // For tests: the event loop stands still from `blockAfter` on for `blockFor` seconds.
+    double blockAfter = 0.0;
+    double blockFor = 0.0;
+};
+
+struct ParsedOptions
+{
+    Options options;
+    bool help = false;
+    QString error; // empty: all is well; else one line that names the thing and the remedy
+};
+
+/* `arguments`: without the program's name. Touches no file. */
+ParsedOptions parseOptions(const QStringList &arguments);
+
+QString helpText();

@@ -1,0 +1,274 @@
+#include "viewer.h"
+
+#include "frameimage.h"
+#include "frameplanes.h"
+#include "imagerequests.h"
+
+#include <zevqt-mm/mediaprovider.h>
+#include <zevqt-mm/storeframe.h>
+
+#include <QTimer>
+
+#include <chrono>
+
+namespace {
+
+constexpr long long rateCheckUs = 500000;
+constexpr std::chrono::seconds noSignalDelay{5};
+
+long long wallClockUs()
+{
+    using namespace std::chrono;
+    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+QString pixelFormatName(QVideoFrame::PixelFormat format)
+{
+    switch (format) {
+    case QVideoFrame::Format_YUV420P:
+        return QStringLiteral("yuv420p");
+    case QVideoFrame::Format_NV12:
+        return QStringLiteral("nv12");
+    default:
+        return QStringLiteral("format %1").arg(int(format));
+    }
+}
+
+QString colorsName(const QVideoFrame &frame)
+{
+    using zevqml::YuvColors;
+    const YuvColors stated = zevqml::frameColors(frame);
+    const YuvColors used = zevqml::resolve(stated, frame.size());
+    QString text = used.matrix == YuvColors::Matrix::Bt601    ? QStringLiteral("BT.601")
+                   : used.matrix == YuvColors::Matrix::Bt2020 ? QStringLiteral("BT.2020")
+                                                              : QStringLiteral("BT.709");
+    text += used.range == YuvColors::Range::Limited ? QStringLiteral(" limited") : QStringLiteral(" full");
+    return stated == used ? text : text + QStringLiteral(" (assumed)");
+}
+
+} // namespace
+
+Viewer::Viewer(const Options &options, double screenRate, QObject *parent)
+    : QObject(parent), m_options(options), m_provider(new MediaProvider(options.video, options.audio)),
+      m_rate(screenRate)
+{
+    m_provider->setNoSignalImage(options.noSignal.isEmpty() ? QStringLiteral(":/viewer/nosignal.png")
+                                                            : options.noSignal,
+                                 noSignalDelay);
+    setTickRate(options.fps > 0.0 ? options.fps : m_tickRate);
+
+    connect(m_provider.get(), &MediaProvider::videoReady, this, &Viewer::onVideo);
+    connect(m_provider.get(), &MediaProvider::imageReady, this, &Viewer::onImage);
+    connect(m_provider.get(), &MediaProvider::videoIdle, this, [this] { onInterruption(State::Idle); });
+    connect(m_provider.get(), &MediaProvider::audioReady, this, [this](const QAudioBuffer &buffer) {
+        if (buffer.isValid())
+            ++m_audioBuffers;
+    });
+
+    // The provider does not tell of every empty answer (images have no idle signal), so they are counted
+    // where they are made: in the tick thread.
+    const auto count = [this](bool valid) {
+        if (valid)
+            m_seen = true;
+        else
+            ++(m_seen ? m_emptyAfter : m_emptyBefore);
+    };
+    const auto source = m_provider->getVideoSource();
+    connect(
+        source.data(), &MediaSourceBase::videoReady, this,
+        [count](const QVideoFrame &frame) { count(frame.isValid()); }, Qt::DirectConnection);
+    connect(
+        source.data(), &MediaSourceBase::imageReady, this,
+        [count](const QImage &image) { count(!image.isNull()); }, Qt::DirectConnection);
+
+    if (options.frames == Options::Frames::Image)
+        m_imageRequests = std::make_unique<ImageRequests>(m_provider.get());
+    else
+        m_provider->enableVideoFrames();
+
+    auto *refresh = new QTimer(this);
+    connect(refresh, &QTimer::timeout, this, &Viewer::refreshStatistics);
+    refresh->start(500);
+}
+
+Viewer::~Viewer()
+{
+    stop();
+}
+
+QObject *Viewer::providerObject() const
+{
+    return m_provider.get();
+}
+
+void Viewer::start()
+{
+    m_provider->setRunning(true);
+}
+
+void Viewer::stop()
+{
+    m_provider->setRunning(false);
+}
+
+void Viewer::setImageSize(const QSize &size)
+{
+    m_imageSize = size;
+    if (m_options.frames == Options::Frames::Image && !size.isEmpty())
+        m_provider->setRequestedFrameSize(size);
+}
+
+void Viewer::setFramePath(const QString &path, const QString &reason)
+{
+    // The no-signal picture takes another path; what is told is that of the source's frames.
+    if (m_state != State::Live)
+        return;
+    m_framePath = path;
+    m_framePathReason = reason;
+}
+
+void Viewer::onVideo(const QVideoFrame &frame)
+{
+    if (!frame.isValid())
+        return onInterruption(State::NoSignal); // the picture that stands in could not be read
+    if (StoreFrame::of(frame).planeCount == 0 && frame.handleType() == QAbstractVideoBuffer::NoHandle &&
+        !zevqml::isPlanarYuv(frame.pixelFormat()))
+        return onInterruption(State::NoSignal);
+    m_lastFrame = frame;
+    onPicture(frame.startTime());
+}
+
+void Viewer::onImage(const QImage &image)
+{
+    // The converter writes the frame's time into its images; the no-signal picture has none.
+    bool timed = false;
+    const long long timestamp = image.text(QStringLiteral("pts")).toLongLong(&timed);
+    if (!timed)
+        return onInterruption(State::NoSignal);
+    m_lastImage = image;
+    onPicture(timestamp);
+}
+
+void Viewer::onPicture(long long timestamp)
+{
+    m_state = State::Live;
+    const long long now = wallClockUs();
+    const auto status = m_provider->getVideoSource()->getVideoStatus();
+    m_statistics.handedOut(now, timestamp, status.timestamps, status.frameInterval);
+
+    if (now - m_rateChecked < rateCheckUs && now >= m_rateChecked)
+        return;
+    m_rateChecked = now;
+    const double rate = m_options.fps > 0.0 ? 0.0 : m_rate.update(status.frameInterval);
+    if (rate > 0.0)
+        setTickRate(rate);
+    if (m_imageSize.isEmpty() && m_options.frames == Options::Frames::Image) {
+        const QSize size = m_provider->getVideoFrameSize();
+        if (!size.isEmpty())
+            m_provider->setRequestedFrameSize(size);
+    }
+}
+
+void Viewer::onInterruption(State state)
+{
+    m_state = state;
+    if (state == State::Idle)
+        m_statistics.idle();
+    else
+        m_statistics.noSignal();
+}
+
+void Viewer::setTickRate(double rate)
+{
+    m_tickRate = rate;
+    m_statistics.setTickIntervalUs(1e6 / rate);
+    m_provider->setFrameRate(rate);
+}
+
+void Viewer::refreshStatistics()
+{
+    emit statisticsChanged();
+}
+
+ViewerFigures Viewer::figures() const
+{
+    ViewerFigures result;
+    result.frames = m_statistics.figures(wallClockUs());
+    result.invalid = m_emptyAfter;
+    result.invalidBeforeFirst = m_emptyBefore;
+    result.withheld = m_imageRequests ? m_imageRequests->withheld() : 0;
+    result.audioBuffers = m_audioBuffers;
+    result.tickRate = m_tickRate;
+    result.pixelFormat = QStringLiteral("none");
+    result.framePath = QStringLiteral("none");
+    if (!m_lastImage.isNull()) {
+        result.size = m_lastImage.size();
+        result.pixelFormat =
+            m_lastImage.format() == QImage::Format_RGB16 ? QStringLiteral("rgb16") : QStringLiteral("argb32");
+        result.framePath = QStringLiteral("image");
+    } else if (m_lastFrame.isValid()) {
+        result.size = m_lastFrame.size();
+        result.pixelFormat = pixelFormatName(m_lastFrame.pixelFormat());
+        result.framePath =
+            zevqml::hasReadablePlanes(m_lastFrame) ? QStringLiteral("mapped") : QStringLiteral("gpu");
+        if (!m_framePath.isEmpty())
+            result.framePath = m_framePath;
+    }
+    result.framePathReason = m_framePathReason;
+    return result;
+}
+
+QString Viewer::stateText() const
+{
+    switch (m_state) {
+    case State::Waiting:
+        break;
+    case State::Live:
+        return QStringLiteral("live");
+    case State::Idle:
+        return QStringLiteral("idle");
+    case State::NoSignal:
+        return QStringLiteral("no signal");
+    }
+    return QStringLiteral("waiting");
+}
+
+QString Viewer::statisticsText() const
+{
+    const ViewerFigures now = figures();
+    const FrameStatistics::Figures &f = now.frames;
+    const auto fixed = [](double value, int digits) { return QString::number(value, 'f', digits); };
+
+    QStringList lines;
+    lines << m_options.video.toString() + QStringLiteral("   ") + stateText();
+    if (now.size.isValid()) {
+        lines << QStringLiteral("%1 × %2  %3")
+                     .arg(now.size.width())
+                     .arg(now.size.height())
+                     .arg(now.pixelFormat);
+        if (m_lastFrame.isValid())
+            lines.last() += QStringLiteral("  ") + colorsName(m_lastFrame);
+    }
+    lines << QStringLiteral("shown %1 fps   ticks %2").arg(fixed(f.recentFps, 2), fixed(now.tickRate, 2));
+    if (f.sourceIntervalUs > 1000)
+        lines.last() += QStringLiteral("   source %1").arg(fixed(1e6 / double(f.sourceIntervalUs), 2));
+    lines << QStringLiteral("frames %1   repeated %2   skipped %3")
+                 .arg(f.frames)
+                 .arg(f.repeated)
+                 .arg(f.skipped);
+    lines
+        << QStringLiteral("invalid %1   idle %2   no signal %3").arg(now.invalid).arg(f.idle).arg(f.noSignal);
+    lines << QStringLiteral("latency %1 ms   p95 %2   max %3")
+                 .arg(fixed(f.latencyP50Ms, 1), fixed(f.latencyP95Ms, 1), fixed(f.latencyMaxMs, 1));
+    lines << QStringLiteral("path %1").arg(now.framePath);
+    if (!now.framePathReason.isEmpty())
+        lines.last() += QStringLiteral(": ") + now.framePathReason;
+    return lines.join(QLatin1Char('\n'));
+}
+
+QImage Viewer::snapshot() const
+{
+    if (!m_lastImage.isNull())
+        return m_lastImage;
+    return zevqml::frameToImage(m_lastFrame, zevqml::frameColors(m_lastFrame));
+}

@@ -1,0 +1,50 @@
+import QtQuick 2.15
+import ZevQt.Multimedia 1.0
+
+Rectangle {
+    id: root
+
+    property QtObject viewer // set by the program
+    property alias video: video
+    property alias statistics: statistics.visible
+    signal fullscreenToggled()
+    signal quitRequested()
+
+    color: "black"
+    focus: true
+
+    LiveVideo {
+        id: video
+        objectName: "video"
+        anchors.fill: parent
+        source: root.viewer ? root.viewer.provider : null
+    }
+
+    Statistics {
+        id: statistics
+        anchors { left: parent.left; top: parent.top; margins: 12 }
+        visible: false
+        text: visible && root.viewer ? root.viewer.statisticsText : ""
+    }
+
+    Keys.onPressed: {
+        switch (event.key) {
+        case Qt.Key_S:
+            statistics.visible = !statistics.visible
+            break
+        case Qt.Key_A:
+            video.fillMode = (video.fillMode + 1) % 3
+            break
+        case Qt.Key_F:
+            root.fullscreenToggled()
+            break
+        case Qt.Key_Escape:
+        case Qt.Key_Q:
+            root.quitRequested()
+            break
+        default:
+            return
+        }
+        event.accepted = true
+    }
+}

@@ -1,0 +1,27 @@
+if(ZEV_BUILD_EXAMPLES AND ZEV_BUILD_QML)
+    # Publishes frames whose every sample is known.
+    add_executable(zevqt-testpublisher integration/testpublisher.cpp integration/testpattern.cpp)
+    zev_target(zevqt-testpublisher)
+    target_link_libraries(zevqt-testpublisher PRIVATE Zev::shm)
+
+    zev_test(tst_viewer
+        SOURCES integration/tst_viewer.cpp integration/viewerrig.cpp integration/xvfbserver.cpp
+            integration/testpattern.cpp
+        LIBRARIES Zev::shm Qt5::Gui PkgConfig::FFMPEG GTest::gtest
+        LABEL integration)
+    # What takes a window, or long, runs beside the rest.
+    set_property(TEST tst_viewer APPEND PROPERTY ENVIRONMENT "GTEST_FILTER=-*Window*:*locked*")
+    foreach(part IN ITEMS "window=*Window*-*locked*" "blocked=*locked*")
+        string(REPLACE "=" ";" part "${part}")
+        list(GET part 0 part_name)
+        list(GET part 1 part_filter)
+        add_test(NAME tst_viewer_${part_name} COMMAND tst_viewer --gtest_filter=${part_filter})
+        set_tests_properties(tst_viewer_${part_name} PROPERTIES LABELS integration TIMEOUT 120)
+        zev_test_environment(tst_viewer_${part_name})
+    endforeach()
+    target_compile_definitions(tst_viewer PRIVATE
+        VIEWER="$<TARGET_FILE:zevqt-viewer>"
+        PUBLISHER="$<TARGET_FILE:zevqt-testpublisher>"
+        ARTIFACTS_DIR="${PROJECT_BINARY_DIR}/artifacts")
+    add_dependencies(tst_viewer zevqt-viewer zevqt-testpublisher)
+endif()

@@ -1,0 +1,87 @@
+#include "options.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+ParsedOptions parse(const char *line)
+{
+    return parseOptions(QString::fromUtf8(line).split(QLatin1Char(' '), Qt::SkipEmptyParts));
+}
+
+TEST(ViewerOptions, aUrlIsEnough)
+{
+    const ParsedOptions p = parse("shm:///cam0");
+    EXPECT_TRUE(p.error.isEmpty()) << p.error.toStdString();
+    EXPECT_EQ(p.options.video, QUrl("shm:///cam0"));
+    EXPECT_TRUE(p.options.audio.isEmpty());
+    EXPECT_EQ(p.options.frames, Options::Frames::Video);
+    EXPECT_EQ(p.options.fps, 0.0);
+    EXPECT_EQ(p.options.seconds, 0.0);
+    EXPECT_FALSE(p.options.headless);
+}
+
+TEST(ViewerOptions, everyOptionIsTaken)
+{
+    const ParsedOptions p = parse(
+        "shm:///cam0 --audio shm:///mic --frames image --fps 12.5 --no-signal a.png --headless --seconds 2.5 "
+        "--snapshot s.png --report r.json --fill crop --size 640x360 --stats --fullscreen --block 1,10");
+    ASSERT_TRUE(p.error.isEmpty()) << p.error.toStdString();
+    EXPECT_EQ(p.options.audio, QUrl("shm:///mic"));
+    EXPECT_EQ(p.options.frames, Options::Frames::Image);
+    EXPECT_EQ(p.options.fps, 12.5);
+    EXPECT_EQ(p.options.noSignal, "a.png");
+    EXPECT_TRUE(p.options.headless);
+    EXPECT_EQ(p.options.seconds, 2.5);
+    EXPECT_EQ(p.options.snapshot, "s.png");
+    EXPECT_EQ(p.options.report, "r.json");
+    EXPECT_EQ(p.options.fill, Options::Fill::Crop);
+    EXPECT_EQ(p.options.windowSize, QSize(640, 360));
+    EXPECT_TRUE(p.options.statistics);
+    EXPECT_TRUE(p.options.fullscreen);
+    EXPECT_EQ(p.options.blockAfter, 1.0);
+    EXPECT_EQ(p.options.blockFor, 10.0);
+}
+
+TEST(ViewerOptions, autoIsTheDefaultRate)
+{
+    EXPECT_EQ(parse("shm:///cam0 --fps auto").options.fps, 0.0);
+}
+
+TEST(ViewerOptions, helpIsAskedForInTwoWays)
+{
+    EXPECT_TRUE(parse("--help").help);
+    EXPECT_TRUE(parse("-h").help);
+    for (const char *word : {"--audio", "--frames", "--fps", "--no-signal", "--headless", "--seconds",
+                             "--snapshot", "--report", "Examples:", "skipped", "Exit status"})
+        EXPECT_TRUE(helpText().contains(QLatin1String(word))) << word;
+}
+
+struct Bad
+{
+    const char *line;
+    const char *named;
+};
+class ViewerOptionsBad : public testing::TestWithParam<Bad>
+{};
+
+TEST_P(ViewerOptionsBad, isRefusedInOneLineThatNamesIt)
+{
+    const ParsedOptions p = parse(GetParam().line);
+    EXPECT_TRUE(p.error.contains(QLatin1String(GetParam().named))) << p.error.toStdString();
+    EXPECT_FALSE(p.error.contains(QLatin1Char('\n')));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, ViewerOptionsBad,
+    testing::Values(Bad{"", "URL is missing"}, Bad{"shm:///a shm:///b", "shm:///b"},
+                    Bad{"shm:///cam0 --nonsense", "nonsense"}, Bad{"shm:///", "names no source"},
+                    Bad{"shm:", "names no source"}, Bad{"shm:///cam0 --fps fast", "--fps fast"},
+                    Bad{"shm:///cam0 --fps 0", "--fps 0"}, Bad{"shm:///cam0 --fps nan", "--fps nan"},
+                    Bad{"shm:///cam0 --seconds -1", "--seconds -1"},
+                    Bad{"shm:///cam0 --frames both", "video, image"}, Bad{"shm:///cam0 --fill wide", "crop"},
+                    Bad{"shm:///cam0 --size big", "--size big"},
+                    Bad{"shm:///cam0 --size 640x", "--size 640x"}, Bad{"shm:///cam0 --block 3", "AFTER,FOR"},
+                    Bad{"shm:///cam0 --report", "report"}));
+
+} // namespace
