@@ -9,6 +9,7 @@
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
+#include <limits>
 #include <linux/capability.h>
 #include <mutex>
 #include <pthread.h>
@@ -228,6 +229,30 @@ TEST(MultimediaThread, noTickAfterStopReturned)
         std::this_thread::yield();
         EXPECT_EQ(ticks.count(), count);
         EXPECT_EQ(late, 0);
+    }
+}
+
+TEST(MultimediaThread, stopWaitsForTheHandler)
+{
+    for (const long long waitMs : {0LL, -1LL, 60000LL, std::numeric_limits<long long>::max()}) {
+        Ticks ticks;
+        std::atomic<bool> stopping{false};
+        std::atomic<bool> atWork{true};
+        MultimediaThread thread(nullptr);
+        onTick(thread, [&] {
+            ticks.add();
+            while (!stopping)
+                std::this_thread::yield();
+            // Long enough for a stop() that does not wait to have returned.
+            for (int i = 0; i < 100000; ++i)
+                std::this_thread::yield();
+            atWork = false;
+        });
+        thread.start(hour, 1, 0);
+        ASSERT_TRUE(ticks.waitFor(1));
+        stopping = true;
+        thread.stop(waitMs);
+        EXPECT_FALSE(atWork);
     }
 }
 

@@ -49,9 +49,9 @@ void MultimediaThread::start(int intervalNumerator, int intervalDenominator, lon
         thread->stop(0);
         return;
     }
+    const TickSchedule schedule(monotonicNs(), intervalNumerator, intervalDenominator, phase);
     try {
-        thread->start(TickSchedule(monotonicNs(), intervalNumerator, intervalDenominator, phase),
-                      kernelName(objectName()));
+        thread->start(schedule, kernelName(objectName()));
     } catch (const std::system_error &error) {
         qWarning("MultimediaThread \"%s\": no ticks, its thread cannot be created (%s); raise the limit on "
                  "threads",

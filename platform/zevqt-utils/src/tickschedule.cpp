@@ -25,21 +25,41 @@ TickSchedule::TickSchedule(int64_t startNs, int intervalNumerator, int intervalD
         periodNs = shortestIntervalNs;
         division = 1;
     }
+    stepNs = periodNs / division;
+    stepFraction = periodNs % division;
+    next = dueAt(0);
+    following = dueAfter(next);
 }
 
-int64_t TickSchedule::dueAt(int64_t index) const
+TickSchedule::Due TickSchedule::dueAt(int64_t index) const
 {
-    return saturated(Wide(originNs) + Wide(index) * periodNs / division);
+    const Wide sinceOrigin = Wide(index) * periodNs;
+    return {index, saturated(originNs + sinceOrigin / division),
+            static_cast<int64_t>(sinceOrigin % division)};
+}
+
+TickSchedule::Due TickSchedule::dueAfter(const Due &due) const
+{
+    const int64_t fraction = due.fraction + stepFraction;
+    const bool carry = fraction >= division;
+    if (due.dueNs > latest - stepNs - carry)
+        return {due.index + 1, latest, 0};
+    return {due.index + 1, due.dueNs + stepNs + carry, fraction - (carry ? division : 0)};
 }
 
 int64_t TickSchedule::take(int64_t nowNs)
 {
+    if (nowNs < following.dueNs || following.dueNs == latest) {
+        next = following;
+        following = dueAfter(next);
+        return 0;
+    }
     // The newest n with floor(n * period / division) <= elapsed, that is n * period < (elapsed + 1) *
     // division.
     const Wide elapsed = Wide(nowNs) - originNs;
-    const Wide newestDue = elapsed < 0 ? -1 : ((elapsed + 1) * division - 1) / periodNs;
-    const int64_t taken = newestDue > next ? saturated(newestDue) : next;
-    const int64_t skipped = taken - next;
-    next = taken + 1;
+    const int64_t taken = saturated(((elapsed + 1) * division - 1) / periodNs);
+    const int64_t skipped = taken - next.index;
+    next = dueAt(taken + 1);
+    following = dueAfter(next);
     return skipped;
 }

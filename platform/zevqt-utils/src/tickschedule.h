@@ -25,7 +25,7 @@ public:
     static bool isInterval(int numerator, int denominator) { return numerator > 0 && denominator > 0; }
 
     /* When the next tick is due. */
-    int64_t deadline() const { return dueAt(next); }
+    int64_t deadline() const { return next.dueNs; }
 
     /*
      * Takes the newest tick that is due at `nowNs`; the deadline is that of the tick after it, and lies after
@@ -35,12 +35,24 @@ public:
     int64_t take(int64_t nowNs);
 
 private:
-    int64_t dueAt(int64_t index) const;
+    struct Due
+    {
+        int64_t index;
+        int64_t dueNs;
+        int64_t fraction; // of a nanosecond, in parts of `division`
+    };
+
+    Due dueAt(int64_t index) const;
+    Due dueAfter(const Due &due) const;
 
     int64_t originNs;
     int64_t periodNs; // of `division` intervals: the numerator in nanoseconds
     int64_t division; // the denominator
-    int64_t next = 0;
+    int64_t stepNs;   // an interval is stepNs + stepFraction / division nanoseconds
+    int64_t stepFraction;
+    Due next;
+    Due following; // known in advance: between waking up and the tick nothing is computed that can be
+                   // computed before
 };
 
 #endif
