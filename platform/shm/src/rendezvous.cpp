@@ -50,16 +50,17 @@ int makeAddress(const std::string &directory, const std::string &file, sockaddr_
     return 0;
 }
 
-// Names published by this process, by their lock file.
+// Names published by this process, by their lock file. Never destroyed: a program may close its writer from
+// the destructor of an object of its own that is static, after ours would have gone.
 using LockKey = std::pair<dev_t, ino_t>;
 std::mutex &heldMutex()
 {
-    static std::mutex mutex;
+    static auto &mutex = *new std::mutex;
     return mutex;
 }
 std::set<LockKey> &heldLocks()
 {
-    static std::set<LockKey> locks;
+    static auto &locks = *new std::set<LockKey>;
     static uint64_t owner = processId();
     // Record locks are not inherited, so what is in the table after a fork is held by the parent alone.
     if (owner != processId()) {
