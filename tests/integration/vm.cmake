@@ -1,0 +1,47 @@
+# What needs real DMA-bufs and a real EGL, on machines that have neither (tests/vm/README.md). Every program runs twice:
+# fast_NAME on this machine's kernel with a stand-in for the device nodes, vm_NAME under the rig's kernel. Without the
+# rig, because its packages cannot be fetched or there is no QEMU, they are skipped and say so.
+set(rig ${PROJECT_SOURCE_DIR}/tests/vm)
+
+add_test(NAME rig_setup COMMAND ${rig}/setup)
+set_tests_properties(rig_setup PROPERTIES
+    LABELS "vm;integration" TIMEOUT 600 SKIP_RETURN_CODE 77 FIXTURES_SETUP rig)
+
+add_library(fakedmabuf MODULE ${rig}/fakedmabuf.c)
+zev_target(fakedmabuf)
+set_target_properties(fakedmabuf PROPERTIES PREFIX "" C_EXTENSIONS ON)
+
+# zev_rig_test(NAME SOURCES ... LIBRARIES ... [ARGUMENTS ...]): builds a program, registers fast_NAME and vm_NAME.
+function(zev_rig_test name)
+    cmake_parse_arguments(arg "" "" "SOURCES;LIBRARIES;ARGUMENTS" ${ARGN})
+    add_executable(${name} ${arg_SOURCES})
+    zev_target(${name})
+    target_link_libraries(${name} PRIVATE ${arg_LIBRARIES})
+    target_compile_definitions(${name} PRIVATE QT_NO_KEYWORDS)
+    set_target_properties(${name} PROPERTIES AUTOMOC ON)
+
+    # The driver is not built for ThreadSanitizer, which then sees races where there are none. AddressSanitizer cannot
+    # have the stand-in loaded after itself unless told, and its leak check sees the driver's own.
+    if(ZEV_SANITIZE STREQUAL "thread")
+        return()
+    endif()
+    add_test(NAME fast_${name}
+        COMMAND ${rig}/with-gl --preload $<TARGET_FILE:fakedmabuf> $<TARGET_FILE:${name}> ${arg_ARGUMENTS})
+    set_tests_properties(fast_${name} PROPERTIES LABELS integration TIMEOUT 120 SKIP_RETURN_CODE 77 FIXTURES_REQUIRED rig)
+    zev_test_environment(fast_${name})
+    if(ZEV_SANITIZE)
+        set_property(TEST fast_${name} APPEND PROPERTY ENVIRONMENT "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0")
+        return() # emulated and instrumented at once takes too long
+    endif()
+    # Emulated on a busy machine: a minute is normal, and only one at a time is fair to the others.
+    add_test(NAME vm_${name} COMMAND ${rig}/boot ${rig}/with-gl $<TARGET_FILE:${name}> ${arg_ARGUMENTS})
+    set_tests_properties(vm_${name} PROPERTIES
+        LABELS vm TIMEOUT 300 SKIP_RETURN_CODE 77 FIXTURES_REQUIRED rig RESOURCE_LOCK vm PROCESSORS 2)
+    zev_test_environment(vm_${name})
+endfunction()
+
+set(rig_sources ${rig}/dmamemory.cpp ${rig}/dmamemory.h ${rig}/externaltexture.cpp ${rig}/externaltexture.h
+    ${rig}/testpicture.cpp ${rig}/testpicture.h)
+zev_rig_test(tst_dmabufimages
+    SOURCES ${rig}/tst_dmabufimages.cpp ${rig_sources}
+    LIBRARIES Zev::zevqt-mm Qt5::Gui Qt5::Multimedia Qt5::Test)

@@ -1,0 +1,149 @@
+// A stand-in for /dev/udmabuf and /dev/dma_heap/system, to be preloaded where the kernel has neither:
+// programs then take the whole DMA-buf road, within a second and without a virtual machine. What it hands out
+// are memfds. Mesa's lavapipe imports those like a DMA-buf, a real device would not: what needs the kernel's
+// own is run in the virtual machine.
+//
+// It refuses what the kernel refuses: memory that is not sealed against shrinking or is sealed against
+// writing, sizes that are not whole pages or above 64 MiB. Offsets into the memory, which nothing here uses,
+// are refused too.
+#define _GNU_SOURCE
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdint.h>
+#include <string.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <linux/dma-buf.h>
+#include <linux/dma-heap.h>
+#include <linux/sync_file.h>
+#include <linux/udmabuf.h>
+
+#ifndef F_SEAL_FUTURE_WRITE
+#define F_SEAL_FUTURE_WRITE 0x0010
+#endif
+
+#define FAKE __attribute__((visibility("default")))
+
+enum { pageSize = 4096, udmabufLimit = 64 << 20 };
+
+static int openAt(int folder, const char *path, int flags, mode_t mode)
+{
+    if (path && (!strcmp(path, "/dev/udmabuf") || !strcmp(path, "/dev/dma_heap/system")))
+        return memfd_create("fake-dmabuf-device", MFD_CLOEXEC);
+    return (int)syscall(SYS_openat, folder, path, flags | O_LARGEFILE, mode);
+}
+
+static mode_t modeOf(int flags, va_list arguments)
+{
+    return flags & O_CREAT || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(arguments, mode_t) : 0;
+}
+
+#define DEFINE_OPEN(name)                                                                                    \
+    FAKE int name(const char *path, int flags, ...);                                                         \
+    FAKE int name(const char *path, int flags, ...)                                                          \
+    {                                                                                                        \
+        va_list arguments;                                                                                   \
+        va_start(arguments, flags);                                                                          \
+        const mode_t mode = modeOf(flags, arguments);                                                        \
+        va_end(arguments);                                                                                   \
+        return openAt(AT_FDCWD, path, flags, mode);                                                          \
+    }
+
+#define DEFINE_OPENAT(name)                                                                                  \
+    FAKE int name(int folder, const char *path, int flags, ...);                                             \
+    FAKE int name(int folder, const char *path, int flags, ...)                                              \
+    {                                                                                                        \
+        va_list arguments;                                                                                   \
+        va_start(arguments, flags);                                                                          \
+        const mode_t mode = modeOf(flags, arguments);                                                        \
+        va_end(arguments);                                                                                   \
+        return openAt(folder, path, flags, mode);                                                            \
+    }
+
+DEFINE_OPEN(open)
+DEFINE_OPEN(open64)
+DEFINE_OPEN(__open_2)
+DEFINE_OPEN(__open64_2)
+DEFINE_OPENAT(openat)
+DEFINE_OPENAT(openat64)
+
+static int isMemfd(int fd)
+{
+    struct stat status;
+    return fcntl(fd, F_GET_SEALS) >= 0 && !fstat(fd, &status) && S_ISREG(status.st_mode);
+}
+
+static int fail(int error)
+{
+    errno = error;
+    return -1;
+}
+
+static int createUdmabuf(const struct udmabuf_create *create)
+{
+    const int seals = fcntl((int)create->memfd, F_GET_SEALS);
+    struct stat status;
+    if (seals < 0 || fstat((int)create->memfd, &status))
+        return fail(EBADF);
+    if (!(seals & F_SEAL_SHRINK) || seals & (F_SEAL_WRITE | F_SEAL_FUTURE_WRITE))
+        return fail(EINVAL);
+    if (create->offset || !create->size || create->size % pageSize || create->size > udmabufLimit ||
+        create->size > (uint64_t)status.st_size)
+        return fail(EINVAL);
+    return fcntl((int)create->memfd, create->flags & UDMABUF_FLAGS_CLOEXEC ? F_DUPFD_CLOEXEC : F_DUPFD, 3);
+}
+
+static int allocateFromHeap(struct dma_heap_allocation_data *allocation)
+{
+    if (allocation->fd || !allocation->len || allocation->heap_flags)
+        return fail(EINVAL);
+    const int fd = memfd_create("fake-dma-heap", MFD_CLOEXEC);
+    const uint64_t size = (allocation->len + pageSize - 1) / pageSize * pageSize;
+    if (fd < 0 || ftruncate(fd, (off_t)size)) {
+        if (fd >= 0)
+            close(fd);
+        return fail(ENOMEM);
+    }
+    allocation->fd = (uint32_t)fd;
+    return 0;
+}
+
+FAKE int ioctl(int fd, unsigned long request, ...)
+{
+    va_list arguments;
+    va_start(arguments, request);
+    void *argument = va_arg(arguments, void *);
+    va_end(arguments);
+
+    if (isMemfd(fd)) {
+        switch (request) {
+        case UDMABUF_CREATE:
+            return createUdmabuf(argument);
+        case DMA_HEAP_IOCTL_ALLOC:
+            return allocateFromHeap(argument);
+        case DMA_BUF_IOCTL_SYNC:
+        case DMA_BUF_IOCTL_IMPORT_SYNC_FILE:
+            return 0;
+        case DMA_BUF_IOCTL_EXPORT_SYNC_FILE: { // idle always: an event that has happened stands for the fence
+            struct dma_buf_export_sync_file *exported = argument;
+            exported->fd = eventfd(1, EFD_CLOEXEC);
+            return exported->fd < 0 ? -1 : 0;
+        }
+        default:
+            break;
+        }
+    }
+    const int result = (int)syscall(SYS_ioctl, fd, request, argument);
+    if (result != 0 && request == SYNC_IOC_MERGE) {
+        struct sync_merge_data *merge = argument;
+        merge->fence = eventfd(1, EFD_CLOEXEC);
+        return merge->fence < 0 ? -1 : 0;
+    }
+    return result;
+}
