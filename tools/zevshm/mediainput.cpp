@@ -33,10 +33,6 @@ MediaInput::~MediaInput()
 
 void MediaInput::start()
 {
-    if (m_settings.loop && (m_name.isPipe || m_name.isLive))
-        throw Failure(ExitUsage,
-                      m_name.display +
-                          ": cannot be looped, it has no beginning to go back to; leave --loop out");
     m_demuxer = std::make_unique<Demuxer>(m_name, Demuxer::Wishes{m_settings.withVideo, m_settings.withAudio},
                                           m_stopToken);
     m_demuxer->open();
@@ -117,7 +113,7 @@ void MediaInput::run()
             if (m_live) {
                 if (!openAgain())
                     break;
-            } else if (m_settings.loop) {
+            } else if (m_settings.loop && !m_name.isPipe) { // a pipe has no beginning to go back to
                 if (!startOver())
                     break;
             } else {

@@ -22,7 +22,7 @@ namespace zevshm {
 namespace {
 
 const std::vector<OptionSpec> specs = {
-    {"--loop", "", "start over at the end, without a gap (files)"},
+    {"--loop", "", "start over at the end of a file, without a gap; other inputs go on as they are"},
     {"--fps", "RATE", "frames a second: of a test input (25), or repeat and leave out frames of a medium"},
     {"--size", "WxH", "size of the frames: of a test input (1280x720), or scale a medium"},
     {"--format", "FORMAT", "yuv420p (usual), yvu420p or nv12"},
@@ -150,8 +150,6 @@ PublishPlan makePlan(const Options &options)
     plan.publisher.size = size;
     plan.publisher.keepRange = options.has("--keep-range");
     if (plan.isTest) {
-        if (options.has("--loop"))
-            throw Failure(ExitUsage, "publish: a test input never ends; leave --loop out");
         plan.test.kind = parseKind(plan.input);
         if (size)
             std::tie(plan.test.width, plan.test.height) = *size;
