@@ -157,7 +157,7 @@ not there yet is waited for; one that goes away is replaced by a no-signal pictu
 shown again when it returns, also with another size or rate.
 
 Options:
-  --audio URL            where the sound comes from; without it, from the video's own store
+  --audio URL            another store for the sound; sound is received and counted, not played
   --frames video|image   frames drawn from the store's memory (default), or converted images
   --fps auto|N           ticks a second; auto: the source's own rate, up to the screen's (default)
   --no-signal FILE       picture for a source that is silent, instead of the built-in one

@@ -29,6 +29,16 @@ Code encoded(double r, double g, double b, shm_color_t color)
 
 void TestPattern::draw(uint8_t *const planes[4], const int32_t strides[4], unsigned number) const
 {
+    drawFrom(0, planes, strides, number);
+}
+
+void TestPattern::drawNumber(uint8_t *const planes[4], const int32_t strides[4], unsigned number) const
+{
+    drawFrom(numberTop(), planes, strides, number);
+}
+
+void TestPattern::drawFrom(int top, uint8_t *const planes[4], const int32_t strides[4], unsigned number) const
+{
     static const double bars[8][3] = {{1, 1, 1}, {1, 1, 0}, {0, 1, 1}, {0, 1, 0},
                                       {1, 0, 1}, {1, 0, 0}, {0, 0, 1}, {0, 0, 0}};
     Code codes[8];
@@ -41,11 +51,11 @@ void TestPattern::draw(uint8_t *const planes[4], const int32_t strides[4], unsig
             return codes[std::min(7, x * 8 / width)];
         return (number >> (15 - std::min(15, x * 16 / width))) & 1 ? white : black;
     };
-    for (int y = 0; y < height; ++y)
+    for (int y = top; y < height; ++y)
         for (int x = 0; x < width; ++x)
             planes[0][y * strides[0] + x] = at(x, y).y;
     const bool pairs = pixelFormat == SHM_PIXEL_FORMAT_NV12;
-    for (int y = 0; y < (height + 1) / 2; ++y) {
+    for (int y = top / 2; y < (height + 1) / 2; ++y) {
         for (int x = 0; x < (width + 1) / 2; ++x) {
             const Code code = at(2 * x, 2 * y);
             (pairs ? planes[1][y * strides[1] + 2 * x] : planes[1][y * strides[1] + x]) = code.u;

@@ -19,6 +19,12 @@ struct TestPattern
     /* `planes` are Y, U, V or Y, UV. */
     void draw(uint8_t *const planes[4], const int32_t strides[4], unsigned number) const;
 
+    /* The lines of the number blocks only. */
+    void drawNumber(uint8_t *const planes[4], const int32_t strides[4], unsigned number) const;
+
     /* First line of the number blocks. */
     int numberTop() const { return height * 3 / 4 / 2 * 2; }
+
+private:
+    void drawFrom(int top, uint8_t *const planes[4], const int32_t strides[4], unsigned number) const;
 };

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
 namespace {
 
@@ -29,6 +30,24 @@ void sleepUntil(long long monotonicUs)
 {
     const timespec until{time_t(monotonicUs / 1000000), long(monotonicUs % 1000000 * 1000)};
     clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr); // interrupted: the loop looks again
+}
+
+/* Drawing takes long, copying does not: a publisher that is late teaches nothing. */
+void drawFrame(const TestPattern &pattern, const shm_writer_frame_t &frame, std::vector<uint8_t> (&bars)[3],
+               unsigned number)
+{
+    const bool first = bars[0].empty();
+    if (first)
+        pattern.draw(frame.planes, frame.strides, number);
+    for (int i = 0; i < 3 && frame.planes[i]; ++i) {
+        const std::size_t bytes =
+            std::size_t(frame.strides[i]) * std::size_t(i == 0 ? pattern.height : (pattern.height + 1) / 2);
+        if (first)
+            bars[i].assign(frame.planes[i], frame.planes[i] + bytes);
+        else
+            std::memcpy(frame.planes[i], bars[i].data(), bytes);
+    }
+    pattern.drawNumber(frame.planes, frame.strides, number);
 }
 
 } // namespace
@@ -69,6 +88,7 @@ int main(int argc, char **argv)
     sigaction(SIGINT, &action, nullptr);
 
     const TestPattern pattern{width, height, params.pixel_format, params.color};
+    std::vector<uint8_t> bars[3];
     const long long startMonotonic = clockUs(CLOCK_MONOTONIC);
     const long long startWall = clockUs(CLOCK_REALTIME);
     for (unsigned number = 0; !stopping; ++number) {
@@ -77,7 +97,7 @@ int main(int argc, char **argv)
         shm_writer_frame_t frame;
         if (stopping || shm_writer_acquire(writer, &frame) != 0)
             continue;
-        pattern.draw(frame.planes, frame.strides, number);
+        drawFrame(pattern, frame, bars, number);
         shm_writer_publish(writer, &frame, startWall + due);
         if (number == 0) {
             std::puts("ready");

@@ -202,6 +202,41 @@ constexpr Colors everyColor[] = {{SHM_PIXEL_FORMAT_YUV420P, SHM_MATRIX_BT601, SH
                                  {SHM_PIXEL_FORMAT_YUV420P, SHM_MATRIX_BT2020, SHM_RANGE_FULL}};
 INSTANTIATE_TEST_SUITE_P(Formats, ViewerColors, testing::ValuesIn(everyColor));
 
+#ifdef ZEVSHM
+class ViewerToolBars : public ViewerTest,
+                       public testing::WithParamInterface<std::tuple<const char *, const char *>>
+{};
+
+TEST_P(ViewerToolBars, snapshotShowsTheirColors)
+{
+    const auto [matrix, format] = GetParam();
+    BoundProcess tool;
+    auto environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("ZEV_SHM_DIR", directory.path());
+    tool.setProcessEnvironment(environment);
+    tool.start(ZEVSHM, {"publish", "cam0", "test:bars", "--no-audio", "--size", "640x360", "--matrix", matrix,
+                        "--format", format});
+    ASSERT_TRUE(tool.waitForStarted(30000)); // the viewer waits for the store
+    report({"--snapshot", file("s.png")});
+    tool.kill();
+    tool.waitForFinished();
+    const QImage snapshot(file("s.png"));
+    ASSERT_EQ(snapshot.size(), QSize(640, 360));
+    const QColor bars[] = {Qt::white,   Qt::yellow, Qt::cyan, Qt::green,
+                           Qt::magenta, Qt::red,    Qt::blue, Qt::black};
+    for (int i = 0; i < 8; ++i) {
+        const QColor seen = snapshot.pixelColor(40 + 80 * i, 90);
+        EXPECT_LE(std::abs(seen.red() - bars[i].red()), 2) << i;
+        EXPECT_LE(std::abs(seen.green() - bars[i].green()), 2) << i;
+        EXPECT_LE(std::abs(seen.blue() - bars[i].blue()), 2) << i;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Tool, ViewerToolBars,
+                         testing::Combine(testing::Values("bt601", "bt709"),
+                                          testing::Values("yuv420p", "nv12")));
+#endif
+
 TEST_F(ViewerTest, aBlockedViewerDisturbsNobody)
 {
     QJsonObject free;

@@ -10,8 +10,8 @@ if(ZEV_BUILD_EXAMPLES AND ZEV_BUILD_QML)
         LIBRARIES Zev::shm Qt5::Gui PkgConfig::FFMPEG GTest::gtest
         LABEL integration)
     # What takes a window, or long, runs beside the rest.
-    set_property(TEST tst_viewer APPEND PROPERTY ENVIRONMENT "GTEST_FILTER=-*Window*:*locked*")
-    foreach(part IN ITEMS "window=*Window*-*locked*" "blocked=*locked*")
+    set_property(TEST tst_viewer APPEND PROPERTY ENVIRONMENT "GTEST_FILTER=-*Window*:*locked*:*ViewerColors*:*ViewerToolBars*")
+    foreach(part IN ITEMS "window=*Window*-*locked*" "blocked=*locked*" "colors=*ViewerColors*:*ViewerToolBars*")
         string(REPLACE "=" ";" part "${part}")
         list(GET part 0 part_name)
         list(GET part 1 part_filter)
@@ -23,5 +23,9 @@ if(ZEV_BUILD_EXAMPLES AND ZEV_BUILD_QML)
         VIEWER="$<TARGET_FILE:zevqt-viewer>"
         PUBLISHER="$<TARGET_FILE:zevqt-testpublisher>"
         ARTIFACTS_DIR="${PROJECT_BINARY_DIR}/artifacts")
+    if(TARGET zevshm)
+        target_compile_definitions(tst_viewer PRIVATE ZEVSHM="$<TARGET_FILE:zevshm>")
+        add_dependencies(tst_viewer zevshm)
+    endif()
     add_dependencies(tst_viewer zevqt-viewer zevqt-testpublisher)
 endif()

@@ -34,3 +34,13 @@ foreach(test tst_videotimeline tst_videotimelinecadence)
     target_compile_definitions(${test} PRIVATE QT_NO_KEYWORDS ZEVQTMM_BUILD)
 endforeach()
 zev_test(tst_videoframeconverter SOURCES ${unit}/tst_videoframeconverter.cpp ${fake_store} LIBRARIES ${core_libraries})
+zev_test(tst_mediaprovider SOURCES ${unit}/tst_mediaprovider.cpp ${fake_store} LIBRARIES ${core_libraries})
+
+include(${unit}/header_check.cmake)
+
+find_package(Python3 COMPONENTS Interpreter)
+if(Python3_FOUND)
+    add_test(NAME check_includes COMMAND Python3::Interpreter ${unit}/check_includes.py ${PROJECT_SOURCE_DIR})
+    add_test(NAME check_includes_finds_errors COMMAND Python3::Interpreter ${unit}/check_includes.py --self-test)
+    set_tests_properties(check_includes check_includes_finds_errors PROPERTIES LABELS unit)
+endif()

@@ -134,6 +134,19 @@ TEST(FrameStatistics, interruptionsAreNeitherSkippedNorPartOfTheRate)
     EXPECT_NEAR(f.fps, 25.0, 1e-9);
 }
 
+TEST(FrameStatistics, eachKindOfInterruptionInterruptsAlone)
+{
+    for (const auto interrupt : {&FrameStatistics::idle, &FrameStatistics::noSignal}) {
+        Stream s;
+        s.show(0);
+        s.show(1);
+        (s.statistics.*interrupt)();
+        s.show(50);
+        EXPECT_EQ(s.figures().skipped, 0u);
+        EXPECT_NEAR(s.figures().fps, 25.0, 1e-9);
+    }
+}
+
 TEST(FrameStatistics, anOlderPictureIsCountedAsBackward)
 {
     Stream s;

@@ -16,3 +16,11 @@ if(TARGET tst_livevideo)
     set_tests_properties(tst_livevideo_opengl PROPERTIES LABELS integration TIMEOUT 120 SKIP_RETURN_CODE 77)
     zev_test_environment(tst_livevideo_opengl)
 endif()
+
+zev_test(tst_viewerwindow
+    SOURCES unit/tst_viewerwindow.cpp integration/xvfbserver.cpp
+        ${PROJECT_SOURCE_DIR}/examples/viewer/viewer.qrc
+    LIBRARIES zevqt-viewer-parts Qt5::Test GTest::gtest
+    LABEL integration)
+target_include_directories(tst_viewerwindow PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/integration)
+set_target_properties(tst_viewerwindow PROPERTIES AUTORCC ON)
