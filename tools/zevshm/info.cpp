@@ -3,7 +3,9 @@
 #include "hostclock.h"
 #include "report.h"
 
+#include <chrono>
 #include <cstdio>
+#include <thread>
 
 namespace zevshm {
 
@@ -30,6 +32,7 @@ int infoCommand(const std::vector<std::string> &words)
     }
     const std::string name = options.positional()[0];
     const ReaderPtr reader = openStore(name);
+    std::this_thread::sleep_for(std::chrono::milliseconds(readerCountMs));
     const StoreReport report = readReport(reader.get(), name);
     if (options.has("--json")) {
         JsonWriter json;

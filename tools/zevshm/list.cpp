@@ -4,8 +4,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <thread>
 
 namespace zevshm {
 
@@ -20,6 +23,8 @@ struct Entry
 {
     std::string name;
     std::string directory;
+    ReaderPtr reader{};
+    shm_error_t error{};
 };
 
 struct Row
@@ -51,34 +56,39 @@ int listCommand(const std::vector<std::string> &words)
     std::vector<Entry> entries;
     const int found = shm_list_stores(
         [](void *context, const char *name, const char *directory) {
-            static_cast<std::vector<Entry> *>(context)->push_back({name, directory});
+            static_cast<std::vector<Entry> *>(context)->push_back({name, directory, {}, {}});
         },
         &entries);
-    // No directory at all is what a machine looks like on which nobody has published yet.
-    if (found < 0 && found != -ENOENT) {
-        const char *directory = std::getenv("ZEV_SHM_DIR");
-        throw Failure(exitCodeForReader(found), std::string(directory ? directory : "the store directories") +
-                                                    ": cannot be read (" + std::strerror(-found) +
-                                                    "); check $ZEV_SHM_DIR and the permissions");
+    // No directory at all is what a machine looks like on which nobody has published yet; one that was named
+    // and is not there is a mistake.
+    const char *directory = std::getenv("ZEV_SHM_DIR");
+    if (found < 0 && (found != -ENOENT || (directory && *directory))) {
+        throw Failure(exitCodeForReader(found) == ExitNoStore ? ExitDirectory : exitCodeForReader(found),
+                      std::string(directory && *directory ? directory : "the store directories") +
+                          ": cannot be read (" + std::strerror(-found) +
+                          "); check $ZEV_SHM_DIR and the permissions");
     }
+
+    for (Entry &entry : entries)
+        entry.reader = tryOpenStore(entry.name, entry.error);
+    if (!entries.empty())
+        std::this_thread::sleep_for(std::chrono::milliseconds(readerCountMs));
 
     JsonWriter json;
     json.beginArray();
     std::vector<Row> rows = {{"NAME", "STATE", "READERS", "CARRIES"}};
     for (const Entry &entry : entries) {
-        shm_error_t error{};
-        const ReaderPtr reader = tryOpenStore(entry.name, error);
         try {
-            if (!reader)
-                throw Failure(ExitNoStore, error.message);
-            const StoreReport report = readReport(reader.get(), entry.name);
+            if (!entry.reader)
+                throw Failure(ExitNoStore, entry.error.message);
+            const StoreReport report = readReport(entry.reader.get(), entry.name);
             writeJson(json, report);
             // This command is a reader itself.
             rows.push_back(
                 {entry.name, "live", std::to_string(std::max(report.info.readers - 1, 0)), summary(report)});
         } catch (const Failure &failure) {
             writeDead(json, entry, failure.what());
-            const int code = -error.code;
+            const int code = -entry.error.code;
             rows.push_back({entry.name,
                             code == EACCES      ? "no access"
                             : code == ETIMEDOUT ? "silent"

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace zevshm {
@@ -70,8 +71,11 @@ void writeFile(const std::string &path, const std::vector<uint8_t> &bytes)
     good = std::fflush(file) == 0 && good;
     const int error = errno;
     if (!toOutput) {
+        struct stat status
+        {};
+        const bool isFile = fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode);
         std::fclose(file);
-        if (!good)
+        if (!good && isFile) // never a device
             unlink(path.c_str());
     }
     if (!good)

@@ -42,7 +42,7 @@ const std::vector<OptionSpec> specs = {
     {"--drop", "PERCENT", "fault: leave out frames at random"},
     {"--stall", "AFTER,FOR", "fault: after so many seconds publish nothing for so many seconds"},
     {"--clock-step", "AFTER,MS",
-     "fault: after so many seconds shift timestamps (the host's clock is left alone)"},
+     "fault: after so many seconds shift timestamps; back: the store is opened anew"},
     {"--seed", "N", "makes --jitter and --drop repeatable (1)"},
     {"--verbose", "", "also show what FFmpeg has to say"},
     {"--help", "", "show this"},
@@ -92,6 +92,9 @@ FaultPlan parseFaults(const Options &options)
     plan.ppm = options.number("--ppm", -100000, 100000).value_or(0);
     plan.dropPercent = options.number("--drop", 0, 100).value_or(0);
     if (const auto stall = options.pair("--stall")) {
+        if (stall->second < 0)
+            throw Failure(ExitUsage,
+                          "publish: --stall cannot last less than nothing; give AFTER,FOR in seconds");
         plan.stallAfterUs = millisecondsToUs(stall->first * 1000);
         plan.stallForUs = millisecondsToUs(stall->second * 1000);
     }

@@ -133,6 +133,14 @@ void Publisher::followFormat(const VideoItem &item)
     m_store.open(changed);
 }
 
+// The store takes timestamps that go back only when the host's clock really went back, and here it did not.
+void Publisher::followStepBack(int64_t labelShiftUs)
+{
+    if (labelShiftUs < m_lastShiftUs)
+        m_store.open(m_store.format());
+    m_lastShiftUs = labelShiftUs;
+}
+
 Publisher::Timing Publisher::checkTiming(int64_t dueUs, int64_t interval, int inRow)
 {
     const int64_t lateUs = monotonicUs() - dueUs;
@@ -168,6 +176,7 @@ void Publisher::publishFrame(const VideoItem &item, uint64_t number)
         m_stopToken.waitUntil(dueUs);
         return;
     }
+    followStepBack(verdict.labelShiftUs);
     const int64_t labelUs = m_clock.labelFor(dueUs) + verdict.labelShiftUs;
 
     shm_writer_frame_t slot{};
@@ -223,6 +232,8 @@ void Publisher::audioLoop()
         const Faults::Verdict verdict = m_faults.audio(elapsed(startUs));
         if (verdict.withheld)
             continue;
+        if (alone)
+            followStepBack(verdict.labelShiftUs);
         const int64_t labelUs = m_clock.labelFor(startUs) + verdict.labelShiftUs;
         m_input.fillAudio(block, labelUs);
         m_store.publishAudio(block, labelUs);

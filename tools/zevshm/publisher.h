@@ -67,6 +67,7 @@ private:
     void publishFrame(const VideoItem &item, uint64_t number);
     Timing checkTiming(int64_t dueUs, int64_t intervalUs, int inRow);
     void followFormat(const VideoItem &item);
+    void followStepBack(int64_t labelShiftUs);
     int64_t elapsed(int64_t dueUs) const { return dueUs - m_startUs; }
     void ended();
 
@@ -87,6 +88,7 @@ private:
     int64_t m_lastDueUs = INT64_MIN; // video thread
     int m_lateInRow = 0;             // video thread
     VideoFormat m_seen;              // video thread: what the input last delivered
+    int64_t m_lastShiftUs = 0;       // video thread; the audio thread's when there is no video
 
     std::atomic<uint64_t> m_published{0};
     std::atomic<uint64_t> m_late{0};

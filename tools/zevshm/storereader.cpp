@@ -2,6 +2,7 @@
 
 #include "commands.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -72,6 +73,7 @@ StoreReport readReport(shm_reader_t *reader, const std::string &name)
     const int rc = shm_reader_get_info(reader, &report.info);
     if (rc < 0 || !report.info.live)
         throw Failure(ExitNoStore, name + ": its writer has just gone; start it again");
+    report.info.readers = std::max(report.info.readers - 1, 0);
     if (report.format.has_video) {
         report.timestamps.resize(SHM_FRAMES_MAX);
         const int held = shm_reader_get_video_timestamps(reader, report.timestamps.data(), SHM_FRAMES_MAX);

@@ -24,8 +24,12 @@ ExitCode exitCodeForReader(int negativeErrno);
 // Connects to a store; Failure when that is not possible.
 ReaderPtr openStore(const std::string &name);
 
-// Everything that `list` and `info` show, read once. The exposed values belong together as well as a live
-// store allows.
+// The writer counts its readers every 100 ms: wait this long after opening, and the count has this reader in
+// it.
+constexpr int readerCountMs = 150;
+
+// Everything that `list` and `info` show, read once; this reader is not counted. The exposed values belong
+// together as well as a live store allows.
 struct StoreReport
 {
     std::string name;

@@ -19,7 +19,6 @@ int utcOffsetSeconds(int64_t wallInstantUs)
 
 TestInput::TestInput(const Settings &settings, const StopToken &stopToken)
     : m_settings(settings), m_stopToken(stopToken),
-      m_pattern(settings.kind, settings.width, settings.height, settings.matrix),
       m_tones(settings.audio.sampleRate, settings.audio.channels)
 {}
 
@@ -89,7 +88,9 @@ void TestInput::fillVideo(const shm_writer_frame_t &slot, int pixelFormat, const
         planes.planes[i] = slot.planes[i];
         planes.strides[i] = slot.strides[i];
     }
-    m_pattern.draw(planes, static_cast<uint32_t>(frameNumber), labelUs, utcOffsetSeconds(labelUs));
+    if (!m_pattern)
+        m_pattern.emplace(m_settings.kind, m_settings.width, m_settings.height, m_settings.matrix);
+    m_pattern->draw(planes, static_cast<uint32_t>(frameNumber), labelUs, utcOffsetSeconds(labelUs));
 }
 
 void TestInput::fillAudio(AudioBlock &block, int64_t labelUs)

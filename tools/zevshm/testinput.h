@@ -46,7 +46,8 @@ private:
 
     const Settings m_settings;
     const StopToken &m_stopToken;
-    TestPattern m_pattern;
+    std::optional<TestPattern>
+        m_pattern; // video thread; made with the first frame, when the store has its memory
     ToneGenerator m_tones;
     int64_t m_nextFrame = 0;   // video thread
     int64_t m_nextSample = 0;  // audio thread

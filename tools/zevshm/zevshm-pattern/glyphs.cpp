@@ -88,13 +88,16 @@ const std::map<char, Shape> &shapes()
     return table;
 }
 
-double distanceToSegment(Point p, Point a, Point b)
+// Squared, because the nearest stroke is the same and a root a pixel is enough.
+double squaredDistance(Point p, Point a, Point b)
 {
     const double dx = b.x - a.x;
     const double dy = b.y - a.y;
     const double length2 = dx * dx + dy * dy;
     const double t = length2 > 0 ? std::clamp(((p.x - a.x) * dx + (p.y - a.y) * dy) / length2, 0.0, 1.0) : 0;
-    return std::hypot(p.x - a.x - t * dx, p.y - a.y - t * dy);
+    const double ex = p.x - a.x - t * dx;
+    const double ey = p.y - a.y - t * dy;
+    return ex * ex + ey * ey;
 }
 
 Mask rasterize(const Shape &shape, int height)
@@ -107,12 +110,12 @@ Mask rasterize(const Shape &shape, int height)
     for (int j = 0; j < mask.height; ++j) {
         for (int i = 0; i < mask.width; ++i) {
             const Point p{(i + 0.5) / scale - penRadius, (j + 0.5) / scale - penRadius};
-            double distance = std::numeric_limits<double>::max();
+            double nearest = std::numeric_limits<double>::max();
             for (const Stroke &stroke : shape.strokes) {
                 for (size_t k = 1; k < stroke.size(); ++k)
-                    distance = std::min(distance, distanceToSegment(p, stroke[k - 1], stroke[k]));
+                    nearest = std::min(nearest, squaredDistance(p, stroke[k - 1], stroke[k]));
             }
-            const double coverage = std::clamp((penRadius - distance) * scale + 0.5, 0.0, 1.0);
+            const double coverage = std::clamp((penRadius - std::sqrt(nearest)) * scale + 0.5, 0.0, 1.0);
             mask.alpha[static_cast<size_t>(j) * static_cast<size_t>(mask.width) + static_cast<size_t>(i)] =
                 static_cast<uint8_t>(std::lround(255 * coverage));
         }

@@ -33,10 +33,11 @@ struct Layout
     int barsBottom, rampBottom, stageBottom;
 };
 
-// A glyph height at which `characters` digits still fit into the width.
+// A glyph height at which `characters` digits still fit into the width; beyond 8K they need not grow any
+// more.
 int fittingHeight(int wanted, int width, double characters)
 {
-    return std::max(4, std::min(wanted, static_cast<int>(width / (characters * 0.78))));
+    return std::max(4, std::min({wanted, static_cast<int>(width / (characters * 0.78)), 960}));
 }
 
 int64_t intoSecond(int64_t timestampUs)

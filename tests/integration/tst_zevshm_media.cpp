@@ -1,0 +1,422 @@
+// Media files: cadence, colors, loops, scaling, pipes, pictures.
+#include "zevshm_driver.h"
+#include "zevshm_media.h"
+
+#include "ffmpeg.h"
+
+#include <zevshm-pattern/blockcode.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <csignal>
+#include <fcntl.h>
+#include <fstream>
+#include <set>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace driver;
+using namespace zevshm;
+
+namespace {
+
+class ZevshmMedia : public testing::Test
+{
+protected:
+    StoreDirectory stores;
+    std::string media(const MediaPlan &plan)
+    {
+        const std::string path = stores.file("media.mkv");
+        EXPECT_TRUE(writeMedia(path, plan));
+        return path;
+    }
+};
+
+std::optional<BlockCode> code(const shm_video_frame_t &frame)
+{
+    return decodeBlockCode(frame.planes[0], frame.strides[0], frame.width, frame.height);
+}
+
+// A store's frame in full-range RGB, computed here from the definition of the matrix.
+std::vector<uint8_t> toRgb(const shm_video_frame_t &frame, bool nv12, Matrix matrix, bool limited)
+{
+    const double kr = matrix == Matrix::Bt601 ? 0.299 : 0.2126;
+    const double kb = matrix == Matrix::Bt601 ? 0.114 : 0.0722;
+    std::vector<uint8_t> rgb;
+    for (int y = 0; y < frame.height; ++y) {
+        for (int x = 0; x < frame.width; ++x) {
+            double luma = frame.planes[0][y * frame.strides[0] + x];
+            double u = nv12 ? frame.planes[1][y / 2 * frame.strides[1] + x / 2 * 2]
+                            : frame.planes[1][y / 2 * frame.strides[1] + x / 2];
+            double v = nv12 ? frame.planes[1][y / 2 * frame.strides[1] + x / 2 * 2 + 1]
+                            : frame.planes[2][y / 2 * frame.strides[2] + x / 2];
+            u -= 128;
+            v -= 128;
+            if (limited) {
+                luma = (luma - 16) * 255 / 219;
+                u *= 255.0 / 224;
+                v *= 255.0 / 224;
+            }
+            const double r = luma + 2 * (1 - kr) * v;
+            const double b = luma + 2 * (1 - kb) * u;
+            const double g = (luma - kr * r - kb * b) / (1 - kr - kb);
+            for (const double value : {r, g, b})
+                rgb.push_back(static_cast<uint8_t>(std::lround(std::fmin(255, std::fmax(0, value)))));
+        }
+    }
+    return rgb;
+}
+
+void expectSameBars(const std::vector<uint8_t> &got, const std::vector<uint8_t> &wanted, int width,
+                    int height, const std::string &what)
+{
+    ASSERT_EQ(got.size(), wanted.size()) << what;
+    for (int bar = 0; bar < TestPattern::bars; ++bar) {
+        const int x0 = TestPattern::barEdge(bar, width) + 6;
+        const int x1 = TestPattern::barEdge(bar + 1, width) - 6;
+        const Means a = means(got, width, x0, x1, 4, height - 4);
+        const Means b = means(wanted, width, x0, x1, 4, height - 4);
+        EXPECT_NEAR(a.r, b.r, 2) << what << " bar " << bar;
+        EXPECT_NEAR(a.g, b.g, 2) << what << " bar " << bar;
+        EXPECT_NEAR(a.b, b.b, 2) << what << " bar " << bar;
+        const Rgb ideal = TestPattern::barColor(bar);
+        EXPECT_NEAR(a.r, ideal.r, 4) << what << " bar " << bar;
+        EXPECT_NEAR(a.g, ideal.g, 4) << what << " bar " << bar;
+        EXPECT_NEAR(a.b, ideal.b, 4) << what << " bar " << bar;
+    }
+}
+
+} // namespace
+
+TEST_F(ZevshmMedia, colorsAreThoseOfFfmpegsOwnDecode)
+{
+    for (const Matrix matrix : {Matrix::Bt601, Matrix::Bt709}) {
+        for (const bool tagged : {true, false}) {
+            MediaPlan plan;
+            // Untagged: 480 lines mean BT.601 and 720 lines BT.709.
+            plan.width = matrix == Matrix::Bt601 ? 640 : 1280;
+            plan.height = matrix == Matrix::Bt601 ? 480 : 720;
+            if (tagged)
+                std::tie(plan.width, plan.height) = std::pair(480, 320);
+            plan.kind = PatternKind::Bars;
+            plan.matrix = matrix;
+            plan.tagMatrix = tagged;
+            plan.frames = 5;
+            const std::string path = media(plan);
+            const std::vector<uint8_t> wanted = decodeFirstFrame(path, matrix);
+            for (const char *format : {"yuv420p", "nv12"}) {
+                for (const bool keepRange : {false, true}) {
+                    const std::string what = std::string(format) +
+                                             (matrix == Matrix::Bt601 ? " 601" : " 709") +
+                                             (tagged ? " tagged" : "") + (keepRange ? " kept" : "");
+                    std::vector<std::string> arguments = {"publish", "cam",      path,
+                                                          "--loop",  "--format", format};
+                    if (keepRange)
+                        arguments.push_back("--keep-range");
+                    Zevshm publisher(arguments);
+                    const Reader reader = openStore("cam");
+                    ASSERT_TRUE(waitForFrames(reader.get(), 1)) << publisher.errors();
+                    const Frame frame(reader.get());
+                    ASSERT_TRUE(frame);
+                    const shm_store_info_t status = storeInfo(reader.get());
+                    EXPECT_EQ(status.color.matrix,
+                              matrix == Matrix::Bt601 ? SHM_MATRIX_BT601 : SHM_MATRIX_BT709)
+                        << what;
+                    EXPECT_EQ(status.color.range, keepRange ? SHM_RANGE_LIMITED : SHM_RANGE_FULL) << what;
+                    expectSameBars(toRgb(*frame, std::string(format) == "nv12", matrix, keepRange), wanted,
+                                   plan.width, plan.height, what);
+                    if (!keepRange) { // white and black are at the ends of the range
+                        EXPECT_GE(frame->planes[0][50 * frame->strides[0] + 8], 254) << what;
+                        EXPECT_LE(frame->planes[0][50 * frame->strides[0] + plan.width - 8], 1) << what;
+                    }
+                    // The picture that the tool writes itself.
+                    const std::string png = stores.file("shot.png");
+                    ASSERT_EQ(run({"snapshot", "cam", png}).code, 0);
+                    expectSameBars(decodeFirstFrame(png, matrix), wanted, plan.width, plan.height,
+                                   what + " png");
+                }
+            }
+        }
+    }
+}
+
+TEST_F(ZevshmMedia, loopsWithoutAGapInPictureAndSound)
+{
+    MediaPlan plan;
+    plan.frames = 10; // 0.4 s
+    Zevshm publisher({"publish", "cam", media(plan), "--loop", "--history", "60"});
+    const Reader reader = openStore("cam");
+    ASSERT_TRUE(waitForFrames(reader.get(), 45)) << publisher.errors();
+    long long stamps[SHM_FRAMES_MAX];
+    const int held = shm_reader_get_video_timestamps(reader.get(), stamps, SHM_FRAMES_MAX);
+    ASSERT_GE(held, 40);
+    std::set<uint32_t> numbers;
+    for (int i = 0; i < held; ++i) {
+        const Frame frame(reader.get(), stamps[i], SHM_VIDEO_EXACT);
+        if (!frame)
+            continue; // has left the history meanwhile
+        const auto read = code(*frame);
+        ASSERT_TRUE(read);
+        numbers.insert(read->frameNumber);
+        if (i > 0) {
+            // A frame may be left out on a starved machine; what comes is on the cadence.
+            EXPECT_EQ((stamps[i] - stamps[i - 1]) % 40000, 0) << i;
+        }
+    }
+    EXPECT_EQ(numbers.size(), 10u);
+
+    shm_audio_status_t audio{};
+    ASSERT_TRUE(waitFor(
+        [&] { return shm_reader_get_audio_status(reader.get(), 0, &audio) == 0 && audio.frames >= 72000; }));
+    std::vector<int16_t> samples(2 * 62400); // 1.3 s: three seams
+    ASSERT_EQ(shm_reader_query_audio2(reader.get(), 0, samples.data(), 1, 62400,
+                                      audio.newest_timestamp - 1400000, -1),
+              1);
+    int silent = 0;
+    int longestSilence = 0;
+    for (size_t i = 0; i < 62400; ++i) {
+        silent = samples[2 * i] == 0 && samples[2 * i + 1] == 0 ? silent + 1 : 0;
+        longestSilence = std::max(longestSilence, silent);
+    }
+    EXPECT_LT(longestSilence, 48) << "a hole in the sound at the seam";
+}
+
+TEST_F(ZevshmMedia, endsWithTheFileAndRemovesTheStore)
+{
+    MediaPlan plan;
+    plan.frames = 12;
+    Zevshm publisher({"publish", "cam", media(plan)});
+    const Reader reader = openStore("cam");
+    ASSERT_TRUE(reader);
+    EXPECT_EQ(publisher.wait(), 0);
+    EXPECT_EQ(publisher.errors(), "");
+    EXPECT_EQ(shm_reader_is_ready(reader.get()), 0);
+    EXPECT_FALSE(stores.hasSocket("cam"));
+}
+
+TEST_F(ZevshmMedia, declaresTheRateOfTheContainer)
+{
+    MediaPlan plan;
+    plan.rate = 50;
+    plan.frames = 50;
+    Zevshm publisher({"publish", "cam", media(plan), "--loop"});
+    const Reader reader = openStore("cam");
+    ASSERT_TRUE(reader);
+    const shm_store_info_t status = storeInfo(reader.get());
+    EXPECT_DOUBLE_EQ(static_cast<double>(status.rate_numerator) / status.rate_denominator, 50);
+}
+
+TEST_F(ZevshmMedia, repeatsFramesForAHigherRate)
+{
+    MediaPlan plan;
+    plan.frames = 25;
+    Zevshm publisher({"publish", "cam", media(plan), "--loop", "--fps", "50", "--history", "60"});
+    const Reader reader = openStore("cam");
+    ASSERT_TRUE(waitForFrames(reader.get(), 40)) << publisher.errors();
+    EXPECT_EQ(storeInfo(reader.get()).frame_interval_us, 20000);
+    long long stamps[SHM_FRAMES_MAX];
+    const int held = shm_reader_get_video_timestamps(reader.get(), stamps, SHM_FRAMES_MAX);
+    std::vector<uint32_t> numbers;
+    for (int i = 0; i < held; ++i) {
+        const Frame frame(reader.get(), stamps[i], SHM_VIDEO_EXACT);
+        if (frame)
+            numbers.push_back(code(*frame)->frameNumber);
+    }
+    size_t repeated = 0;
+    for (size_t i = 1; i < numbers.size(); ++i)
+        repeated += numbers[i] == numbers[i - 1];
+    EXPECT_NEAR(static_cast<double>(repeated), static_cast<double>(numbers.size()) / 2, 6);
+}
+
+TEST_F(ZevshmMedia, scalesToTheSizeAskedFor)
+{
+    MediaPlan plan;
+    plan.width = 640;
+    plan.height = 480;
+    Zevshm publisher({"publish", "cam", media(plan), "--loop", "--size", "322x242", "--format", "nv12"});
+    const Reader reader = openStore("cam");
+    ASSERT_TRUE(waitForFrames(reader.get(), 1)) << publisher.errors();
+    const Frame frame(reader.get());
+    ASSERT_TRUE(frame);
+    EXPECT_EQ(frame->width, 322);
+    EXPECT_EQ(frame->height, 242);
+    EXPECT_TRUE(code(*frame));
+}
+
+TEST_F(ZevshmMedia, resamplesSound)
+{
+    Zevshm publisher({"publish", "cam", media({}), "--loop", "--audio-rate", "44100", "--audio-channels", "1",
+                      "--no-video"});
+    const Reader reader = openStore("cam");
+    ASSERT_TRUE(reader);
+    shm_reader_format_t format{};
+    ASSERT_EQ(shm_reader_get_format(reader.get(), &format), 0);
+    EXPECT_EQ(format.has_video, 0);
+    EXPECT_EQ(format.sample_rate, 44100);
+    EXPECT_EQ(format.channels, 1);
+    shm_audio_status_t audio{};
+    EXPECT_TRUE(waitFor(
+        [&] { return shm_reader_get_audio_status(reader.get(), 0, &audio) == 0 && audio.frames >= 22050; }));
+}
+
+TEST_F(ZevshmMedia, readsStandardInputAndFifos)
+{
+    MediaPlan plan;
+    plan.frames = 25;
+    const std::string path = media(plan);
+    const auto feed = [&path](int fd) {
+        std::ifstream file(path, std::ios::binary);
+        std::vector<char> bytes((std::istreambuf_iterator<char>(file)), {});
+        for (size_t at = 0; at < bytes.size();) {
+            const ssize_t written = write(fd, bytes.data() + at, bytes.size() - at);
+            if (written <= 0)
+                break;
+            at += static_cast<size_t>(written);
+        }
+        close(fd);
+    };
+    std::signal(SIGPIPE, SIG_IGN);
+    {
+        int ends[2];
+        ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        Zevshm publisher({"publish", "cam", "-"}, ends[0]);
+        close(ends[0]);
+        std::thread feeder(feed, ends[1]);
+        const Reader reader = openStore("cam");
+        EXPECT_TRUE(reader && waitForFrames(reader.get(), 5)) << publisher.errors();
+        EXPECT_EQ(publisher.wait(), 0);
+        feeder.join();
+    }
+    const std::string fifo = stores.file("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    {
+        Zevshm publisher({"publish", "cam", fifo});
+        std::thread feeder([&] { feed(open(fifo.c_str(), O_WRONLY | O_CLOEXEC)); });
+        const Reader reader = openStore("cam");
+        EXPECT_TRUE(reader && waitForFrames(reader.get(), 5)) << publisher.errors();
+        EXPECT_EQ(publisher.wait(), 0);
+        feeder.join();
+    }
+    {
+        // A pipe that nothing comes through is left at once.
+        Zevshm publisher({"publish", "cam", fifo});
+        int writer = -1; // can be opened as soon as the publisher reads
+        ASSERT_TRUE(
+            waitFor([&] { return (writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)) >= 0; }));
+        publisher.signal(SIGINT);
+        EXPECT_EQ(publisher.wait(), 0);
+        close(writer);
+    }
+}
+
+TEST_F(ZevshmMedia, truncatedFileEndsWithItsLastFrame)
+{
+    const std::string path = media({});
+    struct stat status
+    {};
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    ASSERT_EQ(truncate(path.c_str(), status.st_size / 2), 0);
+    Zevshm publisher({"publish", "cam", path});
+    const Reader reader = openStore("cam");
+    ASSERT_TRUE(reader && waitForFrames(reader.get(), 3)) << publisher.errors();
+    EXPECT_EQ(publisher.wait(), 0);
+}
+
+TEST_F(ZevshmMedia, networkStreamComesBackWhileTheStoreStays)
+{
+    // A sender that listens, sends for a while, dies and comes back: FFmpeg's own TCP.
+    const std::string path = media({});
+    const int port = 20000 + getpid() % 20000;
+    const std::string url = "tcp://127.0.0.1:" + std::to_string(port);
+    std::atomic<bool> over{false};
+    std::atomic<int> connections{0};
+    std::thread sender([&] {
+        std::ifstream file(path, std::ios::binary);
+        std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(file)), {});
+        while (!over) {
+            AVIOContext *out = nullptr;
+            AVDictionary *options = nullptr;
+            av_dict_set(&options, "listen", "1", 0);
+            av_dict_set(&options, "listen_timeout", "500", 0);
+            if (avio_open2(&out, url.c_str(), AVIO_FLAG_WRITE, nullptr, &options) >= 0) {
+                ++connections;
+                avio_write(out, bytes.data(), static_cast<int>(bytes.size()));
+                avio_closep(&out);
+            }
+            av_dict_free(&options);
+        }
+    });
+    std::unique_ptr<Zevshm> publisher;
+    Reader reader;
+    EXPECT_TRUE(waitFor([&] {
+        if (!publisher || !publisher->running())
+            publisher = std::make_unique<Zevshm>(std::vector<std::string>{"publish", "cam", url});
+        reader.reset(shm_reader_open("cam", 200));
+        return reader != nullptr;
+    })) << (publisher ? publisher->errors() : "");
+    if (reader) {
+        const uint64_t session = storeInfo(reader.get()).session;
+        EXPECT_TRUE(waitFor([&] { return publisher->errors().find("connected again") != std::string::npos; }))
+            << publisher->errors();
+        const uint64_t published = storeInfo(reader.get()).frames_published;
+        EXPECT_TRUE(waitForFrames(reader.get(), published + 5));
+        EXPECT_EQ(storeInfo(reader.get()).session, session);
+        EXPECT_GE(connections, 2);
+        publisher->signal(SIGTERM);
+        EXPECT_EQ(publisher->wait(), 0);
+    }
+    over = true;
+    sender.join();
+}
+
+TEST_F(ZevshmMedia, changedSizeOpensTheStoreAnew)
+{
+    // Two raw pictures of different sizes in a row, as a camera that is set differently sends them.
+    const std::string path = stores.file("sizes.mjpeg");
+    {
+        std::ofstream file(path, std::ios::binary);
+        for (const int width : {320, 480}) {
+            const AvPtr<AVCodecContext> encoder(
+                avcodec_alloc_context3(avcodec_find_encoder(AV_CODEC_ID_MJPEG)));
+            encoder->width = width;
+            encoder->height = 240;
+            encoder->pix_fmt = AV_PIX_FMT_YUVJ420P;
+            encoder->time_base = {1, 25};
+            ASSERT_GE(avcodec_open2(encoder.get(), nullptr, nullptr), 0);
+            const AvPtr<AVFrame> frame(av_frame_alloc());
+            frame->width = width;
+            frame->height = 240;
+            frame->format = AV_PIX_FMT_YUVJ420P;
+            ASSERT_GE(av_frame_get_buffer(frame.get(), 0), 0);
+            for (int plane = 0; plane < 3; ++plane)
+                std::fill_n(frame->data[plane], frame->linesize[plane] * (plane ? 120 : 240),
+                            static_cast<uint8_t>(128));
+            const AvPtr<AVPacket> packet(av_packet_alloc());
+            for (int i = 0; i < 25; ++i) {
+                frame->pts = i;
+                ASSERT_GE(avcodec_send_frame(encoder.get(), frame.get()), 0);
+                ASSERT_EQ(avcodec_receive_packet(encoder.get(), packet.get()), 0);
+                file.write(reinterpret_cast<const char *>(packet->data), packet->size);
+                av_packet_unref(packet.get());
+            }
+        }
+    }
+    const auto width = [](const std::string &store) {
+        const Reader reader(shm_reader_open(store.c_str(), 200));
+        shm_reader_format_t format{};
+        return reader && shm_reader_get_format(reader.get(), &format) == 0 ? format.width : 0;
+    };
+    Zevshm publisher({"publish", "cam", path, "--loop"});
+    EXPECT_TRUE(waitFor([&] { return width("cam") == 320; })) << publisher.errors();
+    EXPECT_TRUE(waitFor([&] { return width("cam") == 480; })) << publisher.errors();
+    EXPECT_NE(publisher.errors().find("changed to 480x240"), std::string::npos);
+
+    Zevshm scaled({"publish", "fixed", path, "--size", "320x240"});
+    const Reader reader = openStore("fixed");
+    ASSERT_TRUE(reader);
+    const uint64_t session = storeInfo(reader.get()).session;
+    EXPECT_TRUE(waitForFrames(reader.get(), 30));
+    EXPECT_EQ(storeInfo(reader.get()).session, session);
+}
