@@ -28,6 +28,13 @@ shm_reader::shm_reader(StoreConnection connection, uint32_t maxLocks)
         indexView(m_connection.index.data(), layout.slotCapacity, layout.historyRing, layout.historyFrames);
     m_control = reinterpret_cast<ControlPage *>(m_connection.control.data());
     m_lastPollUs = coarseUs();
+    m_described.width = static_cast<int32_t>(layout.width);
+    m_described.height = static_cast<int32_t>(layout.height);
+    m_described.session = layout.session;
+    for (uint32_t p = 0; p < layout.planeCount; ++p) {
+        m_described.strides[p] = static_cast<int32_t>(layout.strides[p]);
+        m_described.plane_offsets[p] = static_cast<int64_t>(layout.offsets[p]);
+    }
     const AudioFormat format = {layout.sampleRate, layout.channels, layout.audioCapacity,
                                 layout.audioHistory};
     for (uint32_t i = 0; i < layout.audioStreams; ++i)

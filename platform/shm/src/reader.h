@@ -68,6 +68,7 @@ private:
     // Immutable.
     const uint64_t m_process;
     const uint32_t m_maxLocks;
+    shm_video_frame_t m_described{}; // what the records of all frames have in common
     shm::IndexView m_index;
     shm::ControlPage *m_control = nullptr;
 

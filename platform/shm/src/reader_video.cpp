@@ -62,25 +62,18 @@ int shm_reader::timestamps(long long *timestamps, int capacity) const
 
 void shm_reader::describe(uint32_t slot, uint64_t generation, shm_video_frame_t *frame) const
 {
-    const WelcomeMessage &layout = m_connection.layout;
     const SlotMeta &meta = m_index.metas[slot];
     const shm_color_t color = unpackColor(meta.color.load(std::memory_order_relaxed));
     uint8_t *const base = m_connection.slots[slot].mapping.data();
-    frame->width = static_cast<int32_t>(layout.width);
-    frame->height = static_cast<int32_t>(layout.height);
+    *frame = m_described;
     frame->timestamp = meta.timestamp.load(std::memory_order_relaxed);
-    for (uint32_t p = 0; p < 4; ++p) {
-        const bool there = p < layout.planeCount;
-        frame->planes[p] = there ? base + layout.offsets[p] : nullptr;
-        frame->strides[p] = there ? static_cast<int32_t>(layout.strides[p]) : 0;
-        frame->plane_offsets[p] = there ? static_cast<int64_t>(layout.offsets[p]) : 0;
-    }
+    for (uint32_t p = 0; p < m_connection.layout.planeCount; ++p)
+        frame->planes[p] = base + m_described.plane_offsets[p];
     frame->slot = static_cast<uint16_t>(slot);
     frame->matrix = color.matrix;
     frame->range = color.range;
     frame->memory_generation = m_connection.slots[slot].memoryGeneration;
     frame->generation = generation;
-    frame->session = layout.session;
 }
 
 shm_reader::Attempt shm_reader::tryLock(uint64_t generation, uint32_t slot, uint32_t entry,
