@@ -34,6 +34,23 @@ QAudioFormat shmemFormatToAudioFormat(const shm_reader_format_t &format)
     return result;
 }
 
+// The record keeps the handle it is locked through: the reader may move on to the next writer meanwhile. In
+// one piece, since a deleter that carried the handle itself would be one more allocation for every frame.
+struct LockedRecord : shm_video_frame_t
+{
+    explicit LockedRecord(const QSharedPointer<shm_reader_t> &reader) : shm_video_frame_t(), handle(reader) {}
+
+    static void release(shm_video_frame_t *record)
+    {
+        auto *locked = static_cast<LockedRecord *>(record);
+        if (locked->planes[0])
+            shm_reader_unlock_video(locked->handle.data(), locked);
+        delete locked;
+    }
+
+    const QSharedPointer<shm_reader_t> handle;
+};
+
 bool isDmaRequested()
 {
     static const bool useDma = [] {
@@ -209,13 +226,8 @@ QVideoFrame ShmemReader::grabVideoInternal(long long ts, shm_video_lookup_mode_t
     if (!hasVideo())
         return {};
 
-    // The record keeps the handle it was locked through: the reader may move on to the next writer meanwhile.
     std::unique_ptr<shm_video_frame_t, std::function<void(shm_video_frame_t *)>> frame(
-        new shm_video_frame_t(), [handle = readerRef](shm_video_frame_t *locked) {
-            if (locked->planes[0])
-                shm_reader_unlock_video(handle.data(), locked);
-            delete locked;
-        });
+        new LockedRecord(readerRef), &LockedRecord::release);
     frame->timestamp = ts;
     const shm_video_lookup_mode_t lookup = mode ? *mode : ts == 0 ? SHM_VIDEO_NEWEST : SHM_VIDEO_NEAREST;
     if (shm_reader_lock_video(reader, frame.get(), lookup) != 0)
