@@ -18,3 +18,10 @@ foreach(function swr_alloc swr_init swr_convert swr_free)
 endforeach()
 
 zev_test(tst_audiolevels SOURCES ${audio_unit}/tst_audiolevels.cpp LIBRARIES Zev::zevqt-mm Qt5::Test)
+
+# The player over devices of the test's own and a clock that is set at will.
+zev_test(tst_audioplayer
+    SOURCES ${audio_unit}/tst_audioplayer.cpp ${audio_store} ${audio_unit}/fake_audiosystem.cpp
+        ${audio_unit}/fake_audiosystem.h ${audio_unit}/fake_clockdetector.cpp ${audio_unit}/fake_clockdetector.h
+    LIBRARIES ${audio_libraries})
+target_compile_definitions(tst_audioplayer PRIVATE QT_STATICPLUGIN)
