@@ -1,0 +1,42 @@
+#ifndef ZEV_TESTS_TONEPUBLISHER_H
+#define ZEV_TESTS_TONEPUBLISHER_H
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+/*!
+ * Publishes a sine per channel into a store, in real time, until it is destroyed: what a sender does. The
+ * phase is a function of the sample's number only, so that the tone has no seam but where the publisher was
+ * started anew.
+ */
+class TonePublisher
+{
+public:
+    struct Tone
+    {
+        double frequency; // Hz
+        double amplitude; // 0 to 32767
+    };
+
+    TonePublisher(std::string name, int rate, std::vector<Tone> tones);
+    ~TonePublisher();
+    TonePublisher(const TonePublisher &) = delete;
+    TonePublisher &operator=(const TonePublisher &) = delete;
+
+    bool isPublished() const { return published; }
+
+private:
+    void run();
+
+    const std::string name;
+    const int rate;
+    const std::vector<Tone> tones;
+    std::atomic<bool> published{false};
+    std::atomic<bool> stopping{false};
+    std::thread thread;
+};
+
+#endif

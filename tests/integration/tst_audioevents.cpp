@@ -1,0 +1,333 @@
+#include "pulseserver.h"
+#include "tonecheck.h"
+#include "tonepublisher.h"
+
+#include <zevqt-mm/audioplayer.h>
+
+#include <QtTest/QtTest>
+
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace {
+
+const int patienceMs = 30000;
+const TonePublisher::Tone tone{441.0, 8000};
+
+int entriesOf(const char *folder)
+{
+    return QDir(QLatin1String(folder))
+        .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)
+        .size();
+}
+
+} // namespace
+
+// What goes wrong while it plays: nothing of it may crash or hang the application, or stop the sound for
+// longer than the cause lasts. The order matters: the last ones take the sound server away.
+class tst_AudioEvents : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanup();
+
+    void unknownDevice();
+    void startingAndStoppingLeaksNothing();
+    void playedTimeRunsWithTheClock();
+    void waveformIsWhatTheSinkPlays();
+    void publisherGoesAndReturns();
+    void publisherReturnsWithAnotherFormat_data();
+    void publisherReturnsWithAnotherFormat();
+    void sourceDestroyed();
+    void sourceDestroyedInAnotherThread();
+    void teardownWhilePlaying();
+    void sinkIsTakenAway();
+    void serverDies();
+
+private:
+    AudioPlayer *player() const { return AudioPlayer::getInstance(); }
+    bool play(MediaSource *source, const char *sink);
+    // The recording ends with `frames` frames of tone, or of silence.
+    bool hears(SinkRecorder &recorder, bool isTone, int frames = 4800);
+
+    QTemporaryDir stores{QStringLiteral("/tmp/zev-XXXXXX")};
+    PulseServer server;
+};
+
+void tst_AudioEvents::initTestCase()
+{
+    qputenv("ZEV_SHM_DIR", stores.path().toUtf8());
+    if (!server.start())
+        QSKIP("no sound server: is pulseaudio installed?");
+}
+
+void tst_AudioEvents::cleanup()
+{
+    AudioPlayer::teardown();
+}
+
+bool tst_AudioEvents::play(MediaSource *source, const char *sink)
+{
+    player()->setDelay(400000);
+    player()->setMaxDelay(500000);
+    return player()->setDevice(QLatin1String(sink)) && player()->start(source, 25);
+}
+
+bool tst_AudioEvents::hears(SinkRecorder &recorder, bool isTone, int frames)
+{
+    return QTest::qWaitFor(
+        [&] {
+            const QByteArray &data = recorder.data();
+            if (data.size() < 4 * frames)
+                return false;
+            const auto *end = reinterpret_cast<const int16_t *>(data.constData()) + data.size() / 4 * 2;
+            const std::vector<double> samples =
+                channelOf(end - 2 * frames, static_cast<size_t>(frames), 2, 0);
+            if (!isTone)
+                return std::all_of(samples.begin(), samples.end(), [](double value) { return value == 0; });
+            return std::abs(frequencyOf(samples, 48000) / tone.frequency - 1) < 0.02 &&
+                   std::abs(levelAgainst(samples, tone.amplitude)) < 0.5;
+        },
+        patienceMs);
+}
+
+void tst_AudioEvents::unknownDevice()
+{
+    QVERIFY(!player()->setDevice(QStringLiteral("no such sink")));
+    QVERIFY(!player()->enabled());
+    QVERIFY(player()->setDevice(QStringLiteral("b")));
+}
+
+void tst_AudioEvents::startingAndStoppingLeaksNothing()
+{
+    TonePublisher publisher("tone", 48000, {tone, tone});
+    MediaSource source(QStringLiteral("tone"), 100);
+    QVERIFY(source.open());
+    QSignalSpy played(player(), &AudioPlayer::audioPlayed);
+    int descriptors = 0;
+    int threads = 0;
+    for (int i = 0; i < 60; ++i) {
+        QVERIFY(play(&source, i % 2 ? "a" : "b")); // another output every time
+        if (i % 10 == 9) {
+            played.clear();
+            QTRY_VERIFY_WITH_TIMEOUT(played.count() > 0, patienceMs);
+        }
+        player()->stop();
+        QCoreApplication::processEvents();
+        if (i == 19) {
+            descriptors = entriesOf("/proc/self/fd");
+            threads = entriesOf("/proc/self/task");
+        }
+    }
+    QCOMPARE(entriesOf("/proc/self/fd"), descriptors);
+    QCOMPARE(entriesOf("/proc/self/task"), threads);
+}
+
+// The time heard is behind live by the delay, the server's buffer and a period, and goes on as fast as the
+// clock.
+void tst_AudioEvents::playedTimeRunsWithTheClock()
+{
+    TonePublisher publisher("tone", 48000, {tone, tone});
+    MediaSource source(QStringLiteral("tone"), 100);
+    QVERIFY(source.open());
+    QVERIFY(play(&source, "a"));
+    QVector<qint64> times;
+    QVector<qint64> ages;
+    connect(player(), &AudioPlayer::audioPlayed, this, [&](qint64 timestamp) {
+        if (timestamp > 0) {
+            times.append(timestamp);
+            ages.append(QDateTime::currentMSecsSinceEpoch() * 1000 - timestamp);
+        }
+    });
+    QTRY_VERIFY_WITH_TIMEOUT(times.size() >= 100, patienceMs);
+    player()->stop();
+    for (const qint64 age : qAsConst(ages)) {
+        QVERIFY(age > 0);
+        QVERIFY(age < 500000 + 250000 + 20000); // maxDelay, the server's buffer, a period
+    }
+    // A hundred reports 40 ms apart; the server takes audio in blocks of up to its buffer.
+    QVERIFY(times.last() - times.first() > 99 * 40000 - 2 * 250000);
+}
+
+void tst_AudioEvents::waveformIsWhatTheSinkPlays()
+{
+    TonePublisher publisher("tone", 48000, {tone, {700, 3000}});
+    MediaSource source(QStringLiteral("tone"), 100);
+    QVERIFY(source.open());
+    const QString path = server.path(QStringLiteral("dump.pcm"));
+    player()->setWaveformFile(path);
+    SinkRecorder recorder;
+    QVERIFY(recorder.start(QStringLiteral("a"), 48000, 2));
+    QVERIFY(play(&source, "a"));
+    QVERIFY(hears(recorder, true, 96000));
+    const QByteArray recorded = recorder.data();
+    AudioPlayer::teardown();
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QByteArray dumped = file.readAll();
+    QVERIFY(dumped.size() > 192000);
+    // A second from the middle of the file is in the recording, byte for byte.
+    QVERIFY(recorded.contains(dumped.mid(96000, 192000)));
+}
+
+void tst_AudioEvents::publisherGoesAndReturns()
+{
+    auto publisher =
+        std::make_unique<TonePublisher>("tone", 48000, std::vector<TonePublisher::Tone>{tone, tone});
+    MediaSource source(QStringLiteral("tone"), 100);
+    QVERIFY(source.open());
+    QSignalSpy stopped(player(), &AudioPlayer::playerStopped);
+    SinkRecorder recorder;
+    QVERIFY(recorder.start(QStringLiteral("a"), 48000, 2));
+    QVERIFY(play(&source, "a"));
+    stopped.clear();
+    for (int i = 0; i < 2; ++i) {
+        QVERIFY(hears(recorder, true));
+        publisher.reset();
+        QVERIFY(hears(recorder, false));
+        publisher =
+            std::make_unique<TonePublisher>("tone", 48000, std::vector<TonePublisher::Tone>{tone, tone});
+        QVERIFY(hears(recorder, true));
+    }
+    QCOMPARE(stopped.count(), 0);
+    QVERIFY(player()->isActive());
+    player()->stop(); // before the source goes, which belongs to this function
+}
+
+void tst_AudioEvents::publisherReturnsWithAnotherFormat_data()
+{
+    QTest::addColumn<int>("rate");
+    QTest::addColumn<int>("channels");
+    QTest::newRow("more channels") << 48000 << 8;
+    QTest::newRow("another rate") << 44100 << 2;
+    QTest::newRow("one channel, another rate") << 32000 << 1;
+}
+
+void tst_AudioEvents::publisherReturnsWithAnotherFormat()
+{
+    QFETCH(int, rate);
+    QFETCH(int, channels);
+    auto publisher =
+        std::make_unique<TonePublisher>("tone", 48000, std::vector<TonePublisher::Tone>{tone, tone});
+    MediaSource source(QStringLiteral("tone"), 100);
+    QVERIFY(source.open());
+    SinkRecorder recorder;
+    QVERIFY(recorder.start(QStringLiteral("a"), 48000, 2));
+    QVERIFY(play(&source, "a"));
+    QVERIFY(hears(recorder, true));
+    publisher.reset();
+    // Eight channels are mixed into two: only the front ones sound.
+    std::vector<TonePublisher::Tone> tones(static_cast<size_t>(channels), {tone.frequency, 0});
+    tones[0] = tone;
+    if (channels > 1)
+        tones[1] = tone;
+    publisher = std::make_unique<TonePublisher>("tone", rate, tones);
+    QVERIFY(hears(recorder, false));
+    const int before = recorder.data().size();
+    QTRY_VERIFY_WITH_TIMEOUT(
+        [&] {
+            const QByteArray &data = recorder.data();
+            if (data.size() < before + 4 * 9600)
+                return false;
+            const auto *end = reinterpret_cast<const int16_t *>(data.constData()) + data.size() / 4 * 2;
+            const std::vector<double> samples = channelOf(end - 2 * 9600, 9600, 2, 0);
+            // Mixing eight channels down lowers the level; the frequency tells that the format was followed.
+            return std::abs(frequencyOf(samples, 48000) / tone.frequency - 1) < 0.01 &&
+                   levelAgainst(samples, tone.amplitude) > -20;
+        }(),
+        patienceMs);
+    QVERIFY(player()->isActive());
+    player()->stop();
+}
+
+void tst_AudioEvents::sourceDestroyed()
+{
+    TonePublisher publisher("tone", 48000, {tone, tone});
+    auto source = std::make_unique<MediaSource>(QStringLiteral("tone"), 100);
+    QVERIFY(source->open());
+    SinkRecorder recorder;
+    QVERIFY(recorder.start(QStringLiteral("a"), 48000, 2));
+    QVERIFY(play(source.get(), "a"));
+    QVERIFY(hears(recorder, true));
+    QSignalSpy stopped(player(), &AudioPlayer::playerStopped);
+    source.reset();
+    QCOMPARE(stopped.count(), 1);
+    QVERIFY(!player()->isActive());
+    QVERIFY(hears(recorder, false));
+}
+
+void tst_AudioEvents::sourceDestroyedInAnotherThread()
+{
+    TonePublisher publisher("tone", 48000, {tone, tone});
+    QThread thread;
+    thread.start();
+    auto *source = new MediaSource(QStringLiteral("tone"), 100);
+    QVERIFY(source->open());
+    source->moveToThread(&thread);
+    QPointer<MediaSource> guard(source);
+    QVERIFY(play(source, "a"));
+    QSignalSpy played(player(), &AudioPlayer::audioPlayed);
+    QTRY_VERIFY_WITH_TIMEOUT(played.count() > 5, patienceMs);
+    QSignalSpy stopped(player(), &AudioPlayer::playerStopped);
+    source->deleteLater();
+    QTRY_COMPARE_WITH_TIMEOUT(stopped.count(), 1, patienceMs);
+    QTRY_VERIFY_WITH_TIMEOUT(!guard, patienceMs);
+    QVERIFY(!player()->isActive());
+    thread.quit();
+    QVERIFY(thread.wait(patienceMs));
+}
+
+void tst_AudioEvents::teardownWhilePlaying()
+{
+    TonePublisher publisher("tone", 48000, {tone, tone});
+    MediaSource source(QStringLiteral("tone"), 100);
+    QVERIFY(source.open());
+    SinkRecorder recorder;
+    QVERIFY(recorder.start(QStringLiteral("a"), 48000, 2));
+    for (int i = 0; i < 3; ++i) {
+        QVERIFY(play(&source, "a"));
+        QVERIFY(hears(recorder, true));
+        AudioPlayer::teardown();
+        QVERIFY(hears(recorder, false));
+    }
+}
+
+void tst_AudioEvents::sinkIsTakenAway()
+{
+    TonePublisher publisher("tone", 48000, {tone, tone});
+    MediaSource source(QStringLiteral("tone"), 100);
+    QVERIFY(source.open());
+    QVERIFY(play(&source, "b"));
+    QSignalSpy played(player(), &AudioPlayer::audioPlayed);
+    QTRY_VERIFY_WITH_TIMEOUT(played.count() > 5, patienceMs);
+    QVERIFY(server.removeSink(QStringLiteral("b")));
+    // The application lives, and can play elsewhere.
+    SinkRecorder recorder;
+    QVERIFY(recorder.start(QStringLiteral("a"), 48000, 2));
+    QVERIFY(play(&source, "a"));
+    QVERIFY(hears(recorder, true));
+    player()->stop();
+}
+
+void tst_AudioEvents::serverDies()
+{
+    TonePublisher publisher("tone", 48000, {tone, tone});
+    MediaSource source(QStringLiteral("tone"), 100);
+    QVERIFY(source.open());
+    QVERIFY(play(&source, "a"));
+    QSignalSpy played(player(), &AudioPlayer::audioPlayed);
+    QSignalSpy stopped(player(), &AudioPlayer::playerStopped);
+    QTRY_VERIFY_WITH_TIMEOUT(played.count() > 5, patienceMs);
+    server.kill();
+    QTRY_COMPARE_WITH_TIMEOUT(stopped.count(), 1, patienceMs);
+    QVERIFY(!player()->isActive());
+    // Qt still lists the device; it can no longer be opened.
+    QVERIFY(!play(&source, "a"));
+    QVERIFY(!player()->isActive());
+}
+
+QTEST_GUILESS_MAIN(tst_AudioEvents)
+#include "tst_audioevents.moc"
