@@ -41,6 +41,11 @@ public:
     int timestamps(long long *timestamps, int capacity) const;
     int lock(shm_video_frame_t *frame, shm_video_lookup_mode_t mode);
     void unlock(shm_video_frame_t *frame);
+    // The frame `generation` in `slot`, whatever the history says; `entry` is a free entry of the lock table.
+    // What lock() ends in, and what a test calls to meet the writer where it reuses a slot.
+    enum class Attempt { Locked, Retry, NoFrame };
+    Attempt tryLock(uint64_t generation, uint32_t slot, uint32_t entry, shm_video_frame_t *frame);
+    const shm::IndexView &index() const { return m_index; }
     int waitVideo(uint64_t after, int timeoutMs);
     bool hasVideo() const { return m_connection.layout.slotCapacity != 0; }
 
@@ -50,8 +55,6 @@ public:
                        int channel);
 
 private:
-    enum class Attempt { Locked, Retry, NoFrame };
-    Attempt tryLock(uint64_t generation, uint32_t slot, uint32_t entry, shm_video_frame_t *frame);
     void describe(uint32_t slot, uint64_t generation, shm_video_frame_t *frame) const;
     bool pollConnection();
     bool receive();
