@@ -1,2 +1,3 @@
 # The frame store under stress, with real processes.
 zev_test(shm_torture SOURCES integration/shm_torture.cpp LIBRARIES shm_testable LABEL integration)
+zev_test(tst_shm_store SOURCES integration/tst_shm_store.cpp LIBRARIES Zev::shm GTest::gtest LABEL integration)

@@ -66,10 +66,13 @@ int receiveMessage(int socket, Message *message)
     header.msg_iovlen = 1;
     header.msg_control = control;
     header.msg_controllen = sizeof control;
+    // A peer that hangs up without having read everything leaves an error in front of what it sent; the error
+    // is told once, and then its last words can be read.
     ssize_t received = 0;
+    int resets = 0;
     do {
         received = recvmsg(socket, &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-    } while (received < 0 && errno == EINTR);
+    } while (received < 0 && (errno == EINTR || (errno == ECONNRESET && resets++ == 0)));
     if (received < 0) {
         if (errno == EAGAIN || errno == EWOULDBLOCK)
             return -EAGAIN;

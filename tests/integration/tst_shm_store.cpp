@@ -1,0 +1,932 @@
+// One store in one process and in two: what a program sees through the public interface.
+#include "../unit/shm_testing.h"
+
+#include <grp.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+
+using namespace testing_shm;
+
+namespace {
+
+class ShmStore : public ::testing::Test
+{
+protected:
+    StoreDirectory directory;
+};
+
+// A writer in a child that has published frames 1000, 2000, ... `frames` * 1000 with the value of their
+// number.
+std::unique_ptr<Child> writerChild(const char *name, int frames)
+{
+    auto child = std::make_unique<Child>([name, frames](Child &self) {
+        Writer writer = openWriter(smallVideo(name));
+        if (!writer)
+            return 1;
+        for (int i = 1; i <= frames; ++i)
+            publishFrame(writer.get(), i * 1000, static_cast<uint8_t>(i));
+        self.tell();
+        self.hear();
+        return 0;
+    });
+    EXPECT_EQ(child->hear(), 'x');
+    return child;
+}
+
+TEST_F(ShmStore, DeliversFramesAndTheirDescription)
+{
+    shm_writer_params_t params = smallVideo("a");
+    params.rate_numerator = 25;
+    params.rate_denominator = 1;
+    Writer writer = openWriter(params);
+    ASSERT_TRUE(writer);
+    ASSERT_EQ(publishFrame(writer.get(), 40000, 7), 0);
+    Reader reader = openReader("a");
+    ASSERT_TRUE(reader);
+
+    shm_reader_format_t format;
+    ASSERT_EQ(shm_reader_get_format(reader.get(), &format), 0);
+    EXPECT_NE(format.valid, 0);
+    EXPECT_NE(format.has_video, 0);
+    EXPECT_EQ(format.width, 64);
+    EXPECT_EQ(format.height, 48);
+    EXPECT_EQ(format.frame_count, 8);
+    EXPECT_EQ(format.pixel_format, SHM_PIXEL_FORMAT_NV12);
+    EXPECT_EQ(format.has_audio, 0);
+
+    shm_video_frame_t frame;
+    ASSERT_EQ(lockFrame(reader.get(), &frame, SHM_VIDEO_NEWEST), 0);
+    EXPECT_EQ(frame.width, 64);
+    EXPECT_EQ(frame.height, 48);
+    EXPECT_EQ(frame.timestamp, 40000);
+    EXPECT_EQ(frame.planes[0][63], 7);
+    EXPECT_EQ(frame.planes[1][0], 7);
+    EXPECT_EQ(frame.planes[2], nullptr);
+    EXPECT_EQ(frame.strides[0], 256);
+    EXPECT_EQ(frame.strides[2], 0);
+    EXPECT_EQ(frame.plane_offsets[1] % 4096, 0);
+    EXPECT_EQ(frame.matrix, SHM_MATRIX_BT709);
+    EXPECT_EQ(frame.range, SHM_RANGE_FULL);
+    EXPECT_EQ(shm_reader_get_dmabuf_fd(reader.get()), -1);
+    EXPECT_LT(shm_reader_open_dmabuf_fd(reader.get()), 0);
+    shm_reader_unlock_video(reader.get(), &frame);
+    EXPECT_EQ(frame.planes[0], nullptr);
+
+    shm_video_status_t status;
+    ASSERT_EQ(shm_reader_get_video_status(reader.get(), &status), 0);
+    EXPECT_NE(status.live, 0);
+    EXPECT_EQ(status.frames_held, 1);
+    EXPECT_EQ(status.newest_timestamp, 40000);
+    EXPECT_EQ(status.frame_interval_us, 40000);
+    EXPECT_EQ(status.frames_published, 1u);
+}
+
+TEST_F(ShmStore, KeepsAtLeastTheAdvertisedHistory)
+{
+    Writer writer = openWriter(smallVideo("a"));
+    Reader reader = openReader("a");
+    ASSERT_TRUE(reader);
+    for (int i = 1; i <= 100; ++i) {
+        ASSERT_EQ(publishFrame(writer.get(), i * 1000, static_cast<uint8_t>(i)), 0);
+        long long timestamps[8];
+        const int held = shm_reader_get_video_timestamps(reader.get(), timestamps, 8);
+        ASSERT_EQ(held, std::min(i, 8));
+        for (int k = 0; k < held; ++k)
+            ASSERT_EQ(timestamps[k], (i - held + 1 + k) * 1000);
+        shm_video_frame_t frame;
+        ASSERT_EQ(lockFrame(reader.get(), &frame, SHM_VIDEO_EXACT, timestamps[0]), 0);
+        ASSERT_EQ(frame.planes[0][0], static_cast<uint8_t>(timestamps[0] / 1000));
+        shm_reader_unlock_video(reader.get(), &frame);
+    }
+}
+
+TEST_F(ShmStore, RefusesFramesThatAreNotLater)
+{
+    Writer writer = openWriter(smallVideo("a"));
+    EXPECT_EQ(publishFrame(writer.get(), 1000, 1), 0);
+    EXPECT_EQ(publishFrame(writer.get(), 1000, 2), -EEXIST);
+    EXPECT_EQ(publishFrame(writer.get(), 999, 3), -EEXIST);
+    EXPECT_EQ(publishFrame(writer.get(), 1001, 4), 0);
+    EXPECT_EQ(statsOf(writer.get()).frames_refused, 2u);
+    EXPECT_EQ(statsOf(writer.get()).frames_published, 2u);
+}
+
+TEST_F(ShmStore, LimitsTheLocksOfAReader)
+{
+    Writer writer = openWriter(smallVideo("a"));
+    for (int i = 1; i <= 8; ++i)
+        publishFrame(writer.get(), i * 1000, 0);
+    Reader reader = openReader("a", nullptr, 3);
+    shm_video_frame_t frames[4];
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(lockFrame(reader.get(), &frames[i], SHM_VIDEO_EXACT, (i + 1) * 1000), 0);
+    EXPECT_EQ(lockFrame(reader.get(), &frames[3], SHM_VIDEO_NEWEST), -EBUSY);
+    EXPECT_EQ(frames[3].planes[0], nullptr);
+    shm_reader_unlock_video(reader.get(), &frames[1]);
+    EXPECT_EQ(lockFrame(reader.get(), &frames[3], SHM_VIDEO_NEWEST), 0);
+}
+
+TEST_F(ShmStore, ASecondUnlockDoesNothing)
+{
+    Writer writer = openWriter(smallVideo("a"));
+    publishFrame(writer.get(), 1000, 1);
+    Reader reader = openReader("a", nullptr, 1);
+    shm_video_frame_t frame;
+    ASSERT_EQ(lockFrame(reader.get(), &frame, SHM_VIDEO_NEWEST), 0);
+    shm_video_frame_t copy = frame;
+    shm_reader_unlock_video(reader.get(), &frame);
+    shm_reader_unlock_video(reader.get(), &frame);
+    shm_reader_unlock_video(reader.get(), &copy);
+    ASSERT_TRUE(eventually([&] { return statsOf(writer.get()).locks_held == 0; }));
+    // The counter has not gone below zero either: the slot can be locked and counted as before.
+    ASSERT_EQ(lockFrame(reader.get(), &frame, SHM_VIDEO_NEWEST), 0);
+    EXPECT_TRUE(eventually([&] { return statsOf(writer.get()).locks_held == 1; }));
+}
+
+TEST_F(ShmStore, UnlockRunsInAnyThread)
+{
+    Writer writer = openWriter(smallVideo("a"));
+    Reader reader = openReader("a");
+    for (int i = 1; i <= 500; ++i) {
+        ASSERT_EQ(publishFrame(writer.get(), i * 1000, static_cast<uint8_t>(i)), 0);
+        shm_video_frame_t frame;
+        ASSERT_EQ(lockFrame(reader.get(), &frame, SHM_VIDEO_NEWEST), 0);
+        std::thread other([&reader, frame]() mutable { shm_reader_unlock_video(reader.get(), &frame); });
+        shm_video_frame_t mine;
+        EXPECT_EQ(lockFrame(reader.get(), &mine, SHM_VIDEO_NEWEST), 0);
+        shm_reader_unlock_video(reader.get(), &mine);
+        other.join();
+    }
+    EXPECT_TRUE(eventually([&] { return statsOf(writer.get()).locks_held == 0; }));
+}
+
+TEST_F(ShmStore, ASecondPublisherIsTurnedAway)
+{
+    const auto other = writerChild("a", 1);
+    shm_error_t error = {};
+    shm_writer_params_t params = smallVideo("a");
+    shm_writer_t *writer = nullptr;
+    EXPECT_EQ(shm_writer_open(&params, &writer, &error), -EADDRINUSE);
+    EXPECT_EQ(writer, nullptr);
+    EXPECT_NE(std::string(error.message).find("already published"), std::string::npos) << error.message;
+    // And within one process.
+    Writer first = openWriter(smallVideo("b"));
+    params.name = "b";
+    EXPECT_EQ(shm_writer_open(&params, &writer, &error), -EADDRINUSE);
+    EXPECT_NE(std::string(error.message).find("already published"), std::string::npos) << error.message;
+    first.reset();
+    EXPECT_EQ(shm_writer_open(&params, &writer, &error), 0);
+    shm_writer_close(writer);
+}
+
+TEST_F(ShmStore, AKilledWriterIsNoticedAndReplaced)
+{
+    auto first = writerChild("a", 3);
+    Reader reader = openReader("a");
+    ASSERT_TRUE(reader);
+    shm_video_frame_t frame;
+    ASSERT_EQ(lockFrame(reader.get(), &frame, SHM_VIDEO_NEWEST), 0);
+    EXPECT_EQ(shm_reader_is_ready(reader.get()), 1);
+    first->kill9();
+    EXPECT_TRUE(eventually([&] { return shm_reader_is_ready(reader.get()) == 0; }));
+    shm_video_status_t status;
+    shm_reader_get_video_status(reader.get(), &status);
+    EXPECT_EQ(status.live, 0);
+    EXPECT_EQ(status.newest_timestamp, 0);
+    shm_video_frame_t none;
+    EXPECT_EQ(lockFrame(reader.get(), &none, SHM_VIDEO_NEWEST), -ENODEV);
+    shm_error_t error = {};
+    EXPECT_FALSE(openReader("a", &error));
+    EXPECT_EQ(error.code, -ECONNREFUSED) << error.message;
+
+    // The stale socket is no obstacle, and what was locked before stays as it is.
+    auto second = writerChild("a", 5);
+    Reader again = openReader("a");
+    ASSERT_TRUE(again);
+    shm_video_frame_t newer;
+    ASSERT_EQ(lockFrame(again.get(), &newer, SHM_VIDEO_NEWEST), 0);
+    EXPECT_EQ(newer.planes[0][0], 5);
+    EXPECT_NE(newer.session, frame.session);
+    EXPECT_EQ(frame.planes[0][0], 3);
+    shm_reader_unlock_video(reader.get(), &frame);
+    EXPECT_EQ(frame.planes[0], nullptr);
+}
+
+TEST_F(ShmStore, AWriterThatClosesIsSeenAsGoneAndLeavesNothing)
+{
+    Writer writer = openWriter(smallVideo("a"));
+    publishFrame(writer.get(), 1000, 9);
+    Reader reader = openReader("a");
+    shm_video_frame_t frame;
+    ASSERT_EQ(lockFrame(reader.get(), &frame, SHM_VIDEO_NEWEST), 0);
+    writer.reset();
+    EXPECT_EQ(shm_reader_is_ready(reader.get()), 0);
+    EXPECT_EQ(frame.planes[0][10], 9);
+    EXPECT_TRUE(directory.files().empty());
+    shm_error_t error = {};
+    EXPECT_FALSE(openReader("a", &error));
+    EXPECT_EQ(error.code, -ENOENT);
+}
+
+TEST_F(ShmStore, AStoppedWriterCountsAsGoneUntilItMoves)
+{
+    auto child = writerChild("a", 1);
+    Reader reader = openReader("a");
+    ASSERT_TRUE(reader);
+    kill(child->pid(), SIGSTOP);
+    EXPECT_TRUE(eventually([&] { return shm_reader_is_ready(reader.get()) == 0; }));
+    kill(child->pid(), SIGCONT);
+    EXPECT_TRUE(eventually([&] { return shm_reader_is_ready(reader.get()) == 1; }));
+}
+
+TEST_F(ShmStore, AnUnansweredHandshakeIsKeptAndLookedAtWithoutWaiting)
+{
+    auto child = writerChild("a", 1);
+    kill(child->pid(), SIGSTOP);
+    int status = 0;
+    waitpid(child->pid(), &status, WUNTRACED);
+    const size_t before = openDescriptors();
+    shm_error_t error = {};
+    EXPECT_FALSE(openReader("a", &error, 0, 50));
+    EXPECT_EQ(error.code, -ETIMEDOUT) << error.message;
+    const size_t kept = openDescriptors();
+    EXPECT_GT(kept, before);
+    // With an hour to wait, this would not come back if it waited; and nothing piles up.
+    for (int i = 0; i < 20; ++i)
+        EXPECT_FALSE(openReader("a", &error, 0, 3600 * 1000));
+    EXPECT_EQ(openDescriptors(), kept);
+    kill(child->pid(), SIGCONT);
+    Reader reader;
+    EXPECT_TRUE(eventually([&] { return (reader = openReader("a", &error, 0, 0)) != nullptr; }))
+        << error.message;
+    EXPECT_EQ(shm_reader_is_ready(reader.get()), 1);
+}
+
+TEST_F(ShmStore, AKeptHandshakeDoesNotHideTheNextWriter)
+{
+    auto child = writerChild("a", 1);
+    kill(child->pid(), SIGSTOP);
+    waitpid(child->pid(), nullptr, WUNTRACED);
+    EXPECT_FALSE(openReader("a", nullptr, 0, 20));
+    child->kill9();
+    auto next = writerChild("a", 4);
+    Reader reader = openReader("a");
+    ASSERT_TRUE(reader);
+    shm_video_frame_t frame;
+    EXPECT_EQ(lockFrame(reader.get(), &frame, SHM_VIDEO_NEWEST), 0);
+    EXPECT_EQ(frame.planes[0][0], 4);
+}
+
+TEST_F(ShmStore, AChildThatOutlivesItsWriterDoesNotKeepItAlive)
+{
+    // The child's child has copies of the listening socket, the lock file and every connection.
+    pid_t *grandchild =
+        static_cast<pid_t *>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    auto child = std::make_unique<Child>([grandchild](Child &self) {
+        Writer writer = openWriter(smallVideo("a"));
+        publishFrame(writer.get(), 1000, 1);
+        self.tell();
+        self.hear(); // until a reader is connected
+        const pid_t copy = fork();
+        if (copy == 0) {
+            pause();
+            _exit(0);
+        }
+        *grandchild = copy;
+        self.tell();
+        self.hear();
+        return 0;
+    });
+    child->hear();
+    Reader reader = openReader("a");
+    ASSERT_TRUE(reader);
+    child->tell();
+    child->hear();
+    child->kill9();
+    EXPECT_TRUE(eventually([&] { return shm_reader_is_ready(reader.get()) == 0; }));
+    shm_error_t error = {};
+    EXPECT_FALSE(openReader("a", &error, 0, 60000));
+    EXPECT_EQ(error.code, -ECONNREFUSED) << error.message;
+    Writer next = openWriter(smallVideo("a"), &error);
+    EXPECT_TRUE(next) << error.message;
+    EXPECT_TRUE(openReader("a"));
+    ASSERT_GT(*grandchild, 0);
+    kill(*grandchild, SIGKILL);
+    munmap(grandchild, 4096);
+}
+
+TEST_F(ShmStore, HandlesDoNothingInAForkedChild)
+{
+    auto source = writerChild("a", 2);
+    Reader reader = openReader("a");
+    shm_video_frame_t frame;
+    ASSERT_EQ(lockFrame(reader.get(), &frame, SHM_VIDEO_NEWEST), 0);
+    Writer writer = openWriter(smallVideo("b"));
+    publishFrame(writer.get(), 1000, 1);
+    Child child([&](Child &) {
+        shm_video_frame_t other = {};
+        if (shm_reader_is_ready(reader.get()) != 0 ||
+            lockFrame(reader.get(), &other, SHM_VIDEO_NEWEST) != -ENODEV)
+            return 1;
+        shm_video_frame_t copy = frame;
+        shm_reader_unlock_video(reader.get(), &copy);
+        shm_reader_close(reader.release());
+        if (publishFrame(writer.get(), 2000, 2) != -EINVAL)
+            return 2;
+        shm_writer_close(writer.release());
+        // A child may have handles of its own.
+        Reader own = openReader("a");
+        if (!own || lockFrame(own.get(), &other, SHM_VIDEO_NEWEST) != 0 || other.planes[0][0] != 2)
+            return 3;
+        return 0;
+    });
+    EXPECT_EQ(child.exitCode(), 0);
+    // Nothing of it reached the parent's handles.
+    EXPECT_EQ(shm_reader_is_ready(reader.get()), 1);
+    EXPECT_EQ(frame.planes[0][0], 2);
+    EXPECT_EQ(infoOf(reader.get()).locks_held >= 0, true);
+    EXPECT_EQ(publishFrame(writer.get(), 2000, 2), 0);
+    EXPECT_TRUE(openReader("b"));
+}
+
+TEST_F(ShmStore, KilledReadersLeakNoSlot)
+{
+    Writer writer;
+    std::vector<std::unique_ptr<Child>> readers;
+    for (int i = 0; i < 3; ++i) {
+        readers.push_back(std::make_unique<Child>([](Child &self) {
+            self.hear(); // the store is there
+            Reader reader = openReader("a");
+            shm_video_frame_t frames[6];
+            for (int k = 0; k < 6; ++k) {
+                if (lockFrame(reader.get(), &frames[k], SHM_VIDEO_EXACT, (k + 1) * 1000) != 0)
+                    self.tell('!');
+            }
+            self.tell();
+            self.hear();
+            return 0;
+        }));
+    }
+    writer = openWriter(smallVideo("a"));
+    for (int i = 1; i <= 8; ++i)
+        publishFrame(writer.get(), i * 1000, 0);
+    for (auto &reader : readers) {
+        reader->tell();
+        EXPECT_EQ(reader->hear(), 'x');
+    }
+    EXPECT_TRUE(eventually([&] { return statsOf(writer.get()).locks_held == 18; }));
+    for (auto &reader : readers)
+        reader->kill9();
+    EXPECT_TRUE(eventually(
+        [&] { return statsOf(writer.get()).locks_held == 0 && statsOf(writer.get()).readers == 0; }));
+    for (int i = 9; i < 60; ++i)
+        ASSERT_EQ(publishFrame(writer.get(), i * 1000, 0), 0);
+    EXPECT_EQ(statsOf(writer.get()).frames_dropped, 0u);
+}
+
+TEST_F(ShmStore, DescriptorsAndMappingsReturnToTheStart)
+{
+    // Warm: what the first use of anything allocates for good.
+    {
+        Writer writer = openWriter(smallVideo("a"));
+        openReader("a");
+    }
+    const size_t descriptors = openDescriptors();
+    const size_t mappings = shmMappings();
+    {
+        Writer writer = openWriter(smallVideo("a"));
+        publishFrame(writer.get(), 1000, 1);
+        std::vector<Reader> readers;
+        for (int i = 0; i < 10; ++i) {
+            readers.push_back(openReader("a"));
+            shm_video_frame_t frame;
+            ASSERT_EQ(lockFrame(readers.back().get(), &frame, SHM_VIDEO_NEWEST), 0);
+        }
+        EXPECT_GT(shmMappings(), mappings);
+        // The readers alone: the writer lets go of all that was theirs.
+        const size_t withReaders = openDescriptors();
+        readers.clear();
+        ASSERT_TRUE(eventually([&] { return statsOf(writer.get()).readers == 0; }));
+        EXPECT_TRUE(eventually([&] { return openDescriptors() == withReaders - 10 * 4; }));
+    }
+    EXPECT_EQ(openDescriptors(), descriptors);
+    EXPECT_EQ(shmMappings(), mappings);
+}
+
+TEST_F(ShmStore, SixtyFourReadersFitInAProcessWithTheUsualLimit)
+{
+    Child source([](Child &self) {
+        std::vector<Writer> writers;
+        for (int i = 0; i < 64; ++i) {
+            shm_writer_params_t params = smallVideo(("s" + std::to_string(i)).c_str());
+            const std::string name = "s" + std::to_string(i);
+            params.name = name.c_str();
+            writers.push_back(openWriter(params));
+            if (!writers.back())
+                return 1;
+            publishFrame(writers.back().get(), 1000, static_cast<uint8_t>(i));
+        }
+        self.tell();
+        self.hear();
+        return 0;
+    });
+    ASSERT_EQ(source.hear(), 'x');
+    rlimit before = {};
+    getrlimit(RLIMIT_NOFILE, &before);
+    rlimit usual = before;
+    usual.rlim_cur = std::min<rlim_t>(1024, before.rlim_max);
+    setrlimit(RLIMIT_NOFILE, &usual);
+    std::vector<Reader> readers;
+    for (int i = 0; i < 64; ++i) {
+        shm_error_t error = {};
+        readers.push_back(openReader(("s" + std::to_string(i)).c_str(), &error));
+        ASSERT_TRUE(readers.back()) << i << ": " << error.message;
+        shm_video_frame_t frame;
+        ASSERT_EQ(lockFrame(readers.back().get(), &frame, SHM_VIDEO_NEWEST), 0);
+        ASSERT_EQ(frame.planes[0][0], i);
+    }
+    EXPECT_LT(openDescriptors(), 300u);
+    readers.clear();
+    setrlimit(RLIMIT_NOFILE, &before);
+}
+
+TEST_F(ShmStore, PinnedSlotsAreReplacedByFreshMemoryAndTheOldStaysValid)
+{
+    Writer writer = openWriter(smallVideo("a"));
+    Reader pinner = openReader("a", nullptr, 64);
+    Reader watcher = openReader("a");
+    std::vector<shm_video_frame_t> pinned;
+    int64_t t = 0;
+    // Pins more than the spare slots, one after the other, at the pace of the service thread.
+    for (int i = 0; i < 8; ++i) {
+        ASSERT_TRUE(eventually([&] {
+            t += 1000;
+            return publishFrame(writer.get(), t, static_cast<uint8_t>(i + 1)) == 0;
+        }));
+        shm_video_frame_t frame;
+        ASSERT_EQ(lockFrame(pinner.get(), &frame, SHM_VIDEO_NEWEST), 0);
+        pinned.push_back(frame);
+        for (int k = 0; k < 9; ++k) {
+            ASSERT_TRUE(eventually([&] {
+                t += 1000;
+                return publishFrame(writer.get(), t, 200) == 0;
+            }));
+        }
+    }
+    EXPECT_GT(statsOf(writer.get()).slots_replaced, 0u);
+    EXPECT_EQ(statsOf(writer.get()).readers_disconnected, 0u);
+    for (int i = 0; i < 8; ++i)
+        EXPECT_EQ(pinned[static_cast<size_t>(i)].planes[0][100], i + 1);
+    // The other reader follows into the fresh memory, with the whole history.
+    shm_video_frame_t frame;
+    EXPECT_TRUE(eventually([&] {
+        shm_reader_is_ready(watcher.get());
+        return lockFrame(watcher.get(), &frame, SHM_VIDEO_NEWEST) == 0;
+    }));
+    EXPECT_EQ(frame.planes[0][0], 200);
+    shm_reader_unlock_video(watcher.get(), &frame);
+    shm_video_status_t status;
+    shm_reader_get_video_status(watcher.get(), &status);
+    EXPECT_EQ(status.frames_held, 8);
+    // Let go, and the memory is given back.
+    for (shm_video_frame_t &held : pinned)
+        shm_reader_unlock_video(pinner.get(), &held);
+    EXPECT_TRUE(eventually([&] {
+        t += 1000;
+        publishFrame(writer.get(), t, 1);
+        return statsOf(writer.get()).slots == 12;
+    }));
+}
+
+TEST_F(ShmStore, AtTheCapTheWorstPinnerIsCutOffAndKeepsWhatItHolds)
+{
+    Writer writer = openWriter(smallVideo("a"));
+    Reader pinner = openReader("a", nullptr, 64);
+    Reader modest = openReader("a");
+    publishFrame(writer.get(), 1000, 77);
+    shm_video_frame_t kept;
+    ASSERT_EQ(lockFrame(modest.get(), &kept, SHM_VIDEO_NEWEST), 0);
+    int64_t t = 1000;
+    std::vector<shm_video_frame_t> pinned;
+    std::vector<uint8_t> values;
+    ASSERT_TRUE(eventually([&] {
+        t += 1000;
+        const auto value = static_cast<uint8_t>(t / 1000 % 100);
+        if (publishFrame(writer.get(), t, value) == 0) {
+            shm_video_frame_t frame;
+            if (lockFrame(pinner.get(), &frame, SHM_VIDEO_NEWEST) == 0) {
+                pinned.push_back(frame);
+                values.push_back(value);
+            }
+        }
+        return statsOf(writer.get()).readers_disconnected > 0;
+    }));
+    EXPECT_EQ(statsOf(writer.get()).readers_disconnected, 1u);
+    EXPECT_EQ(shm_reader_is_ready(pinner.get()), 0);
+    EXPECT_EQ(shm_reader_is_ready(modest.get()), 1);
+    // The writer goes on; not a byte changes in what the other still looks at.
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_TRUE(eventually([&] {
+            t += 1000;
+            return publishFrame(writer.get(), t, 255) == 0;
+        }));
+    }
+    for (size_t i = 0; i < pinned.size(); ++i)
+        ASSERT_EQ(pinned[i].planes[0][64], values[i]) << i;
+    EXPECT_EQ(kept.planes[0][0], 77);
+    EXPECT_LE(statsOf(writer.get()).slots, 24);
+}
+
+TEST_F(ShmStore, TellsTheHighestWish)
+{
+    Writer writer = openWriter(smallVideo("a"));
+    Reader slow = openReader("a");
+    Reader fast = openReader("a");
+    Reader any = openReader("a");
+    EXPECT_EQ(shm_reader_set_fps(slow.get(), 25, 1), 0);
+    EXPECT_EQ(shm_reader_set_fps(fast.get(), 30000, 1001), 0);
+    EXPECT_EQ(shm_reader_set_fps(any.get(), 1, 1), 0);
+    EXPECT_TRUE(eventually([&] {
+        return statsOf(writer.get()).wished_numerator == 30000 &&
+               statsOf(writer.get()).wished_denominator == 1001;
+    }));
+    EXPECT_EQ(infoOf(any.get()).wished_numerator, 30000u);
+    fast.reset();
+    slow.reset();
+    EXPECT_TRUE(eventually([&] { return statsOf(writer.get()).wished_numerator == 0; }));
+}
+
+TEST_F(ShmStore, WakesWhoWaitsForAFrame)
+{
+    Writer writer = openWriter(smallVideo("a"));
+    Reader reader = openReader("a");
+    EXPECT_EQ(shm_reader_wait_video(reader.get(), 0, 1), -ETIMEDOUT);
+    std::thread publisher([&] { publishFrame(writer.get(), 1000, 1); });
+    EXPECT_EQ(shm_reader_wait_video(reader.get(), 0, 30000), 0);
+    publisher.join();
+    EXPECT_EQ(shm_reader_wait_video(reader.get(), 0, 0), 0);
+    EXPECT_EQ(shm_reader_wait_video(reader.get(), 1, 1), -ETIMEDOUT);
+    std::thread closer([&] { writer.reset(); });
+    EXPECT_EQ(shm_reader_wait_video(reader.get(), 1, 30000), -ENODEV);
+    closer.join();
+}
+
+TEST_F(ShmStore, ListsStoresInAlphabeticalOrder)
+{
+    Writer b = openWriter(smallVideo("b"));
+    Writer a = openWriter(smallVideo("a.1"));
+    Writer audio = openWriter(smallAudio("C-3"));
+    std::ofstream(directory.path() + "/no-socket") << "x";
+    std::vector<std::string> names;
+    const int count = shm_list_stores(
+        [](void *context, const char *name, const char *) {
+            static_cast<std::vector<std::string> *>(context)->push_back(name);
+        },
+        &names);
+    EXPECT_EQ(count, 3);
+    EXPECT_EQ(names, (std::vector<std::string>{"C-3", "a.1", "b"}));
+    setenv("ZEV_SHM_DIR", "/nonexistent/zev", 1);
+    EXPECT_EQ(shm_list_stores(nullptr, nullptr), -ENOENT);
+}
+
+TEST_F(ShmStore, MissingAndUnwritableDirectoriesAreNamed)
+{
+    shm_error_t error = {};
+    shm_writer_params_t params = smallVideo("a");
+    const std::string missing = directory.path() + "/missing";
+    params.directory = missing.c_str();
+    EXPECT_FALSE(openWriter(params, &error));
+    EXPECT_EQ(error.code, -ENOENT);
+    EXPECT_NE(std::string(error.message).find(missing), std::string::npos) << error.message;
+
+    const std::string file = directory.path() + "/file";
+    std::ofstream(file) << "x";
+    params.directory = file.c_str();
+    EXPECT_FALSE(openWriter(params, &error));
+    EXPECT_EQ(error.code, -ENOTDIR);
+
+    // As a user without rights; root may write anywhere.
+    const std::string closed = directory.path() + "/closed";
+    std::filesystem::create_directory(closed);
+    chmod(closed.c_str(), 0555);
+    chmod(directory.path().c_str(), 0755);
+    Child user([&closed](Child &) {
+        if (getuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0))
+            return 77;
+        shm_writer_params_t mine = smallVideo("a");
+        mine.directory = closed.c_str();
+        shm_error_t why = {};
+        shm_writer_t *writer = nullptr;
+        if (shm_writer_open(&mine, &writer, &why) != -EACCES)
+            return 1;
+        return std::string(why.message).find(closed) != std::string::npos ? 0 : 2;
+    });
+    EXPECT_EQ(user.exitCode(), 0);
+}
+
+TEST_F(ShmStore, ALongDirectoryNameIsNoObstacle)
+{
+    std::string path = directory.path();
+    for (int i = 0; i < 4; ++i) {
+        path += "/" + std::string(40, 'd');
+        std::filesystem::create_directory(path);
+    }
+    setenv("ZEV_SHM_DIR", path.c_str(), 1);
+    shm_error_t error = {};
+    Writer writer = openWriter(smallVideo("a"), &error);
+    ASSERT_TRUE(writer) << error.message;
+    EXPECT_TRUE(openReader("a", &error)) << error.message;
+}
+
+// What another user sees. Needs root, to become somebody else.
+class ShmRights : public ShmStore
+{
+protected:
+    void SetUp() override
+    {
+        if (getuid() != 0)
+            GTEST_SKIP() << "only root can become another user";
+        chmod(directory.path().c_str(), 0755);
+    }
+    static bool become(unsigned user, unsigned group)
+    {
+        const gid_t groups[1] = {group};
+        return setgroups(1, groups) == 0 && setgid(65534) == 0 && setuid(user) == 0;
+    }
+};
+
+TEST_F(ShmRights, AStoreIsPrivateUnlessItIsShared)
+{
+    Child other([](Child &self) {
+        self.hear();
+        shm_error_t error = {};
+        if (!become(12345, 23456))
+            return 9;
+        const Reader reader = openReader("a", &error);
+        return !reader && error.code == -EACCES ? 0 : 1;
+    });
+    Writer writer = openWriter(smallVideo("a"));
+    struct stat status = {};
+    ASSERT_EQ(stat((directory.path() + "/a").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    other.tell();
+    EXPECT_EQ(other.exitCode(), 0);
+}
+
+TEST_F(ShmRights, TheGroupReadsButCannotAlterAPixel)
+{
+    const group *shared = getgrnam("video");
+    if (shared == nullptr)
+        GTEST_SKIP() << "there is no group \"video\" here";
+    const unsigned gid = shared->gr_gid;
+    Child other([gid](Child &self) {
+        self.hear();
+        if (!become(12345, gid))
+            return 9;
+        shm_error_t error = {};
+        const Reader reader = openReader("a", &error);
+        if (!reader)
+            return 1;
+        shm_video_frame_t frame;
+        if (lockFrame(reader.get(), &frame, SHM_VIDEO_NEWEST) != 0 || frame.planes[0][0] != 5)
+            return 2;
+        // Neither through the mapping it has, nor by making it writable.
+        auto *page =
+            reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(frame.planes[0]) & ~uintptr_t{4095});
+        if (mprotect(page, 4096, PROT_READ | PROT_WRITE) == 0)
+            return 3;
+        shm_reader_unlock_video(reader.get(), &frame);
+        return 0;
+    });
+    shm_writer_params_t params = smallVideo("a");
+    params.group = "video";
+    Writer writer = openWriter(params);
+    ASSERT_TRUE(writer);
+    publishFrame(writer.get(), 1000, 5);
+    struct stat status = {};
+    ASSERT_EQ(stat((directory.path() + "/a").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0660u);
+    EXPECT_EQ(status.st_gid, gid);
+    other.tell();
+    EXPECT_EQ(other.exitCode(), 0);
+}
+
+TEST_F(ShmRights, WhoIsNotInTheGroupIsTurnedAwayEvenIfTheSocketIsOpen)
+{
+    if (getgrnam("video") == nullptr)
+        GTEST_SKIP() << "there is no group \"video\" here";
+    Child other([](Child &self) {
+        self.hear();
+        if (!become(12345, 23456))
+            return 9;
+        shm_error_t error = {};
+        const Reader reader = openReader("a", &error);
+        return !reader && error.code == -EACCES ? 0 : 1;
+    });
+    shm_writer_params_t params = smallVideo("a");
+    params.group = "video";
+    Writer writer = openWriter(params);
+    chmod((directory.path() + "/a").c_str(), 0666);
+    other.tell();
+    EXPECT_EQ(other.exitCode(), 0);
+}
+
+TEST_F(ShmStore, SameUserMayWriteFramesUnlessTheyAreSealed)
+{
+    Writer open = openWriter(smallVideo("open"));
+    shm_writer_params_t params = smallVideo("sealed");
+    params.flags = SHM_WRITER_SEALED;
+    Writer sealedWriter = openWriter(params);
+    publishFrame(open.get(), 1000, 1);
+    publishFrame(sealedWriter.get(), 1000, 1);
+
+    Reader writes = openReader("open");
+    Reader sees = openReader("open");
+    shm_video_frame_t frame;
+    shm_video_frame_t seen;
+    ASSERT_EQ(lockFrame(writes.get(), &frame, SHM_VIDEO_NEWEST), 0);
+    ASSERT_EQ(lockFrame(sees.get(), &seen, SHM_VIDEO_NEWEST), 0);
+    frame.planes[0][0] = 99;
+    EXPECT_EQ(seen.planes[0][0], 99);
+    EXPECT_EQ(infoOf(writes.get()).sealed, 0);
+
+    Reader cannot = openReader("sealed");
+    EXPECT_NE(infoOf(cannot.get()).sealed, 0);
+    ASSERT_EQ(lockFrame(cannot.get(), &frame, SHM_VIDEO_NEWEST), 0);
+    auto *page = reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(frame.planes[0]) & ~uintptr_t{4095});
+    EXPECT_NE(mprotect(page, 4096, PROT_READ | PROT_WRITE), 0);
+}
+
+TEST_F(ShmStore, MoreMemoryThanThereIsIsRefusedInAdvance)
+{
+    shm_writer_params_t params = smallVideo("a");
+    params.width = 16384;
+    params.height = 16384;
+    params.history_frames = 200;
+    shm_error_t error = {};
+    EXPECT_FALSE(openWriter(params, &error));
+    EXPECT_EQ(error.code, -ENOMEM) << error.message;
+    EXPECT_NE(std::string(error.message).find("needs 8"), std::string::npos) << error.message;
+    EXPECT_NE(std::string(error.message).find("available"), std::string::npos) << error.message;
+    EXPECT_TRUE(directory.files().empty());
+
+    params = smallVideo("a");
+    params.flags = SHM_WRITER_HUGE_PAGES;
+    params.history_frames = 200;
+    params.width = params.height = 8192;
+    EXPECT_FALSE(openWriter(params, &error));
+    EXPECT_EQ(error.code, -ENOMEM) << error.message;
+    EXPECT_NE(std::string(error.message).find("huge"), std::string::npos) << error.message;
+}
+
+TEST_F(ShmStore, DeliversAudioOfAllStreamsAndFallsBackToTheFirst)
+{
+    shm_writer_params_t params = smallAudio("a");
+    params.audio_streams = 2;
+    Writer writer = openWriter(params);
+    Reader reader = openReader("a");
+    shm_audio_status_t status;
+    // Live but silent so far: a success with nothing.
+    EXPECT_EQ(shm_reader_get_audio_status(reader.get(), 0, &status), 0);
+    EXPECT_EQ(status.frames, 0u);
+    std::vector<int16_t> first(960 * 2, 11);
+    std::vector<int16_t> second(960 * 2, 22);
+    EXPECT_EQ(shm_writer_publish_audio(writer.get(), 0, first.data(), 960, 1000000), 0);
+    EXPECT_EQ(shm_writer_publish_audio(writer.get(), 1, second.data(), 960, 1000000), 0);
+    EXPECT_EQ(shm_writer_publish_audio(writer.get(), 2, second.data(), 960, 1000000), -EINVAL);
+    for (const auto &[stream, value] : std::map<int, int>{{0, 11}, {1, 22}, {2, 11}, {-1, 11}}) {
+        EXPECT_EQ(shm_reader_get_audio_status(reader.get(), stream, &status), 0);
+        EXPECT_EQ(status.frames, 960u);
+        EXPECT_EQ(status.oldest_timestamp, 1000000);
+        EXPECT_EQ(status.newest_timestamp, 1020000);
+        int16_t samples[960 * 2] = {};
+        EXPECT_EQ(shm_reader_query_audio2(reader.get(), stream, samples, 1, 960, 1000000, -1), 1);
+        EXPECT_EQ(samples[0], value);
+        EXPECT_EQ(samples[1919], value);
+    }
+    // No video here: a status without frames, no frame to lock.
+    shm_video_status_t video;
+    EXPECT_EQ(shm_reader_get_video_status(reader.get(), &video), 0);
+    EXPECT_NE(video.live, 0);
+    shm_video_frame_t frame;
+    EXPECT_EQ(lockFrame(reader.get(), &frame, SHM_VIDEO_NEWEST), -ENOENT);
+    writer.reset();
+    EXPECT_LT(shm_reader_get_audio_status(reader.get(), 0, &status), 0);
+    EXPECT_EQ(status.frames, 0u);
+    EXPECT_LT(shm_reader_query_audio2(reader.get(), 0, first.data(), 1, 1, 1000000, -1), 0);
+}
+
+TEST_F(ShmStore, AChannelIsDeliveredAsTheReadingLibraryExpectsIt)
+{
+    const auto publish = [](shm_writer_t *writer) {
+        std::vector<int16_t> samples;
+        for (int16_t i = 0; i < 100; ++i)
+            samples.insert(samples.end(),
+                           {i, static_cast<int16_t>(1000 + i), static_cast<int16_t>(2000 + i)});
+        shm_writer_publish_audio(writer, 0, samples.data(), 100, 1000000);
+    };
+    Writer alone = openWriter(smallAudio("alone", 3));
+    publish(alone.get());
+    Reader reader = openReader("alone");
+    int16_t samples[300] = {};
+    samples[100] = -1;
+    EXPECT_EQ(shm_reader_query_audio2(reader.get(), 0, samples, 100, 1, 1000000, 2), 100);
+    EXPECT_EQ(samples[0], 2000);
+    EXPECT_EQ(samples[99], 2099);
+    EXPECT_EQ(samples[100], -1); // one channel, not a sample more
+    EXPECT_LT(shm_reader_query_audio2(reader.get(), 0, samples, 100, 1, 1000000, 3), 0);
+
+    shm_writer_params_t params = smallVideo("both");
+    params.sample_rate = 48000;
+    params.channels = 3;
+    Writer both = openWriter(params);
+    publish(both.get());
+    Reader second = openReader("both");
+    EXPECT_EQ(shm_reader_query_audio2(second.get(), 0, samples, 100, 1, 1000000, 1), 100);
+    for (int c = 0; c < 3; ++c) {
+        EXPECT_EQ(samples[c], 1000);
+        EXPECT_EQ(samples[297 + c], 1099);
+    }
+    EXPECT_EQ(shm_reader_query_audio2(second.get(), 0, samples, 100, 1, 1000000, -1), 100);
+    EXPECT_EQ(samples[1], 1000);
+    EXPECT_EQ(samples[2], 2000);
+}
+
+TEST_F(ShmStore, TellsEverythingAToolShows)
+{
+    shm_writer_params_t params = smallVideo("a");
+    params.sample_rate = 48000;
+    params.channels = 2;
+    params.rate_numerator = 50;
+    params.rate_denominator = 1;
+    Writer writer = openWriter(params);
+    publishFrame(writer.get(), 1000, 1);
+    Reader reader = openReader("a");
+    shm_video_frame_t frame;
+    ASSERT_EQ(lockFrame(reader.get(), &frame, SHM_VIDEO_NEWEST), 0);
+    EXPECT_TRUE(eventually([&] { return infoOf(reader.get()).locks_held == 1; }));
+    const shm_store_info_t info = infoOf(reader.get());
+    EXPECT_NE(info.live, 0);
+    EXPECT_EQ(info.session, frame.session);
+    EXPECT_EQ(info.writer_pid, getpid());
+    EXPECT_EQ(info.readers, 1);
+    EXPECT_EQ(info.slots, 12);
+    EXPECT_EQ(info.slot_bytes % 4096, 0u);
+    EXPECT_EQ(info.frames_published, 1u);
+    EXPECT_EQ(info.rate_numerator, 50u);
+    EXPECT_EQ(info.frame_interval_us, 20000);
+    EXPECT_EQ(info.color.matrix, SHM_MATRIX_BT709);
+    EXPECT_EQ(info.audio_streams, 1);
+    EXPECT_GE(info.audio_history_us, 2000000);
+    EXPECT_STREQ(info.memory, "memfd");
+    EXPECT_STREQ(info.directory, directory.path().c_str());
+    EXPECT_STRNE(info.dmabuf, "");
+    EXPECT_STRNE(info.dmabuf, "yes");
+    EXPECT_EQ(info.total_bytes, statsOf(writer.get()).total_bytes);
+}
+
+TEST_F(ShmStore, NonsenseArgumentsAreRefused)
+{
+    shm_error_t error = {};
+    for (const char *name : {"", ".hidden", "../up", "a/b", "a b", "\xc3\xa4"}) {
+        EXPECT_FALSE(openReader(name, &error));
+        EXPECT_EQ(error.code, -EINVAL) << name;
+        shm_writer_params_t params = smallVideo(name);
+        EXPECT_FALSE(openWriter(params, &error));
+        EXPECT_EQ(error.code, -EINVAL) << name;
+    }
+    EXPECT_EQ(shm_reader_open(nullptr, 100), nullptr);
+    EXPECT_EQ(errno, EINVAL);
+    shm_reader_close(nullptr);
+    shm_writer_close(nullptr);
+    EXPECT_EQ(shm_reader_is_ready(nullptr), 0);
+    EXPECT_EQ(shm_reader_get_dmabuf_fd(nullptr), -1);
+    Writer writer = openWriter(smallVideo("a"));
+    Reader reader = openReader("a");
+    shm_video_frame_t frame;
+    EXPECT_EQ(lockFrame(reader.get(), &frame, static_cast<shm_video_lookup_mode_t>(5)), -EINVAL);
+    EXPECT_EQ(lockFrame(reader.get(), &frame, SHM_VIDEO_NEWEST), -ENOENT);
+    EXPECT_EQ(publishFrame(writer.get(), INT64_MAX, 1), -EINVAL);
+    shm_writer_frame_t filling = {};
+    EXPECT_EQ(shm_writer_acquire(writer.get(), &filling), 0);
+    shm_writer_frame_t second = {};
+    EXPECT_EQ(shm_writer_acquire(writer.get(), &second), -EBUSY);
+    shm_writer_abandon(writer.get(), &filling);
+    EXPECT_EQ(shm_writer_publish(writer.get(), &filling, 5000), -EINVAL);
+    EXPECT_EQ(publishFrame(writer.get(), 5000, 1), 0);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
