@@ -72,6 +72,7 @@ private:
     {
         uint32_t populated = 0;
         uint32_t freeSlots = 0;
+        uint32_t comingSlots = 0; // poisoned, and nobody who is listed locks them
         uint32_t locks = 0;
         size_t worst = SIZE_MAX; // connection that pins most, SIZE_MAX: none does
         uint32_t worstPins = 0;

@@ -54,8 +54,11 @@ WriterService::Census WriterService::census() const
                 ++pins[i];
         }
         const bool usable = owner == SlotOwner::Ready || owner == SlotOwner::Pool;
-        if (usable && outside && !locked && !m_store.slots[s].poisoned.load(std::memory_order_relaxed))
+        const bool poisoned = m_store.slots[s].poisoned.load(std::memory_order_relaxed);
+        if (usable && outside && !locked && !poisoned)
             ++census.freeSlots;
+        if (poisoned && !locked && owner != SlotOwner::Empty)
+            ++census.comingSlots;
     }
     for (size_t i = 0; i < pins.size(); ++i) {
         if (pins[i] > census.worstPins) {
@@ -132,7 +135,9 @@ void WriterService::supplySlots()
         ++now.freeSlots;
         ++now.populated;
     }
-    if (now.freeSlots < 2 && now.worst != SIZE_MAX) {
+    // What the last one pinned comes back as fresh memory when the publisher has given it up; until then
+    // nobody else is to blame.
+    if (now.freeSlots < 2 && now.comingSlots == 0 && now.worst != SIZE_MAX) {
         cutOff(now.worst);
         now = census();
     }
