@@ -113,7 +113,8 @@ AudioTimeline AudioRingReader::timeline(uint64_t span) const
     const uint64_t last = m_head->anchorCount.value.load(std::memory_order_acquire);
     // One less than there is room for: the oldest is the next to be overwritten.
     const uint64_t count = std::min<uint64_t>(last, kAudioAnchors - 1);
-    for (uint64_t number = last - count + 1; count > 0 && number <= last; ++number) {
+    for (uint64_t i = 0; i < count; ++i) {
+        const uint64_t number = last - count + 1 + i;
         const AudioAnchor &entry = m_head->anchors[number % kAudioAnchors];
         AudioTimeline::Anchor anchor;
         anchor.sample = entry.sample.load(std::memory_order_acquire);

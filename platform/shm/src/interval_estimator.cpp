@@ -60,16 +60,16 @@ Fit fitLine(const Points &points, const Fit *previous, double limit)
     return {slope, meanY - slope * meanX};
 }
 
-// 1.4826 x MAD of the residuals.
-double deviation(const Points &points, const Fit &fit)
+// 1.4826 x MAD of the residuals. `*middle`: their median, which outliers do not move as they moved the line.
+double deviation(const Points &points, const Fit &fit, double *middle)
 {
     std::array<double, IntervalEstimator::kWindow> residuals;
     for (size_t i = 0; i < points.count; ++i)
         residuals[i] = points.time[i] - fit.offset - fit.slope * points.number[i];
     std::array<double, IntervalEstimator::kWindow> work = residuals;
-    const double middle = medianOf(work.data(), points.count);
+    *middle = medianOf(work.data(), points.count);
     for (size_t i = 0; i < points.count; ++i)
-        work[i] = std::abs(residuals[i] - middle);
+        work[i] = std::abs(residuals[i] - *middle);
     return kMadToDeviation * medianOf(work.data(), points.count);
 }
 
@@ -115,9 +115,16 @@ void keepPresent(Points *points)
     constexpr size_t kRecent = 12;
     if (points->count < 2 * kRecent)
         return;
-    const double recent = medianDelta(*points, points->count - kRecent - 1);
-    if (std::abs(recent - medianDelta(*points, 0)) > 0.3 * medianDelta(*points, 0))
-        dropBefore(points, points->count - kRecent - 1);
+    const size_t from = points->count - kRecent - 1;
+    const double recent = medianDelta(*points, from);
+    if (std::abs(recent - median) <= 0.3 * median)
+        return;
+    // Nearly all of them agree: drops in a row would not.
+    size_t agreeing = 0;
+    for (size_t i = from + 1; i < points->count; ++i)
+        agreeing += std::abs(points->time[i] - points->time[i - 1] - recent) < 0.15 * recent ? 1 : 0;
+    if (agreeing >= kRecent - 2)
+        dropBefore(points, from);
 }
 
 } // namespace
@@ -156,11 +163,13 @@ IntervalEstimator::Estimate IntervalEstimator::estimate() const
         numberPoints(&points, fit.slope);
         fit = fitLine(points, nullptr, 0);
     }
-    const double spread = deviation(points, fit);
+    double middle = 0;
+    const double spread = deviation(points, fit, &middle);
+    fit.offset += middle;
     fit = fitLine(points, &fit, std::max(3.5 * spread, 2.0));
     if (!(fit.slope >= 1) || fit.slope > 3600e6)
         return {};
-    return {std::llround(fit.slope), std::llround(deviation(points, fit))};
+    return {std::llround(fit.slope), std::llround(deviation(points, fit, &middle))};
 }
 
 } // namespace shm
