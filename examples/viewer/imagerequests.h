@@ -12,10 +12,9 @@ class MediaSourceBase;
  * Passes a provider's ticks on as requests for images, but only while few images wait for the event loop.
  *
  * MediaProvider::enableImageFrames() asks on every tick. Images are queued to the provider's thread, and
- * unlike frames, whose number the store limits, nothing limits them: an event loop that stands still for ten
- * seconds at 25 ticks finds 250 of them, at 1080p (RGB16) 4 MB each, and every one beyond the converter's
- * ring of four costs an allocation and a copy as well. So this stands between: ticks that find `limit` images
- * waiting are left out.
+ * unlike frames, whose number the store limits, nothing limits them: each one beyond the converter's ring of
+ * four is an allocation of its own. An event loop that stood still for seven seconds at 1080p and 25 ticks
+ * cost 700 MB; with this in between, 8 MB. Ticks that find `limit` images waiting are left out.
  *
  * Usage: construct once instead of enableImageFrames(); destroy it while the provider is not running.
  * Threads: constructed and destroyed in the provider's thread; the requests run in the tick thread.
