@@ -127,6 +127,34 @@ TEST_F(ShmHistory, ARestartHidesWhatWasBefore)
     EXPECT_EQ(historyTimestamps(index, timestamps, 10), 1);
 }
 
+TEST_F(ShmHistory, UnevenStreamsAreSearchedRightToo)
+{
+    // Every choice against a plain walk, for paces that mislead a guess.
+    const std::vector<std::vector<int64_t>> streams = {{0, 1, 2, 3, 4, 5, 6, 7, 8, 1000000},
+                                                       {0, 999991, 999992, 999993, 999994, 999995, 1000000},
+                                                       {0, 1, 10, 100, 1000, 10000, 100000, 1000000},
+                                                       {5, 7},
+                                                       {5}};
+    for (const std::vector<int64_t> &stream : streams) {
+        SetUp();
+        for (const int64_t t : stream)
+            publish(t);
+        for (const int64_t t : stream) {
+            for (const int64_t asked : {t - 1, t, t + 1}) {
+                int64_t before = -1;
+                int64_t after = -1;
+                for (const int64_t one : stream) {
+                    before = one <= asked ? one : before;
+                    after = after < 0 && one >= asked ? one : after;
+                }
+                EXPECT_EQ(find(SHM_VIDEO_AT_OR_BEFORE, asked), before);
+                EXPECT_EQ(find(SHM_VIDEO_AT_OR_AFTER, asked), after);
+                EXPECT_EQ(find(SHM_VIDEO_EXACT, asked), before == after ? before : -1);
+            }
+        }
+    }
+}
+
 TEST_F(ShmHistory, AnOverwrittenEntryIsNeverTakenForAFrame)
 {
     for (int64_t t = 1; t <= 10; ++t)

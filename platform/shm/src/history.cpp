@@ -12,20 +12,37 @@ uint64_t distance(int64_t a, int64_t b)
                  : static_cast<uint64_t>(b) - static_cast<uint64_t>(a);
 }
 
-// Smallest generation in [oldest, newest + 1] whose frame is not earlier than `timestamp`.
+// Smallest generation in [oldest, newest + 1] whose frame is not earlier than `timestamp`. Frames come at an
+// even pace, so the first look is where an even pace puts the frame, and the next beside it: two or three
+// looks whatever the history's length. Should the pace be uneven, halving bounds the rest.
 Lookup lowerBound(const IndexView &index, const HistoryRange &range, int64_t timestamp, uint64_t *bound)
 {
-    uint64_t low = range.oldest;
-    uint64_t high = range.newest + 1;
+    FoundFrame oldest;
+    FoundFrame newest;
+    if (!readHistoryEntry(index, range.oldest, &oldest) || !readHistoryEntry(index, range.newest, &newest))
+        return Lookup::Moved;
+    if (timestamp <= oldest.timestamp || timestamp > newest.timestamp) {
+        *bound = timestamp <= oldest.timestamp ? range.oldest : range.newest + 1;
+        return Lookup::Found;
+    }
+    uint64_t low = range.oldest + 1;
+    uint64_t high = range.newest;
+    const double part = static_cast<double>(distance(timestamp, oldest.timestamp)) /
+                        static_cast<double>(distance(newest.timestamp, oldest.timestamp));
+    uint64_t look =
+        range.oldest + static_cast<uint64_t>(part * static_cast<double>(range.newest - range.oldest));
     FoundFrame frame;
-    while (low < high) {
-        const uint64_t middle = low + (high - low) / 2;
-        if (!readHistoryEntry(index, middle, &frame))
+    for (int looks = 0; low < high; ++looks) {
+        look = looks < 3 ? std::clamp(look, low, high - 1) : low + (high - low) / 2;
+        if (!readHistoryEntry(index, look, &frame))
             return Lookup::Moved;
-        if (frame.timestamp < timestamp)
-            low = middle + 1;
-        else
-            high = middle;
+        if (frame.timestamp < timestamp) {
+            low = look + 1;
+            look = low;
+        } else {
+            high = look;
+            look = high - 1;
+        }
     }
     *bound = low;
     return Lookup::Found;
