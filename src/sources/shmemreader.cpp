@@ -60,10 +60,22 @@ bool isDmaRequested()
     return useDma;
 }
 
+// The number comes from another process: one that the enumeration does not have must not be put into it.
+SHM_PIXEL_FORMAT knownPixelFormat(int pixelFormat)
+{
+    switch (pixelFormat) {
+    case SHM_PIXEL_FORMAT_YUV420P:
+    case SHM_PIXEL_FORMAT_YVU420P:
+    case SHM_PIXEL_FORMAT_NV12:
+        return static_cast<SHM_PIXEL_FORMAT>(pixelFormat);
+    default:
+        return SHM_PIXEL_FORMAT_NONE;
+    }
+}
+
 bool isDmaExportable(int pixelFormat)
 {
-    return pixelFormat == SHM_PIXEL_FORMAT_YUV420P || pixelFormat == SHM_PIXEL_FORMAT_YVU420P ||
-           pixelFormat == SHM_PIXEL_FORMAT_NV12;
+    return knownPixelFormat(pixelFormat) != SHM_PIXEL_FORMAT_NONE;
 }
 
 } // namespace
@@ -236,7 +248,7 @@ QVideoFrame ShmemReader::grabVideoInternal(long long ts, shm_video_lookup_mode_t
     const QSize size(frame->width, frame->height);
     const long long timestamp = frame->timestamp;
     const int dmabufFd = shm_reader_get_dmabuf_fd(reader);
-    const auto storeFormat = static_cast<SHM_PIXEL_FORMAT>(format.pixel_format);
+    const SHM_PIXEL_FORMAT storeFormat = knownPixelFormat(format.pixel_format);
 
     std::unique_ptr<QAbstractVideoBuffer> buffer;
     QVideoFrame::PixelFormat pixelFormat;

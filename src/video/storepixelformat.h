@@ -11,8 +11,7 @@
  */
 inline QVideoFrame::PixelFormat storePixelFormatToQt(SHM_PIXEL_FORMAT pixelFormat)
 {
-    // Compared as a number: the value comes from another process and need not be one of the enumeration's.
-    switch (static_cast<int>(pixelFormat)) {
+    switch (pixelFormat) {
     case SHM_PIXEL_FORMAT_YUV420P:
     case SHM_PIXEL_FORMAT_YVU420P:
         return QVideoFrame::Format_YUV420P;

@@ -280,8 +280,8 @@ TEST_F(LiveVideoTest, survivesTheLossOfItsGraphicsResources)
     // It is also emitted when the window goes, after the end of this scope.
     const auto invalidated = std::make_shared<std::atomic<bool>>(false);
     QObject::connect(
-        window.get(), &QQuickWindow::sceneGraphInvalidated, window.get(), [invalidated] { *invalidated = true; },
-        Qt::DirectConnection);
+        window.get(), &QQuickWindow::sceneGraphInvalidated, window.get(),
+        [invalidated] { *invalidated = true; }, Qt::DirectConnection);
     window->hide();
     window->releaseResources();
     QCoreApplication::processEvents();

@@ -563,15 +563,16 @@ void tst_MediaProvider::samePathReloadsNothing()
     MediaProvider provider(url("shm:///cam0"), QUrl(), true);
     provider.setNoSignalImage(picture, seconds(0));
     const QString moved = picture + ".moved";
-    QVERIFY(QFile::rename(picture, moved));
-    provider.setNoSignalImage(picture, seconds(3600)); // re-arms the deadline
-    QVERIFY(QFile::rename(moved, picture));
+    QVERIFY(QFile::rename(picture, moved)); // loading it now would give nothing
     QSignalSpy idle(&provider, &MediaProvider::videoIdle);
-    provider.emitVideoFrame(QVideoFrame());
-    QCOMPARE(idle.count(), 1);
-    provider.setNoSignalImage(picture, seconds(0));
     QSignalSpy frames(&provider, &MediaProvider::videoReady);
+    provider.setNoSignalImage(picture, seconds(3600)); // re-arms the deadline
     provider.emitVideoFrame(QVideoFrame());
+    provider.setNoSignalImage(picture, seconds(0));
+    provider.emitVideoFrame(QVideoFrame());
+    QVERIFY(QFile::rename(moved, picture));
+    QCOMPARE(idle.count(), 1);
+    QCOMPARE(frames.count(), 1);
     QCOMPARE(frames.at(0).at(0).value<QVideoFrame>().size(), QSize(100, 50));
 }
 

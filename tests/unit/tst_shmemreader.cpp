@@ -41,6 +41,7 @@ private Q_SLOTS:
     void storeWithoutFormatIsClosedAgain();
     void closeGivesTheHandleBack();
     void looksAtTheStoreAtMostOnceASecond();
+    void looksAgainWhenTheSecondIsOver();
     void triesAnAbsentStoreAtMostOnceASecond();
     void forceLooksAtOnce();
     void reopensAfterTheWriterHasGone();
@@ -65,6 +66,8 @@ private Q_SLOTS:
     void lookupMode_data();
     void lookupMode();
     void frameCarriesWhatTheStoreSays();
+    void pixelFormat_data();
+    void pixelFormat();
     void dmaDescriptorGivesAnImageFrame();
     void emptyFramesAreDropped_data();
     void emptyFramesAreDropped();
@@ -235,6 +238,22 @@ void tst_ShmemReader::looksAtTheStoreAtMostOnceASecond()
         return;
     }
     QFAIL("ten times in a row, two lines took a second");
+}
+
+void tst_ShmemReader::looksAgainWhenTheSecondIsOver()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QElapsedTimer elapsed;
+    elapsed.start();
+    QVERIFY(reader.check(false));
+    store.takeCalls();
+    bool looked = false;
+    const auto hasLooked = [&] {
+        looked = looked || (reader.check(false) && store.takeCalls().contains(QStringLiteral("is_ready")));
+        return looked;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(hasLooked(), 30000);
+    QVERIFY(elapsed.elapsed() >= 1000);
 }
 
 void tst_ShmemReader::triesAnAbsentStoreAtMostOnceASecond()
@@ -523,6 +542,33 @@ void tst_ShmemReader::frameCarriesWhatTheStoreSays()
     QCOMPARE(frame.metaData(QStringLiteral("buffer")).userType(), int(QMetaType::VoidStar));
     QCOMPARE(frame.metaData(QStringLiteral("buffer")).value<void *>(), static_cast<void *>(frame.buffer()));
     QCOMPARE(frame.availableMetaData().size(), 2);
+}
+
+void tst_ShmemReader::pixelFormat_data()
+{
+    QTest::addColumn<int>("stored");
+    QTest::addColumn<int>("dmabufFd");
+    QTest::addColumn<QVideoFrame::PixelFormat>("expected");
+    for (int fd : {-1, 3}) {
+        QTest::addRow("0, descriptor %d", fd) << 0 << fd << QVideoFrame::Format_Invalid;
+        QTest::addRow("1, descriptor %d", fd) << 1 << fd << QVideoFrame::Format_YUV420P;
+        QTest::addRow("2, descriptor %d", fd) << 2 << fd << QVideoFrame::Format_YUV420P;
+        QTest::addRow("3, descriptor %d", fd) << 3 << fd << QVideoFrame::Format_NV12;
+        QTest::addRow("4, descriptor %d", fd) << 4 << fd << QVideoFrame::Format_Invalid;
+        QTest::addRow("-1, descriptor %d", fd) << -1 << fd << QVideoFrame::Format_Invalid;
+    }
+}
+
+void tst_ShmemReader::pixelFormat()
+{
+    QFETCH(int, stored);
+    QFETCH(int, dmabufFd);
+    store.format.pixel_format = stored;
+    store.dmabufFd = dmabufFd;
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    const QVideoFrame frame = reader.grabVideo(0);
+    QVERIFY(frame.isValid()); // a frame all the same
+    QTEST(frame.pixelFormat(), "expected");
 }
 
 void tst_ShmemReader::dmaDescriptorGivesAnImageFrame()

@@ -71,8 +71,6 @@ void tst_ShmemVideoBuffer::pixelFormat_data()
     QTest::newRow("1") << 1 << QVideoFrame::Format_YUV420P;
     QTest::newRow("2") << 2 << QVideoFrame::Format_YUV420P;
     QTest::newRow("3") << 3 << QVideoFrame::Format_NV12;
-    QTest::newRow("4") << 4 << QVideoFrame::Format_Invalid;
-    QTest::newRow("-1") << -1 << QVideoFrame::Format_Invalid;
 }
 
 void tst_ShmemVideoBuffer::pixelFormat()

@@ -180,6 +180,7 @@ private Q_SLOTS:
     void streamConvertsAFrameOnce();
     void streamReusesMemory();
     void streamLeavesHeldImagesAlone();
+    void streamPrefersMemoryOfTheRightSize();
     void streamRingGrowsNoFurther();
     void resetWithNewSizeConvertsAgain();
     void resetOfTheFlagsKeepsTheCache();
@@ -542,6 +543,19 @@ void tst_VideoFrameConverter::streamLeavesHeldImagesAlone()
     for (const QImage &image : held)
         memory.insert(image.constBits());
     QCOMPARE(memory.size(), 12); // from the fifth on, each was detached from a held one
+}
+
+void tst_VideoFrameConverter::streamPrefersMemoryOfTheRightSize()
+{
+    VideoFrameStreamConverter converter(QSize(), QImage::Format_RGB32, true, true);
+    QImage large = converter.convert(makeFrame(QVideoFrame::Format_NV12, QSize(64, 36), 1));
+    QImage small = converter.convert(makeFrame(QVideoFrame::Format_NV12, QSize(32, 18), 2));
+    const uchar *smallMemory = static_cast<const QImage &>(small).constBits();
+    large = QImage();
+    small = QImage();
+    // Both entries are free by now, the large one comes first.
+    const QImage next = converter.convert(makeFrame(QVideoFrame::Format_NV12, QSize(32, 18), 3));
+    QCOMPARE(next.constBits(), smallMemory);
 }
 
 void tst_VideoFrameConverter::streamRingGrowsNoFurther()
