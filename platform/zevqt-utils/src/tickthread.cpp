@@ -137,8 +137,9 @@ void TickThread::tickBy(TickSchedule schedule)
     while (waitUntil(schedule.deadline())) {
         // After waking, not before sleeping: a machine that was stopped meanwhile must not cause two ticks in
         // a row.
-        schedule.take(monotonicNs());
-        tick();
+        const int64_t now = monotonicNs();
+        tick(); // before anything else that can wait
+        schedule.take(now);
     }
 }
 
