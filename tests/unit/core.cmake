@@ -33,8 +33,11 @@ foreach(test tst_videotimeline tst_videotimelinecadence)
         ${unit}/fakes ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
     target_compile_definitions(${test} PRIVATE QT_NO_KEYWORDS ZEVQTMM_BUILD)
 endforeach()
-zev_test(tst_videoframeconverter SOURCES ${unit}/tst_videoframeconverter.cpp ${fake_store} LIBRARIES ${core_libraries})
-zev_test(tst_mediaprovider SOURCES ${unit}/tst_mediaprovider.cpp ${fake_store} LIBRARIES ${core_libraries})
+# Without the thread sanitizer, these two: several threads meet at a QMutex, whose locking lies inside Qt, which is not
+# instrumented. The sanitizer sees no lock and reports what it guards, ours and the fake's alike; to suppress those
+# reports by name would mean to suppress the very functions under test.
+zev_test(tst_videoframeconverter NO_TSAN SOURCES ${unit}/tst_videoframeconverter.cpp ${fake_store} LIBRARIES ${core_libraries})
+zev_test(tst_mediaprovider NO_TSAN SOURCES ${unit}/tst_mediaprovider.cpp ${fake_store} LIBRARIES ${core_libraries})
 
 include(${unit}/header_check.cmake)
 

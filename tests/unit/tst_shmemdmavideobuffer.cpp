@@ -206,8 +206,8 @@ void tst_ShmemDmaVideoBuffer::refusedImageIsLogged_data()
     QTest::addColumn<QByteArray>("message");
     QTest::newRow("refused") << 3 << 0x3003 << "create fourcc 3231564e"
                              << QByteArray("eglCreateImageKHR failed: \"Cannot allocate resources\"");
-    QTest::newRow("unknown store format")
-        << 4 << 0x3009 << "create fourcc 0"
+    QTest::newRow("no known store format")
+        << 0 << 0x3009 << "create fourcc 0"
         << QByteArray("eglCreateImageKHR failed: \"Inconsistent arguments\"");
 }
 
