@@ -45,3 +45,4 @@ set(rig_sources ${rig}/dmamemory.cpp ${rig}/dmamemory.h ${rig}/externaltexture.c
 zev_rig_test(tst_dmabufimages
     SOURCES ${rig}/tst_dmabufimages.cpp ${rig_sources}
     LIBRARIES Zev::zevqt-mm Qt5::Gui Qt5::Multimedia Qt5::Test)
+zev_rig_test(tst_dmabufstore SOURCES ${rig}/tst_dmabufstore.cpp LIBRARIES Zev::shm GTest::gtest_main)

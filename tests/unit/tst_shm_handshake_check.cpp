@@ -225,7 +225,7 @@ TEST(ShmSlots, AreCheckedOneByOne)
     wrong.count = kSlotsPerMessage + 1;
     EXPECT_LT(result(wrong, 1), 0);
     wrong = message;
-    wrong.header.version = 2;
+    wrong.header.version = kProtocolVersion + 1;
     EXPECT_LT(result(wrong, 1), 0);
     wrong = message;
     wrong.header.type = kWelcome;

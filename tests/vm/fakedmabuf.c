@@ -3,6 +3,9 @@
 // are memfds. Mesa's lavapipe imports those like a DMA-buf, a real device would not: what needs the kernel's
 // own is run in the virtual machine.
 //
+// They are opened a second time with O_NOATIME, which no memfd has otherwise: by that flag, which travels
+// with the descriptor from process to process, fstatfs() knows them and says that they are DMA-bufs.
+//
 // It refuses what the kernel refuses: memory that is not sealed against shrinking or is sealed against
 // writing, sizes that are not whole pages or above 64 MiB. Offsets into the memory, which nothing here uses,
 // are refused too.
@@ -11,11 +14,13 @@
 #include <fcntl.h>
 #include <stdarg.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -26,6 +31,10 @@
 
 #ifndef F_SEAL_FUTURE_WRITE
 #define F_SEAL_FUTURE_WRITE 0x0010
+#endif
+
+#ifndef DMA_BUF_MAGIC
+#define DMA_BUF_MAGIC 0x444d4142
 #endif
 
 #define FAKE __attribute__((visibility("default")))
@@ -85,6 +94,31 @@ static int fail(int error)
     return -1;
 }
 
+// A second open file of the same memory, marked.
+static int mark(int fd)
+{
+    char path[40];
+    snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+    return (int)syscall(SYS_openat, AT_FDCWD, path, O_RDWR | O_LARGEFILE | O_NOATIME | O_CLOEXEC, 0);
+}
+
+static int isMarked(int fd)
+{
+    return isMemfd(fd) && (fcntl(fd, F_GETFL) & O_NOATIME) != 0;
+}
+
+#define DEFINE_FSTATFS(name, type)                                                                           \
+    FAKE int name(int fd, struct type *status)                                                               \
+    {                                                                                                        \
+        const int result = (int)syscall(SYS_fstatfs, fd, status);                                            \
+        if (result == 0 && isMarked(fd))                                                                     \
+            status->f_type = DMA_BUF_MAGIC;                                                                  \
+        return result;                                                                                       \
+    }
+
+DEFINE_FSTATFS(fstatfs, statfs)
+DEFINE_FSTATFS(fstatfs64, statfs64) // the same record on 64-bit systems
+
 static int createUdmabuf(const struct udmabuf_create *create)
 {
     const int seals = fcntl((int)create->memfd, F_GET_SEALS);
@@ -96,7 +130,7 @@ static int createUdmabuf(const struct udmabuf_create *create)
     if (create->offset || !create->size || create->size % pageSize || create->size > udmabufLimit ||
         create->size > (uint64_t)status.st_size)
         return fail(EINVAL);
-    return fcntl((int)create->memfd, create->flags & UDMABUF_FLAGS_CLOEXEC ? F_DUPFD_CLOEXEC : F_DUPFD, 3);
+    return mark((int)create->memfd);
 }
 
 static int allocateFromHeap(struct dma_heap_allocation_data *allocation)
@@ -110,7 +144,11 @@ static int allocateFromHeap(struct dma_heap_allocation_data *allocation)
             close(fd);
         return fail(ENOMEM);
     }
-    allocation->fd = (uint32_t)fd;
+    const int marked = mark(fd);
+    close(fd);
+    if (marked < 0)
+        return fail(ENOMEM);
+    allocation->fd = (uint32_t)marked;
     return 0;
 }
 

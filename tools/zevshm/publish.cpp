@@ -35,6 +35,10 @@ const std::vector<OptionSpec> specs = {
     {"--history", "N", "frames that the store keeps, 1 to 200 (usual: 0.75 s, at least 8)"},
     {"--group", "GROUP", "let members of this group read"},
     {"--sealed", "", "let no reader write into frames, not even this user's"},
+    {"--memory", "KIND",
+     "where frames lie: memfd (usual); udmabuf, for readers that import them into a GPU; dma-heap:NAME; "
+     "huge"},
+    {"--dmabuf-others", "", "readers of other users may import, and so write, frames too"},
     {"--latency", "MS", "of network streams: time that hides the network's jitter (100)"},
     {"--av-offset", "MS", "of test:avsync: the beep comes this much after the flash"},
     {"--jitter", "MS", "fault: frames come up to this much later, timestamps too"},
@@ -135,6 +139,8 @@ PublishPlan makePlan(const Options &options)
         static_cast<uint32_t>(options.integer("--history", 1, SHM_FRAMES_MAX).value_or(0));
     plan.store.group = options.text("--group").value_or("");
     plan.store.sealed = options.has("--sealed");
+    plan.store.memory = options.text("--memory").value_or("");
+    plan.store.dmabufOthers = options.has("--dmabuf-others");
 
     const bool withVideo = !options.has("--no-video");
     const bool withAudio = !options.has("--no-audio");

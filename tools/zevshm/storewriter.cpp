@@ -1,5 +1,7 @@
 #include "storewriter.h"
 
+#include "messages.h"
+
 #include <cerrno>
 #include <cstring>
 
@@ -39,7 +41,9 @@ void StoreWriter::open(const InputFormat &format)
     shm_writer_params_init(&params);
     params.name = m_settings.name.c_str();
     params.group = m_settings.group.empty() ? nullptr : m_settings.group.c_str();
-    params.flags = m_settings.sealed ? SHM_WRITER_SEALED : 0;
+    params.flags = (m_settings.sealed ? SHM_WRITER_SEALED : 0) |
+                   (m_settings.dmabufOthers ? SHM_WRITER_DMABUF_OTHERS : 0);
+    params.memory = m_settings.memory.empty() ? nullptr : m_settings.memory.c_str();
     params.history_frames = m_settings.historyFrames;
     if (format.video) {
         params.width = format.video->width;
@@ -66,6 +70,20 @@ void StoreWriter::open(const InputFormat &format)
                                                               : m_settings.name + ": cannot be published (" +
                                                                     std::strerror(-rc) + ")");
     m_format = format;
+    reportExport();
+}
+
+// Asked for and not to be had is worth a line; once, however often the store is opened anew.
+void StoreWriter::reportExport()
+{
+    if (m_settings.memory.empty() || m_settings.memory == "memfd" || m_exportReported || !m_format.video)
+        return;
+    shm_writer_stats_t now{};
+    now.size = sizeof now;
+    if (shm_writer_get_stats(m_writer, &now) != 0 || std::strcmp(now.dmabuf, "yes") == 0)
+        return;
+    m_exportReported = true;
+    say("frames have no DMA-buf: " + std::string(now.dmabuf));
 }
 
 int StoreWriter::publishAudio(const AudioBlock &block, int64_t labelUs)

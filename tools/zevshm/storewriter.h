@@ -19,6 +19,8 @@ struct StoreSettings
     int pixelFormat = SHM_PIXEL_FORMAT_YUV420P;
     uint32_t historyFrames = 0;
     bool sealed = false;
+    std::string memory; // as shm_writer_params_t says; empty: memfd
+    bool dmabufOthers = false;
 };
 
 // Which exit code an error of the store's library means.
@@ -51,7 +53,10 @@ public:
     shm_writer_stats_t stats() const;
 
 private:
+    void reportExport();
+
     const StoreSettings m_settings;
+    bool m_exportReported = false;
     InputFormat m_format;
     mutable std::mutex m_mutex; // held while the writer is replaced, and by threads other than the video's
     shm_writer_t *m_writer = nullptr; // owned

@@ -39,9 +39,11 @@ int StoreConnection::mapSlots(Message &message, const SlotsMessage &list, const 
         fresh.memoryGeneration = list.entries[i].memoryGeneration;
         if (fresh.memoryGeneration != 0) {
             const int fd = message.fds[next++].get();
-            int result =
-                checkSharedMemory(fd, layout.slotBytes, sealedFrames ? sealsForReadOnly() : sealsForShared(),
-                                  &fresh.inode, why);
+            int result = layout.memoryKind == kDmaHeap
+                             ? checkDmabuf(fd, layout.slotBytes, &fresh.inode, why)
+                             : checkSharedMemory(fd, layout.slotBytes,
+                                                 sealedFrames ? sealsForReadOnly() : sealsForShared(),
+                                                 &fresh.inode, why);
             if (result != 0)
                 return result;
             if (known(fresh.inode)) {
@@ -57,6 +59,31 @@ int StoreConnection::mapSlots(Message &message, const SlotsMessage &list, const 
         slots[list.entries[i].slot] = std::move(fresh);
     }
     message.fds.clear();
+    return 0;
+}
+
+int StoreConnection::applyDmabufs(Message &message, bool *complete, const char **why)
+{
+    DmabufsMessage list;
+    const int result =
+        checkDmabufs(message.bytes, message.length, message.fds.size(), layout.slotCapacity, &list, why);
+    if (result != 0)
+        return result;
+    for (uint32_t i = 0; i < list.count; ++i) {
+        SlotMapping &slot = slots[list.entries[i].slot];
+        // One for as long as the memory serves: the one that somebody may be using now is never closed under
+        // him.
+        if (slot.memoryGeneration != list.entries[i].memoryGeneration || slot.dmabuf) {
+            *why = "a DMA-buf belongs to no memory that we have";
+            return -EPROTO;
+        }
+        uint64_t inode = 0;
+        if (checkDmabuf(message.fds[i].get(), layout.slotBytes, &inode, why) != 0)
+            return -EPROTO;
+        slot.dmabuf = std::move(message.fds[i]);
+    }
+    message.fds.clear();
+    *complete = *complete || list.complete != 0;
     return 0;
 }
 

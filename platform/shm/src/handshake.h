@@ -23,6 +23,7 @@ struct SlotMapping
     Mapping mapping;
     uint32_t memoryGeneration = 0; // 0: none
     uint64_t inode = 0;
+    UniqueFd dmabuf; // of the same memory; only when it was asked for
 };
 
 // What a reader has of a store.
@@ -52,6 +53,9 @@ struct StoreConnection
         }
         return result == 0 ? mapSlots(message, list, why) : result;
     }
+
+    // Takes in a list of DMA-bufs. `*complete` becomes true when all that there are have come.
+    int applyDmabufs(Message &message, bool *complete, const char **why);
 
 private:
     int beginSlots(const Message &message, SlotsMessage *list, const char **why) const;

@@ -129,7 +129,7 @@ int checkWelcome(const void *bytes, size_t length, size_t fdCount, WelcomeMessag
 
     if (message.session == 0)
         return refuse(why, "the session is missing");
-    if (message.memoryKind != kMemfd && message.memoryKind != kHugePages)
+    if (message.memoryKind < kMemfd || message.memoryKind > kDmaHeap)
         return refuse(why, "the kind of memory is unknown");
     if ((message.flags & ~(kSealedFrames | kReadOnlyFrames)) != 0)
         return refuse(why, "a flag is unknown");
@@ -146,6 +146,7 @@ int checkWelcome(const void *bytes, size_t length, size_t fdCount, WelcomeMessag
     if (message.indexBytes != index.bytes)
         return refuse(why, "the index is not of the size that its contents take");
     cleanText(message.dmabuf, sizeof message.dmabuf);
+    cleanText(message.memory, sizeof message.memory);
     *checked = message;
     return 0;
 }
@@ -175,6 +176,34 @@ int checkSlots(const void *bytes, size_t length, size_t fdCount, uint32_t slotCa
     }
     if (withMemory != fdCount)
         return refuse(why, "the list of slots came with the wrong number of descriptors");
+    *checked = message;
+    return 0;
+}
+
+int checkDmabufs(const void *bytes, size_t length, size_t fdCount, uint32_t slotCapacity,
+                 DmabufsMessage *checked, const char **why)
+{
+    if (length != sizeof(DmabufsMessage))
+        return refuse(why, "the list of DMA-bufs has the wrong size");
+    DmabufsMessage message;
+    std::memcpy(&message, bytes, sizeof message);
+    if (message.header.magic != kProtocolMagic || message.header.version != kProtocolVersion ||
+        message.header.type != kDmabufs || message.header.length != length) {
+        return refuse(why, "the list of DMA-bufs has a wrong header");
+    }
+    if (message.count > kSlotsPerMessage || message.complete > 1 ||
+        (message.count == 0 && message.complete == 0))
+        return refuse(why, "the list of DMA-bufs has a wrong count");
+    for (uint32_t i = 0; i < message.count; ++i) {
+        if (message.entries[i].slot >= slotCapacity || message.entries[i].memoryGeneration == 0)
+            return refuse(why, "a slot with a DMA-buf is out of range");
+        for (uint32_t k = 0; k < i; ++k) {
+            if (message.entries[k].slot == message.entries[i].slot)
+                return refuse(why, "a slot with a DMA-buf is listed twice");
+        }
+    }
+    if (message.count != fdCount)
+        return refuse(why, "the list of DMA-bufs came with the wrong number of descriptors");
     *checked = message;
     return 0;
 }

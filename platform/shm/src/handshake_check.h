@@ -16,6 +16,10 @@ int checkWelcome(const void *bytes, size_t length, size_t fdCount, WelcomeMessag
 int checkSlots(const void *bytes, size_t length, size_t fdCount, uint32_t slotCapacity, SlotsMessage *checked,
                const char **why);
 
+// A list of DMA-bufs: as above, one descriptor for each entry; empty only when there are none.
+int checkDmabufs(const void *bytes, size_t length, size_t fdCount, uint32_t slotCapacity,
+                 DmabufsMessage *checked, const char **why);
+
 // The reason a writer gave, ended, and with everything but printable ASCII replaced.
 void checkRefused(const void *bytes, size_t length, RefusedMessage *checked);
 

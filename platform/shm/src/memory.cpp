@@ -97,31 +97,79 @@ int allocate(int fd, uint64_t bytes)
 
 } // namespace
 
-int createSharedMemory(SharedMemory *memory, const char *label, uint64_t bytes, MemoryKind kind,
-                       unsigned seals)
+namespace {
+
+// Zeroed, populated and mapped; not sealed yet.
+int createUnsealed(SharedMemory *memory, const char *label, uint64_t bytes, MemoryKind kind)
 {
-    UniqueFd fd = createMemfd(label, kind);
-    if (!fd)
+    memory->fd = createMemfd(label, kind);
+    if (!memory->fd)
         return -errno;
-    if (ftruncate(fd.get(), static_cast<off_t>(bytes)) != 0)
+    if (ftruncate(memory->fd.get(), static_cast<off_t>(bytes)) != 0)
         return -errno;
-    int result = allocate(fd.get(), bytes);
+    int result = allocate(memory->fd.get(), bytes);
     if (result != 0)
         return result == -ENOSPC ? -ENOMEM : result;
-    Mapping mapping;
-    result = mapping.map(fd.get(), bytes, true);
+    result = memory->mapping.map(memory->fd.get(), bytes, true);
     if (result != 0)
         return result;
         // Fills the page tables; the pages are there already. An older kernel faults them in one by one,
         // once.
 #ifdef MADV_POPULATE_WRITE
-    madvise(mapping.data(), bytes, MADV_POPULATE_WRITE);
+    madvise(memory->mapping.data(), bytes, MADV_POPULATE_WRITE);
 #endif
+    return 0;
+}
+
+int seal(const SharedMemory &memory, unsigned seals)
+{
+    return fcntl(memory.fd.get(), F_ADD_SEALS, static_cast<int>(seals)) == 0 ? 0 : -errno;
+}
+
+} // namespace
+
+int createSharedMemory(SharedMemory *memory, const char *label, uint64_t bytes, MemoryKind kind,
+                       unsigned seals)
+{
+    SharedMemory fresh;
+    int result = createUnsealed(&fresh, label, bytes, kind);
     // Last, because F_SEAL_FUTURE_WRITE spares only mappings that exist.
-    if (fcntl(fd.get(), F_ADD_SEALS, static_cast<int>(seals)) != 0)
+    if (result == 0)
+        result = seal(fresh, seals);
+    if (result == 0)
+        *memory = std::move(fresh);
+    return result;
+}
+
+int createExportedMemory(SharedMemory *memory, const char *label, uint64_t bytes, unsigned seals,
+                         DmabufDevice &device, int *exported)
+{
+    SharedMemory fresh;
+    int result = createUnsealed(&fresh, label, bytes, kUdmabuf);
+    if (result == 0)
+        result = seal(fresh, F_SEAL_SHRINK); // demanded for the export
+    if (result != 0)
+        return result;
+    *exported = device.exportMemfd(fresh.fd.get(), bytes, &fresh.dmabuf);
+    // After the export: newer kernels do not export what is sealed against future writes.
+    result = seal(fresh, seals);
+    if (result == 0)
+        *memory = std::move(fresh);
+    return result;
+}
+
+int createHeapMemory(SharedMemory *memory, const char *heap, uint64_t bytes, DmabufDevice &device)
+{
+    SharedMemory fresh;
+    int result = device.allocate(heap, bytes, &fresh.fd);
+    if (result == 0)
+        result = fresh.mapping.map(fresh.fd.get(), bytes, true);
+    if (result != 0)
+        return result;
+    fresh.dmabuf = UniqueFd(fcntl(fresh.fd.get(), F_DUPFD_CLOEXEC, 0));
+    if (!fresh.dmabuf)
         return -errno;
-    memory->fd = std::move(fd);
-    memory->mapping = std::move(mapping);
+    *memory = std::move(fresh);
     return 0;
 }
 

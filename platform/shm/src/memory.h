@@ -2,6 +2,7 @@
 #ifndef SHM_MEMORY_H
 #define SHM_MEMORY_H
 
+#include "dmabuf.h"
 #include "fd.h"
 #include "protocol.h"
 
@@ -39,6 +40,7 @@ struct SharedMemory
 {
     UniqueFd fd;
     Mapping mapping;
+    UniqueFd dmabuf; // of the same memory; empty when it is not exported
 };
 
 // Seals by purpose. Every object ends with F_SEAL_SEAL: a reader with a writable descriptor could otherwise
@@ -51,6 +53,15 @@ unsigned sealsForShared();   // frames, control pages
 // negative errno.
 int createSharedMemory(SharedMemory *memory, const char *label, uint64_t bytes, MemoryKind kind,
                        unsigned seals);
+
+// The same, exported as a DMA-buf as well. `*exported` is 0 or the negative errno that stood against it; the
+// memory is there all the same.
+int createExportedMemory(SharedMemory *memory, const char *label, uint64_t bytes, unsigned seals,
+                         DmabufDevice &device, int *exported);
+
+// Memory of a heap, which is a DMA-buf itself. There are no seals for it: whoever has its descriptor can
+// write.
+int createHeapMemory(SharedMemory *memory, const char *heap, uint64_t bytes, DmabufDevice &device);
 
 // A read-only descriptor of the same memory, whose mode is made 0400 so that its receiver cannot turn it into
 // a writable one through /proc. Empty with errno set on failure.

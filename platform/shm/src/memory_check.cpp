@@ -164,10 +164,14 @@ MemoryFacts readMemoryFacts(const char *root)
             facts.addressAvailable = saturatingSub(addresses, size * 1024);
     }
     facts.fileLimit = resourceLimit(RLIMIT_FSIZE);
-    const uint64_t descriptors = resourceLimit(RLIMIT_NOFILE);
-    if (descriptors != kNoLimit)
-        facts.descriptorsAvailable = saturatingSub(descriptors, openDescriptors(base));
+    facts.descriptorsAvailable = descriptorsLeft(root);
     return facts;
+}
+
+uint64_t descriptorsLeft(const char *root)
+{
+    const uint64_t limit = resourceLimit(RLIMIT_NOFILE);
+    return limit == kNoLimit ? kNoLimit : saturatingSub(limit, openDescriptors(root));
 }
 
 int checkMemory(const MemoryNeed &need, const MemoryFacts &facts, const char *store, shm_error_t *error)

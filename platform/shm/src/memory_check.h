@@ -35,6 +35,9 @@ struct MemoryFacts
 // `root` is where /proc and /sys are found ("/", or a test's folder).
 MemoryFacts readMemoryFacts(const char *root);
 
+// How many more descriptors this process may open.
+uint64_t descriptorsLeft(const char *root);
+
 // Returns 0 or a negative errno (-ENOMEM, -EFBIG, -EMFILE) whose text names needed and available bytes.
 int checkMemory(const MemoryNeed &need, const MemoryFacts &facts, const char *store, shm_error_t *error);
 

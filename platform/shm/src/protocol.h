@@ -67,7 +67,7 @@
 namespace shm {
 
 constexpr uint32_t kProtocolMagic = 0x316d6873; // "shm1" in memory
-constexpr uint32_t kProtocolVersion = 1;
+constexpr uint32_t kProtocolVersion = 2;
 
 constexpr uint64_t kPage = 4096;
 constexpr uint32_t kSlotsMax = 256;        // history and spare slots of a store
@@ -194,7 +194,10 @@ enum MessageType : uint32_t {
     kWelcome = 2, // writer: the layout; index, control page and, with audio, audio memory
     kSlots = 3,   // writer: memory of slots, one descriptor for each entry with a memory generation
     kReady = 4,   // writer: the handshake is complete
-    kRefused = 5  // writer: why not; then it hangs up
+    kRefused = 5, // writer: why not; then it hangs up
+    // Only between a reader that asks and a writer whose welcome said "yes" to it.
+    kWantDmabufs = 6, // reader: send the DMA-bufs of slots, those to come as well
+    kDmabufs = 7      // writer: DMA-bufs of slots, one descriptor for each entry; after the slots they are of
 };
 
 struct MessageHeader
@@ -214,7 +217,12 @@ struct HelloMessage
 };
 static_assert(sizeof(HelloMessage) == 32);
 
-enum MemoryKind : uint32_t { kMemfd = 1, kHugePages = 2 };
+enum MemoryKind : uint32_t {
+    kMemfd = 1,
+    kHugePages = 2,
+    kUdmabuf = 3, // memfds that are DMA-bufs as well
+    kDmaHeap = 4  // DMA-bufs of a heap; no seals
+};
 
 enum WelcomeFlags : uint32_t {
     kSealedFrames = 1u,  // nobody but the writer writes pixels
@@ -250,8 +258,9 @@ struct WelcomeMessage
     uint32_t audioHistory;  // of which a reader may count on
     uint32_t reserved;
     char dmabuf[128]; // "yes", else why frames have no DMA-buf
+    char memory[32];  // the kind in words: "memfd", "dma-heap:system"
 };
-static_assert(std::is_trivially_copyable_v<WelcomeMessage> && sizeof(WelcomeMessage) == 304);
+static_assert(std::is_trivially_copyable_v<WelcomeMessage> && sizeof(WelcomeMessage) == 336);
 
 constexpr uint32_t kSlotsPerMessage = 32;
 
@@ -270,6 +279,20 @@ struct SlotsMessage
 };
 static_assert(sizeof(SlotsMessage) == 24 + 8 * kSlotsPerMessage);
 
+struct WantDmabufsMessage
+{
+    MessageHeader header;
+};
+
+struct DmabufsMessage
+{
+    MessageHeader header;
+    uint32_t count;    // 0 when there is nothing to be had
+    uint32_t complete; // 1: all that there are now have been sent
+    SlotEntry entries[kSlotsPerMessage];
+};
+static_assert(sizeof(DmabufsMessage) == 24 + 8 * kSlotsPerMessage);
+
 struct ReadyMessage
 {
     MessageHeader header;
@@ -284,7 +307,7 @@ struct RefusedMessage
 };
 static_assert(sizeof(RefusedMessage) == 224);
 
-constexpr size_t kMessageMax = 320;
+constexpr size_t kMessageMax = 352;
 static_assert(sizeof(WelcomeMessage) <= kMessageMax && sizeof(SlotsMessage) <= kMessageMax &&
               sizeof(RefusedMessage) <= kMessageMax);
 

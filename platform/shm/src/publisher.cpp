@@ -47,6 +47,10 @@ Publisher::Use Publisher::tryUse(const ReaderList::Scan &scan, uint32_t slot)
         giveUp(slot);
         return Use::Gone;
     }
+    // A device may read on for a moment after its reader's lock. To be waited for by nobody.
+    const UniqueFd &dmabuf = m_store.slots[slot].memory.dmabuf;
+    if (dmabuf && !m_store.dmabufDevice->isIdle(dmabuf.get()))
+        return Use::Locked;
     return Use::Free;
 }
 
@@ -105,7 +109,17 @@ int Publisher::acquireSlot()
         m_store.poke();
         return -EAGAIN;
     }
+    const UniqueFd &dmabuf = m_store.slots[static_cast<uint32_t>(m_acquired)].memory.dmabuf;
+    if (dmabuf)
+        m_store.dmabufDevice->beginWrite(dmabuf.get());
     return 0;
+}
+
+void Publisher::endWrite(uint32_t slot)
+{
+    const UniqueFd &dmabuf = m_store.slots[slot].memory.dmabuf;
+    if (dmabuf)
+        m_store.dmabufDevice->endWrite(dmabuf.get());
 }
 
 void Publisher::describe(uint32_t slot, shm_writer_frame_t *frame) const
@@ -121,7 +135,7 @@ void Publisher::describe(uint32_t slot, shm_writer_frame_t *frame) const
     frame->width = static_cast<int32_t>(m_store.policy.width);
     frame->height = static_cast<int32_t>(m_store.policy.height);
     frame->slot = static_cast<int32_t>(slot);
-    frame->memory_fd = memory.fd.get();
+    frame->memory_fd = memory.dmabuf ? memory.dmabuf.get() : memory.fd.get();
 }
 
 int Publisher::acquire(shm_writer_frame_t *frame)
@@ -139,6 +153,7 @@ void Publisher::abandon(shm_writer_frame_t *frame)
 {
     if (m_acquired < 0 || frame->slot != m_acquired)
         return;
+    endWrite(static_cast<uint32_t>(m_acquired));
     m_free.push(static_cast<uint32_t>(m_acquired));
     m_acquired = -1;
     *frame = shm_writer_frame_t{};
@@ -206,6 +221,7 @@ int Publisher::publishCopy(const uint8_t *const planes[4], const int32_t strides
 
 void Publisher::commit(uint32_t slot, int64_t timestamp, FrameOrder::Verdict verdict, const ClockReading &now)
 {
+    endWrite(slot);
     IndexHead &head = *m_store.index.head;
     const uint64_t generation = ++m_generation;
     SlotMeta &meta = m_store.index.metas[slot];

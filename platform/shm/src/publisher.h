@@ -1,7 +1,9 @@
 // The publishing thread's part of a writer: which slot to fill, and how a filled one becomes visible.
 //
 // Threads: bound to the video thread. Ownership: borrows the store. Cost: no allocation, no lock, no system
-// call but a futex wake when a reader waits and an eventfd write when slots run short; neither blocks.
+// call but a futex wake when a reader waits and an eventfd write when slots run short; neither blocks. With
+// DMA-bufs three more a frame: one asks whether a device still reads, and a slot where one does is passed
+// over, so that the two that bracket the writes find nothing to wait for.
 #ifndef SHM_PUBLISHER_H
 #define SHM_PUBLISHER_H
 
@@ -48,6 +50,7 @@ private:
     };
 
     int acquireSlot();
+    void endWrite(uint32_t slot);
     int pickSlot();
     enum class Use { Free, Locked, Gone };
     Use tryUse(const ReaderList::Scan &scan, uint32_t slot);

@@ -20,8 +20,9 @@ constexpr int64_t kPollUs = 10 * 1000;
 
 } // namespace
 
-shm_reader::shm_reader(StoreConnection connection, uint32_t maxLocks)
-    : m_process(processId()), m_maxLocks(maxLocks), m_connection(std::move(connection))
+shm_reader::shm_reader(StoreConnection connection, uint32_t maxLocks, int timeoutMs)
+    : m_process(processId()), m_maxLocks(maxLocks), m_timeoutMs(timeoutMs),
+      m_connection(std::move(connection))
 {
     const WelcomeMessage &layout = m_connection.layout;
     m_index =
@@ -62,7 +63,7 @@ bool shm_reader::lockedHere(uint32_t slot) const
     });
 }
 
-// Takes in what the writer sent since the handshake: slots that came and went.
+// Takes in what the writer sent since the handshake: slots that came and went, DMA-bufs that were asked for.
 bool shm_reader::receive()
 {
     Message message;
@@ -71,9 +72,14 @@ bool shm_reader::receive()
         if (result == -EAGAIN)
             return true;
         const char *why = "";
-        if (result != 0 || message.header().type != kSlots ||
-            m_connection.applySlots(
-                message, [this](uint32_t slot) { return lockedHere(slot); }, &why) != 0) {
+        if (result != 0)
+            return false;
+        if (message.header().type == kDmabufs && m_wantsDmabufs) {
+            if (m_connection.applyDmabufs(message, &m_dmabufsComplete, &why) != 0)
+                return false;
+        } else if (message.header().type != kSlots ||
+                   m_connection.applySlots(
+                       message, [this](uint32_t slot) { return lockedHere(slot); }, &why) != 0) {
             return false;
         }
     }
@@ -181,8 +187,11 @@ void shm_reader::info(shm_store_info_t *info, bool isLive)
     }
     now.started_timestamp = layout.startedUs;
     now.sealed = (layout.flags & kSealedFrames) != 0 ? 1 : 0;
-    std::snprintf(now.memory, sizeof now.memory, "%s", layout.memoryKind == kHugePages ? "huge" : "memfd");
-    std::snprintf(now.dmabuf, sizeof now.dmabuf, "%s", hasVideo() ? layout.dmabuf : "no video");
+    std::snprintf(now.memory, sizeof now.memory, "%s", layout.memory);
+    std::snprintf(now.dmabuf, sizeof now.dmabuf, "%s",
+                  !hasVideo()                  ? "no video"
+                  : m_dmabufTrouble != nullptr ? m_dmabufTrouble
+                                               : layout.dmabuf);
     std::snprintf(now.directory, sizeof now.directory, "%s", m_connection.directory.c_str());
     const uint32_t size = info->size;
     now.size = size;

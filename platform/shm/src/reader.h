@@ -23,7 +23,7 @@
 struct shm_reader
 {
 public:
-    shm_reader(shm::StoreConnection connection, uint32_t maxLocks);
+    shm_reader(shm::StoreConnection connection, uint32_t maxLocks, int timeoutMs);
     ~shm_reader();
     shm_reader(const shm_reader &) = delete;
     shm_reader &operator=(const shm_reader &) = delete;
@@ -36,6 +36,10 @@ public:
     void format(shm_reader_format_t *format) const;
     void info(shm_store_info_t *info, bool isLive);
     int setWish(uint32_t numerator, uint32_t denominator);
+
+    // DMA-bufs; reader_dmabufs.cpp.
+    int openDmabufs();
+    int dmabuf() const;
 
     void videoStatus(shm_video_status_t *status) const;
     int timestamps(long long *timestamps, int capacity) const;
@@ -58,6 +62,7 @@ private:
     void describe(uint32_t slot, uint64_t generation, shm_video_frame_t *frame) const;
     bool pollConnection();
     bool receive();
+    int awaitDmabufs();
     bool lockedHere(uint32_t slot) const;
 
     // A frame that this handle holds. Entered by the locking thread alone; whoever exchanges `generation`
@@ -72,6 +77,7 @@ private:
     const uint64_t m_process;
     const uint32_t m_maxLocks;
     shm_video_frame_t m_described{}; // what the records of all frames have in common
+    const int m_timeoutMs;           // for an answer of the writer
     shm::IndexView m_index;
     shm::ControlPage *m_control = nullptr;
 
@@ -83,6 +89,11 @@ private:
     std::vector<shm::AudioRingReader> m_audio;
     int64_t m_lastPollUs = 0; // coarse clock
     bool m_gone = false;
+    bool m_wantsDmabufs = false;
+    bool m_dmabufsComplete = false;
+    const char *m_dmabufTrouble = nullptr; // why there are none although the writer has them
+    uint32_t m_lastSlot = UINT32_MAX;      // of the last lock, and the memory it was in
+    uint32_t m_lastMemory = 0;
 };
 
 #endif

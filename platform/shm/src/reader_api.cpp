@@ -37,7 +37,7 @@ int openIn(const std::string &directory, const std::string &name, int timeoutMs,
         result = handshake->advance(deadline, error);
     }
     if (result == 0)
-        *reader = new shm_reader(handshake->take(), maxLocks);
+        *reader = new shm_reader(handshake->take(), maxLocks, timeoutMs);
     else if (result == -ETIMEDOUT)
         keepPendingHandshake(directory, name, std::move(handshake));
     return result;
@@ -135,12 +135,14 @@ int shm_reader_set_fps(shm_reader_t *reader, unsigned int numerator, unsigned in
 
 int shm_reader_open_dmabuf_fd(shm_reader_t *reader)
 {
-    return reader == nullptr ? -EINVAL : -ENOTSUP;
+    if (reader == nullptr)
+        return -EINVAL;
+    return reader->live() ? guarded(nullptr, [reader] { return reader->openDmabufs(); }) : -ENODEV;
 }
 
-int shm_reader_get_dmabuf_fd(shm_reader_t *)
+int shm_reader_get_dmabuf_fd(shm_reader_t *reader)
 {
-    return -1;
+    return reader != nullptr && reader->mine() ? reader->dmabuf() : -1;
 }
 
 int shm_reader_get_video_status(shm_reader_t *reader, shm_video_status_t *status)

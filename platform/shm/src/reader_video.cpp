@@ -99,6 +99,8 @@ shm_reader::Attempt shm_reader::tryLock(uint64_t generation, uint32_t slot, uint
                    : Attempt::NoFrame;
     }
     describe(slot, generation, frame);
+    m_lastSlot = slot;
+    m_lastMemory = memory;
     m_held[entry].slot.store(slot, std::memory_order_relaxed);
     m_held[entry].generation.store(generation, std::memory_order_release);
     return Attempt::Locked;

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 
@@ -25,8 +26,11 @@ bool plausible(int64_t timestamp)
 
 } // namespace
 
-shm_writer::shm_writer(const ClockSource &clock) : m_clock(clock), m_process(processId()), m_service(m_store)
-{}
+shm_writer::shm_writer(const ClockSource &clock, DmabufDevice &device)
+    : m_clock(clock), m_process(processId()), m_service(m_store)
+{
+    m_store.dmabufDevice = &device;
+}
 
 shm_writer::~shm_writer()
 {
@@ -60,8 +64,7 @@ int shm_writer::open(const shm_writer_params_t &params, shm_error_t *error)
     m_publisher.emplace(m_store, m_clock);
     result = m_publication.listen(m_store.policy.group, error);
     if (result == 0)
-        result =
-            m_service.start(m_publication.socket(), "not exported: this writer offers no DMA-bufs", error);
+        result = m_service.start(m_publication.socket(), error);
     return result;
 }
 
@@ -71,8 +74,10 @@ void shm_writer::forget()
     m_service.forget();
     m_store.indexMemory.fd.reset();
     m_store.audioMemory.fd.reset();
-    for (Slot &slot : m_store.slots)
+    for (Slot &slot : m_store.slots) {
         slot.memory.fd.reset();
+        slot.memory.dmabuf.reset();
+    }
 }
 
 int shm_writer::publishAudio(int stream, const int16_t *samples, uint32_t frames, int64_t timestamp)
@@ -104,6 +109,9 @@ void shm_writer::statistics(shm_writer_stats_t *stats) const
     now.wished_denominator = static_cast<uint32_t>(wish);
     now.readers_disconnected = m_store.counters.disconnected.load(std::memory_order_relaxed);
     now.slots_replaced = m_store.counters.replaced.load(std::memory_order_relaxed);
+    std::snprintf(now.memory, sizeof now.memory, "%s", m_store.policy.memory.c_str());
+    std::snprintf(now.dmabuf, sizeof now.dmabuf, "%s",
+                  m_store.policy.hasVideo() ? m_store.policy.dmabuf.c_str() : "no video");
     // A program that was built with an older record gets what it has room for.
     const uint32_t size = stats->size;
     now.size = size;
@@ -111,7 +119,7 @@ void shm_writer::statistics(shm_writer_stats_t *stats) const
 }
 
 int shm::openWriter(const shm_writer_params_t *params, const ClockSource &clock, shm_writer_t **writer,
-                    shm_error_t *error)
+                    shm_error_t *error, DmabufDevice &device)
 {
     if (error != nullptr)
         *error = shm_error_t{};
@@ -119,7 +127,7 @@ int shm::openWriter(const shm_writer_params_t *params, const ClockSource &clock,
         return fail(error, EINVAL, "writer or parameters missing");
     *writer = nullptr;
     return guarded(error, [&] {
-        auto created = std::make_unique<shm_writer>(clock);
+        auto created = std::make_unique<shm_writer>(clock, device);
         const int result = created->open(*params, error);
         if (result == 0)
             *writer = created.release();

@@ -9,12 +9,12 @@
 
 #include <optional>
 
-// Threads: as shm_writer.h says. Ownership: owns everything it needs; the clock is borrowed until it is
-// closed.
+// Threads: as shm_writer.h says. Ownership: owns everything it needs; clock and device are borrowed until it
+// is closed.
 struct shm_writer
 {
 public:
-    explicit shm_writer(const shm::ClockSource &clock);
+    shm_writer(const shm::ClockSource &clock, shm::DmabufDevice &device);
     ~shm_writer();
     shm_writer(const shm_writer &) = delete;
     shm_writer &operator=(const shm_writer &) = delete;
@@ -40,9 +40,9 @@ private:
 
 namespace shm {
 
-// shm_writer_open with another clock than the system's.
+// shm_writer_open with another clock than the system's, or other DMA-bufs.
 int openWriter(const shm_writer_params_t *params, const ClockSource &clock, shm_writer_t **writer,
-               shm_error_t *error);
+               shm_error_t *error, DmabufDevice &device = systemDmabufDevice());
 
 } // namespace shm
 

@@ -33,10 +33,9 @@ constexpr int64_t kHelloLimitUs = 5 * 1000000;
 
 } // namespace
 
-int WriterService::start(int listenSocket, const char *dmabuf, shm_error_t *error)
+int WriterService::start(int listenSocket, shm_error_t *error)
 {
     m_listen = listenSocket;
-    std::snprintf(m_dmabuf, sizeof m_dmabuf, "%s", dmabuf);
     m_epoll = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
     m_event = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!m_epoll || !m_event)
@@ -260,7 +259,9 @@ bool WriterService::receive(Connection &connection)
             refuse(connection, EPROTONOSUPPORT, "the writer speaks another version of the protocol");
             return false;
         }
-        // One hello and nothing else. A reader brings no descriptors.
+        // One hello, and one wish for DMA-bufs. A reader brings no descriptors.
+        if (connection.welcomed && receiveWant(connection, message))
+            continue;
         if (connection.welcomed || header.type != kHello || message.length != sizeof(HelloMessage) ||
             !message.fds.empty() || !welcome(connection)) {
             return false;
@@ -279,6 +280,11 @@ void WriterService::refuse(Connection &connection, int code, const char *text)
 bool WriterService::welcome(Connection &connection)
 {
     const StorePolicy &policy = m_store.policy;
+    if (policy.memoryKind == kDmaHeap && !mayHaveDmabufs(connection)) {
+        refuse(connection, EACCES,
+               "its frames are in memory of a DMA heap, which the publisher does not share with other users");
+        return false;
+    }
     if (createSharedMemory(&connection.control, "shm-control", sizeof(ControlPage), kMemfd,
                            sealsForShared()) != 0) {
         refuse(connection, ENOMEM, "the writer has no memory for another reader");
@@ -309,7 +315,7 @@ bool WriterService::welcome(Connection &connection)
     message.historyFrames = policy.historyFrames;
     message.historyRing = m_store.index.ring;
     message.slotCapacity = policy.slotCapacity;
-    message.memoryKind = policy.memoryKind;
+    describeMemory(connection, &message);
     message.flags = sealedFrames ? uint32_t{kSealedFrames} : 0u;
     if (sealedFrames || !connection.trusted)
         message.flags |= kReadOnlyFrames;
@@ -321,7 +327,6 @@ bool WriterService::welcome(Connection &connection)
     message.audioStreams = policy.audioStreams;
     message.audioCapacity = policy.audio.capacity;
     message.audioHistory = policy.audio.history;
-    std::memcpy(message.dmabuf, m_dmabuf, sizeof message.dmabuf);
 
     const int fds[3] = {m_store.indexMemory.fd.get(), connection.control.fd.get(),
                         m_store.audioMemory.fd.get()};
@@ -348,7 +353,8 @@ int WriterService::sendSlots(Connection &connection, const std::vector<uint32_t>
             continue;
         message.entries[i].memoryGeneration = slot.memoryGeneration;
         fds[fdCount] = slot.memory.fd.get();
-        if (!connection.trusted) {
+        // A DMA-buf cannot be opened again; who gets this far may have it as it is.
+        if (!connection.trusted && m_store.policy.memoryKind != kDmaHeap) {
             reopened[fdCount] = reopenReadOnly(slot.memory.fd.get());
             if (!reopened[fdCount])
                 return -errno;
@@ -388,6 +394,8 @@ bool WriterService::sendState(Connection &connection)
         result = sendMessage(connection.socket.get(), &message, sizeof message, nullptr, 0);
         connection.ready = result == 0;
     }
+    if (result >= 0 && connection.wantsDmabufs)
+        result = sendDmabufs(connection);
     if (result >= 0)
         return true;
     // A full queue, or too many descriptors in flight: its own, or those of other connections. Both pass.

@@ -26,7 +26,7 @@ public:
     WriterService &operator=(const WriterService &) = delete;
 
     // Borrows the listening socket until stop(). Returns 0 or a negative errno with `error` filled.
-    int start(int listenSocket, const char *dmabuf, shm_error_t *error);
+    int start(int listenSocket, shm_error_t *error);
     void stop();
     // In a forked child, where there is no such thread: closes the descriptors and forgets the thread.
     void forget();
@@ -46,6 +46,9 @@ private:
         int listed = -1;
         SharedMemory control;
         std::vector<uint32_t> sent; // memory generation of every slot as told to it
+        bool wantsDmabufs = false;
+        bool dmabufsComplete = false;      // it was told that it has all
+        std::vector<uint32_t> sentDmabufs; // memory generation of every slot whose DMA-buf it has
     };
     struct Retired
     {
@@ -64,6 +67,12 @@ private:
     bool sendState(Connection &connection);
     int sendSlots(Connection &connection, const std::vector<uint32_t> &changed, size_t from);
     void watch(const Connection &connection, size_t index, bool writable);
+
+    // DMA-bufs; writer_dmabufs.cpp.
+    bool mayHaveDmabufs(const Connection &connection) const;
+    void describeMemory(const Connection &connection, WelcomeMessage *message) const;
+    bool receiveWant(Connection &connection, const Message &message) const;
+    int sendDmabufs(Connection &connection);
     void disconnect(size_t index);
     void freeRetired();
 
@@ -92,7 +101,6 @@ private:
     int m_listen = -1;
     UniqueFd m_epoll;
     UniqueFd m_event;
-    char m_dmabuf[128] = {};
 
     // Service thread only.
     std::vector<std::unique_ptr<Connection>> m_connections; // by index, null = free

@@ -13,6 +13,37 @@
 namespace shm {
 namespace {
 
+// Which memory the frames lie in, and what can be said about its export before there is any.
+int memoryPolicy(const shm_writer_params_t &params, StorePolicy *policy, shm_error_t *error)
+{
+    const std::string heapPrefix = "dma-heap:";
+    const bool isHuge = (params.flags & SHM_WRITER_HUGE_PAGES) != 0;
+    policy->memory = params.memory != nullptr ? params.memory : isHuge ? "huge" : "memfd";
+    if (policy->memory == "memfd") {
+        policy->dmabuf = "no: frames are in plain memory; publish with the memory kind udmabuf";
+    } else if (policy->memory == "huge") {
+        policy->memoryKind = kHugePages;
+        policy->dmabuf = "no: frames are in huge pages; publish with the memory kind udmabuf";
+    } else if (policy->memory == "udmabuf") {
+        policy->memoryKind = kUdmabuf;
+        policy->dmabuf = "yes";
+    } else if (policy->memory.compare(0, heapPrefix.size(), heapPrefix) == 0 &&
+               isHeapName(policy->memory.substr(heapPrefix.size()))) {
+        policy->memoryKind = kDmaHeap;
+        policy->heap = policy->memory.substr(heapPrefix.size());
+        policy->dmabuf = "yes";
+    } else {
+        return fail(error, EINVAL,
+                    "memory kind \"%s\" is unknown: memfd, udmabuf, dma-heap:NAME and huge exist",
+                    params.memory);
+    }
+    if (isHuge && policy->memoryKind != kHugePages)
+        return fail(error, EINVAL, "frames cannot lie in huge pages and in %s: choose one", params.memory);
+    if (policy->memoryKind == kDmaHeap && (params.flags & SHM_WRITER_SEALED) != 0)
+        return fail(error, EINVAL, "memory of a DMA heap cannot be sealed: choose the memory kind memfd");
+    return 0;
+}
+
 int videoPolicy(const shm_writer_params_t &params, StorePolicy *policy, shm_error_t *error)
 {
     if (params.width == 0 && params.height == 0)
@@ -41,8 +72,10 @@ int videoPolicy(const shm_writer_params_t &params, StorePolicy *policy, shm_erro
     policy->color = params.color;
 
     uint64_t page = kPage;
-    if ((params.flags & SHM_WRITER_HUGE_PAGES) != 0) {
-        policy->memoryKind = kHugePages;
+    const int result = memoryPolicy(params, policy, error);
+    if (result != 0)
+        return result;
+    if (policy->memoryKind == kHugePages) {
         page = hugePageBytes();
         if (page == 0)
             return fail(error, ENOMEM, "this system has no huge pages: publish without them");
@@ -166,11 +199,25 @@ uint64_t Store::bytesWith(uint32_t slotsInUse) const
 int Store::createSlot(uint32_t slot)
 {
     const bool isSealed = (policy.flags & SHM_WRITER_SEALED) != 0;
+    const unsigned seals = isSealed ? sealsForReadOnly() : sealsForShared();
     SharedMemory memory;
-    const int result = createSharedMemory(&memory, "shm-frame", policy.slotBytes, policy.memoryKind,
-                                          isSealed ? sealsForReadOnly() : sealsForShared());
+    int result = 0;
+    int exported = 0;
+    if (policy.memoryKind == kDmaHeap)
+        result = createHeapMemory(&memory, policy.heap.c_str(), policy.slotBytes, *dmabufDevice);
+    else if (policy.memoryKind == kUdmabuf)
+        result =
+            createExportedMemory(&memory, "shm-frame", policy.slotBytes, seals, *dmabufDevice, &exported);
+    else
+        result = createSharedMemory(&memory, "shm-frame", policy.slotBytes, policy.memoryKind, seals);
     if (result != 0)
         return result;
+    // The first one decides, before any reader is told; a later one that fails is a slot without a DMA-buf.
+    if (exported != 0 && slot == 0 && slots[slot].memoryGeneration == 0) {
+        policy.memoryKind = kMemfd;
+        policy.memory = "memfd";
+        policy.dmabuf = exportFailure(exported, policy.slotBytes);
+    }
     slots[slot].memory = std::move(memory);
     slots[slot].poisoned.store(false, std::memory_order_relaxed);
     ++slots[slot].memoryGeneration;
@@ -185,7 +232,7 @@ int Store::create(shm_error_t *error)
     need.bytes = bytesWith(policy.memoryKind == kHugePages ? 0 : policy.slotCount);
     need.hugeBytes = policy.memoryKind == kHugePages ? policy.slotCount * policy.slotBytes : 0;
     need.largestObject = std::max({policy.slotBytes, policy.audioBytes, policy.indexBytes});
-    need.descriptors = policy.slotCount + 16;
+    need.descriptors = policy.slotCount * (policy.isExported() ? 2u : 1u) + 16;
     int result = checkMemory(need, readMemoryFacts("/"), policy.name.c_str(), error);
     if (result != 0)
         return result;
@@ -214,6 +261,10 @@ int Store::create(shm_error_t *error)
     slots = std::vector<Slot>(policy.slotCapacity);
     for (uint32_t s = 0; s < policy.slotCount; ++s) {
         result = createSlot(s);
+        if (result != 0 && policy.memoryKind == kDmaHeap) {
+            return fail(error, -result, "store \"%s\": %s", policy.name.c_str(),
+                        heapFailure(result, policy.heap).c_str());
+        }
         if (result != 0)
             return failed("the frames", result);
         slots[s].owner.store(SlotOwner::Ready, std::memory_order_release);

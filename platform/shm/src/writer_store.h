@@ -23,6 +23,9 @@ struct StorePolicy
     long group = -1; // readers of this group are served as well
     uint32_t flags = 0;
     MemoryKind memoryKind = kMemfd;
+    std::string memory = "memfd"; // the kind in words
+    std::string heap;             // of kDmaHeap
+    std::string dmabuf;           // "yes", else why frames have no DMA-buf
     uint64_t session = 0;
     int64_t startedUs = 0; // wall clock
 
@@ -46,6 +49,7 @@ struct StorePolicy
     uint64_t audioBytes = 0;
 
     bool hasVideo() const { return slotCount != 0; }
+    bool isExported() const { return memoryKind == kUdmabuf || memoryKind == kDmaHeap; }
     bool hasAudio() const { return audioStreams != 0; }
 };
 
@@ -86,6 +90,7 @@ struct Store
     IndexView index;
     ReaderList readers;
     std::vector<Slot> slots; // slotCapacity of them
+    DmabufDevice *dmabufDevice = &systemDmabufDevice();
     StoreCounters counters;
 
     std::atomic<uint32_t> readySlots{0};   // rises with every slot that becomes Ready

@@ -85,7 +85,7 @@ bool WriterService::addSlot()
 {
     MemoryNeed need;
     (m_store.policy.memoryKind == kHugePages ? need.hugeBytes : need.bytes) = m_store.policy.slotBytes;
-    need.descriptors = 1;
+    need.descriptors = m_store.policy.isExported() ? 2 : 1;
     if (checkMemory(need, readMemoryFacts("/"), m_store.policy.name.c_str(), nullptr) != 0)
         return false;
     for (uint32_t s = 0; s < m_store.policy.slotCapacity; ++s) {

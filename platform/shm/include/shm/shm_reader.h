@@ -129,7 +129,12 @@ SHM_API int shm_reader_is_ready(shm_reader_t *reader);
  */
 SHM_API int shm_reader_set_fps(shm_reader_t *reader, unsigned int numerator, unsigned int denominator);
 
-/* Asks the writer to export its slots as DMA-bufs. Returns 0, or a negative errno when it cannot be. */
+/*
+ * Asks the writer for the DMA-bufs of its slots, and waits for them at most as long as the open was told to;
+ * those that come later are taken as they come. Returns 0, or a negative errno: ENOTSUP (the writer has none
+ * for this reader: shm_reader_get_info says why), EMFILE (this process may not open as many descriptors),
+ * ETIMEDOUT (none yet), ENODEV.
+ */
 SHM_API int shm_reader_open_dmabuf_fd(shm_reader_t *reader);
 
 /*

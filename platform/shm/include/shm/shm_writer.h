@@ -26,7 +26,9 @@ extern "C" {
 typedef struct shm_writer shm_writer_t;
 
 enum {
-    SHM_WRITER_SEALED = 1u, /* nobody but this process can write pixels, readers of the same user included */
+    /* Nobody but this process can write pixels, readers of the same user included. Only a DMA-buf descriptor,
+     * given to who asks for one where the memory is exported, could still be written through. */
+    SHM_WRITER_SEALED = 1u,
     SHM_WRITER_DMABUF_OTHERS = 2u, /* readers of other users may have (writable) DMA-buf descriptors */
     SHM_WRITER_HUGE_PAGES = 4u     /* frame slots in huge pages; refused when none are to be had */
 };
@@ -52,6 +54,15 @@ typedef struct shm_writer_params
     int32_t channels;         /* 1 to SHM_CHANNELS_MAX */
     int32_t audio_streams;    /* 1 to SHM_STREAMS_MAX; 0 means 1 when there is audio */
     int32_t audio_history_ms; /* 0: 2000; never less */
+
+    /*
+     * Where frames lie: null or "memfd"; "huge" (as the flag); "udmabuf", memory that is exported as DMA-bufs
+     * too where the kernel does that, else as "memfd" with the reason in the statistics; "dma-heap:NAME",
+     * memory from /dev/dma_heap/NAME, refused when there is none. Memory of a heap can be mapped by who has
+     * its descriptor only and written by all of them: readers of other users are served with
+     * SHM_WRITER_DMABUF_OTHERS only.
+     */
+    const char *memory;
 } shm_writer_params_t;
 
 /* Zeroes `params`, sets `size`, and the color to BT.709 full range. */
@@ -123,6 +134,8 @@ typedef struct shm_writer_stats
     uint32_t wished_denominator;
     uint64_t readers_disconnected; /* that pinned the last slots */
     uint64_t slots_replaced;       /* by fresh memory because readers pinned them */
+    char memory[32];               /* "memfd", "udmabuf", ... */
+    char dmabuf[128];              /* "yes", else why frames have no DMA-buf */
 } shm_writer_stats_t;
 
 /* Any thread. Returns 0 or a negative errno. */
