@@ -25,3 +25,9 @@ zev_test(tst_audioplayer
         ${audio_unit}/fake_audiosystem.h ${audio_unit}/fake_clockdetector.cpp ${audio_unit}/fake_clockdetector.h
     LIBRARIES ${audio_libraries})
 target_compile_definitions(tst_audioplayer PRIVATE QT_STATICPLUGIN)
+
+# A day of playing against a source whose clock differs, in simulated time.
+zev_test(tst_audioreaderdrift SOURCES ${audio_unit}/tst_audioreaderdrift.cpp ${audio_store}
+    LIBRARIES ${audio_libraries})
+zev_test(tst_audioplaybackwatch SOURCES ${audio_unit}/tst_audioplaybackwatch.cpp
+    LIBRARIES Zev::zevqt-mm GTest::gtest_main)

@@ -32,6 +32,7 @@ void FakeAudioStore::reset()
     newest = 1000000000;
     oldest = newest - 2000000;
     deliverAtMost = -1;
+    fillsSamples = true;
     isRecording = true;
     queries.clear();
     formatQueries = 0;
@@ -144,7 +145,7 @@ int64_t shm_reader_query_audio2(shm_reader_t *, int stream, void *destination, u
     if (store.deliverAtMost >= 0)
         frames = std::min(frames, store.deliverAtMost);
     auto *samples = static_cast<int16_t *>(destination);
-    for (int64_t i = 0; i < frames; ++i) {
+    for (int64_t i = 0; store.fillsSamples && i < frames; ++i) {
         for (int channel = 0; channel < store.channels; ++channel)
             *samples++ = FakeAudioStore::sample(first + i, channel);
     }

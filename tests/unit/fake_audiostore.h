@@ -43,7 +43,8 @@ public:
     int64_t newest;
     /*! At most so many frames are delivered by a query; -1 for no limit. */
     int64_t deliverAtMost;
-    bool isRecording; // queries; off, nothing is allocated
+    bool fillsSamples; // off, a query only counts: for long simulations
+    bool isRecording;  // queries; off, nothing is allocated
     std::vector<Query> queries;
     int formatQueries;
     int statusQueries;

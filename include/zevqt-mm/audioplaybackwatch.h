@@ -1,0 +1,52 @@
+#ifndef ZEVQTMM_AUDIOPLAYBACKWATCH_H
+#define ZEVQTMM_AUDIOPLAYBACKWATCH_H
+
+#include <zevqt-mm/zevqtmmglobal.h>
+
+#include <QtCore/QtGlobal>
+
+/*!
+ * Decides when a player that is meant to play should be started anew.
+ *
+ * A player stops by itself when the clock is set or the device fails; a device that was taken away may also
+ * leave it playing into nothing; and a source whose clock is slower than the device's lets the distance
+ * between the newest audio and the read position (the reserve) run out, from when on every read ends in a
+ * little silence. Starting anew mends all three.
+ *
+ * Usage: begin() whenever playing was started; check() a few times a second with what the player and the
+ * source say, and start again when it answers true. It knows no clock and no player.
+ *
+ *     if (watch.check(monotonicUs, player->isActive(), player->getReadPosition(),
+ * source->getAudioLastTimestamp())) { player->start(source, fps); watch.begin(monotonicUs);
+ *     }
+ *
+ * Threads: reentrant. Units: microseconds; `now` on a monotonic clock, the other timestamps on the wall
+ * clock.
+ *
+ * Attempts are a second apart at first, and farther and farther, up to half a minute, while they do not help.
+ */
+class ZEVQTMM_EXPORT AudioPlaybackWatch
+{
+public:
+    void begin(qint64 now);
+    bool check(qint64 now, bool isActive, qint64 readPosition, qint64 newest);
+    /*! Smallest reserve in the last whole second; -1 while it is not known. */
+    qint64 reserve() const { return lastReserve; }
+
+private:
+    void closeWindow(qint64 now);
+    bool mayRestart(qint64 now) const;
+
+    qint64 started = 0;
+    qint64 backoff = 0;
+    qint64 lastPosition = 0;
+    qint64 lastMove = 0; // when the read position moved last
+    qint64 newestThen = 0;
+    qint64 windowStart = 0;
+    qint64 windowReserve = -1;
+    qint64 lastReserve = -1;
+    int dryWindows = 0;
+    bool wasHealthy = false;
+};
+
+#endif

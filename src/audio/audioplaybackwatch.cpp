@@ -1,0 +1,71 @@
+#include <zevqt-mm/audioplaybackwatch.h>
+
+namespace {
+
+const qint64 second = 1000000;
+const qint64 firstBackoff = second;
+const qint64 longestBackoff = 30 * second;
+const qint64 healthyAfter = 60 * second; // an attempt that lasted so long has helped
+const qint64 stuckAfter = 3 * second;    // reads are never so far apart, whatever the device's buffer
+const qint64 dryReserve = 1000;
+const qint64 healthyReserve = 20000;
+const int dryWindowsToRestart = 5;
+
+} // namespace
+
+void AudioPlaybackWatch::begin(qint64 now)
+{
+    if (backoff == 0 || now - started >= healthyAfter)
+        backoff = firstBackoff;
+    else
+        backoff = qMin(2 * backoff, longestBackoff);
+    started = now;
+    lastPosition = 0;
+    lastMove = now;
+    newestThen = 0;
+    windowStart = now;
+    windowReserve = -1;
+    lastReserve = -1;
+    dryWindows = 0;
+    wasHealthy = false;
+}
+
+bool AudioPlaybackWatch::mayRestart(qint64 now) const
+{
+    return backoff == 0 || now - started >= backoff;
+}
+
+bool AudioPlaybackWatch::check(qint64 now, bool isActive, qint64 readPosition, qint64 newest)
+{
+    if (!isActive)
+        return mayRestart(now);
+    if (readPosition != lastPosition || newest == 0 || newest == newestThen) {
+        // It moves, or there is nothing new to move to.
+        if (readPosition != lastPosition || newest == 0)
+            newestThen = newest;
+        lastPosition = readPosition;
+        lastMove = now;
+    } else if (now - lastMove >= stuckAfter) {
+        return mayRestart(now);
+    }
+
+    if (readPosition > 0 && newest > 0) {
+        const qint64 reserveNow = qMax<qint64>(0, newest - readPosition);
+        windowReserve = windowReserve < 0 ? reserveNow : qMin(windowReserve, reserveNow);
+    }
+    if (now - windowStart >= second)
+        closeWindow(now);
+    return dryWindows >= dryWindowsToRestart && mayRestart(now);
+}
+
+// Right after a read the reserve is what is left when the device has got what it wanted. Only a reserve that
+// was there once can run out: where the delay is too short for the device, starting anew would not help.
+void AudioPlaybackWatch::closeWindow(qint64 now)
+{
+    lastReserve = windowReserve;
+    windowReserve = -1;
+    windowStart = now;
+    if (lastReserve > healthyReserve)
+        wasHealthy = true;
+    dryWindows = wasHealthy && lastReserve >= 0 && lastReserve <= dryReserve ? dryWindows + 1 : 0;
+}

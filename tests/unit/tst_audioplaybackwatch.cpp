@@ -1,0 +1,104 @@
+#include <zevqt-mm/audioplaybackwatch.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const qint64 ms = 1000;
+const qint64 second = 1000000;
+
+// A player and a source in simulated time.
+struct Simulation
+{
+    AudioPlaybackWatch watch;
+    qint64 now = 77 * second;
+    qint64 newest = 1000 * second;
+    qint64 position = 1000 * second - 150 * ms;
+    bool isActive = true;
+    bool isSourceAlive = true;
+    bool isDeviceTaking = true;
+
+    Simulation() { watch.begin(now); }
+
+    // Number of restarts that are asked for while `duration` passes, each of them carried out.
+    int run(qint64 duration, qint64 reserveDrift = 0)
+    {
+        int restarts = 0;
+        for (const qint64 end = now + duration; now < end;) {
+            now += 40 * ms;
+            if (isSourceAlive)
+                newest += 40 * ms;
+            if (isDeviceTaking && isSourceAlive)
+                position = qMin(newest, position + 40 * ms + reserveDrift);
+            if (watch.check(now, isActive, position, newest)) {
+                ++restarts;
+                position = newest - 150 * ms;
+                watch.begin(now);
+            }
+        }
+        return restarts;
+    }
+};
+
+TEST(AudioPlaybackWatch, LeavesAHealthyPlayerAlone)
+{
+    Simulation simulation;
+    EXPECT_EQ(simulation.run(3600 * second), 0);
+    EXPECT_EQ(simulation.watch.reserve(), 150 * ms);
+}
+
+TEST(AudioPlaybackWatch, StartsAStoppedPlayerLessAndLessOften)
+{
+    Simulation simulation;
+    simulation.isActive = false;
+    EXPECT_EQ(simulation.run(960 * ms), 0);
+    EXPECT_EQ(simulation.run(40 * ms), 1);
+    // 2, 4, 8, 16 and then every 30 s.
+    EXPECT_EQ(simulation.run(31 * second), 4);
+    EXPECT_EQ(simulation.run(301 * second), 10);
+    // What helped for a minute counts from the beginning.
+    simulation.isActive = true;
+    EXPECT_EQ(simulation.run(61 * second), 0);
+    simulation.isActive = false;
+    EXPECT_EQ(simulation.run(40 * ms), 1);
+    EXPECT_EQ(simulation.run(960 * ms), 0);
+    EXPECT_EQ(simulation.run(40 * ms), 1);
+}
+
+TEST(AudioPlaybackWatch, ADeviceThatTakesNothingIsStuck)
+{
+    Simulation simulation;
+    simulation.run(10 * second);
+    simulation.isDeviceTaking = false;
+    EXPECT_EQ(simulation.run(2900 * ms), 0);
+    EXPECT_EQ(simulation.run(200 * ms), 1);
+}
+
+TEST(AudioPlaybackWatch, ASourceThatIsSilentIsNoFault)
+{
+    Simulation simulation;
+    simulation.run(10 * second);
+    simulation.isSourceAlive = false;
+    EXPECT_EQ(simulation.run(600 * second), 0);
+    simulation.newest = 0; // and gone
+    EXPECT_EQ(simulation.run(600 * second), 0);
+}
+
+TEST(AudioPlaybackWatch, AReserveThatRanOutIsRestored)
+{
+    Simulation simulation;
+    // A source that is 0.5 % slow.
+    EXPECT_EQ(simulation.run(20 * second, 200), 0);
+    EXPECT_EQ(simulation.run(30 * second, 200), 1);
+    EXPECT_GT(simulation.watch.reserve(), 50 * ms);
+}
+
+TEST(AudioPlaybackWatch, AReserveThatNeverWasIsNotMissed)
+{
+    Simulation simulation;
+    simulation.position = simulation.newest;
+    EXPECT_EQ(simulation.run(600 * second), 0);
+    EXPECT_EQ(simulation.watch.reserve(), 0);
+}
+
+} // namespace
