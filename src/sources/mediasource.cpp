@@ -117,7 +117,7 @@ unsigned long MediaSource::getDefaultSamplesCount()
 {
     if (requestedAudioSamples != 0)
         return requestedAudioSamples;
-    const QAudioFormat format = getAudioFormat();
+    const QAudioFormat format = reader->peekAudioFormat();
     if (!format.isValid())
         return 0;
     return static_cast<unsigned long>(qMax(0, format.framesForDuration(defaultAudioMicroseconds)));

@@ -326,12 +326,25 @@ long long ShmemReader::grabAudio(int stream, unsigned long frames, void *dst, lo
 QAudioFormat ShmemReader::getAudioFormat()
 {
     const QMutexLocker lock(&mutex);
-    if (!check(false))
+    const QAudioFormat current = currentAudioFormat();
+    if (current.isValid())
+        reportedChannels = current.channelCount();
+    return current;
+}
+
+QAudioFormat ShmemReader::peekAudioFormat()
+{
+    const QMutexLocker lock(&mutex);
+    return currentAudioFormat();
+}
+
+QAudioFormat ShmemReader::currentAudioFormat()
+{
+    if (!hasAudio())
         return {};
-    const QAudioFormat audioFormat = shmemFormatToAudioFormat(format);
-    if (audioFormat.isValid())
-        reportedChannels = audioFormat.channelCount();
-    return audioFormat;
+    if (mappedFormat.sampleRate() != format.sample_rate || mappedFormat.channelCount() != format.channels)
+        mappedFormat = shmemFormatToAudioFormat(format);
+    return mappedFormat;
 }
 
 long long ShmemReader::getAudioLastTimestamp()

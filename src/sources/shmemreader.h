@@ -62,6 +62,8 @@ public:
     /*! What there is of `frames` frames from `ts` on; `dst` has room for them in the format last reported. */
     long long grabAudio(int stream, unsigned long frames, void *dst, long long ts);
     QAudioFormat getAudioFormat();
+    /*! The same, for who does not size a buffer for the raw copy by it. */
+    QAudioFormat peekAudioFormat();
     long long getAudioLastTimestamp();
 
     /*! Without the mutex: never changes after construction. */
@@ -74,6 +76,7 @@ private:
 
     bool hasVideo() { return check(false) && format.has_video; }
     bool hasAudio() { return check(false) && format.has_audio; }
+    QAudioFormat currentAudioFormat();
     void applyVideoFrameRate();
     QVideoFrame grabVideoInternal(long long ts, shm_video_lookup_mode_t *mode);
 
@@ -91,6 +94,7 @@ private:
     int audioChannel;
     int reportedChannels; // that getAudioFormat() reported last: what callers' buffers are sized for; 0 =
                           // none yet
+    QAudioFormat mappedFormat; // of a store with audio, kept because QAudioFormat allocates when it is made
 };
 
 #endif

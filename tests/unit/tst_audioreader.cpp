@@ -147,6 +147,7 @@ private Q_SLOTS:
     void resamplesEveryFormat();
     void resamplingIsSeamless();
     void newFormatMidStreamAnchorsAnew();
+    void wideningStoreDoesNotOverrunTheBuffer();
     void formatsThatCannotBeConverted_data();
     void formatsThatCannotBeConverted();
     void resamplerThatCannotBeBuiltMidStream();
@@ -537,6 +538,21 @@ void tst_AudioReader::newFormatMidStreamAnchorsAnew()
     QVERIFY(source->open());
     read(3840);
     QCOMPARE(liveResamplers, 0);
+}
+
+// A tick thread that asks the same source for audio notices the new format first; the reader has asked for
+// the format already, and its buffer is as wide as that said.
+void tst_AudioReader::wideningStoreDoesNotOverrunTheBuffer()
+{
+    QCOMPARE(source->getAudioFormat().channelCount(), 2);
+    store().channels = 8;
+    QVERIFY(source->open());
+    source->requestAudio();
+    store().queries.clear();
+    QVector<short> buffer(2 * 100, 0x55);
+    QCOMPARE(source->grabAudio(3, 100, buffer.data(), now - 200000), 0LL);
+    QVERIFY(store().queries.empty());
+    QCOMPARE(buffer, QVector<short>(2 * 100, 0x55));
 }
 
 void tst_AudioReader::formatsThatCannotBeConverted_data()
