@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 struct shm_reader
 {
@@ -144,10 +145,13 @@ int64_t shm_reader_query_audio2(shm_reader_t *, int stream, void *destination, u
         frames = std::clamp<int64_t>(store.indexOf(store.newest) - first, 0, asked);
     if (store.deliverAtMost >= 0)
         frames = std::min(frames, store.deliverAtMost);
-    auto *samples = static_cast<int16_t *>(destination);
+    auto *bytes = static_cast<char *>(destination); // a reader of single bytes may have any alignment
     for (int64_t i = 0; store.fillsSamples && i < frames; ++i) {
-        for (int channel = 0; channel < store.channels; ++channel)
-            *samples++ = FakeAudioStore::sample(first + i, channel);
+        for (int channel = 0; channel < store.channels; ++channel) {
+            const int16_t value = FakeAudioStore::sample(first + i, channel);
+            std::memcpy(bytes, &value, sizeof value);
+            bytes += sizeof value;
+        }
     }
     if (store.isRecording)
         store.queries.push_back({stream, count_a * count_b, start_timestamp, frames});
