@@ -28,7 +28,7 @@ class MultimediaThread;
  * externalTick() once per displayed picture instead, from the window's frame signal for example.
  *
  * Threads: tick() is emitted in the tick thread, or in the caller of externalTick(). Everything else belongs
- * to the owner's thread. The fields that both touch are atomic and need no lock: each is used for itself.
+ * to the owner's thread. The fields that both touch are atomic and need no lock.
  *
  * Ownership: shares the source. The owner calls stop() before it destroys the timeline.
  *
@@ -83,7 +83,8 @@ public Q_SLOTS:
 private:
     QSharedPointer<MediaSourceBase> source;
     MultimediaThread *thread;
-    // Written by the owner's thread, the tick thread, or both. Relaxed: no field is used to publish another.
+    // Written by the owner's thread, the tick thread, or both. Relaxed, but for a cleared readOffset, which
+    // publishes a new targetLatency.
     std::atomic<int> frameRateNumerator;
     std::atomic<int> frameRateDenominator;
     std::atomic<int> minDepth;

@@ -139,8 +139,9 @@ void VideoTimeline::adjustReadPosition(long long ts)
     if (ts == 0)
         return;
     if (adjustCount.load(relaxed) == 0) {
-        readOffset.store(0, relaxed);
+        // In this order, see updateReadOffset(): who sees the offset cleared sees what to aim at.
         targetLatency.store(wrapping::subtract(systemClock(), ts), relaxed);
+        readOffset.store(0, std::memory_order_release);
         adjustCount.store(1, relaxed);
     } else {
         adjustCount.fetch_add(1, relaxed); // atomic arithmetic wraps
@@ -152,19 +153,39 @@ void VideoTimeline::updateReadOffset(long long now, long long correction,
 {
     const long long age = wrapping::subtract(now, status.timestamps.last());
     const int least = minDepth.load(relaxed);
-    int depth = depthForLatency(targetLatency.load(relaxed), age, status.frameInterval);
-    if (least >= depth) {
-        depth = least;
-        // A source that delivers unevenly gets a frame of reserve.
-        if (status.jitter > status.frameInterval / 10)
-            depth = wrapping::add(depth, 1);
+    const auto offsetFor = [&](long long latency) {
+        int depth = depthForLatency(latency, age, status.frameInterval);
+        if (least >= depth) {
+            depth = least;
+            // A source that delivers unevenly gets a frame of reserve.
+            if (status.jitter > status.frameInterval / 10)
+                depth = wrapping::add(depth, 1);
+        }
+        const long long value =
+            wrapping::add(age, wrapping::multiply<long long>(depth, status.frameInterval));
+        const long long corrected = wrapping::add(value, correction);
+        return corrected == 0 ? 1 : corrected; // 0 stands for "not yet computed"
+    };
+
+    // The owner's thread may set a new aim while this tick computes for the old one. Stored over the clearing
+    // that announces it, the old offset would stay for good, and the picture apart from its sound:
+    //   1 tick: loads the offset and the old aim     2 owner: stores the new aim, clears the offset
+    //   3 tick: stores the offset for the old aim
+    // The exchange fails at 3 when the offset was something and is cleared now; when it had been clear
+    // already, the aim is seen to have changed.
+    const auto acquire = std::memory_order_acquire;
+    long long current = readOffset.load(acquire);
+    for (;;) {
+        const long long latency = targetLatency.load(relaxed);
+        const long long value = offsetFor(latency);
+        if (mode == DecreaseOnly && current <= value)
+            return;
+        if (!readOffset.compare_exchange_strong(current, value, acquire, acquire))
+            continue;
+        if (targetLatency.load(relaxed) == latency)
+            return;
+        current = value;
     }
-    long long value = wrapping::add(age, wrapping::multiply<long long>(depth, status.frameInterval));
-    value = wrapping::add(value, correction);
-    if (value == 0)
-        value = 1; // 0 stands for "not yet computed"
-    if (mode == Replace || readOffset.load(relaxed) > value)
-        readOffset.store(value, relaxed);
 }
 
 long long VideoTimeline::nextTimestamp(long long now)

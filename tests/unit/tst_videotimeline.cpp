@@ -7,8 +7,10 @@
 
 #include <QtTest/QtTest>
 
+#include <atomic>
 #include <chrono>
 #include <limits>
+#include <thread>
 
 Q_DECLARE_METATYPE(VideoTimeline::OffsetUpdateMode)
 
@@ -81,6 +83,7 @@ private Q_SLOTS:
     void adjustReadPosition();
     void adjustReadPositionCountsOnce();
     void adjustReadPositionOfZeroIsIgnored();
+    void aimIsNotLostToATickUnderWay();
 
     void oddRatesDoNotTrap_data();
     void oddRatesDoNotTrap();
@@ -576,6 +579,37 @@ void tst_VideoTimeline::adjustReadPositionOfZeroIsIgnored()
     QCOMPARE(timeline.getReadOffset(), 70000LL);
     timeline.adjustReadPosition(systemClock() - 210000); // still the first that counts
     QCOMPARE(timeline.getReadOffset(), 0LL);
+}
+
+void tst_VideoTimeline::aimIsNotLostToATickUnderWay()
+{
+    VideoTimeline timeline(source, 25, 1, true, nullptr);
+    source->status = statusOf(base - 30000, 8, 40000);
+    const int rounds = 20000;
+    std::atomic<int> round{0};
+    std::atomic<int> ticked{0};
+    std::thread tickThread([&] {
+        for (int i = 1; i <= rounds; ++i) {
+            while (round.load() < i)
+                std::this_thread::yield();
+            timeline.nextTimestamp(base);
+            ticked.store(i);
+        }
+    });
+    int lost = 0;
+    for (int i = 1; i <= rounds; ++i) {
+        timeline.stop();
+        timeline.adjustReadPosition(systemClock() - 210000); // not computed yet, as after a start
+        timeline.stop();
+        round.store(i);
+        timeline.adjustReadPosition(systemClock() - 610000);
+        while (ticked.load() < i)
+            std::this_thread::yield();
+        timeline.nextTimestamp(base);
+        lost += timeline.getReadOffset() < 30000 + 14 * 40000 ? 1 : 0;
+    }
+    tickThread.join();
+    QCOMPARE(lost, 0);
 }
 
 void tst_VideoTimeline::oddRatesDoNotTrap_data()
