@@ -72,6 +72,11 @@ QImage *VideoFrameStreamConverter::allocateImage(const QSize &size)
             break;
         }
     }
+    // From here on it holds something else, also when the conversion fails and nothing takes its place.
+    if (chosen == cachedImage) {
+        cachedImage = nullptr;
+        cachedTimestamp = 0;
+    }
     if (chosen->size() != size)
         *chosen = QImage(size, targetFormat);
     return chosen;

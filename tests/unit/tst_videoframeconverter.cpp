@@ -186,6 +186,7 @@ private Q_SLOTS:
     void resetOfTheFlagsKeepsTheCache();
     void resetWithNewFormatEmptiesTheRingAndKeepsTheFormat();
     void startTimeZeroIsNoHit();
+    void failureForgetsTheImageThatItOverwrote();
     void conversionsTakeTurns();
 };
 
@@ -620,6 +621,19 @@ void tst_VideoFrameConverter::startTimeZeroIsNoHit()
     QVERIFY(!converter.convert(makeFrame(QVideoFrame::Format_NV12, QSize(64, 36), 0)).isNull());
     converter.reset(QSize(32, 32), QImage::Format_RGB32, true, true);
     QCOMPARE(converter.convert(makeFrame(QVideoFrame::Format_NV12, QSize(64, 36), 0)).size(), QSize(32, 18));
+}
+
+void tst_VideoFrameConverter::failureForgetsTheImageThatItOverwrote()
+{
+    VideoFrameStreamConverter converter(QSize(), QImage::Format_RGB32, true, true);
+    const QVideoFrame first = makeFrame(QVideoFrame::Format_NV12, QSize(64, 36), 1);
+    const QImage expected = converter.convert(first).copy(); // the ring's own is free again, and cached
+    QVideoFrame unmappable(new UnmappableBuffer, QSize(32, 18), QVideoFrame::Format_NV12);
+    unmappable.setStartTime(2);
+    QVERIFY(converter.convert(unmappable).isNull()); // takes the free one, for another size
+    const QImage again = converter.convert(first);
+    QCOMPARE(again.text(QStringLiteral("pts")), QStringLiteral("1"));
+    QVERIFY(samePixels(again, expected));
 }
 
 void tst_VideoFrameConverter::conversionsTakeTurns()
