@@ -116,7 +116,7 @@ void ShmemReader::close()
 
 bool ShmemReader::check(bool force)
 {
-    const bool isRecent = !force && !checkTimer.hasExpired(checkIntervalMs);
+    const bool isRecent = !force && checkTimer.isValid() && !checkTimer.hasExpired(checkIntervalMs);
     if (format.valid) {
         if (isRecent)
             return true;
@@ -292,6 +292,8 @@ QAudioBuffer ShmemReader::grabAudio(int stream, unsigned long frames, long long 
         return {};
 
     const QAudioFormat audioFormat = shmemFormatToAudioFormat(format);
+    if (audioFormat.sampleRate() <= 0 || audioFormat.channelCount() <= 0)
+        return {}; // Qt takes such a format for valid, and divides by the rate
     const int bytesPerFrame = qMax(1, audioFormat.bytesPerFrame());
     if (frames > static_cast<unsigned long>(std::numeric_limits<int>::max() / bytesPerFrame))
         return {}; // more than QAudioBuffer can count

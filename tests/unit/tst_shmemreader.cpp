@@ -80,6 +80,8 @@ private Q_SLOTS:
     void audioBlockFailures();
     void failedAudioStatusWithoutFramesMakesTheReaderReopen();
     void hugeAudioRequestIsRefused();
+    void audioOfNoFormatIsRefused_data();
+    void audioOfNoFormatIsRefused();
     void audioBlockOutsideTheRealtimeRange();
     void rawAudio_data();
     void rawAudio();
@@ -718,6 +720,27 @@ void tst_ShmemReader::hugeAudioRequestIsRefused()
     store.audioStatus.frames = std::numeric_limits<uint32_t>::max();
     ShmemReader reader(QStringLiteral("cam0"), 100);
     QVERIFY(!reader.grabAudio(0, 0x20000000ul, 0LL).isValid()); // 2 GiB of samples
+    QCOMPARE(store.takeCalls().last(), QStringLiteral("get_audio_status 0"));
+}
+
+void tst_ShmemReader::audioOfNoFormatIsRefused_data()
+{
+    QTest::addColumn<int>("sampleRate");
+    QTest::addColumn<int>("channels");
+    QTest::newRow("no rate") << 0 << 2;
+    QTest::newRow("no channels") << 48000 << 0;
+    QTest::newRow("negative channels") << 48000 << -2;
+}
+
+void tst_ShmemReader::audioOfNoFormatIsRefused()
+{
+    QFETCH(int, sampleRate);
+    QFETCH(int, channels);
+    store.format.sample_rate = sampleRate;
+    store.format.channels = channels;
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(!reader.grabAudio(0, 480, 0LL).isValid());
+    // A buffer of no format has no memory: the store must not be asked to write there.
     QCOMPARE(store.takeCalls().last(), QStringLiteral("get_audio_status 0"));
 }
 
