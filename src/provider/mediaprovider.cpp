@@ -7,6 +7,7 @@
 
 #include <QtCore/QDebug>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace {
@@ -99,7 +100,7 @@ void MediaProvider::setRunning(bool on)
     if (!on && timeline)
         timeline->stop();
     Q_EMIT audioReady(QAudioBuffer()); // tells listeners that what follows does not continue what they have
-    if (on && timeline)
+    if (on && running_ && timeline)    // a listener may have switched off meanwhile
         timeline->start();
     Q_EMIT runningChanged(running_);
 }
@@ -215,11 +216,11 @@ VideoTimeline *MediaProvider::getTimeline() const
 
 void MediaProvider::rearmIdleDeadline()
 {
-    // Seconds that do not fit into the timer's nanoseconds would wrap into the past; 292 years are as good as
-    // never.
+    // Seconds that do not fit into the timer's nanoseconds would wrap into the past, or out of it; 292 years
+    // are as good as never, and what is over is over.
     using namespace std::chrono;
     if (noSignalDelay > duration_cast<seconds>(nanoseconds::max()))
         idleDeadline = QDeadlineTimer(QDeadlineTimer::Forever, Qt::CoarseTimer);
     else
-        idleDeadline.setRemainingTime(noSignalDelay, Qt::CoarseTimer);
+        idleDeadline.setRemainingTime(std::max(noSignalDelay, seconds::zero()), Qt::CoarseTimer);
 }

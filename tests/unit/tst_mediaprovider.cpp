@@ -45,6 +45,9 @@ private Q_SLOTS:
     void running();
     void runningWithoutVideo();
     void runningAsAProperty();
+    void stoppedByAListenerStaysStopped();
+    void rapidSwitchingEndsAsAsked();
+    void frameRateFromATick();
     void frameRate();
     void frameRateOfTheThread();
 
@@ -55,6 +58,8 @@ private Q_SLOTS:
     void imagesHaveNoIdleSignal();
     void endlessDelay_data();
     void endlessDelay();
+    void delayThatIsOverBeforeItBegins_data();
+    void delayThatIsOverBeforeItBegins();
     void noSignalImageIsScaled();
     void newSizeScalesAgain();
     void sameSizeDoesNothing();
@@ -377,6 +382,69 @@ void tst_MediaProvider::runningAsAProperty()
     QVERIFY(provider.running());
 }
 
+void tst_MediaProvider::stoppedByAListenerStaysStopped()
+{
+    MediaProvider provider(url("shm:///cam0"), QUrl(), false);
+    QAtomicInt ticks;
+    connect(
+        provider.getTimeline(), &VideoTimeline::tick, this, [&](long long) { ticks.ref(); },
+        Qt::DirectConnection);
+    const auto stops = connect(&provider, &MediaProvider::audioReady, this,
+                               [&](const QAudioBuffer &) { provider.setRunning(false); });
+    provider.setRunning(true);
+    disconnect(stops);
+    QVERIFY(!provider.running());
+    const int then = ticks.loadRelaxed();
+    // Ten ticks of another provider are time enough for one of the first.
+    MediaProvider other(url("shm:///cam1"), QUrl(), false);
+    QAtomicInt otherTicks;
+    connect(
+        other.getTimeline(), &VideoTimeline::tick, this, [&](long long) { otherTicks.ref(); },
+        Qt::DirectConnection);
+    other.setRunning(true);
+    QTRY_VERIFY_WITH_TIMEOUT(otherTicks.loadRelaxed() > 10, 30000);
+    QCOMPARE(ticks.loadRelaxed(), then);
+}
+
+void tst_MediaProvider::rapidSwitchingEndsAsAsked()
+{
+    MediaProvider provider(url("shm:///cam0"), QUrl(), false);
+    QAtomicInt ticks;
+    provider.setFrameRate(500);
+    provider.enableVideoFrames();
+    connect(
+        provider.getTimeline(), &VideoTimeline::tick, this, [&](long long) { ticks.ref(); },
+        Qt::DirectConnection);
+    for (int i = 0; i < 500; ++i) {
+        provider.setRunning(true);
+        provider.setRunning(false);
+    }
+    const int then = ticks.loadRelaxed();
+    QCoreApplication::processEvents();
+    QCOMPARE(ticks.loadRelaxed(), then); // stopped means that no tick is under way
+    provider.setRunning(true);
+    QTRY_VERIFY_WITH_TIMEOUT(ticks.loadRelaxed() > then + 10, 30000);
+}
+
+void tst_MediaProvider::frameRateFromATick()
+{
+    MediaProvider provider(url("shm:///cam0"), QUrl(), false);
+    QAtomicInt ticks;
+    connect(
+        provider.getTimeline(), &VideoTimeline::tick, this,
+        [&](long long) {
+            if (ticks.fetchAndAddRelaxed(1) < 20) // from the tick thread, which must not wait for itself
+                provider.getTimeline()->setFrameRate(300000000 + ticks.loadRelaxed(), 1000000);
+        },
+        Qt::DirectConnection);
+    provider.setRunning(true);
+    QTRY_VERIFY_WITH_TIMEOUT(ticks.loadRelaxed() > 30, 30000);
+    provider.setRunning(false);
+    const int then = ticks.loadRelaxed();
+    QCoreApplication::processEvents();
+    QCOMPARE(ticks.loadRelaxed(), then);
+}
+
 void tst_MediaProvider::frameRate()
 {
     MediaProvider provider(url("shm:///cam0"), QUrl(), true);
@@ -494,6 +562,25 @@ void tst_MediaProvider::endlessDelay()
     QSignalSpy idle(&provider, &MediaProvider::videoIdle);
     provider.emitVideoFrame(QVideoFrame());
     QCOMPARE(idle.count(), 1);
+}
+
+void tst_MediaProvider::delayThatIsOverBeforeItBegins_data()
+{
+    QTest::addColumn<qint64>("delay");
+    QTest::newRow("a second ago") << qint64(-1);
+    QTest::newRow("beyond the nanoseconds") << qint64(-10000000000); // wraps to 268 years to come
+    QTest::newRow("least") << qint64(seconds::min().count());
+}
+
+void tst_MediaProvider::delayThatIsOverBeforeItBegins()
+{
+    QFETCH(qint64, delay);
+    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
+    provider.setNoSignalImage(picture, seconds(delay));
+    QSignalSpy idle(&provider, &MediaProvider::videoIdle);
+    provider.emitVideoFrame(QVideoFrame(QImage(16, 16, QImage::Format_RGB32)));
+    provider.emitVideoFrame(QVideoFrame());
+    QCOMPARE(idle.count(), 0);
 }
 
 void tst_MediaProvider::noSignalImageIsScaled()
