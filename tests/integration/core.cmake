@@ -10,3 +10,12 @@ zev_test(tst_eglcurrentcontext LABEL integration SOURCES ${integration}/tst_eglc
 add_test(NAME tst_eglcurrentcontext_glx COMMAND tst_eglcurrentcontext glx)
 set_tests_properties(tst_eglcurrentcontext_glx PROPERTIES LABELS integration TIMEOUT 120 SKIP_RETURN_CODE 77)
 zev_test_environment(tst_eglcurrentcontext_glx)
+
+# The installed tree, as an application sees it. Without sanitizers: the example would have to be built with the same.
+find_package(Python3 COMPONENTS Interpreter)
+if(Python3_FOUND AND NOT ZEV_SANITIZE)
+    add_test(NAME installed_tree COMMAND Python3::Interpreter ${integration}/installed_tree.py
+        ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER} $<$<TARGET_EXISTS:zevshm>:$<TARGET_FILE:zevshm>>
+        COMMAND_EXPAND_LISTS)
+    set_tests_properties(installed_tree PROPERTIES LABELS integration TIMEOUT 120)
+endif()
