@@ -160,9 +160,9 @@ bool lockEdge(shm_reader *reader, shm_video_frame_t *frame)
             slot = s;
         }
     }
-    // The table's last entry: the others belong to what lockKept() holds.
-    return least != UINT64_MAX &&
-           reader->tryLock(least, slot, kReaderLocks - 1, frame) == shm_reader::Attempt::Locked;
+    const uint32_t word = reader->freeWord();
+    return least != UINT64_MAX && word < kReaderLocks &&
+           reader->tryLock(least, slot, word, frame) == shm_reader::Attempt::Locked;
 }
 
 struct Keeper

@@ -9,6 +9,8 @@
 #include <sys/un.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <map>
 #include <memory>
 
@@ -148,6 +150,28 @@ TEST_F(ShmStore, ASecondUnlockDoesNothing)
     // The counter has not gone below zero either: the slot can be locked and counted as before.
     ASSERT_EQ(lockFrame(reader.get(), &frame, SHM_VIDEO_NEWEST), 0);
     EXPECT_TRUE(eventually([&] { return statsOf(writer.get()).locks_held == 1; }));
+}
+
+TEST_F(ShmStore, TheSameFrameLockedTwiceIsUnlockedTwice)
+{
+    const Writer writer = openWriter(smallVideo("s"));
+    ASSERT_EQ(0, publishFrame(writer.get(), 1000, 1));
+    const Reader reader = openReader("s", nullptr, 2);
+    shm_video_frame_t first;
+    shm_video_frame_t second;
+    shm_video_frame_t third;
+    ASSERT_EQ(0, lockFrame(reader.get(), &first, SHM_VIDEO_NEWEST));
+    ASSERT_EQ(0, lockFrame(reader.get(), &second, SHM_VIDEO_NEWEST));
+    EXPECT_EQ(-EBUSY, lockFrame(reader.get(), &third, SHM_VIDEO_NEWEST));
+    EXPECT_TRUE(eventually([&] { return statsOf(writer.get()).locks_held == 2; }));
+    shm_reader_unlock_video(reader.get(), &first);
+    EXPECT_TRUE(eventually([&] { return statsOf(writer.get()).locks_held == 1; }));
+    // The second lock alone keeps the frame, however often the writer comes round.
+    for (int i = 0; i < 60; ++i)
+        publishFrame(writer.get(), 2000 + i, 2);
+    EXPECT_EQ(1, second.planes[0][0]);
+    shm_reader_unlock_video(reader.get(), &second);
+    EXPECT_TRUE(eventually([&] { return statsOf(writer.get()).locks_held == 0; }));
 }
 
 TEST_F(ShmStore, UnlockRunsInAnyThread)

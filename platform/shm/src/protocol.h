@@ -24,7 +24,7 @@
 //      0 | revoked                    the writer ended this connection: lock nothing more
 //     64 | wish                       numerator << 32 | denominator
 //    128 | waiting                    threads in shm_reader_wait_video
-//   1024 | locks[512]                 4 bytes each
+//   1024 | locks[64]                  8 bytes each: generation << 9 | slot, 0 = free; lock_words.h
 //
 // Audio (one per store, streams one after the other, each a head of one page and its samples):
 //
@@ -35,20 +35,30 @@
 //
 // Why the four accesses of lock and publish are sequentially consistent
 //
+// `w` is a word of the reader that is free, (g, s) what lock_words.h packs.
+//
 //   reader                                     writer
-//   R1  locks[s] += 1            (seq_cst)     W1  gen[s] = 0               (seq_cst)
-//   R2  gen[s] == g ?            (seq_cst)     W2  locks[s] of all readers  (seq_cst)
-//   R3  read the pixels                        W3  all 0: write the pixels
-//   R4  locks[s] -= 1            (release)     W4  gen[s] = g'              (release)
+//   R1  w = (g, s)               (seq_cst)     W1  gen[s] = 0                  (seq_cst)
+//   R2  gen[s] == g ?            (seq_cst)     W2  every word of all readers   (seq_cst)
+//   R3  read the pixels                        W3  none names s: write the pixels
+//   R4  w: (g, s) -> 0           (release)     W4  gen[s] = g'                 (release)
 //
-// All seq_cst operations have one order that everybody agrees on. Were R2 to see g (before W1) and W2 to see
-// 0 (before R1), that order would be R2 < W1 < W2 < R1 < R2, a circle. So either the reader sees that the
-// slot is gone, or the writer sees the lock. With W1 a mere release store, W2 may be answered before W1 has
-// left the store buffer:
+// All seq_cst operations have one order that everybody agrees on. Were R2 to see g (before W1) and W2 to read
+// w before R1, that order would be R2 < W1 < W2 < R1 < R2, a circle. So either the reader sees that the slot
+// is gone, or the writer sees the lock. With W1 a mere release store, W2 may be answered before W1 has left
+// the store buffer:
 //
-//   1. W1 waits in the writer's store buffer         2. W2 reads locks[s] = 0
-//   3. R1 locks[s] = 1, R2 reads the old g: locked   4. W1 leaves the buffer; W3 writes under the reader's
-//   eyes
+//   1. W1 waits in the writer's store buffer         2. W2 reads w = 0
+//   3. R1 w = (g, s), R2 reads the old g: locked     4. W1 leaves the buffer; W3 writes what the reader reads
+//
+// With R1 a mere release store it is the reader's buffer: R2 reads g while R1 waits, W1 and W2 find nothing,
+// then R1 leaves the buffer.
+//
+// W2 reads many words one after the other, and locks come and go meanwhile. Reader: w5 = (g, s) is held;
+// w2 = (g, s) is locked as well; w5 = 0. Were W2 to read w2 before and w5 after, it would find neither. But
+// then W1 < W2 < R1 of w2, so its R2 finds gen[s] = 0 and the second lock fails: what W1 did not close was in
+// its word before W2 began. Hence W2 begins after W1 of the very slot that is to be filled: words that were
+// read for one slot say of another only that it is locked, never that it is free.
 //
 // The list of readers is part of W2: a reader is listed (seq_cst) before its control page is sent. In the
 // reverse order a reader could lock between the two, unseen. A reader that is cut off while it lives (it pins
@@ -154,8 +164,8 @@ struct ControlPage
     Line<uint64_t> wish;
     Line<uint32_t> waiting;
     uint8_t reserved[1024 - 3 * 64];
-    std::atomic<uint32_t> locks[kSlotCapacityMax];
-    uint8_t rest[kPage - 1024 - 4 * kSlotCapacityMax];
+    std::atomic<uint64_t> locks[kLocksMax];
+    uint8_t rest[kPage - 1024 - 8 * kLocksMax];
 };
 static_assert(std::is_standard_layout_v<ControlPage> && sizeof(ControlPage) == kPage);
 static_assert(offsetof(ControlPage, wish) == 64 && offsetof(ControlPage, waiting) == 128 &&

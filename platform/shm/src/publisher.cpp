@@ -36,7 +36,7 @@ void Publisher::giveUp(uint32_t slot)
     m_store.poke();
 }
 
-Publisher::Use Publisher::tryUse(const ReaderList::Scan &scan, uint32_t slot)
+Publisher::Use Publisher::tryUse(ReaderList::Scan &scan, uint32_t slot)
 {
     // W1 and W2 of protocol.h.
     m_store.index.generations[slot].value.store(0, std::memory_order_seq_cst);
@@ -55,7 +55,7 @@ Publisher::Use Publisher::tryUse(const ReaderList::Scan &scan, uint32_t slot)
 }
 
 // One slot at a time of those that were added while readers pinned others.
-void Publisher::giveUpSurplus(const ReaderList::Scan &scan)
+void Publisher::giveUpSurplus(ReaderList::Scan &scan)
 {
     uint32_t surplus = m_store.surplusSlots.load(std::memory_order_relaxed);
     // The service thread may set it to 0 meanwhile.
@@ -74,7 +74,7 @@ void Publisher::giveUpSurplus(const ReaderList::Scan &scan)
 int Publisher::pickSlot()
 {
     takeReadySlots();
-    const ReaderList::Scan scan(m_store.readers);
+    ReaderList::Scan scan(m_store.readers);
     const uint32_t candidates = m_free.size();
     const uint32_t low = std::max<uint32_t>(2, m_store.policy.spareFrames / 2);
     uint32_t lockedSlots = 0;

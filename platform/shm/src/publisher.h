@@ -53,9 +53,9 @@ private:
     void endWrite(uint32_t slot);
     int pickSlot();
     enum class Use { Free, Locked, Gone };
-    Use tryUse(const ReaderList::Scan &scan, uint32_t slot);
+    Use tryUse(ReaderList::Scan &scan, uint32_t slot);
     void giveUp(uint32_t slot);
-    void giveUpSurplus(const ReaderList::Scan &scan);
+    void giveUpSurplus(ReaderList::Scan &scan);
     void takeReadySlots();
     void describe(uint32_t slot, shm_writer_frame_t *frame) const;
     void commit(uint32_t slot, int64_t timestamp, FrameOrder::Verdict verdict, const ClockReading &now);

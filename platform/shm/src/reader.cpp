@@ -3,6 +3,7 @@
 
 #include "clock.h"
 #include "error.h"
+#include "lock_words.h"
 #include "process_id.h"
 
 #include <poll.h>
@@ -48,19 +49,15 @@ shm_reader::~shm_reader()
     // In a forked child nothing is mapped and nothing is held; only descriptors are there to be closed.
     if (!mine())
         return;
-    for (Held &held : m_held) {
-        if (held.generation.exchange(0, std::memory_order_acq_rel) != 0)
-            m_control->locks[held.slot.load(std::memory_order_relaxed)].fetch_sub(1,
-                                                                                  std::memory_order_release);
-    }
+    for (uint32_t i = 0; i < m_maxLocks; ++i)
+        m_control->locks[i].store(0, std::memory_order_release);
 }
 
 bool shm_reader::lockedHere(uint32_t slot) const
 {
-    return std::any_of(m_held.begin(), m_held.end(), [slot](const Held &held) {
-        return held.generation.load(std::memory_order_acquire) != 0 &&
-               held.slot.load(std::memory_order_relaxed) == slot;
-    });
+    SlotSet held;
+    collectLocks(*m_control, m_maxLocks, &held);
+    return held[slot];
 }
 
 // Takes in what the writer sent since the handshake: slots that came and went, DMA-bufs that were asked for.

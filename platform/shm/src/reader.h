@@ -1,11 +1,10 @@
 // A reader's handle.
 //
-// Steady state of lock and unlock: three locked instructions (one for the lock, two for the unlock), a dozen
-// loads and a look at the kernel's coarse clock; no system call, no allocation. Every 10 ms one poll() of the
-// socket.
+// Steady state of lock and unlock: two locked instructions (one each), a dozen loads and a look at the
+// kernel's coarse clock; no system call, no allocation. Every 10 ms one poll() of the socket.
 //
 // Threads: one at a time, but for unlock, which may run in any thread beside any other call: it touches only
-// the atomic lock table and the control page, whose addresses never change.
+// the lock words of the control page, whose address never changes.
 #ifndef SHM_READER_INTERNAL_H
 #define SHM_READER_INTERNAL_H
 
@@ -16,7 +15,6 @@
 
 #include <shm/shm_reader.h>
 
-#include <array>
 #include <atomic>
 #include <vector>
 
@@ -45,7 +43,9 @@ public:
     int timestamps(long long *timestamps, int capacity) const;
     int lock(shm_video_frame_t *frame, shm_video_lookup_mode_t mode);
     void unlock(shm_video_frame_t *frame);
-    // The frame `generation` in `slot`, whatever the history says; `entry` is a free entry of the lock table.
+    // Number of a lock word that is free, kLocksMax when this handle holds what it may.
+    uint32_t freeWord() const;
+    // The frame `generation` in `slot`, whatever the history says, into lock word `entry`, which is free.
     // What lock() ends in, and what a test calls to meet the writer where it reuses a slot.
     enum class Attempt { Locked, Retry, NoFrame };
     Attempt tryLock(uint64_t generation, uint32_t slot, uint32_t entry, shm_video_frame_t *frame);
@@ -64,14 +64,7 @@ private:
     bool receive();
     int awaitDmabufs();
     bool lockedHere(uint32_t slot) const;
-
-    // A frame that this handle holds. Entered by the locking thread alone; whoever exchanges `generation`
-    // back to 0 gives the lock back, so a second unlock of the same lock finds nothing.
-    struct Held
-    {
-        std::atomic<uint64_t> generation{0};
-        std::atomic<uint32_t> slot{0};
-    };
+    bool giveBack(uint64_t word);
 
     // Immutable.
     const uint64_t m_process;
@@ -81,8 +74,8 @@ private:
     shm::IndexView m_index;
     shm::ControlPage *m_control = nullptr;
 
-    // Atomic.
-    std::array<Held, shm::kLocksMax> m_held{};
+    // Atomic, written by the locking thread alone: rises with every lock word that is about to be filled.
+    std::atomic<uint32_t> m_attempts{0};
 
     // One thread at a time.
     shm::StoreConnection m_connection;

@@ -10,7 +10,7 @@
 #ifndef SHM_READER_LIST_H
 #define SHM_READER_LIST_H
 
-#include "protocol.h"
+#include "lock_words.h"
 
 #include <array>
 #include <atomic>
@@ -20,15 +20,16 @@ namespace shm {
 class ReaderList
 {
 public:
-    // Index of the listed page, -1 when the list is full.
-    int add(ControlPage *page)
+    // Lists a page of whose lock words the first `words` are used. Returns its index, -1 when the list is
+    // full.
+    int add(ControlPage *page, uint32_t words)
     {
         for (uint32_t i = 0; i < kReadersMax; ++i) {
-            if (m_pages[i].load(std::memory_order_relaxed) != nullptr)
+            if (m_pages[i].load(std::memory_order_relaxed) != 0)
                 continue;
             if (i >= m_high.load(std::memory_order_relaxed))
                 m_high.store(i + 1, std::memory_order_seq_cst);
-            m_pages[i].store(page, std::memory_order_seq_cst);
+            m_pages[i].store(reinterpret_cast<uintptr_t>(page) | words, std::memory_order_seq_cst);
             return static_cast<int>(i);
         }
         return -1;
@@ -37,7 +38,7 @@ public:
     // The page may be unmapped once drained() says so of the returned number.
     uint64_t remove(int index)
     {
-        m_pages[static_cast<size_t>(index)].store(nullptr, std::memory_order_seq_cst);
+        m_pages[static_cast<size_t>(index)].store(0, std::memory_order_seq_cst);
         return m_scans.load(std::memory_order_seq_cst);
     }
 
@@ -46,13 +47,7 @@ public:
         return number % 2 == 0 || m_scans.load(std::memory_order_seq_cst) != number;
     }
 
-    // Locks of one slot by all readers; the service thread's view, for counting.
-    ControlPage *page(int index) const
-    {
-        return m_pages[static_cast<size_t>(index)].load(std::memory_order_acquire);
-    }
-
-    // One look of the publishing thread.
+    // The publishing thread's eyes for the search of one slot.
     class Scan
     {
     public:
@@ -64,35 +59,58 @@ public:
         Scan(const Scan &) = delete;
         Scan &operator=(const Scan &) = delete;
 
-        // W2 of protocol.h.
-        bool locked(uint32_t slot) const
+        // Whether a reader locks `slot`, whose generation was set to 0 just now. What an earlier look found
+        // locked is passed over without another, so that slots which are pinned for long cost one look
+        // together. A hostile reader may name in each look the very slot that is tried; that ends after
+        // kLooks.
+        bool locked(uint32_t slot)
         {
-            const uint32_t high = m_list.m_high.load(std::memory_order_seq_cst);
-            for (uint32_t i = 0; i < high; ++i) {
-                const ControlPage *page = m_list.m_pages[i].load(std::memory_order_seq_cst);
-                if (page != nullptr && page->locks[slot].load(std::memory_order_seq_cst) != 0)
-                    return true;
-            }
-            return false;
+            if (m_locked[slot] || m_looks == kLooks)
+                return true;
+            ++m_looks;
+            forEachPage([this](const ControlPage &page, uint32_t words) {
+                collectLocks(page, words, &m_locked);
+                return false;
+            });
+            return m_locked[slot];
         }
 
         bool anyWaiting() const
         {
+            return forEachPage([](const ControlPage &page, uint32_t) {
+                return page.waiting.value.load(std::memory_order_seq_cst) != 0;
+            });
+        }
+
+    private:
+        static constexpr int kLooks = 16;
+
+        // Until `visit` answers true; whether one did.
+        template <class Visit>
+        bool forEachPage(Visit &&visit) const
+        {
             const uint32_t high = m_list.m_high.load(std::memory_order_seq_cst);
             for (uint32_t i = 0; i < high; ++i) {
-                const ControlPage *page = m_list.m_pages[i].load(std::memory_order_seq_cst);
-                if (page != nullptr && page->waiting.value.load(std::memory_order_seq_cst) != 0)
+                const uintptr_t entry = m_list.m_pages[i].load(std::memory_order_seq_cst);
+                const auto *page = reinterpret_cast<const ControlPage *>(entry & ~kWordsMask);
+                if (page != nullptr && visit(*page, static_cast<uint32_t>(entry & kWordsMask)))
                     return true;
             }
             return false;
         }
 
-    private:
         ReaderList &m_list;
+        SlotSet m_locked;
+        int m_looks = 0;
     };
 
 private:
-    std::array<std::atomic<ControlPage *>, kReadersMax> m_pages{};
+    // Address and number of lock words in one, so that both are always of the same page. Pages are mapped,
+    // hence aligned.
+    static constexpr uintptr_t kWordsMask = kPage - 1;
+    static_assert(kLocksMax < kPage);
+
+    std::array<std::atomic<uintptr_t>, kReadersMax> m_pages{};
     std::atomic<uint32_t> m_high{0};
     std::atomic<uint64_t> m_scans{0}; // odd while a scan is under way
 };

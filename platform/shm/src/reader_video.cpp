@@ -2,6 +2,7 @@
 #include "clock.h"
 #include "error.h"
 #include "history.h"
+#include "lock_words.h"
 #include "process_id.h"
 #include "reader.h"
 
@@ -76,23 +77,35 @@ void shm_reader::describe(uint32_t slot, uint64_t generation, shm_video_frame_t 
     frame->generation = generation;
 }
 
+uint32_t shm_reader::freeWord() const
+{
+    // Acquire: what was read before an unlock in another thread comes before what the writer finds in this
+    // word next.
+    for (uint32_t i = 0; i < m_maxLocks; ++i) {
+        if (m_control->locks[i].load(std::memory_order_acquire) == 0)
+            return i;
+    }
+    return kLocksMax;
+}
+
 shm_reader::Attempt shm_reader::tryLock(uint64_t generation, uint32_t slot, uint32_t entry,
                                         shm_video_frame_t *frame)
 {
-    if (slot >= m_connection.layout.slotCapacity)
+    if (slot >= m_connection.layout.slotCapacity || generation > kLockGenerationMax)
         return Attempt::NoFrame; // the index is nonsense
-    std::atomic<uint32_t> &lock = m_control->locks[slot];
     const std::atomic<uint64_t> &current = m_index.generations[slot].value;
+    const uint64_t word = lockWord(generation, slot);
 
-    lock.fetch_add(1, std::memory_order_seq_cst);                // R1 of protocol.h
-    if (current.load(std::memory_order_seq_cst) != generation) { // R2
-        lock.fetch_sub(1, std::memory_order_release);
+    m_attempts.store(m_attempts.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    m_control->locks[entry].store(word, std::memory_order_seq_cst); // R1 of protocol.h
+    if (current.load(std::memory_order_seq_cst) != generation) {    // R2
+        giveBack(word);
         return Attempt::Retry;
     }
     const bool revoked = m_control->revoked.value.load(std::memory_order_seq_cst) != 0;
     const uint32_t memory = m_index.metas[slot].memoryGeneration.load(std::memory_order_relaxed);
     if (revoked || memory == 0 || memory != m_connection.slots[slot].memoryGeneration) {
-        lock.fetch_sub(1, std::memory_order_release);
+        giveBack(word);
         // Memory that we have not been given yet; if its message has come, the frame can be had after all.
         return !revoked && pollConnection() && memory == m_connection.slots[slot].memoryGeneration
                    ? Attempt::Retry
@@ -101,19 +114,40 @@ shm_reader::Attempt shm_reader::tryLock(uint64_t generation, uint32_t slot, uint
     describe(slot, generation, frame);
     m_lastSlot = slot;
     m_lastMemory = memory;
-    m_held[entry].slot.store(slot, std::memory_order_relaxed);
-    m_held[entry].generation.store(generation, std::memory_order_release);
     return Attempt::Locked;
+}
+
+// Frees one word that holds `word`, which one of several locks of the same frame does not matter. False when
+// there is none: the lock was given back before.
+//
+// Other threads give back too, and the locking thread fills words meanwhile, behind the place where this one
+// looks: it may take the word of another lock of this frame, whose own unlock then finds its word taken and
+// has to start again at the beginning. Without a new attempt since, nothing can lie behind.
+bool shm_reader::giveBack(uint64_t word)
+{
+    while (true) {
+        const uint32_t attempts = m_attempts.load(std::memory_order_acquire);
+        for (uint32_t i = 0; i < m_maxLocks; ++i) {
+            std::atomic<uint64_t> &lock = m_control->locks[i];
+            uint64_t expected = word;
+            // Acquire: who took the word did so after the attempt that made up for it.
+            if (lock.load(std::memory_order_acquire) == word &&
+                lock.compare_exchange_strong(expected, 0, std::memory_order_release,
+                                             std::memory_order_acquire)) {
+                return true;
+            }
+        }
+        if (m_attempts.load(std::memory_order_relaxed) == attempts)
+            return false;
+    }
 }
 
 int shm_reader::lock(shm_video_frame_t *frame, shm_video_lookup_mode_t mode)
 {
     if (!hasVideo())
         return -ENOENT;
-    uint32_t entry = 0;
-    while (entry < m_maxLocks && m_held[entry].generation.load(std::memory_order_acquire) != 0)
-        ++entry;
-    if (entry == m_maxLocks)
+    const uint32_t entry = freeWord();
+    if (entry == kLocksMax)
         return -EBUSY;
 
     const int64_t asked = frame->timestamp;
@@ -141,21 +175,12 @@ void shm_reader::unlock(shm_video_frame_t *frame)
         return;
     }
     if (frame->planes[0] == nullptr || frame->session != m_connection.layout.session ||
-        frame->generation == 0)
+        frame->generation == 0 || frame->generation > kLockGenerationMax ||
+        frame->slot >= m_connection.layout.slotCapacity) {
         return;
-    for (uint32_t i = 0; i < m_maxLocks; ++i) {
-        Held &held = m_held[i];
-        uint64_t expected = frame->generation;
-        if (held.generation.load(std::memory_order_relaxed) != expected)
-            continue;
-        // Before the entry is free: the locking thread may fill it again at once.
-        const uint32_t slot = held.slot.load(std::memory_order_acquire);
-        if (held.generation.compare_exchange_strong(expected, 0, std::memory_order_acq_rel)) {
-            m_control->locks[slot].fetch_sub(1, std::memory_order_release); // R4
-            frame->planes[0] = nullptr;
-            return;
-        }
     }
+    if (giveBack(lockWord(frame->generation, frame->slot))) // R4
+        frame->planes[0] = nullptr;
 }
 
 int shm_reader::waitVideo(uint64_t after, int timeoutMs)

@@ -263,9 +263,14 @@ bool WriterService::receive(Connection &connection)
         if (connection.welcomed && receiveWant(connection, message))
             continue;
         if (connection.welcomed || header.type != kHello || message.length != sizeof(HelloMessage) ||
-            !message.fds.empty() || !welcome(connection)) {
+            !message.fds.empty()) {
             return false;
         }
+        HelloMessage hello;
+        std::memcpy(&hello, message.bytes, sizeof hello);
+        connection.maxLocks = std::clamp<uint32_t>(hello.maxLocks, 1, kLocksMax);
+        if (!welcome(connection))
+            return false;
     }
 }
 
@@ -291,8 +296,8 @@ bool WriterService::welcome(Connection &connection)
         return false;
     }
     // Listed before it is sent: protocol.h says why.
-    connection.listed =
-        m_store.readers.add(reinterpret_cast<ControlPage *>(connection.control.mapping.data()));
+    connection.listed = m_store.readers.add(
+        reinterpret_cast<ControlPage *>(connection.control.mapping.data()), connection.maxLocks);
     if (connection.listed < 0) {
         refuse(connection, EMFILE, "the store has as many readers as it can serve");
         return false;

@@ -44,6 +44,7 @@ private:
         bool ready = false;
         bool blocked = false; // its queue is full
         int listed = -1;
+        uint32_t maxLocks = 0; // words of its control page that count
         SharedMemory control;
         std::vector<uint32_t> sent; // memory generation of every slot as told to it
         bool wantsDmabufs = false;
@@ -89,7 +90,8 @@ private:
     void supplySlots();
     Census census() const;
     bool inHistory(uint32_t slot) const;
-    bool lockedByAny(uint32_t slot) const;
+    static uint32_t collectLocks(const Connection &connection, SlotSet *slots);
+    SlotSet lockedSlots() const;
     void freeReturnedSlots();
     bool addSlot();
     void cutOff(size_t index);

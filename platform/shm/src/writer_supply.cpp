@@ -20,62 +20,71 @@ bool WriterService::inHistory(uint32_t slot) const
            generation >= m_store.index.head->first.value.load(std::memory_order_acquire);
 }
 
-bool WriterService::lockedByAny(uint32_t slot) const
+uint32_t WriterService::collectLocks(const Connection &connection, SlotSet *slots)
 {
-    return std::any_of(m_connections.begin(), m_connections.end(), [slot](const auto &connection) {
-        if (!connection || connection->listed < 0)
-            return false;
-        const auto *page = reinterpret_cast<const ControlPage *>(connection->control.mapping.data());
-        return page->locks[slot].load(std::memory_order_seq_cst) != 0;
-    });
+    if (connection.listed < 0)
+        return 0;
+    const auto *page = reinterpret_cast<const ControlPage *>(connection.control.mapping.data());
+    return shm::collectLocks(*page, connection.maxLocks, slots);
+}
+
+SlotSet WriterService::lockedSlots() const
+{
+    SlotSet locked;
+    for (const auto &connection : m_connections) {
+        if (connection)
+            collectLocks(*connection, &locked);
+    }
+    return locked;
 }
 
 WriterService::Census WriterService::census() const
 {
     Census census;
-    std::array<uint32_t, kReadersMax> pins{};
+    SlotSet outside;
+    for (uint32_t s = 0; s < m_store.policy.slotCapacity; ++s)
+        outside[s] = !inHistory(s);
+    SlotSet locked;
+    for (size_t i = 0; i < m_connections.size(); ++i) {
+        if (!m_connections[i])
+            continue;
+        SlotSet mine;
+        census.locks += collectLocks(*m_connections[i], &mine);
+        locked |= mine;
+        const auto pins = static_cast<uint32_t>((mine & outside).count());
+        if (pins > census.worstPins) {
+            census.worst = i;
+            census.worstPins = pins;
+        }
+    }
     for (uint32_t s = 0; s < m_store.policy.slotCapacity; ++s) {
         const SlotOwner owner = m_store.slots[s].owner.load(std::memory_order_acquire);
         if (m_store.slots[s].memory.fd)
             ++census.populated;
-        const bool outside = !inHistory(s);
-        bool locked = false;
-        for (size_t i = 0; i < m_connections.size(); ++i) {
-            const Connection *connection = m_connections[i].get();
-            if (connection == nullptr || connection->listed < 0)
-                continue;
-            const auto *page = reinterpret_cast<const ControlPage *>(connection->control.mapping.data());
-            const uint32_t count = page->locks[s].load(std::memory_order_seq_cst);
-            if (count == 0)
-                continue;
-            census.locks += std::min<uint32_t>(count, kLocksMax);
-            locked = true;
-            if (outside)
-                ++pins[i];
-        }
         const bool usable = owner == SlotOwner::Ready || owner == SlotOwner::Pool;
         const bool poisoned = m_store.slots[s].poisoned.load(std::memory_order_relaxed);
-        if (usable && outside && !locked && !poisoned)
+        if (usable && outside[s] && !locked[s] && !poisoned)
             ++census.freeSlots;
-        if (poisoned && !locked && owner != SlotOwner::Empty)
+        if (poisoned && !locked[s] && owner != SlotOwner::Empty)
             ++census.comingSlots;
-    }
-    for (size_t i = 0; i < pins.size(); ++i) {
-        if (pins[i] > census.worstPins) {
-            census.worst = i;
-            census.worstPins = pins[i];
-        }
     }
     return census;
 }
 
 void WriterService::freeReturnedSlots()
 {
+    SlotSet returned;
+    for (uint32_t s = 0; s < m_store.policy.slotCapacity; ++s)
+        returned[s] = m_store.slots[s].owner.load(std::memory_order_acquire) == SlotOwner::Returned;
+    if (returned.none())
+        return;
+    // A lock of a reader that is still listed keeps the number in use: its word names the number. No new one
+    // comes, since the generation of a returned slot is 0.
+    const SlotSet free = returned & ~lockedSlots();
     for (uint32_t s = 0; s < m_store.policy.slotCapacity; ++s) {
-        Slot &slot = m_store.slots[s];
-        // A lock of a reader that is still listed keeps the number in use: the counter is by number.
-        if (slot.owner.load(std::memory_order_acquire) != SlotOwner::Returned || lockedByAny(s))
+        if (!free[s])
             continue;
+        Slot &slot = m_store.slots[s];
         slot.memory = SharedMemory{};
         slot.owner.store(SlotOwner::Empty, std::memory_order_relaxed);
     }
@@ -114,8 +123,10 @@ void WriterService::cutOff(size_t index)
     Connection &connection = *m_connections[index];
     auto *page = reinterpret_cast<ControlPage *>(connection.control.mapping.data());
     page->revoked.value.store(1, std::memory_order_seq_cst);
+    SlotSet held;
+    collectLocks(connection, &held);
     for (uint32_t s = 0; s < m_store.policy.slotCapacity; ++s) {
-        if (page->locks[s].load(std::memory_order_seq_cst) != 0)
+        if (held[s])
             m_store.slots[s].poisoned.store(true, std::memory_order_seq_cst);
     }
     disconnect(index);
