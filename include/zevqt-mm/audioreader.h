@@ -87,11 +87,9 @@ public:
     qint64 getFirstTimestamp() const { return firstTimestamp; }
 
 private:
-    qint64 readBytes(char *data, qint64 maxSize);
     void anchor(qint64 last, qint64 span);
     qint64 grab(unsigned long frames, void *destination, qint64 last);
     qint64 resample(char *data, qint64 frames, qint64 last);
-    void advance(qint64 frames);
     void failResampler(const char *message);
 
     QAudioFormat outputFormat;
@@ -108,9 +106,6 @@ private:
     int grabSamples;
     QVector<unsigned char> inputBuffer;
     QIODevice *waveformOutput;
-    qint64 positionRemainder;   // what readPosition lacks, in 1 / sample rate microseconds
-    QVector<char> partialFrame; // a frame of the output, of which only a part was asked for so far
-    int partialBytes;           // its bytes still to be delivered, at the end
 };
 
 #endif

@@ -15,6 +15,8 @@ const int levelMode = 1;
 QVector<AudioLevel> getRmsMaxDecibels(const void *data, size_t frames, const QAudioFormat &format)
 {
     const int channels = format.channelCount();
+    if (channels > AUDIO_LEVEL_CHANNELS_MAX) // more than the result has room for
+        return {};
     AudioLevelCalcResult result;
     if (av_audio_level_calc(data, frames, channels, levelMode, &result) < 0 || channels < 1)
         return {};

@@ -53,8 +53,19 @@ ResamplerSide side(const QAudioFormat &format)
     return {format.channelCount(), sampleFormat(format), format.sampleRate()};
 }
 
-// QAudioFormat counts bytes in 32 bits.
-int clampedBytes(qint64 bytes)
+// QIODevice buffers 16384 bytes at a time. A frame of three or six channels does not divide that: reads would
+// end within a frame, and all channels change places from one to the next. Unbuffered, the output's own whole
+// frames are asked for.
+QIODevice::OpenMode readMode(const QAudioFormat &format)
+{
+    const int buffered = 16384;
+    const int frame = format.bytesPerFrame();
+    return frame > 0 && buffered % frame != 0 ? QIODevice::ReadOnly | QIODevice::Unbuffered
+                                              : QIODevice::ReadOnly;
+}
+
+// QAudioFormat counts bytes and frames in 32 bits.
+int clamped(qint64 bytes)
 {
     return static_cast<int>(qBound<qint64>(0, bytes, std::numeric_limits<int>::max()));
 }
@@ -64,7 +75,7 @@ int clampedBytes(qint64 bytes)
 AudioReader::AudioReader(QObject *parent)
     : QIODevice(parent), source(nullptr), requireAudio(true), readPosition(0), firstTimestamp(0),
       resampler(nullptr), delay(defaultDelayUs), maxDelay(defaultMaxDelayUs), samplesRead(0),
-      grabSamples(framesPerGrab), waveformOutput(nullptr), positionRemainder(0), partialBytes(0)
+      grabSamples(framesPerGrab), waveformOutput(nullptr)
 {}
 
 AudioReader::~AudioReader()
@@ -87,10 +98,7 @@ bool AudioReader::open(MediaSource *newSource, const QAudioFormat &newOutputForm
     requireAudio = newRequireAudio;
     readPosition = 0;
     firstTimestamp = 0;
-    positionRemainder = 0;
-    partialFrame.resize(qMax(0, outputFormat.bytesPerFrame()));
-    partialBytes = 0;
-    return QIODevice::open(ReadOnly);
+    return QIODevice::open(readMode(outputFormat));
 }
 
 void AudioReader::close()
@@ -139,7 +147,6 @@ void AudioReader::resetTimer()
 {
     readPosition = 0;
     firstTimestamp = 0;
-    positionRemainder = 0;
     readTimer.invalidate();
 }
 
@@ -177,37 +184,12 @@ bool AudioReader::updateResampler(QAudioFormat newInputFormat)
 
 qint64 AudioReader::readData(char *data, qint64 maxSize)
 {
-    const int frameBytes = partialFrame.size();
-    const bool isWholeFrames = partialBytes == 0 && (frameBytes == 0 || maxSize % frameBytes == 0);
-    const qint64 result = isWholeFrames ? readDataInternal(data, maxSize) : readBytes(data, maxSize);
+    const qint64 result = readDataInternal(data, maxSize);
     if (result < 0)
         return result;
     if (waveformOutput)
         waveformOutput->write(data, result);
     return result;
-}
-
-// QIODevice buffers sequential devices and asks for 16384 bytes at a time, which is no whole number of frames
-// of three or six channels: the rest of a frame has to wait for the next read, or all channels would change
-// places.
-qint64 AudioReader::readBytes(char *data, qint64 maxSize)
-{
-    const qint64 frameBytes = partialFrame.size();
-    const qint64 head = qMin<qint64>(partialBytes, maxSize);
-    std::memcpy(data, partialFrame.constData() + frameBytes - partialBytes, static_cast<size_t>(head));
-    partialBytes -= static_cast<int>(head);
-
-    const qint64 tail = (maxSize - head) % frameBytes;
-    const qint64 whole = maxSize - head - tail;
-    if (readDataInternal(data + head, whole) < 0)
-        return -1;
-    if (tail > 0) {
-        if (readDataInternal(partialFrame.data(), frameBytes) < 0)
-            return -1;
-        std::memcpy(data + head + whole, partialFrame.constData(), static_cast<size_t>(tail));
-        partialBytes = static_cast<int>(frameBytes - tail);
-    }
-    return maxSize;
 }
 
 qint64 AudioReader::readDataInternal(char *data, qint64 maxSize)
@@ -229,14 +211,13 @@ qint64 AudioReader::readDataInternal(char *data, qint64 maxSize)
             return -1;
         inputFormat = format;
         readTimer.invalidate();
-        positionRemainder = 0;
     }
 
     const qint64 last = source->getAudioLastTimestamp();
     // The output's bytes, measured in the source's format: that is intended.
-    anchor(last, inputFormat.durationForBytes(clampedBytes(maxSize)));
+    anchor(last, inputFormat.durationForBytes(clamped(maxSize)));
 
-    qint64 frames = outputFormat.framesForBytes(clampedBytes(maxSize));
+    qint64 frames = outputFormat.framesForBytes(clamped(maxSize));
     if (resampler) {
         if (frames < 1)
             return maxSize;
@@ -248,9 +229,10 @@ qint64 AudioReader::readDataInternal(char *data, qint64 maxSize)
     }
 
     if (frames >= 1) {
-        if (requireAudio && !source->getAudioFormat().isValid())
+        const bool hasAudio = source->getAudioFormat().isValid();
+        if (!hasAudio && requireAudio)
             return -1;
-        const qint64 silence = outputFormat.bytesForFrames(clampedBytes(frames));
+        const qint64 silence = outputFormat.bytesForFrames(clamped(frames));
         std::memset(data + maxSize - silence, 0, static_cast<size_t>(silence));
     }
     return maxSize;
@@ -262,14 +244,15 @@ void AudioReader::anchor(qint64 last, qint64 span)
     if (isAnchored && last - readPosition <= maxDelay)
         return;
     readPosition = last - qMax(delay, span);
-    positionRemainder = 0;
     if (!isAnchored) {
         samplesRead = 0;
         readTimer.start();
     }
 }
 
-// One request to the source at the read position, which moves on by what was obtained.
+// One request to the source at the read position, which moves on by the duration of what was obtained, cut to
+// microseconds: 1024 frames at 48 kHz last 21333.3 us, so a sample is read twice every 1.3 s. The position
+// stays a timestamp like the store's.
 qint64 AudioReader::grab(unsigned long frames, void *destination, qint64 last)
 {
     const qint64 got =
@@ -280,19 +263,9 @@ qint64 AudioReader::grab(unsigned long frames, void *destination, qint64 last)
         return 0;
     if (firstTimestamp == 0)
         firstTimestamp = readPosition;
-    advance(got);
+    readPosition += inputFormat.durationForFrames(clamped(got));
     samplesRead += got;
     return got;
-}
-
-// What does not fill a microsecond is kept for the next time: 1024 frames at 48 kHz last 21333.3 us, and
-// dropping the third would read a sample twice every 1.3 s, which clicks.
-void AudioReader::advance(qint64 frames)
-{
-    const qint64 rate = inputFormat.sampleRate();
-    const qint64 scaled = frames * 1000000 + positionRemainder;
-    readPosition += scaled / rate;
-    positionRemainder = scaled % rate;
 }
 
 // Returns the frames that are still missing, or -1.

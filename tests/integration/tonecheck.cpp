@@ -1,6 +1,7 @@
 #include "tonecheck.h"
 
 #include <cmath>
+#include <cstdlib>
 
 std::vector<double> channelOf(const int16_t *samples, size_t frames, int channels, int channel)
 {
@@ -23,7 +24,7 @@ double frequencyOf(const std::vector<double> &samples, int rate)
             ++periods;
         }
     }
-    return periods < 1 ? 0 : periods * rate / (last - first);
+    return periods < 1 ? 0 : static_cast<double>(periods) * rate / (last - first);
 }
 
 double levelAgainst(const std::vector<double> &samples, double amplitude)
@@ -47,4 +48,82 @@ std::vector<size_t> seamsOf(const std::vector<double> &samples, int rate, double
         clearFrom = i + 50;
     }
     return seams;
+}
+
+namespace {
+
+// A seam shows up to a resampler's filter around it.
+const size_t filterReach = 150;
+
+// Phase of the sine in radians, as if it had begun at sample 0: by least squares.
+double phaseOf(const std::vector<double> &samples, double radiansPerSample, size_t first, size_t length)
+{
+    double ss = 0, cc = 0, sc = 0, xs = 0, xc = 0;
+    for (size_t i = first; i < first + length; ++i) {
+        const double s = std::sin(radiansPerSample * static_cast<double>(i));
+        const double c = std::cos(radiansPerSample * static_cast<double>(i));
+        ss += s * s;
+        cc += c * c;
+        sc += s * c;
+        xs += samples[i] * s;
+        xc += samples[i] * c;
+    }
+    const double determinant = ss * cc - sc * sc;
+    return std::atan2((xc * ss - xs * sc) / determinant, (xs * cc - xc * sc) / determinant);
+}
+
+} // namespace
+
+double lagBetween(const std::vector<double> &samples, int rate, double frequency, size_t first, size_t second,
+                  size_t length)
+{
+    const double radiansPerSample = 2 * M_PI * frequency / rate;
+    const double change = phaseOf(samples, radiansPerSample, second, length) -
+                          phaseOf(samples, radiansPerSample, first, length);
+    return -std::remainder(change, 2 * M_PI) / (2 * M_PI * frequency);
+}
+
+double ExpectedSeams::intervalSeconds() const
+{
+    const auto cut = static_cast<double>(int64_t(framesPerRead) * 1000000 % sourceRate);
+    return 1e6 / cut * framesPerRead / sourceRate;
+}
+
+std::string ExpectedSeams::judge(const std::vector<double> &samples, int rate, double frequency,
+                                 const std::vector<size_t> &seams) const
+{
+    const auto window = static_cast<size_t>(rate / 10);
+    const double readSeconds = static_cast<double>(framesPerRead) / sourceRate;
+    const double seconds = static_cast<double>(samples.size()) / rate;
+    const auto found = static_cast<double>(seams.size());
+    if (std::abs(found - seconds / intervalSeconds()) > 1 + readSeconds / intervalSeconds())
+        return std::to_string(seams.size()) + " seams instead of one in " +
+               std::to_string(intervalSeconds()) + " s";
+
+    double total = 0;
+    for (size_t i = 0; i < seams.size(); ++i) {
+        const std::string name = "seam at " + std::to_string(static_cast<double>(seams[i]) / rate) + " s ";
+        if (i > 0) {
+            const double distance = static_cast<double>(seams[i] - seams[i - 1]) / rate;
+            if (std::abs(distance - intervalSeconds()) > readSeconds + 0.002)
+                return name + "is " + std::to_string(distance) + " s after the one before";
+        }
+        if (seams[i] < window + filterReach || seams[i] + window + filterReach > samples.size())
+            continue; // too near to an end to be measured
+        const double lag = sourceRate * lagBetween(samples, rate, frequency, seams[i] - window - filterReach,
+                                                   seams[i] + filterReach, window);
+        if (std::abs(lag - 1) > 0.1)
+            return name + "is of " + std::to_string(lag) + " samples";
+        total += 1;
+    }
+    // What came and went without a seam would show here.
+    const size_t head =
+        seams.empty() || seams.front() >= window + filterReach ? 0 : seams.front() + filterReach;
+    size_t tail = samples.size() - window;
+    if (!seams.empty() && seams.back() + window + filterReach > samples.size())
+        tail = seams.back() - window - filterReach;
+    const double lag = sourceRate * lagBetween(samples, rate, frequency, head, tail, window);
+    if (std::abs(lag - total) > 0.2)
+        return "the end is " + std::to_string(lag) + " samples late, the seams " + std::to_string(total);
+    return {};
 }

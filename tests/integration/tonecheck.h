@@ -4,6 +4,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <string>
 #include <vector>
 
 /*! One channel of interleaved samples. */
@@ -21,5 +22,33 @@ double levelAgainst(const std::vector<double> &samples, double amplitude);
  * rounding of three samples. The positions at which that fails, neighbors counted once.
  */
 std::vector<size_t> seamsOf(const std::vector<double> &samples, int rate, double frequency, double tolerance);
+
+/*!
+ * By how many seconds a sine is later at `second` than at `first`, which are the beginnings of stretches of
+ * `length` samples: 0 for one that runs through, 1 / rate after a sample that came twice, negative after one
+ * that was left out. Unambiguous within half a period.
+ */
+double lagBetween(const std::vector<double> &samples, int rate, double frequency, size_t first, size_t second,
+                  size_t length);
+
+/*!
+ * The seams that the read positions bring by design. A read of `framesPerRead` moves the position by its
+ * duration, cut to microseconds; what is cut adds up, and when it has come to a sample, that sample is read
+ * twice: 4096 frames at 48 kHz last 85333.3 us, so every 62nd or 63rd read begins with one, every 5.33 s.
+ */
+struct ExpectedSeams
+{
+    int sourceRate;
+    int framesPerRead;
+
+    double intervalSeconds() const;
+    /*!
+     * Empty when the seams are these and nothing else: each a single sample that came twice, as far apart as
+     * computed but for a read, as many as fit, and the tone as late at the end as they make it. Otherwise
+     * what is wrong.
+     */
+    std::string judge(const std::vector<double> &samples, int rate, double frequency,
+                      const std::vector<size_t> &seams) const;
+};
 
 #endif

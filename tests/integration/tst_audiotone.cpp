@@ -6,13 +6,21 @@
 
 #include <QtTest/QtTest>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cmath>
+#include <thread>
 
 namespace {
 
 const int patienceMs = 30000;
 const TonePublisher::Tone lowTone{441.0, 8000};
 const TonePublisher::Tone highTone{1000.0, 4000};
+
+// What QIODevice asks for at a time, and what a resampler is fed with.
+const int bufferedBytes = 16384;
+const int framesPerGrab = 1024;
 
 struct Heard
 {
@@ -41,10 +49,43 @@ QString describe(const Heard &heard, int rate)
                        .arg(heard.level, 0, 'f', 3)
                        .arg(heard.seams.size())
                        .arg(double(heard.samples.size()) / rate, 0, 'f', 1);
-    for (size_t i = 0; i < qMin<size_t>(heard.seams.size(), 10); ++i)
+    for (size_t i = 0; i < qMin<size_t>(heard.seams.size(), 50); ++i)
         text += QStringLiteral(" @%1s").arg(double(heard.seams[i]) / rate, 0, 'f', 3);
     return text;
 }
+
+// Waits in short naps and notes by how much the longest was too long: what the machine does to everybody who
+// has to be in time.
+class StallWatch
+{
+public:
+    StallWatch()
+        : thread([this] {
+              while (!stopping) {
+                  const auto before = std::chrono::steady_clock::now();
+                  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                  const std::chrono::duration<double, std::milli> took =
+                      std::chrono::steady_clock::now() - before;
+                  worst = std::max(worst.load(), took.count() - 5);
+              }
+          })
+    {}
+    ~StallWatch()
+    {
+        stopping = true;
+        thread.join();
+    }
+    double worstMs() const { return worst; }
+
+private:
+    std::atomic<bool> stopping{false};
+    std::atomic<double> worst{0};
+    std::thread thread;
+};
+
+// The reserve beyond a block is 58 ms, and several parties in a row have to be in time.
+const double loadedMs = 15;
+const int attempts = 3;
 
 } // namespace
 
@@ -59,9 +100,9 @@ private Q_SLOTS:
     void cleanup();
 
     void checkFindsASingleSample();
+    void checkAllowsOnlyTheSeamsOfThePositions();
     void tones_data();
     void tones();
-    void oneChannelOfMany();
 
 private:
     QByteArray record(const QString &sink, int rate, int channels, int seconds);
@@ -106,6 +147,53 @@ void tst_AudioTone::checkFindsASingleSample()
     }
 }
 
+// Twenty seconds as the reader makes them of reads of 4096 frames, then with one thing changed.
+void tst_AudioTone::checkAllowsOnlyTheSeamsOfThePositions()
+{
+    const ExpectedSeams expected{48000, 4096};
+    QVERIFY(std::abs(expected.intervalSeconds() - 5.333) < 0.001);
+    QVERIFY(std::abs((ExpectedSeams{48000, 1024}.intervalSeconds()) - 1.333) < 0.001);
+    std::vector<double> clean;
+    std::vector<size_t> starts;
+    for (int64_t read = 0; read < 20 * 48000 / 4096; ++read) {
+        const int64_t first = (read * 85333 * 48000 + 500000) / 1000000;
+        starts.push_back(clean.size());
+        for (int64_t i = first; i < first + 4096; ++i)
+            clean.push_back(std::lround(
+                lowTone.amplitude * std::sin(2 * M_PI * lowTone.frequency * static_cast<double>(i) / 48000)));
+    }
+    const auto judge = [&](const std::vector<double> &samples) {
+        const std::vector<size_t> seams = seamsOf(samples, 48000, lowTone.frequency, 6);
+        return QString::fromStdString(expected.judge(samples, 48000, lowTone.frequency, seams));
+    };
+    QCOMPARE(judge(clean), QString());
+    const std::vector<size_t> seams = seamsOf(clean, 48000, lowTone.frequency, 6);
+    QVERIFY(seams.size() >= 3);
+
+    for (const size_t position : {size_t(100000), size_t(411111), starts[100], seams[1] + 20000}) {
+        const auto at = static_cast<ptrdiff_t>(position);
+        std::vector<double> changed = clean;
+        changed.erase(changed.begin() + at);
+        QVERIFY(!judge(changed).isEmpty());
+        changed = clean;
+        changed.insert(changed.begin() + at, clean[position]);
+        QVERIFY(!judge(changed).isEmpty());
+        changed = clean;
+        std::fill(changed.begin() + at, changed.begin() + at + 100, 0.0);
+        QVERIFY(!judge(changed).isEmpty());
+    }
+    // In the place of a seam: none, one of two samples, one of a sample too few.
+    const auto seam = static_cast<ptrdiff_t>(seams[1]);
+    std::vector<double> changed = clean;
+    changed.erase(changed.begin() + seam);
+    QVERIFY(!judge(changed).isEmpty());
+    changed.erase(changed.begin() + seam);
+    QVERIFY(!judge(changed).isEmpty());
+    changed = clean;
+    changed.insert(changed.begin() + seam, clean[seams[1]]);
+    QVERIFY(!judge(changed).isEmpty());
+}
+
 // The given length of recording, without the beginning in which playing starts.
 QByteArray tst_AudioTone::record(const QString &sink, int rate, int channels, int seconds)
 {
@@ -123,74 +211,76 @@ QByteArray tst_AudioTone::record(const QString &sink, int rate, int channels, in
 
 void tst_AudioTone::tones_data()
 {
+    QTest::addColumn<QString>("store");
     QTest::addColumn<QString>("sink");
     QTest::addColumn<int>("sinkRate");
     QTest::addColumn<int>("sinkChannels");
-    QTest::addColumn<int>("sourceRate");
     QTest::addColumn<int>("fixedRate");
+    QTest::addColumn<int>("framesPerRead");
     QTest::addColumn<int>("seconds");
     QTest::addColumn<double>("tolerance");
-    QTest::addColumn<qint64>("delay");
     // Without conversion, samples are exact but for the server's rounding; a resampler has its own noise.
-    QTest::newRow("equal formats") << "a" << 48000 << 2 << 48000 << -1 << 30 << 6.0 << qint64(400000);
-    QTest::newRow("resampled by the reader")
-        << "b" << 44100 << 2 << 48000 << 44100 << 10 << 12.0 << qint64(400000);
+    QTest::newRow("equal formats") << "tones"
+                                   << "a" << 48000 << 2 << -1 << bufferedBytes / 4 << 60 << 6.0;
+    QTest::newRow("resampled by the reader") << "tones"
+                                             << "b" << 44100 << 2 << 44100 << framesPerGrab << 8 << 12.0;
+    // A channel of many, in mono, which the server resamples.
+    QTest::newRow("one channel") << "tones;1"
+                                 << "c" << 44100 << 1 << -1 << bufferedBytes / 2 << 8 << 12.0;
 }
 
 void tst_AudioTone::tones()
 {
+    QFETCH(QString, store);
     QFETCH(QString, sink);
     QFETCH(int, sinkRate);
     QFETCH(int, sinkChannels);
-    QFETCH(int, sourceRate);
     QFETCH(int, fixedRate);
+    QFETCH(int, framesPerRead);
     QFETCH(int, seconds);
     QFETCH(double, tolerance);
-    QFETCH(qint64, delay);
 
-    TonePublisher publisher("tones", sourceRate, {lowTone, highTone});
+    TonePublisher publisher("tones", 48000, {lowTone, highTone});
     QVERIFY(publisher.isPublished());
-    MediaSource source(QStringLiteral("tones"), 100);
+    MediaSource source(store, 100);
     QVERIFY(source.open());
     AudioPlayer *player = AudioPlayer::getInstance();
     QVERIFY(player->setDevice(sink));
     player->setFixedSampleRate(fixedRate);
-    player->setDelay(delay);
-    player->setMaxDelay(delay + 100000);
-    QVERIFY(player->start(&source, 25, true));
-    QCOMPARE(player->sampleRate(), sinkRate);
-
-    const QByteArray data = record(sink, sinkRate, sinkChannels, seconds);
-    QVERIFY(!data.isEmpty());
-    QVERIFY(player->isActive());
-    const TonePublisher::Tone expected[] = {lowTone, highTone};
-    for (int channel = 0; channel < 2; ++channel) {
-        const TonePublisher::Tone &tone = expected[channel];
-        const Heard heard = analyze(data, sinkChannels, channel, sinkRate, tone, tolerance);
-        qInfo("channel %d: %s", channel, qPrintable(describe(heard, sinkRate)));
-        QVERIFY(std::abs(heard.frequency / tone.frequency - 1) < 0.001);
-        QVERIFY(std::abs(heard.level) < 0.1);
-        QVERIFY(heard.seams.empty());
-    }
-}
-
-void tst_AudioTone::oneChannelOfMany()
-{
-    TonePublisher publisher("many", 48000, {lowTone, lowTone, highTone, lowTone});
-    QVERIFY(publisher.isPublished());
-    MediaSource source(QStringLiteral("many;2"), 100);
-    QVERIFY(source.open());
-    QCOMPARE(source.getAudioFormat().channelCount(), 1);
-    AudioPlayer *player = AudioPlayer::getInstance();
-    QVERIFY(player->setDevice(QStringLiteral("c")));
     player->setDelay(400000);
     player->setMaxDelay(500000);
+
+    const ExpectedSeams expected{48000, framesPerRead};
+    const QVector<TonePublisher::Tone> tones = sinkChannels == 1
+                                                   ? QVector<TonePublisher::Tone>{highTone}
+                                                   : QVector<TonePublisher::Tone>{lowTone, highTone};
+    QString verdict;
     QVERIFY(player->start(&source, 25, true));
-    const QByteArray data = record(QStringLiteral("c"), 44100, 1, 3);
-    const Heard heard = analyze(data, 1, 0, 44100, highTone, 12);
-    qInfo("%s", qPrintable(describe(heard, 44100)));
-    QVERIFY(std::abs(heard.frequency / highTone.frequency - 1) < 0.001);
-    QVERIFY(std::abs(heard.level) < 0.1);
+    for (int attempt = 1; attempt <= attempts; ++attempt) {
+        StallWatch watch;
+        const QByteArray data = record(sink, sinkRate, sinkChannels, seconds);
+        QVERIFY(!data.isEmpty());
+        QVERIFY(player->isActive());
+        verdict.clear();
+        for (int channel = 0; channel < sinkChannels; ++channel) {
+            const TonePublisher::Tone &tone = tones[channel];
+            const Heard heard = analyze(data, sinkChannels, channel, sinkRate, tone, tolerance);
+            qInfo("channel %d: %s", channel, qPrintable(describe(heard, sinkRate)));
+            if (std::abs(heard.frequency / tone.frequency - 1) > 0.001)
+                verdict += QStringLiteral("wrong frequency; ");
+            if (std::abs(heard.level) > 0.1)
+                verdict += QStringLiteral("wrong level; ");
+            verdict +=
+                QString::fromStdString(expected.judge(heard.samples, sinkRate, tone.frequency, heard.seams));
+        }
+        qInfo("threads waited for up to %.0f ms", watch.worstMs());
+        if (verdict.isEmpty() || watch.worstMs() < loadedMs)
+            break;
+        seconds = qMin(seconds, 10);
+        qInfo("attempt %d of %d on a loaded machine: %s", attempt, attempts, qPrintable(verdict));
+    }
+    QVERIFY2(verdict.isEmpty(), qPrintable(verdict));
+    player->stop();
 }
 
 QTEST_GUILESS_MAIN(tst_AudioTone)

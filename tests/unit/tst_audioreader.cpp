@@ -138,8 +138,8 @@ private Q_SLOTS:
     void audioThatComesLaterIsPlayed();
     void audioThatGoesAway();
     void equalFormatsPassThroughUnchanged();
-    void passThroughHasNoSeamForMinutes_data();
-    void passThroughHasNoSeamForMinutes();
+    void passThroughRepeatsSamplesOnlyWhereMicrosecondsAreCut_data();
+    void passThroughRepeatsSamplesOnlyWhereMicrosecondsAreCut();
     void shortSourceIsFilledWithSilence();
     void resamplingTakesFullGrabsAndKeepsTheSurplus();
     void resamplingThatRunsDryDrainsAndCarriesOn();
@@ -155,8 +155,9 @@ private Q_SLOTS:
     void failingDrain();
     void failingReset();
     void waveformGetsWhatTheDeviceGets();
-    void partsOfFramesKeepTheChannelsInPlace_data();
-    void partsOfFramesKeepTheChannelsInPlace();
+    void channelsStayInPlace_data();
+    void channelsStayInPlace();
+    void sizesThatEndWithinAFrame();
     void closeForgetsTheSource();
     void resetTimerAnchorsAnew();
     void checkDelta();
@@ -265,12 +266,12 @@ void tst_AudioReader::positionAdvancesByWhatWasObtained()
     QCOMPARE(reader->getReadPosition(), now - 200000 + 30000);
     QCOMPARE(reader->getFirstTimestamp(), now - 200000);
 
-    // 1024 frames last 21333.3 us: three times that is a whole number again.
+    // 1024 frames last 21333.3 us. The position is a timestamp: nothing of the third is kept.
     reader->resetTimer();
     store().deliverAtMost = -1;
     for (int i = 0; i < 3; ++i)
         read(4096);
-    QCOMPARE(reader->getReadPosition(), now - 200000 + 64000);
+    QCOMPARE(reader->getReadPosition(), now - 200000 + 3 * 21333);
 }
 
 void tst_AudioReader::positionThatFellTooFarBehindJumps()
@@ -374,7 +375,7 @@ void tst_AudioReader::equalFormatsPassThroughUnchanged()
     }
 }
 
-void tst_AudioReader::passThroughHasNoSeamForMinutes_data()
+void tst_AudioReader::passThroughRepeatsSamplesOnlyWhereMicrosecondsAreCut_data()
 {
     QTest::addColumn<int>("rate");
     QTest::addColumn<int>("frames");
@@ -385,8 +386,10 @@ void tst_AudioReader::passThroughHasNoSeamForMinutes_data()
     QTest::newRow("22.05 kHz") << 22050 << 1024;
 }
 
-// Ten minutes, sample by sample: the position must not creep against the samples.
-void tst_AudioReader::passThroughHasNoSeamForMinutes()
+// Ten minutes, sample by sample. A read of n frames moves the position by n / rate, cut to microseconds; what
+// is cut adds up, and whenever it has come to a sample, the last one of a read is the first one of the next
+// too. Nothing else may happen to the samples.
+void tst_AudioReader::passThroughRepeatsSamplesOnlyWhereMicrosecondsAreCut()
 {
     QFETCH(int, rate);
     QFETCH(int, frames);
@@ -395,22 +398,33 @@ void tst_AudioReader::passThroughHasNoSeamForMinutes()
     store().isRecording = false;
     QVERIFY(source->open());
     QVERIFY(reader->open(source.get(), pcm(rate, 1), true));
+    reader->setMaxDelay(1000000); // what is cut adds to the distance too: no jump in ten minutes
     QVector<qint16> samples(frames);
     qint64 index = -1;
-    qint64 total = 0;
-    while (total < 600 * rate) {
+    int reads = 0;
+    QVector<int> repeats; // the reads that begin with one
+    for (; qint64(reads) * frames < 600 * rate; ++reads) {
         QCOMPARE(reader->readData(reinterpret_cast<char *>(samples.data()), 2 * frames), qint64(2 * frames));
         if (index < 0)
             index = store().indexOf(reader->getFirstTimestamp());
+        if (samples.first() == FakeAudioStore::sample(index - 1, 0)) {
+            repeats.append(reads);
+            --index;
+        }
         for (const qint16 sample : qAsConst(samples)) {
             if (sample != FakeAudioStore::sample(index, 0))
-                QFAIL(qPrintable(QStringLiteral("seam after %1 s").arg(double(total) / rate)));
+                QFAIL(qPrintable(QStringLiteral("seam in read %1").arg(reads)));
             ++index;
         }
-        total += frames;
-        store().newest = now + total * 1000000 / rate;
+        store().newest = now + qint64(reads + 1) * frames * 1000000 / rate;
         store().oldest = store().newest - 2000000;
     }
+
+    const double lostPerRead = static_cast<double>(qint64(frames) * 1000000 % rate) / 1e6; // samples
+    const double expected = lostPerRead * (reads - 1);
+    QVERIFY2(std::abs(repeats.size() - expected) <= 1, qPrintable(QString::number(repeats.size())));
+    for (int i = 1; i < repeats.size(); ++i)
+        QVERIFY(std::abs(repeats[i] - repeats[i - 1] - 1 / lostPerRead) < 1);
 }
 
 void tst_AudioReader::shortSourceIsFilledWithSilence()
@@ -488,29 +502,35 @@ void tst_AudioReader::resamplesEveryFormat()
     QVERIFY(data != QByteArray(size, 0x55));
 }
 
-// Twenty seconds in reads of 20 ms, against the same samples converted in one go.
+// Twenty seconds, against the same samples converted in one go: grabs of 1024 frames, each 21333 us after the
+// one before.
 void tst_AudioReader::resamplingIsSeamless()
 {
     store().channels = 1;
     QVERIFY(source->open());
     QVERIFY(reader->open(source.get(), pcm(44100, 1), true));
     QByteArray data;
-    for (int block = 0; block < 1000; ++block) {
-        data += read(2 * 882);
-        store().pass(20000);
+    const int frames = 4096;
+    const int blocks = 20 * 44100 / frames;
+    for (int block = 1; block <= blocks; ++block) {
+        data += read(2 * frames);
+        store().newest = now + qint64(block) * frames * 1000000 / 44100;
     }
 
     QVector<qint16> samples;
-    const qint64 first = store().indexOf(reader->getFirstTimestamp());
-    for (qint64 i = 0; i < 48000 * 20 + 4800; ++i)
-        samples.append(FakeAudioStore::sample(first + i, 0));
+    const int grabs = 48000 * 20 / 1024 + 2;
+    for (int grab = 0; grab < grabs; ++grab) {
+        const qint64 first = store().indexOf(now - 200000 + grab * 21333);
+        for (int i = 0; i < 1024; ++i)
+            samples.append(FakeAudioStore::sample(first + i, 0));
+    }
     SwrContext *context = swr_alloc();
     setResamplerOptions(context, {1, AV_SAMPLE_FMT_S16, 48000}, {1, AV_SAMPLE_FMT_S16, 44100});
     QVERIFY(swr_init(context) >= 0);
-    QByteArray expected(2 * 882 * 1000, 0);
+    QByteArray expected(2 * frames * blocks, 0);
     auto *out = reinterpret_cast<uint8_t *>(expected.data());
     const auto *in = reinterpret_cast<const uint8_t *>(samples.constData());
-    QCOMPARE(swr_convert(context, &out, 882 * 1000, &in, samples.size()), 882 * 1000);
+    QCOMPARE(swr_convert(context, &out, frames * blocks, &in, samples.size()), frames * blocks);
     swr_free(&context);
     QVERIFY(data == expected);
 }
@@ -652,36 +672,54 @@ void tst_AudioReader::waveformGetsWhatTheDeviceGets()
     QCOMPARE(waveform.data().size(), expected.size());
 }
 
-void tst_AudioReader::partsOfFramesKeepTheChannelsInPlace_data()
+void tst_AudioReader::channelsStayInPlace_data()
 {
     QTest::addColumn<int>("channels");
-    QTest::addColumn<int>("size");
-    QTest::newRow("six channels, the size QIODevice asks for") << 6 << 16384;
-    QTest::newRow("three channels, odd bytes") << 3 << 1001;
-    QTest::newRow("stereo, a byte at a time") << 2 << 1;
-    QTest::newRow("stereo, three bytes at a time") << 2 << 3;
+    for (int channels = 1; channels <= 8; ++channels)
+        QTest::addRow("%d", channels) << channels;
 }
 
-void tst_AudioReader::partsOfFramesKeepTheChannelsInPlace()
+// What an output gets, which reads through QIODevice's buffer; a frame of some of these does not divide that.
+void tst_AudioReader::channelsStayInPlace()
 {
     QFETCH(int, channels);
-    QFETCH(int, size);
     store().channels = channels;
     QVERIFY(source->open());
     QVERIFY(reader->open(source.get(), pcm(48000, channels), true));
     reader->setDelay(1900000);
     reader->setMaxDelay(1900000);
-    QBuffer waveform;
-    QVERIFY(waveform.open(QIODevice::WriteOnly));
-    reader->setWaveformOutput(&waveform);
+    const int size = 2 * channels * 960;
     QByteArray all;
-    while (all.size() < 8 * qMax(size, 300))
-        all += read(size);
+    for (int i = 0; i < 40; ++i)
+        all += static_cast<QIODevice *>(reader.get())->read(size);
+    QCOMPARE(all.size(), 40 * size);
     const auto *samples = reinterpret_cast<const qint16 *>(all.constData());
-    const qint64 first = store().indexOf(reader->getFirstTimestamp());
-    for (int i = 0; i < all.size() / 2; ++i)
-        QCOMPARE(samples[i], FakeAudioStore::sample(first + i / channels, i % channels));
-    QCOMPARE(waveform.data(), all);
+    for (int i = 0; i < all.size() / 2; ++i) {
+        const qint64 index = samples[i / channels * channels] - 1; // of the frame's first channel
+        QCOMPARE(samples[i], FakeAudioStore::sample(index, i % channels));
+    }
+}
+
+// Only whole frames are asked for, whatever the size; what is silent is counted from the end.
+void tst_AudioReader::sizesThatEndWithinAFrame()
+{
+    QVERIFY(reader->open(source.get(), pcm(48000, 2), true));
+    QByteArray data = read(1001);
+    QCOMPARE(store().queries.size(), size_t(1));
+    QCOMPARE(store().queries.back().frames, 250ul);
+    QCOMPARE(data.at(1000), char(0x55));
+    store().deliverAtMost = 100;
+    data = read(1001);
+    QCOMPARE(data.mid(401), QByteArray(600, 0));
+    QCOMPARE(data.at(400), char(0x55));
+    store().deliverAtMost = -1;
+    read(3);
+    QCOMPARE(store().queries.back().frames, 0ul);
+    reader->close();
+    QVERIFY(reader->open(source.get(), pcm(44100, 2), true));
+    store().queries.clear();
+    QCOMPARE(read(3), QByteArray(3, 0x55));
+    QVERIFY(store().queries.empty());
 }
 
 void tst_AudioReader::closeForgetsTheSource()
