@@ -75,6 +75,8 @@ public:
      * audio is what may come late without a gap.
      */
     qint64 getReadPosition() const;
+    /*! Where sound was missing, in all that was played so far. */
+    const AudioReader::Gaps &getGaps() const { return reader.getGaps(); }
 
     /*!
      * From now on also writes what the device gets to a file, raw, in the device's format. A file that cannot

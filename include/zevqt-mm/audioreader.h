@@ -47,6 +47,15 @@ class ZEVQTMM_EXPORT AudioReader : public QIODevice
     Q_OBJECT
 
 public:
+    /*! Where sound was missing since construction; the numbers only grow. */
+    struct Gaps
+    {
+        qint64 silence = 0;    //!< delivered because there was no audio; microseconds of the output
+        int episodes = 0;      //!< how often silence began after a read that was full
+        int jumps = 0;         //!< how often reading had fallen behind and jumped forward
+        bool isSilent = false; //!< the last read ended in silence
+    };
+
     explicit AudioReader(QObject *parent = nullptr);
     ~AudioReader() override;
 
@@ -85,12 +94,14 @@ public:
     qint64 getReadPosition() const { return readPosition; }
     /*! Timestamp of the first sample that was read since open(); 0 while there is none. */
     qint64 getFirstTimestamp() const { return firstTimestamp; }
+    const Gaps &getGaps() const { return gaps; }
 
 private:
     void anchor(qint64 last, qint64 span);
     qint64 grab(unsigned long frames, void *destination, qint64 last);
     qint64 resample(char *data, qint64 frames, qint64 last);
     void failResampler(const char *message);
+    void countSilence(qint64 frames);
 
     QAudioFormat outputFormat;
     QAudioFormat inputFormat; // the source's, at the last read
@@ -106,6 +117,7 @@ private:
     int grabSamples;
     QVector<unsigned char> inputBuffer;
     QIODevice *waveformOutput;
+    Gaps gaps;
 };
 
 #endif

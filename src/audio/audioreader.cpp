@@ -204,6 +204,7 @@ qint64 AudioReader::readDataInternal(char *data, qint64 maxSize)
         if (requireAudio)
             return -1;
         std::memset(data, 0, static_cast<size_t>(maxSize));
+        countSilence(outputFormat.framesForBytes(clamped(maxSize)));
         return maxSize;
     }
     if (format != inputFormat) {
@@ -235,7 +236,17 @@ qint64 AudioReader::readDataInternal(char *data, qint64 maxSize)
         const qint64 silence = outputFormat.bytesForFrames(clamped(frames));
         std::memset(data + maxSize - silence, 0, static_cast<size_t>(silence));
     }
+    countSilence(frames);
     return maxSize;
+}
+
+void AudioReader::countSilence(qint64 frames)
+{
+    if (frames > 0 && !gaps.isSilent)
+        ++gaps.episodes;
+    gaps.isSilent = frames > 0;
+    if (gaps.isSilent)
+        gaps.silence += outputFormat.durationForFrames(clamped(frames));
 }
 
 void AudioReader::anchor(qint64 last, qint64 span)
@@ -244,7 +255,9 @@ void AudioReader::anchor(qint64 last, qint64 span)
     if (isAnchored && last - readPosition <= maxDelay)
         return;
     readPosition = last - qMax(delay, span);
-    if (!isAnchored) {
+    if (isAnchored) {
+        ++gaps.jumps;
+    } else {
         samplesRead = 0;
         readTimer.start();
     }

@@ -282,6 +282,7 @@ void tst_AudioReader::positionThatFellTooFarBehindJumps()
     store().pass(120000);
     read(3840);
     QCOMPARE(lastRequest(), position); // exactly 300000 behind
+    QCOMPARE(reader->getGaps().jumps, 0);
 
     store().pass(20001);
     read(3840); // 300001 behind
@@ -290,6 +291,7 @@ void tst_AudioReader::positionThatFellTooFarBehindJumps()
     store().pass(1000000);
     read(48000); // a request longer than the delay
     QCOMPARE(lastRequest(), store().newest - 250000);
+    QCOMPARE(reader->getGaps().jumps, 2);
 }
 
 void tst_AudioReader::positionAheadIsLeftAlone()
@@ -430,10 +432,21 @@ void tst_AudioReader::passThroughRepeatsSamplesOnlyWhereMicrosecondsAreCut()
 void tst_AudioReader::shortSourceIsFilledWithSilence()
 {
     QVERIFY(reader->open(source.get(), pcm(48000, 2), true));
-    store().deliverAtMost = 100;
-    const QByteArray data = read(3840);
-    QVERIFY(!data.left(400).contains(QByteArray(4, 0)));
-    QCOMPARE(data.mid(400), QByteArray(3440, 0));
+    QCOMPARE(reader->getGaps().silence, qint64(0));
+    QCOMPARE(reader->getGaps().episodes, 0);
+    store().deliverAtMost = 480;
+    QByteArray data = read(3840);
+    QVERIFY(!data.left(1920).contains(QByteArray(4, 0)));
+    QCOMPARE(data.mid(1920), QByteArray(1920, 0));
+    QCOMPARE(reader->getGaps().silence, qint64(10000));
+    QCOMPARE(reader->getGaps().episodes, 1);
+    read(3840); // still the same lack
+    QCOMPARE(reader->getGaps().silence, qint64(20000));
+    QCOMPARE(reader->getGaps().episodes, 1);
+    read(1920);
+    read(3840);
+    QCOMPARE(reader->getGaps().silence, qint64(30000));
+    QCOMPARE(reader->getGaps().episodes, 2);
 }
 
 void tst_AudioReader::resamplingTakesFullGrabsAndKeepsTheSurplus()
