@@ -10,6 +10,7 @@
 #include <QFileInfo>
 #include <QJsonValue>
 
+#include <algorithm>
 #include <cmath>
 
 namespace {
@@ -352,21 +353,27 @@ TEST_P(ViewerWindowTest, aDeadPublisherIsNoSignalAndItsReturnIsLive)
     ViewerRun run(window(), {"shm:///cam0", "--size", "320x180", "--report", file("r.json")});
     ASSERT_LE(waitForBars(plain), 3.0);
 
-    QElapsedTimer clock;
-    publisher->killNow();
-    clock.start();
-    // The picture stays at first, then the middle of the no-signal picture is dark where a bar was green.
-    ASSERT_TRUE(waitUntil([&] { return qGreen(shot({320, 180}).pixel(140, 20)) < 80; }));
-    std::printf("no-signal picture %lld ms after the publisher's death\n", clock.elapsed());
-    EXPECT_GE(clock.elapsed(), 4500);
-    keep(QStringLiteral("nosignal"), {320, 180});
-
-    clock.start();
+    // A busy machine may keep one return waiting for its turn, not three.
     const TestPattern larger{640, 360, SHM_PIXEL_FORMAT_NV12, bt709};
-    publisher = std::make_unique<Publisher>(directory.path(), larger, 25.0);
-    ASSERT_TRUE(publisher->isReady());
-    ASSERT_TRUE(waitUntil([&] { return qGreen(shot({320, 180}).pixel(140, 20)) > 200; }));
-    std::printf("live %lld ms after its return\n", clock.elapsed());
+    qint64 fastest = 1000000;
+    for (int i = 0; i < attempts && fastest > 1500; ++i) {
+        QElapsedTimer clock;
+        publisher->killNow();
+        clock.start();
+        // The picture stays at first, then the middle of the no-signal picture is dark where a bar was green.
+        ASSERT_TRUE(waitUntil([&] { return qGreen(shot({320, 180}).pixel(140, 20)) < 80; }));
+        std::printf("no-signal picture %lld ms after the publisher's death\n", clock.elapsed());
+        EXPECT_GE(clock.elapsed(), 4500);
+        keep(QStringLiteral("nosignal"), {320, 180});
+
+        clock.start();
+        publisher = std::make_unique<Publisher>(directory.path(), larger, 25.0);
+        ASSERT_TRUE(publisher->isReady());
+        ASSERT_TRUE(waitUntil([&] { return qGreen(shot({320, 180}).pixel(140, 20)) > 200; }));
+        std::printf("live %lld ms after its return\n", clock.elapsed());
+        fastest = std::min(fastest, clock.elapsed());
+    }
+    EXPECT_LE(fastest, 1500);
     keep(QStringLiteral("returned"), {320, 180});
     run.terminate();
     EXPECT_EQ(run.wait(), 0) << run.errors().toStdString();
