@@ -1,6 +1,7 @@
 #include "options.h"
 #include "quitsignals.h"
 #include "report.h"
+#include "sound.h"
 #include "viewer.h"
 #include "viewerwindow.h"
 
@@ -70,6 +71,15 @@ std::unique_ptr<QCoreApplication> createApplication(bool headless, int &argc, ch
     return application;
 }
 
+QtMessageHandler qtMessages = nullptr;
+
+// What Qt's sound backend says of a server that is not there, once per attempt, Sound says once.
+void leaveOutSoundServer(QtMsgType type, const QMessageLogContext &context, const QString &text)
+{
+    if (!text.startsWith(QLatin1String("PulseAudioService:")))
+        qtMessages(type, context, text);
+}
+
 int writeResults(const Viewer &viewer, const Options &options, double seconds)
 {
     int code = Ok;
@@ -91,6 +101,19 @@ int writeResults(const Viewer &viewer, const Options &options, double seconds)
     return code;
 }
 
+int listAudioDevices(int argc, char **argv)
+{
+    const QCoreApplication application(argc, argv);
+    qtMessages = qInstallMessageHandler(leaveOutSoundServer);
+    Sound::silenceLibraries();
+    const QStringList names = Sound::deviceNames();
+    if (names.isEmpty())
+        complain(Ok, QStringLiteral("no audio device was found"));
+    for (const QString &name : names)
+        std::printf("%s\n", qUtf8Printable(name));
+    return Ok;
+}
+
 int run(QCoreApplication &application, const Options &options)
 {
     const auto *gui = qobject_cast<QGuiApplication *>(&application);
@@ -105,6 +128,9 @@ int run(QCoreApplication &application, const Options &options)
                                                  "v4l:///dev/videoN)")
                                       .arg(QString::fromUtf8(error.what())));
     }
+    QObject::connect(viewer->sound(), &Sound::problem, viewer.get(), [](const QString &text) {
+        std::fprintf(stderr, "zevqt-viewer: %s\n", qUtf8Printable(text));
+    });
     std::unique_ptr<ViewerWindow> window;
     if (gui) {
         window = std::make_unique<ViewerWindow>(viewer.get(), options);
@@ -145,14 +171,18 @@ int main(int argc, char **argv)
         std::fputs(qUtf8Printable(helpText()), stdout);
         return Ok;
     }
-    // Traces are for those who ask for them (QT_LOGGING_RULES).
-    QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
+    // Traces are for those who ask for them (QT_LOGGING_RULES); what the player warns of, Sound tells once.
+    QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false\nzevqt.audio=false"));
+    if (parsed.listAudioDevices)
+        return listAudioDevices(argc, argv);
     const QString problem = checkFiles(parsed.options);
     if (!problem.isEmpty())
         return complain(WrongUse, problem);
 
     int qtArgc = 1; // Qt has options of its own, which would be taken for URLs or hide mistakes
     const auto application = createApplication(parsed.options.headless, qtArgc, argv);
+    qtMessages = qInstallMessageHandler(leaveOutSoundServer);
     QCoreApplication::setApplicationName(QStringLiteral("zevqt-viewer"));
+    Sound::silenceLibraries();
     return run(*application, parsed.options);
 }

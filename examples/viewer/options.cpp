@@ -69,11 +69,13 @@ void addOptions(QCommandLineParser &parser)
         parser.addOption(QCommandLineOption(QLatin1String(name), QString(), QStringLiteral("value")));
     };
     const auto plain = [&parser](const QStringList &names) { parser.addOption(QCommandLineOption(names)); };
-    for (const char *name :
-         {"audio", "frames", "fps", "no-signal", "seconds", "snapshot", "report", "fill", "size", "block"})
+    for (const char *name : {"audio", "audio-device", "volume", "frames", "fps", "no-signal", "seconds",
+                             "snapshot", "report", "fill", "size", "block"})
         valued(name);
     plain({QStringLiteral("h"), QStringLiteral("help")});
     plain({QStringLiteral("headless")});
+    plain({QStringLiteral("mute")});
+    plain({QStringLiteral("list-audio-devices")});
     plain({QStringLiteral("stats")});
     plain({QStringLiteral("fullscreen")});
     parser.addPositionalArgument(QStringLiteral("URL"), QString());
@@ -91,6 +93,14 @@ void fill(Options &options, const QCommandLineParser &parser)
     options.video = sourceUrl(urls.first());
     if (given("audio"))
         options.audio = sourceUrl(parser.value(QStringLiteral("audio")));
+    if (given("audio-device"))
+        options.audioDevice = parser.value(QStringLiteral("audio-device"));
+    if (options.audioDevice.isEmpty())
+        throw Problem{QStringLiteral("--audio-device: a name is needed, or default, or none; "
+                                     "--list-audio-devices prints the names")};
+    if (given("volume"))
+        options.volume = number(parser, QStringLiteral("volume"), 0.0, 1.0);
+    options.mute = given("mute");
     if (given("frames"))
         options.frames =
             choice<Options::Frames>(parser, QStringLiteral("frames"),
@@ -136,6 +146,8 @@ ParsedOptions parseOptions(const QStringList &arguments)
         result.error = text;
     } else if (parser.isSet(QStringLiteral("help"))) {
         result.help = true;
+    } else if (parser.isSet(QStringLiteral("list-audio-devices"))) {
+        result.listAudioDevices = true;
     } else {
         try {
             fill(result.options, parser);
@@ -157,7 +169,12 @@ not there yet is waited for; one that goes away is replaced by a no-signal pictu
 shown again when it returns, also with another size or rate.
 
 Options:
-  --audio URL            another store for the sound; sound is received and counted, not played
+  --audio URL            another store for the sound (shm:///NAME;N: its channel N only)
+  --audio-device NAME|default|none   what plays the sound (default: default); without a device, or a sound
+                         server, the picture goes on
+  --volume N             0 to 1 (default: 1)
+  --mute                 start without sound; meters and the picture's delay stay
+  --list-audio-devices   print the names of the audio devices, and end
   --frames video|image   frames drawn from the store's memory (default), or converted images
   --fps auto|N           ticks a second; auto: the source's own rate, up to the screen's (default)
   --no-signal FILE       picture for a source that is silent, instead of the built-in one
@@ -171,7 +188,11 @@ Options:
   --report FILE.json     write statistics at the end
   -h, --help             this text
 
-Keys: S statistics, A next fill mode, F full screen, Esc or Q quit.
+Keys: M mute, Up and Down volume, S statistics, A next fill mode, F full screen, Esc or Q quit.
+
+With sound, the picture waits for it: it is shown 0.4 s and the device's buffer behind live. A store whose
+history is shorter than that shows its oldest frames, and its sound comes later than the picture; the statistics
+tell by how much. Sound that stops (device gone, clock set) is started again.
 
 The report: frames (pictures of the source handed out), distinct and repeated (new, or with the timestamp of
 the one before), skipped (source frames that passed between two pictures in a row, less those that ticks
@@ -179,7 +200,13 @@ slower than the source explain), invalid (requests answered without a picture si
 it: invalid_before_first), idle_events, no_signal_frames, fps (pictures a second, interruptions left out),
 source_interval_us, latency_ms (clock minus the frame's timestamp when it is handed out), size, pixel_format,
 frame_path (mapped: planes uploaded as they are; converted: RGB made by the CPU; image: converted by the
-library; none).
+library; none), audio: device and rate (Hz) last played on, delay_ms (newest sound of the store minus the one
+heard, at the end), underrun_episodes (how often the device had to be given silence) and silence_ms (how much of
+it), jumps (how often reading had fallen behind and jumped to live), restarts (starts after the first),
+av_offset_ms (at every picture handed out, its timestamp minus that of the sound reported as heard at this moment:
+positive means that the picture is ahead; p50 is the median, p95 the size that 95 % of the pictures stay below;
+null before there is any), history_short_ms (by how much the store's history is too short for the picture to wait
+for the sound), problem (why there is no sound).
 
 Exit status: 0 ended as asked, 1 a report or snapshot could not be written, 2 wrong use, 3 no display.
 

@@ -24,6 +24,9 @@ struct Options
     QSize windowSize{960, 540};
     bool statistics = false;
     bool fullscreen = false;
+    QString audioDevice = QStringLiteral("default"); // or a name, or "none"
+    double volume = 1.0;
+    bool mute = false;
 
     // For tests: the event loop stands still from `blockAfter` on for `blockFor` seconds.
     double blockAfter = 0.0;
@@ -34,6 +37,7 @@ struct ParsedOptions
 {
     Options options;
     bool help = false;
+    bool listAudioDevices = false;
     QString error; // empty: all is well; else one line that names the thing and the remedy
 };
 

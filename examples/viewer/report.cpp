@@ -4,6 +4,31 @@
 
 #include <QFile>
 
+namespace {
+
+QJsonValue soundOf(const ViewerFigures &figures)
+{
+    const Sound::Figures &sound = figures.sound;
+    if (!sound.isWanted)
+        return {};
+    const auto known = [](bool is, double value) { return is ? QJsonValue(value) : QJsonValue(); };
+    return QJsonObject{
+        {"device", sound.starts > 0 ? QJsonValue(sound.device) : QJsonValue()},
+        {"rate", known(sound.rate > 0, sound.rate)},
+        {"delay_ms", known(sound.delayUs >= 0, double(sound.delayUs) / 1000.0)},
+        {"underrun_episodes", sound.silenceEpisodes},
+        {"silence_ms", double(sound.silenceUs) / 1000.0},
+        {"jumps", sound.jumps},
+        {"restarts", sound.starts > 0 ? sound.starts - 1 : 0},
+        {"av_offset_ms", QJsonObject{{"p50", known(figures.offsets > 0, figures.offsetP50Ms)},
+                                     {"p95", known(figures.offsets > 0, figures.offsetP95Ms)}}},
+        {"history_short_ms", double(figures.historyShortUs) / 1000.0},
+        {"problem", sound.problem},
+    };
+}
+
+} // namespace
+
 QJsonObject reportOf(const ViewerFigures &figures, const QString &url, double seconds)
 {
     const FrameStatistics::Figures &f = figures.frames;
@@ -33,6 +58,7 @@ QJsonObject reportOf(const ViewerFigures &figures, const QString &url, double se
         {"pixel_format", figures.pixelFormat},
         {"frame_path", figures.framePath},
         {"frame_path_reason", figures.framePathReason},
+        {"audio", soundOf(figures)},
     };
 }
 

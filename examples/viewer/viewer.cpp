@@ -3,10 +3,13 @@
 #include "frameimage.h"
 #include "frameplanes.h"
 #include "imagerequests.h"
+#include "wallclock.h"
 
 #include <zevqt-mm/mediaprovider.h>
 #include <zevqt-mm/storeframe.h>
+#include <zevqt-mm/videotimeline.h>
 
+#include <QAudioBuffer>
 #include <QTimer>
 
 #include <chrono>
@@ -14,13 +17,9 @@
 namespace {
 
 constexpr long long rateCheckUs = 500000;
+constexpr qint64 followCheckUs = 200000;
+constexpr qint64 followSettledUs = 500000; // the timeline has taken over what it was told
 constexpr std::chrono::seconds noSignalDelay{5};
-
-long long wallClockUs()
-{
-    using namespace std::chrono;
-    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
-}
 
 QString pixelFormatName(QVideoFrame::PixelFormat format)
 {
@@ -60,10 +59,13 @@ Viewer::Viewer(const Options &options, double screenRate, QObject *parent)
     connect(m_provider.get(), &MediaProvider::videoReady, this, &Viewer::onVideo);
     connect(m_provider.get(), &MediaProvider::imageReady, this, &Viewer::onImage);
     connect(m_provider.get(), &MediaProvider::videoIdle, this, [this] { onInterruption(State::Idle); });
-    connect(m_provider.get(), &MediaProvider::audioReady, this, [this](const QAudioBuffer &buffer) {
-        if (buffer.isValid())
-            ++m_audioBuffers;
-    });
+    connect(m_provider.get(), &MediaProvider::audioReady, this, &Viewer::onAudio);
+    m_monotonic.start();
+    // Without a store of its own, sound comes from where the picture comes from.
+    m_sound = std::make_unique<Sound>(
+        m_provider->getAudioSource() ? m_provider->getAudioSource() : m_provider->getVideoSource(), options);
+    connect(m_sound.get(), &Sound::started, this, [this] { m_follower.soundStarted(); });
+    connect(m_sound.get(), &Sound::heard, this, &Viewer::onHeard);
 
     // The provider does not tell of every empty answer (images have no idle signal), so they are counted
     // where they are made: in the tick thread.
@@ -104,10 +106,12 @@ QObject *Viewer::providerObject() const
 void Viewer::start()
 {
     m_provider->setRunning(true);
+    m_sound->start(m_tickRate);
 }
 
 void Viewer::stop()
 {
+    m_sound->stop();
     m_provider->setRunning(false);
 }
 
@@ -155,6 +159,9 @@ void Viewer::onPicture(long long timestamp)
     const long long now = wallClockUs();
     const auto status = m_provider->getVideoSource()->getVideoStatus();
     m_statistics.handedOut(now, timestamp, status.timestamps, status.frameInterval);
+    const HeardAge &heard = m_sound->heardAge();
+    if (m_follower.hasTarget() && heard.isKnown(now) && monotonicUs() - m_followed > followSettledUs)
+        m_offsets.add(timestamp - (now - heard.age()));
 
     if (now - m_rateChecked < rateCheckUs && now >= m_rateChecked)
         return;
@@ -167,6 +174,42 @@ void Viewer::onPicture(long long timestamp)
         if (!size.isEmpty())
             m_provider->setRequestedFrameSize(size);
     }
+}
+
+// The levels are those of the sound that belongs to the picture, also where nothing plays it.
+void Viewer::onAudio(const QAudioBuffer &buffer)
+{
+    if (buffer.isValid())
+        ++m_audioBuffers;
+    m_meter.update(monotonicUs(), getRmsMaxDecibels(buffer));
+    emit levelsChanged();
+}
+
+void Viewer::onHeard(qint64 now)
+{
+    const HeardAge &heard = m_sound->heardAge();
+    if (!heard.isKnown(now))
+        return;
+    VideoTimeline *timeline = m_provider->getTimeline();
+    if (monotonicUs() >= m_followDue) {
+        m_followDue = monotonicUs() + followCheckUs;
+        const auto status = m_provider->getVideoSource()->getVideoStatus();
+        const PictureFollower::Store store =
+            status.timestamps.isEmpty()
+                ? PictureFollower::Store{0, 0, 0}
+                : PictureFollower::Store{now - status.timestamps.last(),
+                                         status.timestamps.last() - status.timestamps.first(),
+                                         status.frameInterval};
+        if (m_follower.update(monotonicUs(), heard.age(), store)) {
+            m_followed = monotonicUs();
+            timeline->stop();
+            if (m_provider->running())
+                timeline->start();
+        }
+    }
+    // Only the first one after a stop counts, whoever stopped it.
+    if (m_follower.hasTarget())
+        timeline->adjustReadPosition(wallClockUs() - m_follower.target());
 }
 
 void Viewer::onInterruption(State state)
@@ -188,6 +231,8 @@ void Viewer::setTickRate(double rate)
 void Viewer::refreshStatistics()
 {
     emit statisticsChanged();
+    if (m_state != State::Live && !m_meter.channels().isEmpty())
+        onAudio(QAudioBuffer()); // a source that is gone sends nothing any more, and its meter is to fall
 }
 
 ViewerFigures Viewer::figures() const
@@ -215,6 +260,19 @@ ViewerFigures Viewer::figures() const
             result.framePath = m_framePath;
     }
     result.framePathReason = m_framePathReason;
+    result.sound = m_sound->figures();
+    result.offsets = m_offsets.count();
+    result.offsetP50Ms = m_offsets.medianMs();
+    result.offsetP95Ms = m_offsets.sizePercentileMs(0.95);
+    result.historyShortUs = m_follower.shortfall();
+    return result;
+}
+
+QVariantList Viewer::levels() const
+{
+    QVariantList result;
+    for (const LevelMeter::Channel &channel : m_meter.channels())
+        result << QVariant(QVariantList{channel.rms, channel.peak, channel.hold});
     return result;
 }
 
@@ -263,7 +321,32 @@ QString Viewer::statisticsText() const
     lines << QStringLiteral("path %1").arg(now.framePath);
     if (!now.framePathReason.isEmpty())
         lines.last() += QStringLiteral(": ") + now.framePathReason;
+    lines << soundText(now);
     return lines.join(QLatin1Char('\n'));
+}
+
+QStringList Viewer::soundText(const ViewerFigures &now) const
+{
+    const Sound::Figures &sound = now.sound;
+    QStringList lines;
+    if (!sound.isWanted)
+        return lines;
+    const auto ms = [](qint64 us) { return QString::number(double(us) / 1000.0, 'f', 0); };
+    if (sound.starts == 0)
+        return {sound.problem.isEmpty() ? QStringLiteral("no sound")
+                                        : QStringLiteral("no sound: no audio device")};
+    lines << QStringLiteral("sound %1 Hz  %2%3")
+                 .arg(sound.rate)
+                 .arg(sound.isPlaying ? QString() : QStringLiteral("STOPPED "), sound.device.left(40));
+    lines << QStringLiteral("delay %1 ms   silence %2 ms   restarts %3")
+                 .arg(sound.delayUs >= 0 ? ms(sound.delayUs) : QStringLiteral("?"), ms(sound.silenceUs))
+                 .arg(sound.starts - 1);
+    if (now.offsets > 0)
+        lines << QStringLiteral("picture against sound %1 ms   p95 %2")
+                     .arg(QString::number(now.offsetP50Ms, 'f', 1), QString::number(now.offsetP95Ms, 'f', 1));
+    if (now.historyShortUs > 0)
+        lines << QStringLiteral("history too short: the sound is %1 ms late").arg(ms(now.historyShortUs));
+    return lines;
 }
 
 QImage Viewer::snapshot() const

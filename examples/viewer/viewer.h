@@ -1,11 +1,17 @@
 #pragma once
 
 #include "framestatistics.h"
+#include "levelmeter.h"
+#include "offsetstatistics.h"
 #include "options.h"
+#include "picturefollower.h"
 #include "ratefollower.h"
+#include "sound.h"
 
+#include <QElapsedTimer>
 #include <QImage>
 #include <QObject>
+#include <QVariantList>
 #include <QVideoFrame>
 
 #include <atomic>
@@ -13,6 +19,9 @@
 
 class ImageRequests;
 class MediaProvider;
+QT_BEGIN_NAMESPACE
+class QAudioBuffer;
+QT_END_NAMESPACE
 
 /* Everything that the report and the overlay tell. */
 struct ViewerFigures
@@ -27,6 +36,11 @@ struct ViewerFigures
     QString pixelFormat; // of the last picture; "none" without one
     QString framePath;
     QString framePathReason;
+    Sound::Figures sound;
+    quint64 offsets = 0; // pictures that the next two are about
+    double offsetP50Ms = 0.0;
+    double offsetP95Ms = 0.0;
+    qint64 historyShortUs = 0;
 };
 
 /*
@@ -44,6 +58,8 @@ class Viewer : public QObject
 {
     Q_OBJECT
     Q_PROPERTY(QObject *provider READ providerObject CONSTANT)
+    Q_PROPERTY(QObject *sound READ soundObject CONSTANT)
+    Q_PROPERTY(QVariantList levels READ levels NOTIFY levelsChanged)
     Q_PROPERTY(QString statisticsText READ statisticsText NOTIFY statisticsChanged)
 
 public:
@@ -53,6 +69,10 @@ public:
 
     MediaProvider *provider() const { return m_provider.get(); }
     QObject *providerObject() const;
+    Sound *sound() const { return m_sound.get(); }
+    QObject *soundObject() const { return m_sound.get(); }
+    /* Of each channel rms, peak and hold, in dB, in this order. */
+    QVariantList levels() const;
 
     void start();
     void stop();
@@ -70,6 +90,7 @@ public:
 
 signals:
     void statisticsChanged();
+    void levelsChanged();
 
 private:
     enum class State { Waiting, Live, Idle, NoSignal };
@@ -77,14 +98,25 @@ private:
     void onVideo(const QVideoFrame &frame);
     void onImage(const QImage &image);
     void onPicture(long long timestamp);
+    void onAudio(const QAudioBuffer &buffer);
+    void onHeard(qint64 now);
     void onInterruption(State state);
     void setTickRate(double rate);
     void refreshStatistics();
     QString stateText() const;
+    QStringList soundText(const ViewerFigures &figures) const;
+    qint64 monotonicUs() const { return m_monotonic.nsecsElapsed() / 1000; }
 
     const Options m_options;
     std::unique_ptr<MediaProvider> m_provider;
     std::unique_ptr<ImageRequests> m_imageRequests; // after the provider, so that it goes first
+    std::unique_ptr<Sound> m_sound;                 // likewise
+    QElapsedTimer m_monotonic;
+    LevelMeter m_meter;
+    PictureFollower m_follower;
+    qint64 m_followed = 0;  // when the timeline was told last, monotonic
+    qint64 m_followDue = 0; // when to look again
+    OffsetStatistics m_offsets;
     FrameStatistics m_statistics;
     RateFollower m_rate;
     State m_state = State::Waiting;

@@ -5,6 +5,7 @@ Rectangle {
     id: root
 
     property QtObject viewer // set by the program
+    readonly property QtObject sound: viewer ? viewer.sound : null
     property alias video: video
     property alias statistics: statistics.visible
     signal fullscreenToggled()
@@ -27,8 +28,26 @@ Rectangle {
         text: visible && root.viewer ? root.viewer.statisticsText : ""
     }
 
+    Meters {
+        id: meters
+        objectName: "meters"
+        anchors { right: parent.right; bottom: parent.bottom; margins: 12 }
+        visible: channels > 0 && root.height >= height + 24 && root.width >= 2 * width
+        levels: root.viewer ? root.viewer.levels : []
+        text: root.sound ? root.sound.text : ""
+    }
+
     Keys.onPressed: {
         switch (event.key) {
+        case Qt.Key_M:
+            if (root.sound)
+                root.sound.muted = !root.sound.muted
+            break
+        case Qt.Key_Up:
+        case Qt.Key_Down:
+            if (root.sound)
+                root.sound.volume = root.sound.volume + (event.key === Qt.Key_Up ? 0.05 : -0.05)
+            break
         case Qt.Key_S:
             statistics.visible = !statistics.visible
             break

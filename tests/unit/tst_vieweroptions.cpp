@@ -43,6 +43,28 @@ TEST(ViewerOptions, everyOptionIsTaken)
     EXPECT_EQ(p.options.blockFor, 10.0);
 }
 
+TEST(ViewerOptions, soundPlaysOnTheDefaultDeviceUnlessTold)
+{
+    const Options usual = parse("shm:///cam0").options;
+    EXPECT_EQ(usual.audioDevice, "default");
+    EXPECT_EQ(usual.volume, 1.0);
+    EXPECT_FALSE(usual.mute);
+    const ParsedOptions p = parse("shm:///cam0 --audio-device sink7 --volume 0.25 --mute");
+    ASSERT_TRUE(p.error.isEmpty()) << p.error.toStdString();
+    EXPECT_EQ(p.options.audioDevice, "sink7");
+    EXPECT_EQ(p.options.volume, 0.25);
+    EXPECT_TRUE(p.options.mute);
+    EXPECT_EQ(parse("shm:///cam0 --audio-device none").options.audioDevice, "none");
+}
+
+TEST(ViewerOptions, theDeviceListNeedsNoUrl)
+{
+    const ParsedOptions p = parse("--list-audio-devices");
+    EXPECT_TRUE(p.listAudioDevices);
+    EXPECT_TRUE(p.error.isEmpty());
+    EXPECT_FALSE(parse("shm:///cam0").listAudioDevices);
+}
+
 TEST(ViewerOptions, autoIsTheDefaultRate)
 {
     EXPECT_EQ(parse("shm:///cam0 --fps auto").options.fps, 0.0);
@@ -52,8 +74,9 @@ TEST(ViewerOptions, helpIsAskedForInTwoWays)
 {
     EXPECT_TRUE(parse("--help").help);
     EXPECT_TRUE(parse("-h").help);
-    for (const char *word : {"--audio", "--frames", "--fps", "--no-signal", "--headless", "--seconds",
-                             "--snapshot", "--report", "Examples:", "skipped", "Exit status"})
+    for (const char *word : {"--audio-device", "--volume", "--mute", "--list-audio-devices", "av_offset_ms",
+                             "underrun_episodes", "--audio", "--frames", "--fps", "--no-signal", "--headless",
+                             "--seconds", "--snapshot", "--report", "Examples:", "skipped", "Exit status"})
         EXPECT_TRUE(helpText().contains(QLatin1String(word))) << word;
 }
 
@@ -74,14 +97,17 @@ TEST_P(ViewerOptionsBad, isRefusedInOneLineThatNamesIt)
 
 INSTANTIATE_TEST_SUITE_P(
     Lines, ViewerOptionsBad,
-    testing::Values(Bad{"", "URL is missing"}, Bad{"shm:///a shm:///b", "shm:///b"},
-                    Bad{"shm:///cam0 --nonsense", "nonsense"}, Bad{"shm:///", "names no source"},
-                    Bad{"shm:", "names no source"}, Bad{"shm:///cam0 --fps fast", "--fps fast"},
-                    Bad{"shm:///cam0 --fps 0", "--fps 0"}, Bad{"shm:///cam0 --fps nan", "--fps nan"},
-                    Bad{"shm:///cam0 --seconds -1", "--seconds -1"},
-                    Bad{"shm:///cam0 --frames both", "video, image"}, Bad{"shm:///cam0 --fill wide", "crop"},
-                    Bad{"shm:///cam0 --size big", "--size big"},
-                    Bad{"shm:///cam0 --size 640x", "--size 640x"}, Bad{"shm:///cam0 --block 3", "AFTER,FOR"},
-                    Bad{"shm:///cam0 --report", "report"}));
+    testing::Values(
+        Bad{"", "URL is missing"}, Bad{"shm:///a shm:///b", "shm:///b"},
+        Bad{"shm:///cam0 --nonsense", "nonsense"}, Bad{"shm:///", "names no source"},
+        Bad{"shm:", "names no source"}, Bad{"shm:///cam0 --fps fast", "--fps fast"},
+        Bad{"shm:///cam0 --fps 0", "--fps 0"}, Bad{"shm:///cam0 --fps nan", "--fps nan"},
+        Bad{"shm:///cam0 --seconds -1", "--seconds -1"}, Bad{"shm:///cam0 --frames both", "video, image"},
+        Bad{"shm:///cam0 --fill wide", "crop"}, Bad{"shm:///cam0 --size big", "--size big"},
+        Bad{"shm:///cam0 --size 640x", "--size 640x"}, Bad{"shm:///cam0 --block 3", "AFTER,FOR"},
+        Bad{"shm:///cam0 --volume 1.1", "--volume 1.1"}, Bad{"shm:///cam0 --volume -0.1", "--volume -0.1"},
+        Bad{"shm:///cam0 --volume loud", "--volume loud"},
+        Bad{"shm:///cam0 --audio-device=", "--list-audio-devices"},
+        Bad{"shm:///cam0 --audio-device", "audio-device"}, Bad{"shm:///cam0 --report", "report"}));
 
 } // namespace

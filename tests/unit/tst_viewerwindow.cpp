@@ -10,8 +10,10 @@
 
 #include <gtest/gtest.h>
 
+#include <QAudioBuffer>
 #include <QDeadlineTimer>
 #include <QGuiApplication>
+#include <QQuickItem>
 #include <QQuickView>
 #include <QScreen>
 #include <QtTest/qtestkeyboard.h>
@@ -83,6 +85,59 @@ TEST_F(ViewerWindowKeys, aGoesThroughTheFillModes)
     EXPECT_EQ(video()->fillMode(), LiveVideo::Stretch);
     QTest::keyClick(view, Qt::Key_A);
     EXPECT_EQ(video()->fillMode(), LiveVideo::PreserveAspectFit);
+}
+
+TEST_F(ViewerWindowKeys, mMutesAndArrowsSetTheVolume)
+{
+    const Sound *sound = viewer.sound();
+    EXPECT_FALSE(sound->muted());
+    QTest::keyClick(view, Qt::Key_M);
+    EXPECT_TRUE(sound->muted());
+    EXPECT_EQ(sound->text(), "muted");
+    QTest::keyClick(view, Qt::Key_M);
+    EXPECT_FALSE(sound->muted());
+    QTest::keyClick(view, Qt::Key_Up);
+    EXPECT_EQ(sound->volume(), 1.0);
+    for (int i = 0; i < 3; ++i)
+        QTest::keyClick(view, Qt::Key_Down);
+    EXPECT_NEAR(sound->volume(), 0.85, 1e-9);
+    EXPECT_EQ(sound->text(), "85 %");
+    for (int i = 0; i < 30; ++i)
+        QTest::keyClick(view, Qt::Key_Down);
+    EXPECT_EQ(sound->volume(), 0.0);
+}
+
+TEST_F(ViewerWindowKeys, metersShowTheChannelsThatThereAre)
+{
+    const auto *meters = view->rootObject()->findChild<QQuickItem *>("meters");
+    ASSERT_TRUE(meters);
+    EXPECT_FALSE(meters->isVisible());
+    view->resize(640, 360);
+    ASSERT_TRUE(waitFor([this] { return view->rootObject()->height() == 360; }));
+
+    QAudioFormat format;
+    format.setSampleRate(48000);
+    format.setChannelCount(2);
+    format.setSampleSize(16);
+    format.setSampleType(QAudioFormat::SignedInt);
+    format.setByteOrder(QAudioFormat::LittleEndian);
+    format.setCodec("audio/pcm");
+    QByteArray samples(4 * 4800, 0);
+    auto *values = reinterpret_cast<qint16 *>(samples.data());
+    for (int i = 0; i < 4800; ++i)
+        values[2 * i] = i % 2 ? 16384 : -16384; // left at -6 dB, right silent
+    emit viewer.provider()->audioReady(QAudioBuffer(samples, format));
+    EXPECT_TRUE(meters->isVisible());
+    EXPECT_EQ(meters->property("channels").toInt(), 2);
+    const QImage shot = view->grabWindow();
+    const QPoint corner = meters->position().toPoint() + QPoint(10, 12);
+    const QRgb left = shot.pixel(corner + QPoint(7, 100));
+    const QRgb right = shot.pixel(corner + QPoint(19 + 7, 100));
+    EXPECT_GT(qGreen(left), 150); // well below -18 dB it is green
+    EXPECT_LT(qRed(left), 100);
+    EXPECT_LT(qGreen(right), 90);
+    EXPECT_LT(qRed(shot.pixel(corner + QPoint(7, 6))), 100); // nothing between -3 and 0 dB
+    EXPECT_EQ(viewer.figures().audioBuffers, 1u);
 }
 
 TEST_F(ViewerWindowKeys, fFillsTheScreenAndGoesBack)

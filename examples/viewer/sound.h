@@ -1,0 +1,114 @@
+#pragma once
+
+#include "heardage.h"
+#include "options.h"
+
+#include <zev-utils/clockadjustmentdetector.h>
+#include <zevqt-mm/audioplaybackwatch.h>
+
+#include <QElapsedTimer>
+#include <QObject>
+#include <QSharedPointer>
+#include <QStringList>
+
+class AudioPlayer;
+class MediaSource;
+class MediaSourceBase;
+
+/*
+ * Keeps a source's sound playing: starts the player when the source has audio and there is a device, and
+ * again whenever it stopped, went into nothing or ran dry; tells why, once.
+ *
+ * Usage: construct, start(), stop() at the end. heard() comes for every report of the player.
+ *
+ * Threads: the thread of the application object. Start and stop of the sound may wait for the sound server.
+ * Ownership: shares the source, which is the one that the pictures come from where both are in one store: the
+ * player reads in this thread while the tick thread asks for frames, and the source keeps the two apart.
+ * Takes the process's player for itself and destroys it with itself.
+ * Units: microseconds.
+ * Errors: none that end anything; problem() is one line for a person, and the attempts go on.
+ */
+class Sound : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(double volume READ volume WRITE setVolume NOTIFY changed)
+    Q_PROPERTY(bool muted READ muted WRITE setMuted NOTIFY changed)
+    Q_PROPERTY(QString text READ text NOTIFY changed)
+
+public:
+    struct Figures
+    {
+        bool isWanted = false; // not --audio-device none, and the source is one that can have sound
+        bool isPlaying = false;
+        QString device; // that was played on last; empty: none yet
+        int rate = 0;   // its sample rate
+        qint64 delayUs = -1;
+        int silenceEpisodes = 0;
+        qint64 silenceUs = 0;
+        int jumps = 0;
+        int starts = 0;
+        QString problem; // the last one
+    };
+
+    /* How far behind the newest audio it is read: enough for the device's buffer of usually 250 ms. */
+    static constexpr qint64 delayUs = 400000;
+
+    Sound(QSharedPointer<MediaSourceBase> source, const Options &options, QObject *parent = nullptr);
+    ~Sound() override;
+
+    /* `fps`: reports a second. */
+    void start(double fps);
+    void stop();
+
+    double volume() const { return m_volume; }
+    void setVolume(double volume);
+    bool muted() const { return m_isMuted; }
+    void setMuted(bool muted);
+    /* One short line for the window. */
+    QString text() const;
+
+    const HeardAge &heardAge() const { return m_age; }
+    Figures figures() const;
+
+    static QStringList deviceNames();
+    /* Without a sound server, ALSA and Qt write pages about it; one line of ours is enough. */
+    static void silenceLibraries();
+
+signals:
+    void started();
+    /* `now`: wall clock. */
+    void heard(qint64 now);
+    void changed();
+    void problem(const QString &text);
+
+private:
+    void check();
+    bool tryStart();
+    bool selectDevice();
+    void onPlayed(qint64 timestamp);
+    void onStopped();
+    QString whyStopped();
+    void complain(const QString &text);
+    qint64 newestAudio() const;
+
+    const QSharedPointer<MediaSourceBase> m_holder;
+    MediaSource *const m_source; // null: not one that has sound
+    const QString m_device;
+    AudioPlayer *m_player = nullptr;
+    AudioPlaybackWatch m_watch;
+    HeardAge m_age;
+    md::zev::utils::ClockAdjustmentDetector m_clock;
+    QElapsedTimer m_monotonic;
+    double m_fps = 25.0;
+    double m_volume = 1.0;
+    bool m_isMuted = false;
+    bool m_isStopping = false; // by this class
+    bool m_isWanted = false;
+    bool m_hasStarted = false; // what playing there is, is ours
+    QString m_playedOn;
+    QString m_said;
+    int m_rate = 0;
+    int m_starts = 0;
+    int m_spoiled = 0; // starts in a row that were
+    qint64 m_delay = -1;
+};
