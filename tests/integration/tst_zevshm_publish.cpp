@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cmath>
 #include <csignal>
+#include <map>
 #include <set>
 
 using namespace driver;
@@ -275,7 +276,8 @@ TEST_F(ZevshmPublish, killedPublisherIsReplacedWithoutCleaningUp)
 
 TEST_F(ZevshmPublish, jitterShowsInTheTimestampsAndRepeatsWithItsSeed)
 {
-    std::vector<int64_t> deviations[2];
+    // By place: a machine that is busy may leave out a frame that is late.
+    std::map<int64_t, int64_t> deviations[2];
     for (auto &run : deviations) {
         Zevshm publisher({"publish", "cam", "test:", "--size", "320x240", "--fps", "25", "--jitter", "20",
                           "--seed", "9", "--history", "40", "--no-audio"});
@@ -284,15 +286,22 @@ TEST_F(ZevshmPublish, jitterShowsInTheTimestampsAndRepeatsWithItsSeed)
         const std::vector<int64_t> stamps = collectTimestamps(reader.get(), 30);
         ASSERT_GE(stamps.size(), 30u);
         for (size_t i = 0; i < 30; ++i)
-            run.push_back(stamps[i] % 40000);
+            run[stamps[i] / 40000 - stamps[0] / 40000] = stamps[i] % 40000;
     }
-    std::set<int64_t> different(deviations[0].begin(), deviations[0].end());
-    EXPECT_GT(different.size(), 25u);
-    for (const int64_t deviation : deviations[0]) {
+    std::set<int64_t> different;
+    size_t common = 0;
+    for (const auto &[place, deviation] : deviations[0]) {
+        different.insert(deviation);
         EXPECT_GE(deviation, 0);
         EXPECT_LE(deviation, 20000);
+        const auto again = deviations[1].find(place);
+        if (again == deviations[1].end())
+            continue;
+        ++common;
+        EXPECT_EQ(deviation, again->second) << "frame " << place;
     }
-    EXPECT_EQ(deviations[0], deviations[1]);
+    EXPECT_GT(different.size(), 25u);
+    EXPECT_GT(common, 20u);
 }
 
 TEST_F(ZevshmPublish, dropsShowAsMissingNumbers)
