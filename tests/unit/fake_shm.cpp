@@ -197,7 +197,8 @@ int64_t shm_reader_query_audio2(shm_reader_t *, int stream, void *destination, u
     const size_t channels = isOneChannel ? 1 : static_cast<size_t>(fake().format.channels);
     const int64_t items = fake().queryResult == everything ? int64_t(count_a) : fake().queryResult;
     if (items > 0)
-        std::memset(destination, 0x11, size_t(items) * count_b * channels * sizeof(int16_t));
+        std::memset(destination, 0x11,
+                    qMin(size_t(items), size_t(count_a)) * count_b * channels * sizeof(int16_t));
     return items;
 }
 

@@ -48,6 +48,8 @@ private Q_SLOTS:
     void stoppedByAListenerStaysStopped();
     void rapidSwitchingEndsAsAsked();
     void frameRateFromATick();
+    void readsTwoFramesBehindTheNewest();
+    void ticks25TimesASecondAtFirst();
     void frameRate();
     void frameRateOfTheThread();
 
@@ -443,6 +445,35 @@ void tst_MediaProvider::frameRateFromATick()
     const int then = ticks.loadRelaxed();
     QCoreApplication::processEvents();
     QCOMPARE(ticks.loadRelaxed(), then);
+}
+
+void tst_MediaProvider::readsTwoFramesBehindTheNewest()
+{
+    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
+    QSignalSpy ticks(provider.getTimeline(), &VideoTimeline::tick);
+    provider.getTimeline()->externalTick(1100000);
+    QCOMPARE(ticks.at(0).at(0).toLongLong(), 1080000LL - 2 * 40000);
+}
+
+void tst_MediaProvider::ticks25TimesASecondAtFirst()
+{
+    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
+    VideoTimeline *timeline = provider.getTimeline();
+    const auto now = [] {
+        return std::chrono::duration_cast<std::chrono::microseconds>(
+                   std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    };
+    provider.setRunning(true);
+    timeline->adjustReadPosition(now());
+    timeline->externalTick(1100000);
+    QVERIFY(timeline->getReadOffset() != 0);
+    provider.setFrameRate(25); // what it is already: no restart, after which a report would count again
+    timeline->adjustReadPosition(now());
+    QVERIFY(timeline->getReadOffset() != 0);
+    provider.setFrameRate(24);
+    timeline->adjustReadPosition(now());
+    QCOMPARE(timeline->getReadOffset(), 0LL);
 }
 
 void tst_MediaProvider::frameRate()

@@ -41,6 +41,7 @@ private Q_SLOTS:
     void storeWithoutFormatIsClosedAgain();
     void closeGivesTheHandleBack();
     void looksAtTheStoreAtMostOnceASecond();
+    void goodLookIsTrustedForAnotherSecond();
     void looksAgainWhenTheSecondIsOver();
     void triesAnAbsentStoreAtMostOnceASecond();
     void forceLooksAtOnce();
@@ -162,6 +163,8 @@ void tst_ShmemReader::selectedChannelOfAudioOnlyStoreIsReportedAsMono()
     store.format.has_video = 0;
     ShmemReader reader(QStringLiteral("mic;2"), 100);
     QCOMPARE(reader.getAudioFormat().channelCount(), 1);
+    ShmemReader first(QStringLiteral("mic;0"), 100);
+    QCOMPARE(first.getAudioFormat().channelCount(), 1);
     ShmemReader all(QStringLiteral("mic;x"), 100);
     QCOMPARE(all.getAudioFormat().channelCount(), 2);
 }
@@ -240,6 +243,17 @@ void tst_ShmemReader::looksAtTheStoreAtMostOnceASecond()
         return;
     }
     QFAIL("ten times in a row, two lines took a second");
+}
+
+void tst_ShmemReader::goodLookIsTrustedForAnotherSecond()
+{
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(reader.check(false));
+    ShmemReaderProbe::letASecondPass(reader);
+    store.takeCalls();
+    QVERIFY(reader.check(false));
+    QVERIFY(reader.check(false));
+    QCOMPARE(store.takeCalls(), QStringList({"is_ready"}));
 }
 
 void tst_ShmemReader::looksAgainWhenTheSecondIsOver()
@@ -681,6 +695,7 @@ void tst_ShmemReader::audioBlockFailures_data()
     QTest::newRow("status fails") << 4800ul << -19 << qint64(-1000) << 1;
     QTest::newRow("nothing copied") << 4800ul << 0 << qint64(0) << 2;
     QTest::newRow("copy fails") << 4800ul << 0 << qint64(-5) << 2;
+    QTest::newRow("neither a block nor an error") << 4800ul << 0 << qint64(2) << 2;
     QTest::newRow("positive status") << 4800ul << 1 << qint64(-1000) << 1;
 }
 

@@ -185,6 +185,7 @@ private Q_SLOTS:
     void resetWithNewSizeConvertsAgain();
     void resetOfTheFlagsKeepsTheCache();
     void resetWithNewFormatEmptiesTheRingAndKeepsTheFormat();
+    void resetForgetsImagesThatNobodyHolds();
     void startTimeZeroIsNoHit();
     void failureForgetsTheImageThatItOverwrote();
     void conversionsTakeTurns();
@@ -613,6 +614,17 @@ void tst_VideoFrameConverter::resetWithNewFormatEmptiesTheRingAndKeepsTheFormat(
     converter.reset(QSize(32, 32), QImage::Format_RGB16, true, true);
     const QImage again = converter.convert(makeFrame(QVideoFrame::Format_NV12, QSize(64, 36), 5));
     QVERIFY(again.constBits() != after.constBits());
+}
+
+void tst_VideoFrameConverter::resetForgetsImagesThatNobodyHolds()
+{
+    VideoFrameStreamConverter converter(QSize(32, 32), QImage::Format_RGB32, true, true);
+    QVideoFrame described = makeFrame(QVideoFrame::Format_NV12, QSize(64, 36), 5);
+    described.setMetaData(QStringLiteral("from"), QStringLiteral("before"));
+    QCOMPARE(converter.convert(described).text(QStringLiteral("from")), QStringLiteral("before"));
+    converter.reset(QSize(32, 32), QImage::Format_RGB16, true, true);
+    const QImage after = converter.convert(makeFrame(QVideoFrame::Format_NV12, QSize(64, 36), 6));
+    QCOMPARE(after.text(QStringLiteral("from")), QString()); // not the old image used again
 }
 
 void tst_VideoFrameConverter::startTimeZeroIsNoHit()

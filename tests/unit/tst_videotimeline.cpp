@@ -78,6 +78,8 @@ private Q_SLOTS:
     void midpointThreshold();
     void readPointOutsideTheHistoryIsLeftAlone_data();
     void readPointOutsideTheHistoryIsLeftAlone();
+    void readPointOnATimestampLiesBehindIt_data();
+    void readPointOnATimestampLiesBehindIt();
     void beatTestRunsDuringTheWarmUpToo();
 
     void adjustReadPosition();
@@ -528,6 +530,33 @@ void tst_VideoTimeline::readPointOutsideTheHistoryIsLeftAlone()
     source->status = statusOf(base, 6, 20000);
     QCOMPARE(timeline.nextTimestamp(base), base - offset);
     QCOMPARE(timeline.getReadOffset(), offset);
+}
+
+void tst_VideoTimeline::readPointOnATimestampLiesBehindIt_data()
+{
+    QTest::addColumn<QVector<long long>>("timestamps");
+    QTest::addColumn<bool>("moves");
+    // Relative to the read point. Its interval is the one that begins there.
+    QTest::newRow("even") << QVector<long long>{-20000, 0, 20000, 40000} << false;
+    QTest::newRow("followed closely") << QVector<long long>{-20000, 0, 1000, 40000} << true;
+    QTest::newRow("following closely") << QVector<long long>{-1000, 0, 20000, 40000} << false;
+    QTest::newRow("twice, evenly") << QVector<long long>{-20000, 0, 0, 20000} << false;
+}
+
+void tst_VideoTimeline::readPointOnATimestampLiesBehindIt()
+{
+    QFETCH(QVector<long long>, timestamps);
+    QFETCH(bool, moves);
+    const long long offset = 50000;
+    VideoTimeline timeline(source, 50, 1, true, nullptr);
+    prepare(timeline, offset, 50);
+    timeline.setMinDepth(5);
+    source->status.frameInterval = 20000;
+    source->status.timestamps.clear();
+    for (long long timestamp : timestamps)
+        source->status.timestamps.append(base - offset + timestamp);
+    timeline.nextTimestamp(base);
+    QCOMPARE(timeline.getReadOffset() != offset, moves);
 }
 
 void tst_VideoTimeline::beatTestRunsDuringTheWarmUpToo()
