@@ -220,6 +220,33 @@ TEST_F(ShmAudioRing, SamplesThatAreBeingOverwrittenAreNotDelivered)
     EXPECT_EQ(read(2000000, 1), counting(2001, 2001));
 }
 
+// A start without samples is a start nevertheless, and so is the next one at the same sample.
+TEST_F(ShmAudioRing, OfTwoStartsWithoutSamplesBetweenTheLaterCounts)
+{
+    publish(0, 50 * 1000000);
+    clock.wallUs -= 10 * 1000000;
+    publish(500, 40 * 1000000);
+    EXPECT_EQ(40 * 1000000, reader.status().oldestTimestamp);
+    EXPECT_EQ(40 * 1000000 + 500000, reader.status().endTimestamp);
+    EXPECT_EQ(counting(1, 500), read(40 * 1000000, 500));
+}
+
+TEST_F(ShmAudioRing, HostileAnchorsDoNoHarm)
+{
+    auto *head = reinterpret_cast<AudioHead *>(memory.get());
+    publish(500, 1000000);
+    publish(500, 3000000);
+    for (const int64_t timestamp : {INT64_MIN, int64_t{-1}, INT64_MAX}) {
+        for (AudioAnchor &anchor : head->anchors) {
+            if (anchor.sample.load() != 0)
+                anchor.timestamp.store(timestamp);
+        }
+        for (const int64_t asked : {INT64_MIN, int64_t{0}, int64_t{3000000}, int64_t{1} << 62, INT64_MAX})
+            EXPECT_LE(read(asked, 100).size(), 100u);
+        EXPECT_LE(reader.status().held, format.capacity);
+    }
+}
+
 TEST_F(ShmAudioRing, HostileCountersDoNoHarm)
 {
     auto *head = reinterpret_cast<AudioHead *>(memory.get());

@@ -30,10 +30,13 @@ int64_t usForFrames(int64_t frames, uint32_t rate)
 
 void AudioTimeline::addAnchor(const Anchor &anchor)
 {
-    // A hostile writer's anchors may come in any order; only rising ones make sense.
-    if (m_count > 0 && anchor.sample <= m_anchors[m_count - 1].sample)
+    // A hostile writer's anchors may come in any order; only rising ones make sense. Two at one sample:
+    // nothing was written between them, and the later one tells its time.
+    if (m_count > 0 && anchor.sample < m_anchors[m_count - 1].sample)
         return;
-    if (m_count < m_anchors.size())
+    if (m_count > 0 && anchor.sample == m_anchors[m_count - 1].sample)
+        m_anchors[m_count - 1] = anchor;
+    else if (m_count < m_anchors.size())
         m_anchors[m_count++] = anchor;
     // What lies before the oldest anchor has lost its time.
     if (m_oldest < m_anchors[0].sample)
@@ -85,7 +88,9 @@ bool AudioTimeline::sampleAt(int64_t timestamp, uint64_t *sample) const
             // Rounded up to the next anchor's sample; or in time that was never held, between a restart and
             // before.
             const Anchor &next = m_anchors[i + 1];
-            if (found > next.sample || next.timestamp - timestamp > usForFrames(1, m_rate))
+            if (found > next.sample ||
+                static_cast<int64_t>(static_cast<uint64_t>(next.timestamp) -
+                                     static_cast<uint64_t>(timestamp)) > usForFrames(1, m_rate))
                 return false;
         }
         if (found < m_oldest || found >= m_end)
