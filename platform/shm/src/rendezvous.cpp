@@ -172,6 +172,13 @@ int connectStore(const std::string &directory, const std::string &name, int time
 
 int Publication::claim(const std::string &directory, const std::string &name, shm_error_t *error)
 {
+    // What the rename would overwrite: a socket is a dead writer's, anything else is somebody's.
+    struct stat present = {};
+    const std::string visible = directory + "/" + name;
+    if (lstat(visible.c_str(), &present) == 0 && !S_ISSOCK(present.st_mode)) {
+        return fail(error, EEXIST, "%s is in the way, and no store: move it or use another name or directory",
+                    visible.c_str());
+    }
     const std::string path = lockPath(directory, name);
     for (int attempt = 0; attempt < 100; ++attempt) {
         // Looked up before it is opened: closing any descriptor of a file drops the process's record locks on
@@ -255,13 +262,18 @@ int Publication::listen(long group, shm_error_t *error)
     return 0;
 }
 
+void Publication::hide()
+{
+    if (m_visible)
+        ::unlink((m_directory + "/" + m_name).c_str());
+    m_visible = false;
+}
+
 void Publication::release()
 {
     if (!m_lock)
         return;
-    if (m_visible)
-        ::unlink((m_directory + "/" + m_name).c_str());
-    m_visible = false;
+    hide();
     m_socket.reset();
     const std::lock_guard<std::mutex> guard(heldMutex());
     ::unlink(lockPath(m_directory, m_name).c_str());

@@ -58,6 +58,8 @@ public:
     int claim(const std::string &directory, const std::string &name, shm_error_t *error);
     // Makes it visible, replacing what a dead writer left. `group` -1: nobody but this user.
     int listen(long group, shm_error_t *error);
+    // Out of sight: no reader finds it any more. The socket stays open until release().
+    void hide();
     void release();
     // In a forked child: closes the descriptors and leaves the files to the parent.
     void forget();

@@ -35,13 +35,16 @@ shm_writer::shm_writer(const ClockSource &clock, DmabufDevice &device)
 shm_writer::~shm_writer()
 {
     // First out of sight, so that no reader finds a store that is on its way out.
-    m_publication.release();
+    m_publication.hide();
     if (m_store.index.head != nullptr) {
         IndexHead &head = *m_store.index.head;
         head.state.value.store(kStoreClosed, std::memory_order_release);
         syscall(SYS_futex, &head.wake.value, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
     }
     m_service.stop();
+    // Not before: the service thread listens by the socket's number, which another thread's next descriptor
+    // would get.
+    m_publication.release();
 }
 
 int shm_writer::open(const shm_writer_params_t &params, shm_error_t *error)

@@ -156,7 +156,7 @@ void WriterService::beat()
         }
         // Also those that are blocked: descriptors in flight are limited for the user as a whole, so the end
         // of that shortage shows in no event.
-        if (connection->welcomed && !sendState(*connection))
+        if (connection->welcomed && !tell(i))
             disconnect(i);
     }
     if (!m_listening) {
@@ -231,18 +231,13 @@ void WriterService::handleConnection(size_t index, uint32_t events, bool peerDie
         disconnect(index);
         return;
     }
-    const bool wasBlocked = connection.blocked;
     bool good = true;
     if ((events & EPOLLIN) != 0)
         good = receive(connection);
     if (good && connection.welcomed)
-        good = sendState(connection);
-    if (!good) {
+        good = tell(index);
+    if (!good)
         disconnect(index);
-        return;
-    }
-    if (connection.blocked != wasBlocked)
-        watch(connection, index, connection.blocked);
 }
 
 bool WriterService::receive(Connection &connection)
@@ -376,7 +371,23 @@ int WriterService::sendSlots(Connection &connection, const std::vector<uint32_t>
     return static_cast<int>(count);
 }
 
-// Brings what the reader knows in line with what is; false when the connection is beyond help.
+// Brings what the reader knows in line with what is, and asks to be woken when its queue has room again for
+// the rest; false when the connection is beyond help.
+bool WriterService::tell(size_t index)
+{
+    Connection &connection = *m_connections[index];
+    if (!sendState(connection))
+        return false;
+    // By what epoll was told, not by how it was before this call: several callers come here, and room that is
+    // watched for although nothing waits for it wakes us for ever.
+    if (connection.blocked != connection.watched) {
+        watch(connection, index, connection.blocked);
+        connection.watched = connection.blocked;
+    }
+    return true;
+}
+
+// False when the connection is beyond help.
 bool WriterService::sendState(Connection &connection)
 {
     std::vector<uint32_t> changed;
@@ -404,7 +415,8 @@ bool WriterService::sendState(Connection &connection)
     if (result >= 0)
         return true;
     // A full queue, or too many descriptors in flight: its own, or those of other connections. Both pass.
-    connection.blocked = true;
+    // Only of the first kind does its socket tell the end; a full allowance would wake us for ever.
+    connection.blocked = result == -EAGAIN;
     return result == -EAGAIN || result == -ETOOMANYREFS || result == -ENOBUFS || result == -EMFILE ||
            result == -ENFILE || result == -ENOMEM;
 }

@@ -43,6 +43,7 @@ private:
         bool welcomed = false;
         bool ready = false;
         bool blocked = false; // its queue is full
+        bool watched = false; // for room in it
         int listed = -1;
         uint32_t maxLocks = 0; // words of its control page that count
         SharedMemory control;
@@ -66,6 +67,7 @@ private:
     bool welcome(Connection &connection);
     void refuse(Connection &connection, int code, const char *text);
     bool sendState(Connection &connection);
+    bool tell(size_t index);
     int sendSlots(Connection &connection, const std::vector<uint32_t> &changed, size_t from);
     void watch(const Connection &connection, size_t index, bool writable);
 

@@ -105,7 +105,7 @@ bool WriterService::addSlot()
             return false;
         // Told to the readers first, so that they rarely meet a frame in memory that they do not have.
         for (size_t i = 0; i < m_connections.size(); ++i) {
-            if (m_connections[i] && m_connections[i]->welcomed && !sendState(*m_connections[i]))
+            if (m_connections[i] && m_connections[i]->welcomed && !tell(i))
                 disconnect(i);
         }
         slot.owner.store(SlotOwner::Ready, std::memory_order_release);
