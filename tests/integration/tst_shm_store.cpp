@@ -174,6 +174,47 @@ TEST_F(ShmStore, TheSameFrameLockedTwiceIsUnlockedTwice)
     EXPECT_TRUE(eventually([&] { return statsOf(writer.get()).locks_held == 0; }));
 }
 
+// The writer can write a reader's control page. What the reader holds it knows by itself.
+TEST_F(ShmStore, AWriterThatClearsLockWordsMakesNoReaderForget)
+{
+    const Writer writer = openWriter(smallVideo("s"));
+    ASSERT_EQ(0, publishFrame(writer.get(), 1000, 1));
+    const Reader reader = openReader("s", nullptr, 2);
+    shm_video_frame_t first;
+    shm_video_frame_t second;
+    shm_video_frame_t third;
+    ASSERT_EQ(0, lockFrame(reader.get(), &first, SHM_VIDEO_NEWEST));
+    ASSERT_EQ(0, lockFrame(reader.get(), &second, SHM_VIDEO_NEWEST));
+    std::ifstream maps("/proc/self/maps");
+    std::string line;
+    int cleared = 0;
+    while (std::getline(maps, line)) {
+        if (line.find("memfd:shm-control") == std::string::npos)
+            continue;
+        std::memset(reinterpret_cast<uint8_t *>(std::stoull(line, nullptr, 16)) + 1024, 0, 3072);
+        ++cleared;
+    }
+    ASSERT_EQ(2, cleared);
+    EXPECT_EQ(-EBUSY, lockFrame(reader.get(), &third, SHM_VIDEO_NEWEST));
+    shm_reader_unlock_video(reader.get(), &first);
+    shm_reader_unlock_video(reader.get(), &second);
+    EXPECT_EQ(nullptr, first.planes[0]);
+    EXPECT_EQ(nullptr, second.planes[0]);
+}
+
+TEST_F(ShmStore, AFileThatIsNoSocketIsNotOverwritten)
+{
+    const std::string path = directory.path() + "/s";
+    std::ofstream(path) << "precious";
+    shm_error_t error = {};
+    EXPECT_FALSE(openWriter(smallVideo("s"), &error));
+    EXPECT_EQ(-EEXIST, error.code);
+    EXPECT_NE(nullptr, std::strstr(error.message, path.c_str())) << error.message;
+    std::string text;
+    std::ifstream(path) >> text;
+    EXPECT_EQ("precious", text);
+}
+
 TEST_F(ShmStore, UnlockRunsInAnyThread)
 {
     Writer writer = openWriter(smallVideo("a"));

@@ -19,6 +19,9 @@ static_assert(kSlotCapacityMax == 1u << kLockSlotBits, "any word names a slot th
 // index is compared with it before it is packed.
 constexpr uint64_t kLockGenerationMax = UINT64_MAX >> kLockSlotBits;
 
+// In a reader's own list: the lock is being given back. No generation is 0.
+constexpr uint64_t kLockGoing = 1;
+
 constexpr uint64_t lockWord(uint64_t generation, uint32_t slot)
 {
     return generation << kLockSlotBits | slot;

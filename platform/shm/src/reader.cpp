@@ -55,9 +55,10 @@ shm_reader::~shm_reader()
 
 bool shm_reader::lockedHere(uint32_t slot) const
 {
-    SlotSet held;
-    collectLocks(*m_control, m_maxLocks, &held);
-    return held[slot];
+    return std::any_of(m_held.begin(), m_held.end(), [slot](const std::atomic<uint64_t> &held) {
+        const uint64_t word = held.load(std::memory_order_acquire);
+        return word != 0 && slotOfLock(word) == slot;
+    });
 }
 
 // Takes in what the writer sent since the handshake: slots that came and went, DMA-bufs that were asked for.

@@ -4,7 +4,7 @@
 // kernel's coarse clock; no system call, no allocation. Every 10 ms one poll() of the socket.
 //
 // Threads: one at a time, but for unlock, which may run in any thread beside any other call: it touches only
-// the lock words of the control page, whose address never changes.
+// the lock words, here and in the control page, whose addresses never change.
 #ifndef SHM_READER_INTERNAL_H
 #define SHM_READER_INTERNAL_H
 
@@ -15,6 +15,7 @@
 
 #include <shm/shm_reader.h>
 
+#include <array>
 #include <atomic>
 #include <vector>
 
@@ -74,7 +75,11 @@ private:
     shm::IndexView m_index;
     shm::ControlPage *m_control = nullptr;
 
-    // Atomic, written by the locking thread alone: rises with every lock word that is about to be filled.
+    // Atomic. What this handle holds, word by word as the control page tells it; 0 = free. Never read back
+    // from the page: a hostile writer could otherwise make us forget a frame that somebody looks at, and then
+    // have its memory unmapped. Filled by the locking thread alone.
+    std::array<std::atomic<uint64_t>, shm::kLocksMax> m_held{};
+    // Written by the locking thread alone: rises with every word that is about to be filled.
     std::atomic<uint32_t> m_attempts{0};
 
     // One thread at a time.

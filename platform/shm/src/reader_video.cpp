@@ -82,7 +82,7 @@ uint32_t shm_reader::freeWord() const
     // Acquire: what was read before an unlock in another thread comes before what the writer finds in this
     // word next.
     for (uint32_t i = 0; i < m_maxLocks; ++i) {
-        if (m_control->locks[i].load(std::memory_order_acquire) == 0)
+        if (m_held[i].load(std::memory_order_acquire) == 0)
             return i;
     }
     return kLocksMax;
@@ -91,21 +91,22 @@ uint32_t shm_reader::freeWord() const
 shm_reader::Attempt shm_reader::tryLock(uint64_t generation, uint32_t slot, uint32_t entry,
                                         shm_video_frame_t *frame)
 {
-    if (slot >= m_connection.layout.slotCapacity || generation > kLockGenerationMax)
+    if (slot >= m_connection.layout.slotCapacity || generation == 0 || generation > kLockGenerationMax)
         return Attempt::NoFrame; // the index is nonsense
     const std::atomic<uint64_t> &current = m_index.generations[slot].value;
     const uint64_t word = lockWord(generation, slot);
 
-    m_attempts.store(m_attempts.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    m_control->locks[entry].store(word, std::memory_order_seq_cst); // R1 of protocol.h
-    if (current.load(std::memory_order_seq_cst) != generation) {    // R2
-        giveBack(word);
+    std::atomic<uint64_t> &lock = m_control->locks[entry];
+
+    lock.store(word, std::memory_order_seq_cst);                 // R1 of protocol.h
+    if (current.load(std::memory_order_seq_cst) != generation) { // R2
+        lock.store(0, std::memory_order_release);
         return Attempt::Retry;
     }
     const bool revoked = m_control->revoked.value.load(std::memory_order_seq_cst) != 0;
     const uint32_t memory = m_index.metas[slot].memoryGeneration.load(std::memory_order_relaxed);
     if (revoked || memory == 0 || memory != m_connection.slots[slot].memoryGeneration) {
-        giveBack(word);
+        lock.store(0, std::memory_order_release);
         // Memory that we have not been given yet; if its message has come, the frame can be had after all.
         return !revoked && pollConnection() && memory == m_connection.slots[slot].memoryGeneration
                    ? Attempt::Retry
@@ -114,6 +115,8 @@ shm_reader::Attempt shm_reader::tryLock(uint64_t generation, uint32_t slot, uint
     describe(slot, generation, frame);
     m_lastSlot = slot;
     m_lastMemory = memory;
+    m_attempts.store(m_attempts.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    m_held[entry].store(word, std::memory_order_release);
     return Attempt::Locked;
 }
 
@@ -128,14 +131,16 @@ bool shm_reader::giveBack(uint64_t word)
     while (true) {
         const uint32_t attempts = m_attempts.load(std::memory_order_acquire);
         for (uint32_t i = 0; i < m_maxLocks; ++i) {
-            std::atomic<uint64_t> &lock = m_control->locks[i];
             uint64_t expected = word;
             // Acquire: who took the word did so after the attempt that made up for it.
-            if (lock.load(std::memory_order_acquire) == word &&
-                lock.compare_exchange_strong(expected, 0, std::memory_order_release,
-                                             std::memory_order_acquire)) {
-                return true;
+            if (m_held[i].load(std::memory_order_acquire) != word ||
+                !m_held[i].compare_exchange_strong(expected, kLockGoing, std::memory_order_acq_rel,
+                                                   std::memory_order_acquire)) {
+                continue;
             }
+            m_control->locks[i].store(0, std::memory_order_release); // R4
+            m_held[i].store(0, std::memory_order_release);           // the locking thread may fill it again
+            return true;
         }
         if (m_attempts.load(std::memory_order_relaxed) == attempts)
             return false;
@@ -179,7 +184,7 @@ void shm_reader::unlock(shm_video_frame_t *frame)
         frame->slot >= m_connection.layout.slotCapacity) {
         return;
     }
-    if (giveBack(lockWord(frame->generation, frame->slot))) // R4
+    if (giveBack(lockWord(frame->generation, frame->slot)))
         frame->planes[0] = nullptr;
 }
 
