@@ -1,5 +1,7 @@
 #include "livevideo.h"
 
+#include "eglimagenode.h"
+#include "eglimagetexture.h"
 #include "fillgeometry.h"
 #include "frameimage.h"
 #include "frameplanes.h"
@@ -8,12 +10,15 @@
 #include "yuvtextures.h"
 
 #include <zevqt-mm/mediaprovider.h>
+#include <zevqt-mm/storeframe.h>
 
 #include <QOpenGLContext>
 #include <QQuickWindow>
 #include <QSGImageNode>
 #include <QSGRendererInterface>
 
+using zevqml::EglImageNode;
+using zevqml::EglImageTexture;
 using zevqml::YuvNode;
 
 namespace {
@@ -94,6 +99,15 @@ void LiveVideo::setFillMode(FillMode mode)
     emit fillModeChanged();
 }
 
+void LiveVideo::setEglImages(bool enabled)
+{
+    if (enabled == m_eglImages)
+        return;
+    m_eglImages = enabled;
+    update();
+    emit eglImagesChanged();
+}
+
 void LiveVideo::present(const QVideoFrame &frame)
 {
     if (!frame.isValid() || frame == m_frame)
@@ -118,6 +132,7 @@ void LiveVideo::clear()
     m_frame = QVideoFrame();
     m_image = QImage();
     m_mappingFailed = false;
+    m_eglImageFailed = false;
     pictureChanged(QSize(0, 0));
 }
 
@@ -133,9 +148,27 @@ void LiveVideo::pictureChanged(const QSize &size)
 
 void LiveVideo::itemChange(ItemChange change, const ItemChangeData &value)
 {
-    if (change == ItemSceneChange)
+    if (change == ItemSceneChange) {
+        m_eglImageFailed = false; // another window, another context
         attachHooks();
+    }
     QQuickItem::itemChange(change, value);
+}
+
+QString LiveVideo::whyNoEglImage() const
+{
+    if (!m_eglImages)
+        return QStringLiteral("EGL images are switched off");
+    if (window()->rendererInterface()->graphicsApi() != QSGRendererInterface::OpenGL)
+        return QStringLiteral("the scene graph does not draw with OpenGL");
+    const QString obstacle = EglImageTexture::whyNot(QOpenGLContext::currentContext());
+    if (!obstacle.isEmpty())
+        return obstacle;
+    if (EglImageNode::shaderFailed())
+        return QStringLiteral("the shader for EGL images could not be built, see the log");
+    if (m_eglImageFailed)
+        return QStringLiteral("EGL could not import the frame's memory, see the log");
+    return {};
 }
 
 LiveVideo::Choice LiveVideo::choosePath() const
@@ -144,9 +177,19 @@ LiveVideo::Choice LiveVideo::choosePath() const
         return {Converted, QStringLiteral("images were asked for")};
     if (!m_frame.isValid())
         return {NoPath, QStringLiteral("there is no picture yet")};
-    if (!zevqml::hasReadablePlanes(m_frame))
-        return {NoPath, m_hookError.isEmpty() ? QStringLiteral("frames in the GPU cannot be drawn yet")
-                                              : m_hookError};
+    QString whyMapped;
+    if (EglImageTexture::isCandidate(m_frame)) {
+        whyMapped = whyNoEglImage();
+        if (whyMapped.isEmpty())
+            return {EglImage, QString()};
+    } else if (m_frame.handleType() == QAbstractVideoBuffer::NoHandle) {
+        whyMapped = StoreFrame::of(m_frame).noDmabufReason;
+    }
+    if (!zevqml::hasReadablePlanes(m_frame)) {
+        return {NoPath, !m_hookError.isEmpty() ? m_hookError
+                        : !whyMapped.isEmpty() ? whyMapped
+                                               : QStringLiteral("the frame has neither an image nor planes")};
+    }
     if (!zevqml::isPlanarYuv(m_frame.pixelFormat()))
         return {Converted, QStringLiteral("the frame is RGB")};
 
@@ -159,7 +202,7 @@ LiveVideo::Choice LiveVideo::choosePath() const
         return {Converted, QStringLiteral("the shader could not be built, see the log")};
     if (m_mappingFailed)
         return {Converted, QStringLiteral("the planes could not be uploaded")};
-    return {Mapped, QString()};
+    return {Mapped, whyMapped};
 }
 
 QSGNode *LiveVideo::updatePaintNode(QSGNode *oldNode, UpdatePaintNodeData *)
@@ -168,7 +211,16 @@ QSGNode *LiveVideo::updatePaintNode(QSGNode *oldNode, UpdatePaintNodeData *)
         m_nodePath = NoPath;
     if (m_nodePath == Mapped && static_cast<YuvNode *>(oldNode)->failed())
         m_mappingFailed = true;
-    const Choice choice = choosePath();
+    Choice choice = choosePath();
+    if (choice.path == EglImage) {
+        QSGNode *node = updateEglImageNode(m_nodePath == EglImage ? oldNode : nullptr, &choice);
+        if (choice.path == EglImage) {
+            if (m_nodePath != EglImage)
+                delete oldNode;
+            m_nodePath = EglImage;
+            return node;
+        }
+    }
     if (oldNode && m_nodePath != choice.path) {
         delete oldNode;
         oldNode = nullptr;
@@ -185,6 +237,26 @@ QSGNode *LiveVideo::updatePaintNode(QSGNode *oldNode, UpdatePaintNodeData *)
     }
     reportPath(choice);
     return nullptr;
+}
+
+// When the frame cannot be imported, `choice` becomes the next best path and the old node stays as it is.
+QSGNode *LiveVideo::updateEglImageNode(QSGNode *oldNode, Choice *choice)
+{
+    auto *node = static_cast<EglImageNode *>(oldNode);
+    const bool fresh = !node;
+    if (fresh)
+        node = new EglImageNode;
+    if ((fresh || m_nodeSerial != m_serial) && !node->show(m_frame, zevqml::frameColors(m_frame))) {
+        if (fresh)
+            delete node;
+        m_eglImageFailed = true;
+        *choice = choosePath();
+        return oldNode;
+    }
+    m_nodeSerial = m_serial;
+    node->setGeometry(geometryOf(m_fillMode, size(), m_frame.size()));
+    reportPath(*choice);
+    return node;
 }
 
 QSGNode *LiveVideo::updateYuvNode(QSGNode *oldNode, const Choice &choice)

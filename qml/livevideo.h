@@ -10,7 +10,7 @@ class MediaProvider;
 
 namespace zevqml {
 class SourceHooks;
-}
+} // namespace zevqml
 
 /*
  * Shows live video: the frames or images of a MediaProvider, or those handed to present() and presentImage().
@@ -22,6 +22,7 @@ class SourceHooks;
  *
  * Frames take one of these paths, readable as framePath, with the reason in framePathReason when it is not
  * the best one:
+ *   EglImage   a frame whose memory is a DMA buffer is imported by EGL and drawn without a copy
  *   Mapped     the planes of a 4:2:0 frame are copied from where they lie into textures, colors are made by
  *              a shader from the frame's own matrix and range
  *   Converted  RGB frames and images; also 4:2:0 frames where the scene graph has no usable OpenGL
@@ -29,17 +30,18 @@ class SourceHooks;
  *
  * Threads: an item lives in the GUI thread like all others; present() is called there.
  * Ownership: keeps exactly the newest frame, so that one frame of the store stays locked while it is on
- * screen, and no other once the scene graph has taken the planes over. A hidden item keeps the newest frame
- * and draws nothing. clear() lets go of it.
- * Errors: none are thrown; a frame that cannot be drawn leaves the item empty, with framePathReason saying
- * why. Cost: Mapped is one copy into textures per new frame, in the render thread; Converted converts 4:2:0
- * frames there while the GUI thread waits.
+ * screen, and no other once the scene graph has taken it over. A hidden item keeps the newest frame and draws
+ * nothing. clear() lets go of it. No frame carries an EGL image when it leaves the render thread, so copies
+ * of it may go in any thread. Errors: none are thrown; a frame that cannot be drawn leaves the item empty,
+ * with framePathReason saying why. Cost: Mapped is one copy into textures per new frame, in the render
+ * thread; Converted converts 4:2:0 frames there while the GUI thread waits.
  */
 class LiveVideo : public QQuickItem
 {
     Q_OBJECT
     Q_PROPERTY(QObject *source READ source WRITE setSource NOTIFY sourceChanged)
     Q_PROPERTY(FillMode fillMode READ fillMode WRITE setFillMode NOTIFY fillModeChanged)
+    Q_PROPERTY(bool eglImages READ eglImages WRITE setEglImages NOTIFY eglImagesChanged)
     Q_PROPERTY(QSize videoSize READ videoSize NOTIFY videoSizeChanged)
     Q_PROPERTY(FramePath framePath READ framePath NOTIFY framePathChanged)
     Q_PROPERTY(QString framePathReason READ framePathReason NOTIFY framePathChanged)
@@ -60,13 +62,17 @@ public:
     FillMode fillMode() const { return m_fillMode; }
     void setFillMode(FillMode mode);
 
+    /* Whether frames in DMA buffers are imported (the default) or uploaded like others. */
+    bool eglImages() const { return m_eglImages; }
+    void setEglImages(bool enabled);
+
     /* Pixels of the newest picture; 0 x 0 without one. */
     QSize videoSize() const { return m_videoSize; }
 
     FramePath framePath() const { return m_framePath; }
     QString framePathReason() const { return m_framePathReason; }
 
-public slots:
+public Q_SLOTS:
     /* An invalid frame changes nothing. */
     void present(const QVideoFrame &frame);
     /* A null image changes nothing. */
@@ -74,9 +80,10 @@ public slots:
     /* Shows nothing from now on and releases the frame. */
     void clear();
 
-signals:
+Q_SIGNALS:
     void sourceChanged();
     void fillModeChanged();
+    void eglImagesChanged();
     void videoSizeChanged();
     void framePathChanged();
 
@@ -91,6 +98,8 @@ private:
         QString reason;
     };
     Choice choosePath() const;
+    QString whyNoEglImage() const;
+    QSGNode *updateEglImageNode(QSGNode *oldNode, Choice *choice);
     QSGNode *updateYuvNode(QSGNode *oldNode, const Choice &choice);
     QSGNode *updateImageNode(QSGNode *oldNode, const Choice &choice);
     void reportPath(const Choice &choice);
@@ -102,6 +111,7 @@ private:
     zevqml::SourceHooks *m_hooks; // child
     QString m_hookError;
     FillMode m_fillMode = PreserveAspectFit;
+    bool m_eglImages = true;
     QSize m_videoSize{0, 0};
     FramePath m_framePath = NoPath;
     QString m_framePathReason;
@@ -115,5 +125,6 @@ private:
     FramePath m_nodePath = NoPath;
     quint64 m_nodeSerial = 0;
     Choice m_reported{NoPath, QString()};
-    bool m_mappingFailed = false; // until clear()
+    bool m_mappingFailed = false;  // until clear()
+    bool m_eglImageFailed = false; // until clear() or another window
 };

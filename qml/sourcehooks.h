@@ -34,7 +34,7 @@ public:
     void attach(QQuickWindow *window, const QSharedPointer<MediaSourceBase> &source);
     void detach();
 
-signals:
+Q_SIGNALS:
     void failed(const QString &message);
 
 private:

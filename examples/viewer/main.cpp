@@ -12,6 +12,7 @@
 #include <QLoggingCategory>
 #include <QSaveFile>
 #include <QScreen>
+#include <QSurfaceFormat>
 #include <QThread>
 #include <QTimer>
 
@@ -59,6 +60,27 @@ void endWithoutDisplay(QtMsgType type, const QMessageLogContext &, const QString
         "QT_QPA_PLATFORM\n",
         stderr);
     std::_Exit(NoDisplay);
+}
+
+/*
+ * Frames in DMA buffers are for the GPU alone: they cannot be mapped, nor converted to images. So they are
+ * asked for only where a window draws frames.
+ */
+void chooseFramePath(const Options &options)
+{
+    const bool areDrawn = !options.headless && options.frames == Options::Frames::Video;
+    if (areDrawn && options.framePath != Options::FramePath::Mapped)
+        qputenv("ZEV_GL_DMABUF", "1");
+    else
+        qunsetenv("ZEV_GL_DMABUF");
+    if (areDrawn && options.framePath == Options::FramePath::Egl) {
+        // External textures come with OpenGL ES only, and on X11 EGL is not what Qt takes by itself.
+        QSurfaceFormat format = QSurfaceFormat::defaultFormat();
+        format.setRenderableType(QSurfaceFormat::OpenGLES);
+        QSurfaceFormat::setDefaultFormat(format);
+        if (!qEnvironmentVariableIsSet("QT_XCB_GL_INTEGRATION"))
+            qputenv("QT_XCB_GL_INTEGRATION", "xcb_egl");
+    }
 }
 
 std::unique_ptr<QCoreApplication> createApplication(bool headless, int &argc, char **argv)
@@ -179,6 +201,7 @@ int main(int argc, char **argv)
     if (!problem.isEmpty())
         return complain(WrongUse, problem);
 
+    chooseFramePath(parsed.options);
     int qtArgc = 1; // Qt has options of its own, which would be taken for URLs or hide mistakes
     const auto application = createApplication(parsed.options.headless, qtArgc, argv);
     qtMessages = qInstallMessageHandler(leaveOutSoundServer);

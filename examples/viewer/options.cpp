@@ -70,7 +70,7 @@ void addOptions(QCommandLineParser &parser)
     };
     const auto plain = [&parser](const QStringList &names) { parser.addOption(QCommandLineOption(names)); };
     for (const char *name : {"audio", "audio-device", "volume", "frames", "fps", "no-signal", "seconds",
-                             "snapshot", "report", "fill", "size", "block"})
+                             "snapshot", "report", "fill", "size", "block", "frame-path"})
         valued(name);
     plain({QStringLiteral("h"), QStringLiteral("help")});
     plain({QStringLiteral("headless")});
@@ -105,6 +105,14 @@ void fill(Options &options, const QCommandLineParser &parser)
         options.frames =
             choice<Options::Frames>(parser, QStringLiteral("frames"),
                                     {{"video", Options::Frames::Video}, {"image", Options::Frames::Image}});
+    if (given("frame-path"))
+        options.framePath = choice<Options::FramePath>(parser, QStringLiteral("frame-path"),
+                                                       {{"auto", Options::FramePath::Auto},
+                                                        {"mapped", Options::FramePath::Mapped},
+                                                        {"egl", Options::FramePath::Egl}});
+    if (options.framePath == Options::FramePath::Egl && options.frames == Options::Frames::Image)
+        throw Problem{
+            QStringLiteral("--frame-path egl does not go with --frames image; images are made by the CPU")};
     if (given("fps") && parser.value(QStringLiteral("fps")) != QLatin1String("auto"))
         options.fps = number(parser, QStringLiteral("fps"), 0.1, 1000.0);
     if (given("no-signal"))
@@ -176,6 +184,8 @@ Options:
   --mute                 start without sound; meters and the picture's delay stay
   --list-audio-devices   print the names of the audio devices, and end
   --frames video|image   frames drawn from the store's memory (default), or converted images
+  --frame-path auto|mapped|egl   import frames into the GPU where source and driver can (default), upload
+                         them always, or import them and say so when that cannot be
   --fps auto|N           ticks a second; auto: the source's own rate, up to the screen's (default)
   --no-signal FILE       picture for a source that is silent, instead of the built-in one
   --fill fit|stretch|crop   how the picture fills the window (default: fit)

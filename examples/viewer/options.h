@@ -10,10 +10,12 @@ struct Options
 {
     enum class Frames { Video, Image };
     enum class Fill { Stretch, Fit, Crop };
+    enum class FramePath { Auto, Mapped, Egl };
 
     QUrl video;
     QUrl audio;
     Frames frames = Frames::Video;
+    FramePath framePath = FramePath::Auto;
     double fps = 0.0; // 0: the source's own
     QString noSignal; // file; empty: the built-in picture
     bool headless = false;

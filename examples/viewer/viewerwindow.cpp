@@ -34,6 +34,8 @@ ViewerWindow::ViewerWindow(Viewer *viewer, const Options &options, QObject *pare
     m_video->setFillMode(options.fill == Options::Fill::Stretch ? LiveVideo::Stretch
                          : options.fill == Options::Fill::Crop  ? LiveVideo::PreserveAspectCrop
                                                                 : LiveVideo::PreserveAspectFit);
+    m_video->setEglImages(options.framePath != Options::FramePath::Mapped);
+    m_wantsEglImages = options.framePath == Options::FramePath::Egl;
     connect(m_video, &LiveVideo::framePathChanged, this, &ViewerWindow::updateFramePath);
     // Signals of a QML object have names only.
     connect(root, SIGNAL(quitRequested()), this, SIGNAL(closed()));
@@ -83,4 +85,8 @@ void ViewerWindow::updateFramePath()
     const auto paths = QMetaEnum::fromType<LiveVideo::FramePath>();
     m_viewer->setFramePath(QString::fromLatin1(paths.valueToKey(m_video->framePath())).toLower(),
                            m_video->framePathReason());
+    const bool isOtherwise =
+        m_video->framePath() == LiveVideo::Mapped || m_video->framePath() == LiveVideo::Converted;
+    if (m_wantsEglImages && isOtherwise)
+        qWarning("frames are not imported into the GPU: %s", qPrintable(m_video->framePathReason()));
 }

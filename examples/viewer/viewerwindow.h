@@ -41,7 +41,8 @@ private:
 
     Viewer *const m_viewer;
     std::unique_ptr<QQuickView> m_view;
-    LiveVideo *m_video = nullptr; // in the view
-    QRect m_normalGeometry;       // before full screen
+    LiveVideo *m_video = nullptr;  // in the view
+    bool m_wantsEglImages = false; // said when it cannot be
+    QRect m_normalGeometry;        // before full screen
     QString m_error;
 };

@@ -4,6 +4,7 @@
 #include <zevqt-mm/zevqtmmglobal.h>
 
 #include <QtCore/QSize>
+#include <QtCore/QString>
 
 class QVideoFrame;
 class ShmemDmaVideoBuffer;
@@ -36,6 +37,7 @@ struct ZEVQTMM_EXPORT StoreFrame
     quint16 slot = 0;
     quint64 generation = 0;                   //!< of the frame; unique and rising within a session
     ShmemDmaVideoBuffer *dmaBuffer = nullptr; //!< set for a frame on the DMA-buf path
+    QString noDmabufReason;                   //!< why it is not on it although that was asked for
 
     static StoreFrame of(const QVideoFrame &frame);
 };

@@ -145,13 +145,26 @@ bool ShmemReader::reopen()
         readerRef.reset();
         return false;
     }
+    noDmabufReason.clear();
     if (isDmaRequested() && isDmaExportable(format.pixel_format))
-        shm_reader_open_dmabuf_fd(reader);
+        openDmabufs();
     if (format.has_video)
         applyVideoFrameRate();
     else if (format.has_audio && audioChannel >= 0)
         format.channels = 1;
     return format.valid;
+}
+
+void ShmemReader::openDmabufs()
+{
+    if (shm_reader_open_dmabuf_fd(reader) == 0)
+        return;
+    // Frames are there all the same; who shows them can say why they take the longer way.
+    shm_store_info_t info = {};
+    info.size = sizeof info;
+    if (shm_reader_get_info(reader, &info) == 0)
+        noDmabufReason =
+            QString::fromUtf8(info.dmabuf, static_cast<int>(qstrnlen(info.dmabuf, sizeof info.dmabuf)));
 }
 
 void ShmemReader::setRealtimeSyncRange(int min, int max)
@@ -255,6 +268,7 @@ QVideoFrame ShmemReader::grabVideoInternal(long long ts, shm_video_lookup_mode_t
     void *address; // of the concrete class: who reads it back casts to that
     if (dmabufFd == -1) {
         auto *cpuBuffer = new ShmemVideoBuffer(storeFormat, frame);
+        cpuBuffer->setNoDmabufReason(noDmabufReason);
         buffer.reset(cpuBuffer);
         pixelFormat = cpuBuffer->format();
         address = cpuBuffer;

@@ -78,6 +78,7 @@ private:
     bool hasAudio() { return check(false) && format.has_audio; }
     QAudioFormat currentAudioFormat();
     void applyVideoFrameRate();
+    void openDmabufs();
     QVideoFrame grabVideoInternal(long long ts, shm_video_lookup_mode_t *mode);
 
     QByteArray name;
@@ -95,6 +96,7 @@ private:
     int reportedChannels; // that getAudioFormat() reported last: what callers' buffers are sized for; 0 =
                           // none yet
     QAudioFormat mappedFormat; // of a store with audio, kept because QAudioFormat allocates when it is made
+    QString noDmabufReason;    // empty unless DMA-bufs were asked for in vain
 };
 
 #endif

@@ -1,6 +1,7 @@
 #ifndef ZEVQTMM_SHMEMVIDEOBUFFER_H
 #define ZEVQTMM_SHMEMVIDEOBUFFER_H
 
+#include <QtCore/QString>
 #include <QtMultimedia/QAbstractVideoBuffer>
 #include <QtMultimedia/QVideoFrame>
 
@@ -38,12 +39,17 @@ public:
     /*! Null when the buffer holds none. */
     const shm_video_frame_t *lockedFrame() const { return frame.get(); }
 
+    /*! Why the frame is not on the DMA-buf path although that was asked for. */
+    void setNoDmabufReason(const QString &reason) { noDmabufReason_ = reason; }
+    QString noDmabufReason() const { return noDmabufReason_; }
+
 private:
     Q_DISABLE_COPY(ShmemVideoBuffer)
 
     MapMode mapMode_;
     std::unique_ptr<shm_video_frame_t, std::function<void(shm_video_frame_t *)>> frame;
     SHM_PIXEL_FORMAT pixelFormat;
+    QString noDmabufReason_;
 };
 
 #endif

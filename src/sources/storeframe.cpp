@@ -18,8 +18,12 @@ StoreFrame StoreFrame::of(const QVideoFrame &frame)
     void *address = buffer.value<void *>();
     switch (frame.handleType()) {
     case QAbstractVideoBuffer::NoHandle: {
-        const shm_video_frame_t *record = static_cast<ShmemVideoBuffer *>(address)->lockedFrame();
-        return record ? storeFrameFromRecord(*record) : StoreFrame();
+        const auto *cpuBuffer = static_cast<ShmemVideoBuffer *>(address);
+        if (!cpuBuffer->lockedFrame())
+            return {};
+        StoreFrame result = storeFrameFromRecord(*cpuBuffer->lockedFrame());
+        result.noDmabufReason = cpuBuffer->noDmabufReason();
+        return result;
     }
     case QAbstractVideoBuffer::EGLImageHandle:
         return static_cast<ShmemDmaVideoBuffer *>(address)->storeFrame();

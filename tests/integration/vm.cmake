@@ -46,3 +46,8 @@ zev_rig_test(tst_dmabufimages
     SOURCES ${rig}/tst_dmabufimages.cpp ${rig_sources}
     LIBRARIES Zev::zevqt-mm Qt5::Gui Qt5::Multimedia Qt5::Test)
 zev_rig_test(tst_dmabufstore SOURCES ${rig}/tst_dmabufstore.cpp LIBRARIES Zev::shm GTest::gtest_main)
+if(TARGET Zev::items)
+    zev_rig_test(tst_eglimageitem
+        SOURCES ${rig}/tst_eglimageitem.cpp ${rig}/dmapublisher.cpp ${rig}/dmapublisher.h ${rig_sources}
+        LIBRARIES Zev::items Qt5::Test)
+endif()

@@ -59,6 +59,8 @@ void FakeShm::reset()
     frame.strides[1] = 64;
     frame.plane_offsets[1] = 64 * 36;
     dmabufFd = -1;
+    openDmabufResult = 0;
+    dmabufText = "yes";
     audioStatusResult = 0;
     audioStatus = {};
     audioStatus.frames = 96000;
@@ -129,6 +131,13 @@ int shm_reader_set_fps(shm_reader_t *, unsigned int numerator, unsigned int deno
 int shm_reader_open_dmabuf_fd(shm_reader_t *)
 {
     fake().record(QStringLiteral("open_dmabuf_fd"));
+    return fake().openDmabufResult;
+}
+
+int shm_reader_get_info(shm_reader_t *, shm_store_info_t *info)
+{
+    fake().record(QStringLiteral("get_info"));
+    qstrncpy(info->dmabuf, fake().dmabufText.constData(), sizeof info->dmabuf);
     return 0;
 }
 

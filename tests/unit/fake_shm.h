@@ -34,6 +34,8 @@ public:
     int lockResult;
     shm_video_frame_t frame; // described by a successful lock; its timestamp 0 stands for the one asked for
     int dmabufFd;
+    int openDmabufResult;
+    QByteArray dmabufText; // of the store's info
     int audioStatusResult;
     shm_audio_status_t audioStatus;
     qint64 queryResult; // -1000: everything that was asked for

@@ -3,6 +3,8 @@
 
 #include "sources/shmemreader.h"
 
+#include <zevqt-mm/storeframe.h>
+
 #include <QtTest/QtTest>
 
 class tst_ShmemReaderDma : public QObject
@@ -12,6 +14,7 @@ class tst_ShmemReaderDma : public QObject
 private Q_SLOTS:
     void asksTheStoreToExport_data();
     void asksTheStoreToExport();
+    void framesSayWhyTheyAreNoDmabufs();
     void switchIsReadOnce();
 };
 
@@ -41,6 +44,26 @@ void tst_ShmemReaderDma::asksTheStoreToExport()
         expected << "open_dmabuf_fd";
     expected << "set_fps 1/1";
     QCOMPARE(store.takeCalls(), expected);
+}
+
+void tst_ShmemReaderDma::framesSayWhyTheyAreNoDmabufs()
+{
+    FakeShm &store = FakeShm::instance();
+    store.reset();
+    store.openDmabufResult = -95;
+    store.dmabufText = "no: there is none";
+    ShmemReader reader(QStringLiteral("cam0"), 100);
+    QVERIFY(reader.open());
+    QCOMPARE(store.takeCalls(),
+             QStringList({"open cam0 100", "get_format", "open_dmabuf_fd", "get_info", "set_fps 1/1"}));
+    const QVideoFrame frame = reader.grabVideo(0);
+    QCOMPARE(frame.handleType(), QAbstractVideoBuffer::NoHandle);
+    QCOMPARE(StoreFrame::of(frame).noDmabufReason, QStringLiteral("no: there is none"));
+
+    // The next writer exports.
+    store.openDmabufResult = 0;
+    QVERIFY(reader.open());
+    QCOMPARE(StoreFrame::of(reader.grabVideo(0)).noDmabufReason, QString());
 }
 
 void tst_ShmemReaderDma::switchIsReadOnce()

@@ -16,6 +16,7 @@ TEST(ViewerOptions, aUrlIsEnough)
     EXPECT_EQ(p.options.video, QUrl("shm:///cam0"));
     EXPECT_TRUE(p.options.audio.isEmpty());
     EXPECT_EQ(p.options.frames, Options::Frames::Video);
+    EXPECT_EQ(p.options.framePath, Options::FramePath::Auto);
     EXPECT_EQ(p.options.fps, 0.0);
     EXPECT_EQ(p.options.seconds, 0.0);
     EXPECT_FALSE(p.options.headless);
@@ -65,6 +66,13 @@ TEST(ViewerOptions, theDeviceListNeedsNoUrl)
     EXPECT_FALSE(parse("shm:///cam0").listAudioDevices);
 }
 
+TEST(ViewerOptions, framePathsHaveNames)
+{
+    EXPECT_EQ(parse("shm:///cam0 --frame-path auto").options.framePath, Options::FramePath::Auto);
+    EXPECT_EQ(parse("shm:///cam0 --frame-path mapped").options.framePath, Options::FramePath::Mapped);
+    EXPECT_EQ(parse("shm:///cam0 --frame-path egl").options.framePath, Options::FramePath::Egl);
+}
+
 TEST(ViewerOptions, autoIsTheDefaultRate)
 {
     EXPECT_EQ(parse("shm:///cam0 --fps auto").options.fps, 0.0);
@@ -103,10 +111,11 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{"shm:", "names no source"}, Bad{"shm:///cam0 --fps fast", "--fps fast"},
         Bad{"shm:///cam0 --fps 0", "--fps 0"}, Bad{"shm:///cam0 --fps nan", "--fps nan"},
         Bad{"shm:///cam0 --seconds -1", "--seconds -1"}, Bad{"shm:///cam0 --frames both", "video, image"},
-        Bad{"shm:///cam0 --fill wide", "crop"}, Bad{"shm:///cam0 --size big", "--size big"},
-        Bad{"shm:///cam0 --size 640x", "--size 640x"}, Bad{"shm:///cam0 --block 3", "AFTER,FOR"},
-        Bad{"shm:///cam0 --volume 1.1", "--volume 1.1"}, Bad{"shm:///cam0 --volume -0.1", "--volume -0.1"},
-        Bad{"shm:///cam0 --volume loud", "--volume loud"},
+        Bad{"shm:///cam0 --fill wide", "crop"}, Bad{"shm:///cam0 --frame-path gl", "auto, mapped, egl"},
+        Bad{"shm:///cam0 --frames image --frame-path egl", "--frame-path egl"},
+        Bad{"shm:///cam0 --size big", "--size big"}, Bad{"shm:///cam0 --size 640x", "--size 640x"},
+        Bad{"shm:///cam0 --block 3", "AFTER,FOR"}, Bad{"shm:///cam0 --volume 1.1", "--volume 1.1"},
+        Bad{"shm:///cam0 --volume -0.1", "--volume -0.1"}, Bad{"shm:///cam0 --volume loud", "--volume loud"},
         Bad{"shm:///cam0 --audio-device=", "--list-audio-devices"},
         Bad{"shm:///cam0 --audio-device", "audio-device"}, Bad{"shm:///cam0 --report", "report"}));
 

@@ -1,0 +1,109 @@
+#include "eglimagetexture.h"
+
+#include <zevqt-mm/shmemdmavideobuffer.h>
+#include <zevqt-mm/storeframe.h>
+
+#include <QMutex>
+#include <QMutexLocker>
+#include <QOpenGLContext>
+#include <QOpenGLFunctions>
+
+namespace zevqml {
+
+namespace {
+
+const GLenum textureExternal = 0x8D65; // GL_TEXTURE_EXTERNAL_OES
+
+using TargetTexture = void (*)(GLenum target, void *image);
+
+TargetTexture targetTexture(QOpenGLContext *context)
+{
+    return reinterpret_cast<TargetTexture>(context->getProcAddress("glEGLImageTargetTexture2DOES"));
+}
+
+// Two windows may show the same frame, each in its own render thread; the image is the frame's.
+QMutex &imageMutex()
+{
+    static QMutex mutex;
+    return mutex;
+}
+
+} // namespace
+
+bool EglImageTexture::isCandidate(const QVideoFrame &frame)
+{
+    if (!frame.isValid() || frame.handleType() != QAbstractVideoBuffer::EGLImageHandle)
+        return false;
+    return StoreFrame::of(frame).dmaBuffer || frame.handle().value<void *>();
+}
+
+QString EglImageTexture::whyNot(QOpenGLContext *context)
+{
+    if (!context)
+        return QStringLiteral("the window has no OpenGL context");
+    if (!context->isOpenGLES())
+        return QStringLiteral("the window draws with desktop OpenGL, which has no external textures");
+    if (!context->hasExtension("GL_OES_EGL_image_external") || !targetTexture(context))
+        return QStringLiteral("the driver has no external textures (GL_OES_EGL_image_external)");
+    return {};
+}
+
+bool EglImageTexture::show(const QVideoFrame &frame)
+{
+    bool isShown = false;
+    {
+        const QMutexLocker lock(&imageMutex());
+        if (ShmemDmaVideoBuffer *buffer = StoreFrame::of(frame).dmaBuffer) {
+            // An image that somebody else made of the frame is his to destroy.
+            const bool isOurs = !buffer->handle().value<void *>();
+            isShown = buffer->createHandle() && importInto(buffer->handle().value<void *>());
+            if (isOurs)
+                buffer->destroyHandle();
+        } else if (void *image = frame.handle().value<void *>()) {
+            isShown = importInto(image);
+        }
+    }
+    if (isShown)
+        m_frame = frame; // the one before goes now that the texture has left its memory
+    else
+        release();
+    return isShown;
+}
+
+bool EglImageTexture::importInto(void *image)
+{
+    QOpenGLContext *context = QOpenGLContext::currentContext();
+    QOpenGLFunctions *gl = context->functions();
+    for (int i = 0; i < 16 && gl->glGetError() != GL_NO_ERROR; ++i) {
+        // Somebody else's; a lost context answers with an error for ever.
+    }
+    if (m_texture == 0)
+        gl->glGenTextures(1, &m_texture);
+    gl->glBindTexture(textureExternal, m_texture);
+    targetTexture(context)(textureExternal, image);
+    const bool isTaken = gl->glGetError() == GL_NO_ERROR;
+    gl->glTexParameteri(textureExternal, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    gl->glTexParameteri(textureExternal, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    gl->glTexParameteri(textureExternal, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    gl->glTexParameteri(textureExternal, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    gl->glBindTexture(textureExternal, 0);
+    return isTaken;
+}
+
+void EglImageTexture::release()
+{
+    // Without a context the texture went with it.
+    QOpenGLContext *context = QOpenGLContext::currentContext();
+    if (context && m_texture != 0)
+        context->functions()->glDeleteTextures(1, &m_texture);
+    m_texture = 0;
+    m_frame = QVideoFrame();
+}
+
+void EglImageTexture::bind(QOpenGLFunctions *gl) const
+{
+    gl->glActiveTexture(GL_TEXTURE0);
+    gl->glBindTexture(textureExternal, m_texture);
+}
+
+} // namespace zevqml
