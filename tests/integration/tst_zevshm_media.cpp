@@ -8,12 +8,15 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
 #include <set>
+#include <spawn.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -86,6 +89,59 @@ void expectSameBars(const std::vector<uint8_t> &got, const std::vector<uint8_t> 
         EXPECT_NEAR(a.g, ideal.g, 4) << what << " bar " << bar;
         EXPECT_NEAR(a.b, ideal.b, 4) << what << " bar " << bar;
     }
+}
+
+// FFmpeg's program as the sender of an MPEG transport stream over UDP. Killed when it is forgotten.
+class UdpSender
+{
+public:
+    explicit UdpSender(std::string url) : m_url(std::move(url)) {}
+    ~UdpSender()
+    {
+        if (m_pid < 0)
+            return;
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+    }
+    UdpSender(const UdpSender &) = delete;
+    UdpSender &operator=(const UdpSender &) = delete;
+
+    // Starts it, and again when it has ended: the kernel refuses what is sent while nobody listens, which
+    // ends it. False when there is no such program.
+    bool keepSending()
+    {
+        if (m_pid > 0 && waitpid(m_pid, nullptr, WNOHANG) == 0)
+            return true;
+        std::vector<std::string> words = {"ffmpeg",   "-v",         "quiet",
+                                          "-nostdin", "-re",        "-f",
+                                          "lavfi",    "-i",         "testsrc2=s=320x240:r=25",
+                                          "-c:v",     "mpeg2video", "-g",
+                                          "5",        "-f",         "mpegts",
+                                          m_url};
+        std::vector<char *> arguments;
+        for (std::string &word : words)
+            arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+        if (posix_spawnp(&m_pid, "ffmpeg", nullptr, nullptr, arguments.data(), environ) != 0)
+            m_pid = -1;
+        return m_pid > 0;
+    }
+
+private:
+    std::string m_url;
+    pid_t m_pid = -1;
+};
+
+// Waits until the store is there, which takes what is sent.
+Reader openStoreOf(UdpSender &sender)
+{
+    Reader reader;
+    waitFor([&] {
+        sender.keepSending();
+        reader.reset(shm_reader_open("cam", 200));
+        return reader != nullptr;
+    });
+    return reader;
 }
 
 } // namespace
@@ -369,6 +425,47 @@ TEST_F(ZevshmMedia, networkStreamComesBackWhileTheStoreStays)
     }
     over = true;
     sender.join();
+}
+
+TEST_F(ZevshmMedia, datagramsComeBackAfterASilence)
+{
+    const std::string url = "udp://127.0.0.1:" + std::to_string(10000 + getpid() % 10000);
+    Zevshm publisher({"publish", "cam", url});
+    auto sender = std::make_unique<UdpSender>(url);
+    if (!sender->keepSending())
+        GTEST_SKIP() << "there is no program 'ffmpeg' to send with";
+    const Reader reader = openStoreOf(*sender);
+    ASSERT_TRUE(reader) << publisher.errors();
+    EXPECT_TRUE(waitForFrames(reader.get(), 5));
+    sender.reset();
+    EXPECT_TRUE(waitFor([&] { return publisher.errors().find("dropped (") != std::string::npos; }));
+    sender = std::make_unique<UdpSender>(url);
+    EXPECT_TRUE(waitFor([&] {
+        sender->keepSending();
+        return publisher.errors().find("connected again") != std::string::npos;
+    })) << publisher.errors();
+    EXPECT_TRUE(waitForFrames(reader.get(), storeInfo(reader.get()).frames_published + 5));
+}
+
+TEST_F(ZevshmMedia, latencyHoldsANetworksFramesBack)
+{
+    const std::string url = "udp://127.0.0.1:" + std::to_string(20000 + getpid() % 10000);
+    Zevshm publisher({"publish", "cam", url, "--latency", "5000"});
+    const auto wallUs = [] {
+        return std::chrono::duration_cast<std::chrono::microseconds>(
+                   std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    };
+    const int64_t startUs = wallUs();
+    UdpSender sender(url);
+    if (!sender.keepSending())
+        GTEST_SKIP() << "there is no program 'ffmpeg' to send with";
+    const Reader reader = openStoreOf(sender);
+    ASSERT_TRUE(reader) << publisher.errors();
+    ASSERT_TRUE(waitForFrames(reader.get(), 1));
+    shm_video_status_t status{};
+    ASSERT_EQ(shm_reader_get_video_status(reader.get(), &status), 0);
+    EXPECT_GE(status.oldest_timestamp, startUs + 5000000);
 }
 
 TEST_F(ZevshmMedia, changedSizeOpensTheStoreAnew)

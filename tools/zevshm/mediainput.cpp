@@ -146,6 +146,7 @@ void MediaInput::end(std::exception_ptr failure)
 bool MediaInput::openAgain()
 {
     say(m_name.display + ": dropped (" + m_demuxer->lastError() + "); the store stays, connecting again");
+    m_demuxer.reset(); // the port that it listens on has to be free for the next one
     for (int64_t backoffUs = firstBackoffUs;; backoffUs = std::min(2 * backoffUs, longestBackoffUs)) {
         if (!m_stopToken.waitUntil(monotonicUs() + backoffUs))
             return false;
