@@ -125,8 +125,13 @@ void Demuxer::open()
     m_format.reset(rc < 0 ? nullptr : format);
     if (rc == AVERROR_INVALIDDATA || rc == AVERROR_DEMUXER_NOT_FOUND ||
         (rc == AVERROR_EOF && !m_name.isNetwork))
-        throw Failure(ExitMedia, m_name.display + ": is damaged or no media at all (" + avError(rc) +
-                                     "); check it with 'ffprobe'");
+        throw Failure(ExitMedia, m_name.display + ": is damaged or no media at all (" + avError(rc) + "); " +
+                                     (m_name.isPipe ? "check what is written into it: it takes a format that "
+                                                      "can be read from its start, such as Matroska"
+                                                    : "check it with 'ffprobe'"));
+    if (rc == AVERROR_PROTOCOL_NOT_FOUND)
+        throw Failure(ExitInput, m_name.display + ": cannot be opened (" + avError(rc) +
+                                     "); use a protocol that 'ffmpeg -protocols' lists");
     if (rc == AVERROR_EXIT && m_name.isNetwork)
         throw Failure(ExitInput,
                       m_name.display + ": does not answer; check the address and that it is sending");

@@ -22,12 +22,13 @@ int infoCommand(const std::vector<std::string> &words)
 {
     const Options options("info", specs, {"NAME"}, words);
     if (options.has("--help")) {
-        std::printf("Usage: zevshm info [options] NAME\n\n"
-                    "Shows what the frame store NAME carries and how it is doing. This command counts as a "
-                    "reader.\n\n"
-                    "Options:\n%s\n"
-                    "Examples:\n  zevshm info cam1\n  zevshm info cam1 --json\n",
-                    describeOptions(specs).c_str());
+        std::printf(
+            "Usage: zevshm info [options] NAME\n\n"
+            "Shows what the frame store NAME carries and how it is doing. This command is not counted "
+            "as a\nreader.\n\n"
+            "Options:\n%s\n"
+            "Examples:\n  zevshm info cam1\n  zevshm info cam1 --json\n",
+            describeOptions(specs).c_str());
         return ExitOk;
     }
     const std::string name = options.positional()[0];

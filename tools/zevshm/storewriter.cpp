@@ -22,6 +22,7 @@ ExitCode exitCodeForWriter(int negativeErrno)
     case ENOSPC:
     case EMFILE:
     case ENFILE:
+    case EFBIG: // the file size limit, which memory objects obey
         return ExitResources;
     case EINVAL:
         return ExitUsage;
