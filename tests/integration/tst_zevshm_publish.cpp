@@ -14,8 +14,14 @@
 #include <chrono>
 #include <cmath>
 #include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <grp.h>
 #include <map>
 #include <set>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace driver;
 using namespace zevshm;
@@ -48,6 +54,35 @@ QJsonObject info(const std::string &name)
 std::optional<BlockCode> code(const Frame &frame)
 {
     return decodeBlockCode(frame->planes[0], frame->strides[0], frame->width, frame->height);
+}
+
+// A whole second of a store's past with 200 ms of sound and picture around it; 0 when none came.
+int64_t wholeSecond(shm_reader_t *reader)
+{
+    int64_t second = 0;
+    const bool came = waitFor([&] {
+        shm_audio_status_t audio{};
+        shm_video_status_t video{};
+        shm_reader_get_audio_status(reader, 0, &audio);
+        shm_reader_get_video_status(reader, &video);
+        if (video.frames_held < 2 || audio.frames == 0)
+            return false;
+        second = (std::max(audio.oldest_timestamp, video.oldest_timestamp) / 1000000 + 1) * 1000000;
+        return std::max(audio.oldest_timestamp, video.oldest_timestamp) < second - 100000 &&
+               std::min(audio.newest_timestamp, video.newest_timestamp) > second + 200000;
+    });
+    return came ? second : 0;
+}
+
+// How many samples after `startUs` the first sound is; 9600 when there is none within 200 ms at 48 kHz.
+size_t soundOnset(shm_reader_t *reader, int64_t startUs)
+{
+    std::vector<int16_t> samples(2 * 9600);
+    EXPECT_EQ(shm_reader_query_audio2(reader, 0, samples.data(), 1, 9600, startUs, -1), 1);
+    size_t onset = 0;
+    while (onset < 9600 && samples[2 * onset] == 0)
+        ++onset;
+    return onset;
 }
 
 } // namespace
@@ -140,25 +175,9 @@ TEST_F(ZevshmPublish, flashAndBeepAreOnTheWholeSecond)
         {"publish", "cam", "test:avsync", "--size", "320x240", "--fps", "25", "--history", "60"});
     const Reader reader = openStore("cam");
     ASSERT_TRUE(reader);
-    int64_t second = 0;
-    // A whole second with 200 ms of sound and picture around it.
-    ASSERT_TRUE(waitFor([&] {
-        shm_audio_status_t audio{};
-        shm_video_status_t video{};
-        shm_reader_get_audio_status(reader.get(), 0, &audio);
-        shm_reader_get_video_status(reader.get(), &video);
-        if (video.frames_held < 2 || audio.frames == 0)
-            return false;
-        second = (std::max(audio.oldest_timestamp, video.oldest_timestamp) / 1000000 + 1) * 1000000;
-        return std::max(audio.oldest_timestamp, video.oldest_timestamp) < second - 100000 &&
-               std::min(audio.newest_timestamp, video.newest_timestamp) > second + 200000;
-    }));
-    std::vector<int16_t> samples(2 * 9600);
-    ASSERT_EQ(shm_reader_query_audio2(reader.get(), 0, samples.data(), 1, 9600, second - 100000, -1), 1);
-    size_t onset = 0;
-    while (onset < 9600 && samples[2 * onset] == 0)
-        ++onset;
-    EXPECT_NEAR(static_cast<double>(onset), 4800, 1);
+    const int64_t second = wholeSecond(reader.get());
+    ASSERT_NE(second, 0);
+    EXPECT_NEAR(static_cast<double>(soundOnset(reader.get(), second - 100000)), 4800, 1);
 
     const auto stage = [](const Frame &frame) {
         return frame->planes[0][frame->height / 4 * frame->strides[0] + 3];
@@ -172,6 +191,96 @@ TEST_F(ZevshmPublish, flashAndBeepAreOnTheWholeSecond)
     EXPECT_GT(stage(at), 240);
     EXPECT_GT(stage(last), 240);
     EXPECT_LT(stage(after), 100);
+}
+
+TEST_F(ZevshmPublish, beepComesAfterTheFlashByTheOffset)
+{
+    Zevshm publisher(
+        {"publish", "cam", "test:avsync", "--size", "320x240", "--history", "60", "--av-offset", "30"});
+    const Reader reader = openStore("cam");
+    ASSERT_TRUE(reader);
+    const int64_t second = wholeSecond(reader.get());
+    ASSERT_NE(second, 0);
+    EXPECT_NEAR(static_cast<double>(soundOnset(reader.get(), second - 100000)), 4800 + 30 * 48, 1);
+}
+
+TEST_F(ZevshmPublish, groupMayReadAndNobodyElse)
+{
+    const struct group *own = getgrgid(getgid());
+    ASSERT_NE(own, nullptr);
+    const std::string groupName = own->gr_name;
+    ASSERT_EQ(chmod(stores.path().c_str(), 0755), 0);
+    Zevshm publisher({"publish", "cam", "test:", "--size", "320x240", "--group", groupName});
+    ASSERT_TRUE(openStore("cam"));
+    struct stat status
+    {};
+    ASSERT_EQ(stat(stores.file("cam").c_str(), &status), 0);
+    EXPECT_EQ(status.st_gid, getgid());
+    EXPECT_EQ(status.st_mode & 0777, 0660u);
+    if (getuid() != 0)
+        GTEST_SKIP() << "only root can become another member of the group";
+
+    const auto infoAs = [](const std::vector<gid_t> &groups) {
+        const pid_t child = fork();
+        if (child == 0) {
+            if (setgroups(groups.size(), groups.data()) != 0 || setgid(65534) != 0 || setuid(65534) != 0)
+                _exit(77);
+            _exit(run({"info", "cam"}).code);
+        }
+        int code = 0;
+        EXPECT_EQ(waitpid(child, &code, 0), child);
+        return WIFEXITED(code) ? WEXITSTATUS(code) : -1;
+    };
+    EXPECT_EQ(infoAs({getgid()}), 0);
+    EXPECT_EQ(infoAs({}), 6);
+}
+
+TEST_F(ZevshmPublish, terminalShowsProgressOnOneLine)
+{
+    const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(terminal, 0);
+    ASSERT_EQ(grantpt(terminal), 0);
+    ASSERT_EQ(unlockpt(terminal), 0);
+    const int side = open(ptsname(terminal), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(side, 0);
+    Zevshm publisher({"publish", "cam", "test:", "--size", "320x240"}, -1, side);
+    const Reader reader = openStore("cam");
+    EXPECT_TRUE(reader);
+    std::string shown;
+    const auto shows = [&](const char *text) {
+        return waitFor([&] {
+            char bytes[512];
+            ssize_t count;
+            while ((count = read(terminal, bytes, sizeof bytes)) > 0)
+                shown.append(bytes, static_cast<size_t>(count));
+            return shown.find(text) != std::string::npos;
+        });
+    };
+    EXPECT_TRUE(shows("fps, 0 dropped, ")) << shown;
+    EXPECT_TRUE(shows("late, 1 reader\r\x1b[K")) << shown;
+    EXPECT_EQ(shown.find('\n'), std::string::npos) << shown;
+    publisher.signal(SIGINT);
+    EXPECT_EQ(publisher.wait(), 0);
+    EXPECT_TRUE(shows("\n")) << shown; // the shell's prompt has a line of its own
+    close(side);
+    close(terminal);
+}
+
+TEST_F(ZevshmPublish, saysWhatItPublishesOnlyWhenAsked)
+{
+    for (const bool verbose : {false, true}) {
+        std::vector<std::string> arguments = {"publish", "cam", "test:", "--size", "320x240"};
+        if (verbose)
+            arguments.emplace_back("--verbose");
+        Zevshm publisher(arguments);
+        const Reader reader = openStore("cam");
+        ASSERT_TRUE(reader);
+        EXPECT_TRUE(waitForFrames(reader.get(), 2));
+        publisher.signal(SIGTERM);
+        EXPECT_EQ(publisher.wait(), 0);
+        EXPECT_EQ(publisher.errors(),
+                  verbose ? "zevshm: cam: 320x240 yuv420p bt601 full 25 fps, 48000 Hz 2 channels\n" : "");
+    }
 }
 
 TEST_F(ZevshmPublish, recordsFormatAndColor)

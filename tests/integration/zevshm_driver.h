@@ -38,7 +38,8 @@ private:
 class Zevshm
 {
 public:
-    explicit Zevshm(const std::vector<std::string> &arguments, int inputFd = -1);
+    // Borrows the descriptors. With `errorFd` its messages go there, and errors() is empty.
+    explicit Zevshm(const std::vector<std::string> &arguments, int inputFd = -1, int errorFd = -1);
     ~Zevshm();
     Zevshm(const Zevshm &) = delete;
     Zevshm &operator=(const Zevshm &) = delete;
