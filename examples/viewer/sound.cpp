@@ -61,7 +61,7 @@ void Sound::stop()
 {
     if (auto *timer = findChild<QTimer *>(QStringLiteral("check")))
         timer->stop();
-    if (!m_player)
+    if (!m_player || m_isStopping)
         return;
     m_isStopping = true;
     m_player->stop();
@@ -72,6 +72,8 @@ void Sound::stop()
 
 void Sound::check()
 {
+    if (m_isStopping)
+        return; // Qt's backend handles events while it opens and closes
     // Before there is audio there is nothing to play, and the device's format would be a guess.
     if (m_starts == 0 && !m_source->getAudioFormat().isValid())
         return;

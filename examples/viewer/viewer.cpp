@@ -96,6 +96,10 @@ Viewer::Viewer(const Options &options, double screenRate, QObject *parent)
 Viewer::~Viewer()
 {
     stop();
+    // Qt's sound backend handles events while it closes: pictures may still come here, so that everything
+    // that they go to has to be there.
+    m_sound.reset();
+    disconnect(m_provider.get(), nullptr, this, nullptr);
 }
 
 QObject *Viewer::providerObject() const

@@ -28,4 +28,19 @@ if(ZEV_BUILD_EXAMPLES AND ZEV_BUILD_QML)
         add_dependencies(tst_viewer zevshm)
     endif()
     add_dependencies(tst_viewer zevqt-viewer zevqt-testpublisher)
+
+    # The viewer with sound.
+    if(TARGET zevshm)
+        zev_test(tst_viewerplayback
+            SOURCES integration/tst_viewerplayback.cpp integration/viewerrig.cpp integration/testpattern.cpp
+                integration/xvfbserver.cpp integration/pulseserver.cpp integration/pulseserver.h
+            LIBRARIES zevqt-viewer-parts Zev::shm Qt5::Gui PkgConfig::FFMPEG GTest::gtest
+            LABEL integration)
+        target_compile_definitions(tst_viewerplayback PRIVATE
+            VIEWER="$<TARGET_FILE:zevqt-viewer>"
+            PUBLISHER="$<TARGET_FILE:zevqt-testpublisher>"
+            ZEVSHM="$<TARGET_FILE:zevshm>"
+            ARTIFACTS_DIR="${PROJECT_BINARY_DIR}/artifacts")
+        add_dependencies(tst_viewerplayback zevqt-viewer zevshm)
+    endif()
 endif()
