@@ -1,5 +1,4 @@
-// The viewer with sound, on a sound server of the test's own: what it reports, what it survives, and whether
-// the picture is handed out when its sound is heard.
+// The viewer with sound, on a sound server of the test's own: what it reports, and what it does without.
 
 #include "pulseserver.h"
 #include "viewerrig.h"
