@@ -11,13 +11,17 @@
  * A player stops by itself when the clock is set or the device fails; a device that was taken away may also
  * leave it playing into nothing; and a source whose clock is slower than the device's lets the distance
  * between the newest audio and the read position (the reserve) run out, from when on every read ends in a
- * little silence. Starting anew mends all three.
+ * little silence. A source that was away for a second or more is read from a full delay behind, with the
+ * output's buffer full of silence: the sound is later than before by that buffer. Starting anew mends all
+ * four.
  *
  * Usage: begin() whenever playing was started; check() a few times a second with what the player and the
  * source say, and start again when it answers true. It knows no clock and no player.
  *
- *     if (watch.check(monotonicUs, player->isActive(), player->getReadPosition(),
- * source->getAudioLastTimestamp())) { player->start(source, fps); watch.begin(monotonicUs);
+ *     const qint64 newest = source->getAudioLastTimestamp();
+ *     if (watch.check(monotonicUs, player->isActive(), player->getReadPosition(), newest)) {
+ *         player->start(source, fps);
+ *         watch.begin(monotonicUs);
  *     }
  *
  * Threads: reentrant. Units: microseconds; `now` on a monotonic clock, the other timestamps on the wall
@@ -34,6 +38,7 @@ public:
     qint64 reserve() const { return lastReserve; }
 
 private:
+    void followSource(qint64 now, qint64 newest);
     void closeWindow(qint64 now);
     bool mayRestart(qint64 now) const;
 
@@ -47,6 +52,10 @@ private:
     qint64 lastReserve = -1;
     int dryWindows = 0;
     bool wasHealthy = false;
+    qint64 lastNewest = 0;
+    qint64 lastNews = 0; // when the source last had something new
+    bool isSourceAway = false;
+    bool isSourceBack = false;
 };
 
 #endif

@@ -7,6 +7,7 @@ const qint64 firstBackoff = second;
 const qint64 longestBackoff = 30 * second;
 const qint64 healthyAfter = 60 * second; // an attempt that lasted so long has helped
 const qint64 stuckAfter = 3 * second;    // reads are never so far apart, whatever the device's buffer
+const qint64 awayAfter = second;
 const qint64 dryReserve = 1000;
 const qint64 healthyReserve = 20000;
 const int dryWindowsToRestart = 5;
@@ -28,6 +29,9 @@ void AudioPlaybackWatch::begin(qint64 now)
     lastReserve = -1;
     dryWindows = 0;
     wasHealthy = false;
+    lastNews = now;
+    isSourceAway = false;
+    isSourceBack = false;
 }
 
 bool AudioPlaybackWatch::mayRestart(qint64 now) const
@@ -37,6 +41,7 @@ bool AudioPlaybackWatch::mayRestart(qint64 now) const
 
 bool AudioPlaybackWatch::check(qint64 now, bool isActive, qint64 readPosition, qint64 newest)
 {
+    followSource(now, newest);
     if (!isActive)
         return mayRestart(now);
     if (readPosition != lastPosition || newest == 0 || newest == newestThen) {
@@ -49,13 +54,26 @@ bool AudioPlaybackWatch::check(qint64 now, bool isActive, qint64 readPosition, q
         return mayRestart(now);
     }
 
-    if (readPosition > 0 && newest > 0) {
+    if (readPosition > 0 && newest > 0 && !isSourceAway) {
         const qint64 reserveNow = qMax<qint64>(0, newest - readPosition);
         windowReserve = windowReserve < 0 ? reserveNow : qMin(windowReserve, reserveNow);
     }
     if (now - windowStart >= second)
         closeWindow(now);
-    return dryWindows >= dryWindowsToRestart && mayRestart(now);
+    return (isSourceBack || dryWindows >= dryWindowsToRestart) && mayRestart(now);
+}
+
+// Away is only what was seen to be: whoever does not look for a second has missed nothing.
+void AudioPlaybackWatch::followSource(qint64 now, qint64 newest)
+{
+    if (newest == 0 || newest == lastNewest) {
+        isSourceAway = isSourceAway || now - lastNews >= awayAfter;
+        return;
+    }
+    isSourceBack = isSourceBack || isSourceAway;
+    isSourceAway = false;
+    lastNewest = newest;
+    lastNews = now;
 }
 
 // Right after a read the reserve is what is left when the device has got what it wanted. Only a reserve that

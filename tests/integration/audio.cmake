@@ -9,6 +9,8 @@ set(audio_playback_libraries Zev::zevqt-mm Zev::shm Qt5::Test Threads::Threads)
 # 90 s; more only when a loaded machine makes it try again.
 zev_test(tst_audiotone SOURCES ${audio_integration}/tst_audiotone.cpp ${audio_playback}
     LIBRARIES ${audio_playback_libraries} LABEL integration TIMEOUT 240)
+zev_test(tst_audiorestarts SOURCES ${audio_integration}/tst_audiorestarts.cpp ${audio_playback}
+    LIBRARIES ${audio_playback_libraries} LABEL integration TIMEOUT 240)
 zev_test(tst_audioevents SOURCES ${audio_integration}/tst_audioevents.cpp ${audio_playback}
     LIBRARIES ${audio_playback_libraries} LABEL integration)
 zev_test(tst_audionoserver

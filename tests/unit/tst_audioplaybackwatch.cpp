@@ -80,8 +80,34 @@ TEST(AudioPlaybackWatch, ASourceThatIsSilentIsNoFault)
     simulation.run(10 * second);
     simulation.isSourceAlive = false;
     EXPECT_EQ(simulation.run(600 * second), 0);
+    simulation.position = simulation.newest; // what it had is played
+    EXPECT_EQ(simulation.run(600 * second), 0);
     simulation.newest = 0; // and gone
     EXPECT_EQ(simulation.run(600 * second), 0);
+}
+
+// Read from a full delay behind while the output holds a buffer of silence: later than it was.
+TEST(AudioPlaybackWatch, ASourceThatReturnsIsStartedAnewOnce)
+{
+    Simulation simulation;
+    simulation.run(10 * second);
+    simulation.isSourceAlive = false;
+    EXPECT_EQ(simulation.run(10 * second), 0);
+    simulation.isSourceAlive = true;
+    simulation.newest += 10 * second;
+    simulation.position = simulation.newest - 400 * ms;
+    EXPECT_EQ(simulation.run(60 * second), 1);
+    EXPECT_EQ(simulation.watch.reserve(), 150 * ms);
+}
+
+TEST(AudioPlaybackWatch, ASourceThatFaltersIsLeftAlone)
+{
+    Simulation simulation;
+    simulation.run(10 * second);
+    simulation.isSourceAlive = false;
+    EXPECT_EQ(simulation.run(920 * ms), 0);
+    simulation.isSourceAlive = true;
+    EXPECT_EQ(simulation.run(60 * second), 0);
 }
 
 TEST(AudioPlaybackWatch, AReserveThatRanOutIsRestored)

@@ -10,6 +10,8 @@
 #include <QtTest/QtTest>
 
 #include <cmath>
+#include <functional>
+#include <utility>
 
 extern "C" {
 #include <libswresample/swresample.h>
@@ -22,6 +24,7 @@ namespace {
 int convertsUntilFailure = -1; // -1: none
 int initsUntilFailure = -1;
 int liveResamplers = 0;
+std::function<void()> onConvert; // if any, called once before a conversion
 
 bool failsNow(int *countdown)
 {
@@ -39,6 +42,8 @@ void __real_swr_free(SwrContext **);
 
 int __wrap_swr_convert(SwrContext *context, uint8_t **out, int outCount, const uint8_t **in, int inCount)
 {
+    if (onConvert)
+        std::exchange(onConvert, nullptr)();
     return failsNow(&convertsUntilFailure) ? -1 : __real_swr_convert(context, out, outCount, in, inCount);
 }
 
@@ -137,6 +142,7 @@ private Q_SLOTS:
     void sourceWithoutAudioPlaysSilenceOrFails();
     void audioThatComesLaterIsPlayed();
     void audioThatGoesAway();
+    void audioThatGoesAwayDuringARead();
     void equalFormatsPassThroughUnchanged();
     void passThroughRepeatsSamplesOnlyWhereMicrosecondsAreCut_data();
     void passThroughRepeatsSamplesOnlyWhereMicrosecondsAreCut();
@@ -364,6 +370,24 @@ void tst_AudioReader::audioThatGoesAway()
     }
 }
 
+void tst_AudioReader::audioThatGoesAwayDuringARead()
+{
+    for (const bool requireAudio : {true, false}) {
+        QVERIFY(reader->open(source.get(), pcm(44100, 2), requireAudio));
+        store().deliverAtMost = 100;
+        onConvert = [this] {
+            store().hasAudio = false;
+            QVERIFY(source->open());
+        };
+        const QByteArray data = read(3840, requireAudio ? -1 : 3840);
+        QVERIFY(!onConvert);
+        QCOMPARE(data.right(3000), QByteArray(3000, requireAudio ? 0x55 : 0));
+        store().hasAudio = true;
+        QVERIFY(source->open());
+        reader->close();
+    }
+}
+
 void tst_AudioReader::equalFormatsPassThroughUnchanged()
 {
     QVERIFY(reader->open(source.get(), pcm(48000, 2), true));
@@ -447,6 +471,8 @@ void tst_AudioReader::shortSourceIsFilledWithSilence()
     read(3840);
     QCOMPARE(reader->getGaps().silence, qint64(30000));
     QCOMPARE(reader->getGaps().episodes, 2);
+    store().deliverAtMost = 959;
+    QCOMPARE(read(3840).right(4), QByteArray(4, 0)); // a single frame too
 }
 
 void tst_AudioReader::resamplingTakesFullGrabsAndKeepsTheSurplus()
@@ -743,9 +769,12 @@ void tst_AudioReader::closeForgetsTheSource()
     reader->close();
     QVERIFY(!reader->isOpen());
     QCOMPARE(reader->getSource(), nullptr);
+    read(3840, -1);
     store().pass(5000);
     QVERIFY(reader->open(source.get(), pcm(48000, 2), true));
     QCOMPARE(reader->getFirstTimestamp(), qint64(0));
+    QCOMPARE(reader->getReadPosition(), qint64(0));
+    reader->setMaxDelay(2 * now); // nothing is too far behind: only a position that is not anchored is set
     read(3840);
     QCOMPARE(lastRequest(), store().newest - 200000);
 }
@@ -758,6 +787,7 @@ void tst_AudioReader::resetTimerAnchorsAnew()
     QCOMPARE(reader->getReadPosition(), qint64(0));
     QCOMPARE(reader->getFirstTimestamp(), qint64(0));
     store().pass(10000);
+    reader->setMaxDelay(2 * now);
     read(3840);
     QCOMPARE(reader->getFirstTimestamp(), store().newest - 200000);
 }
