@@ -6,15 +6,96 @@
 #include <string.h>
 
 #if defined(__SSE2__)
-#include <emmintrin.h>
+#include <immintrin.h>
 #elif defined(__ARM_NEON)
 #include <arm_neon.h>
 #endif
 
-enum { MODE_S16 = 1, LANES = 8, VECTORS_MAX = 7, ROWS_PER_FLUSH = 64 };
+enum { MODE_S16 = 1, LANES = 8, WIDEST = 16, VECTORS_MAX = 7 };
 
 static const double FULL_SCALE = 32768.0;
 static const double FLOOR_DB = -120.0;
+
+/* One accumulator per lane of a row of up to VECTORS_MAX vectors. */
+typedef struct
+{
+    double squares[VECTORS_MAX * WIDEST];
+    int16_t high[VECTORS_MAX * WIDEST];
+    int16_t low[VECTORS_MAX * WIDEST];
+} sums_t;
+
+/* A row of whole vectors that holds a whole number of frames: a lane belongs to one channel throughout. Of 8
+ * lanes or a multiple of that. */
+static int vectors_per_row(int channels)
+{
+    static const int vectors[AUDIO_LEVEL_CHANNELS_MAX + 1] = {1, 1, 1, 3, 1, 5, 3, 7, 1};
+    return vectors[channels];
+}
+
+#if defined(__SSE2__)
+
+#define ADD_ROWS add_rows_sse2
+#define ADD_ALL_ROWS add_all_rows_sse2
+#define TARGET "sse2"
+#define VECTOR __m128i
+#define LANES_X86 LANES
+#define OP(name) OP_SSE2_##name
+#define OP_SSE2_setzero _mm_setzero_si128
+#define OP_SSE2_max_epi16 _mm_max_epi16
+#define OP_SSE2_min_epi16 _mm_min_epi16
+#define OP_SSE2_unpacklo_epi16 _mm_unpacklo_epi16
+#define OP_SSE2_unpackhi_epi16 _mm_unpackhi_epi16
+#define OP_SSE2_madd_epi16 _mm_madd_epi16
+#define OP_SSE2_add_epi32 _mm_add_epi32
+#define OP_SSE2_srli_epi32 _mm_srli_epi32
+#define LOAD(pointer) _mm_loadu_si128((const __m128i *)(pointer))
+#define LANE(i) (i)
+#include "add_rows_x86.h"
+#undef ADD_ROWS
+#undef ADD_ALL_ROWS
+#undef TARGET
+#undef VECTOR
+#undef LANES_X86
+#undef OP
+#undef LOAD
+#undef LANE
+
+/* Unpacking works in halves of a vector: squares 0 to 3 and 8 to 11 first. */
+#define ADD_ROWS add_rows_avx2
+#define ADD_ALL_ROWS add_all_rows_avx2
+#define TARGET "avx2"
+#define VECTOR __m256i
+#define LANES_X86 WIDEST
+#define OP(name) OP_AVX2_##name
+#define OP_AVX2_setzero _mm256_setzero_si256
+#define OP_AVX2_max_epi16 _mm256_max_epi16
+#define OP_AVX2_min_epi16 _mm256_min_epi16
+#define OP_AVX2_unpacklo_epi16 _mm256_unpacklo_epi16
+#define OP_AVX2_unpackhi_epi16 _mm256_unpackhi_epi16
+#define OP_AVX2_madd_epi16 _mm256_madd_epi16
+#define OP_AVX2_add_epi32 _mm256_add_epi32
+#define OP_AVX2_srli_epi32 _mm256_srli_epi32
+#define LOAD(pointer) _mm256_loadu_si256((const __m256i *)(pointer))
+#define LANE(i) ((i) % 4 + (i) / 4 % 2 * 8 + (i) / 8 * 4)
+#include "add_rows_x86.h"
+
+/* Returns the samples that were added; `lanes` is set to a row's. */
+static size_t add_all_rows(const int16_t *samples, size_t total, int channels, size_t *lanes, sums_t *sums)
+{
+    const int vectors = vectors_per_row(channels);
+    const int hasAvx2 = __builtin_cpu_supports("avx2");
+    *lanes = (size_t)vectors * (hasAvx2 ? WIDEST : LANES);
+    const size_t pairs = total / (2 * *lanes);
+    if (hasAvx2)
+        add_all_rows_avx2(samples, pairs, vectors, sums);
+    else
+        add_all_rows_sse2(samples, pairs, vectors, sums);
+    return pairs * 2 * *lanes;
+}
+
+#else
+
+enum { ROWS_PER_FLUSH = 64 };
 
 /* Eight samples and what becomes of them; the compiler maps these to whatever vectors the processor has. */
 typedef int16_t samples_t __attribute__((vector_size(LANES * sizeof(int16_t))));
@@ -25,9 +106,7 @@ typedef float squares_t __attribute__((vector_size(LANES / 2 * sizeof(float))));
  * the time. */
 static inline samples_t larger(samples_t a, samples_t b)
 {
-#if defined(__SSE2__)
-    return (samples_t)_mm_max_epi16((__m128i)a, (__m128i)b);
-#elif defined(__ARM_NEON)
+#if defined(__ARM_NEON)
     return (samples_t)vmaxq_s16((int16x8_t)a, (int16x8_t)b);
 #else
     const samples_t above = a > b;
@@ -37,23 +116,13 @@ static inline samples_t larger(samples_t a, samples_t b)
 
 static inline samples_t smaller(samples_t a, samples_t b)
 {
-#if defined(__SSE2__)
-    return (samples_t)_mm_min_epi16((__m128i)a, (__m128i)b);
-#elif defined(__ARM_NEON)
+#if defined(__ARM_NEON)
     return (samples_t)vminq_s16((int16x8_t)a, (int16x8_t)b);
 #else
     const samples_t above = a > b;
     return (b & above) | (a & ~above);
 #endif
 }
-
-/* One accumulator per lane of a row of up to VECTORS_MAX vectors. */
-typedef struct
-{
-    double squares[VECTORS_MAX * LANES];
-    int16_t high[VECTORS_MAX * LANES];
-    int16_t low[VECTORS_MAX * LANES];
-} sums_t;
 
 /*
  * Adds whole rows of `vectors` vectors. A row's length is a multiple of the channel count, so a lane belongs
@@ -104,16 +173,12 @@ static inline __attribute__((always_inline)) void add_rows(const int16_t *data, 
     memcpy(sums->low, low, sizeof low);
 }
 
-/* A row of whole vectors that holds a whole number of frames; two vectors at least, so that additions
- * overlap. */
-static int vectors_per_row(int channels)
+static size_t add_all_rows(const int16_t *samples, size_t total, int channels, size_t *lanes, sums_t *sums)
 {
-    static const int vectors[AUDIO_LEVEL_CHANNELS_MAX + 1] = {2, 2, 2, 3, 2, 5, 3, 7, 2};
-    return vectors[channels];
-}
-
-static void add_all_rows(const int16_t *samples, size_t rows, int vectors, sums_t *sums)
-{
+    /* Two vectors at least, so that additions overlap. */
+    const int vectors = vectors_per_row(channels) == 1 ? 2 : vectors_per_row(channels);
+    *lanes = (size_t)vectors * LANES;
+    const size_t rows = total / *lanes;
     switch (vectors) {
     case 2:
         add_rows(samples, rows, 2, sums);
@@ -128,7 +193,10 @@ static void add_all_rows(const int16_t *samples, size_t rows, int vectors, sums_
         add_rows(samples, rows, 7, sums);
         break;
     }
+    return rows * *lanes;
 }
+
+#endif
 
 static float decibels(double amplitude)
 {
@@ -154,15 +222,13 @@ int av_audio_level_calc(const void *data, size_t frames, long channels, int mode
 
     const int16_t *samples = data;
     const size_t total = frames * (size_t)channels;
-    const int vectors = vectors_per_row((int)channels);
-    const size_t lanes = (size_t)vectors * LANES;
-    const size_t rows = total / lanes;
     sums_t sums = {{0}, {0}, {0}};
-    add_all_rows(samples, rows, vectors, &sums);
+    size_t lanes = 0;
+    const size_t added = add_all_rows(samples, total, (int)channels, &lanes, &sums);
 
-    /* The last row, which is not whole: its samples fall on the same lanes. */
-    for (size_t i = rows * lanes; i < total; ++i) {
-        const size_t lane = i - rows * lanes;
+    /* The rest, which is no whole row: its samples fall on the same lanes. */
+    for (size_t i = added; i < total; ++i) {
+        const size_t lane = (i - added) % lanes;
         const int16_t sample = samples[i];
         sums.squares[lane] += (double)sample * sample;
         sums.high[lane] = sample > sums.high[lane] ? sample : sums.high[lane];
