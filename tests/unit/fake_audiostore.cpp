@@ -106,6 +106,11 @@ int shm_reader_get_dmabuf_fd(shm_reader_t *)
     return -1;
 }
 
+int shm_reader_get_info(shm_reader_t *, shm_store_info_t *)
+{
+    return -ENODEV;
+}
+
 int shm_reader_get_video_status(shm_reader_t *, shm_video_status_t *status)
 {
     *status = {};
