@@ -20,7 +20,7 @@ struct FilledStore
         info.size = sizeof info;
         if (shm_reader_get_info(reader.get(), &info) != 0)
             bench::fail("the store tells nothing about itself");
-        for (int i = 0; i < 2 * info.slots; ++i)
+        for (int i = 0; i < 2 * info.slot_count; ++i)
             writer.publish();
     }
     bench::Writer writer;

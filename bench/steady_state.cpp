@@ -172,7 +172,7 @@ int childWithoutPayload(bool touch)
     info.size = sizeof info;
     shm_reader_get_info(reader.get(), &info);
     std::map<uint8_t *, bool> slots; // by first plane
-    for (int i = 0; i < 4 * info.slots; ++i) {
+    for (int i = 0; i < 4 * info.slot_count; ++i) {
         slots[writer.publish()] = true;
         shm_video_frame_t frame = {};
         if (shm_reader_lock_video(reader.get(), &frame, SHM_VIDEO_NEWEST) != 0)
@@ -181,7 +181,7 @@ int childWithoutPayload(bool touch)
         shm_reader_unlock_video(reader.get(), &frame);
     }
     // All of the writer's slots and all of the reader's.
-    if (slots.size() != 2 * static_cast<size_t>(info.slots))
+    if (slots.size() != 2 * static_cast<size_t>(info.slot_count))
         return 3;
     for (const auto &[plane, seen] : slots) {
         if (mprotect(plane, width * height, PROT_NONE) != 0)

@@ -80,8 +80,8 @@ int readerProcess(const char *name, int result)
     info.size = sizeof info;
     if (shm_reader_get_info(reader.get(), &info) != 0)
         return 1;
-    std::vector<long long> timestamps(static_cast<size_t>(info.slots));
-    const int count = shm_reader_get_video_timestamps(reader.get(), timestamps.data(), info.slots);
+    std::vector<long long> timestamps(static_cast<size_t>(info.slot_count));
+    const int count = shm_reader_get_video_timestamps(reader.get(), timestamps.data(), info.slot_count);
     shm_reader_format_t format = {};
     shm_reader_get_format(reader.get(), &format);
     volatile unsigned sum = 0; // so that the bytes are read
@@ -132,13 +132,13 @@ bool measure(int width, int height, uint32_t history)
     shm_store_info_t info = {};
     info.size = sizeof info;
     shm_reader_get_info(reader.get(), &info);
-    const uint64_t slotBytes = static_cast<uint64_t>(info.slots) * info.slot_bytes;
+    const uint64_t slotBytes = static_cast<uint64_t>(info.slot_count) * info.slot_bytes;
     shm_writer_stats_t stats = {};
     stats.size = sizeof stats;
     shm_writer_get_stats(writer.get(), &stats);
     const uint64_t kernel = mappedHere().sharedTotal();
     const uint64_t frames = figures[2];
-    std::printf("%dx%d, %d slots of %.3f MiB, %" PRIu64 " frames held\n", width, height, info.slots,
+    std::printf("%dx%d, %d slots of %.3f MiB, %" PRIu64 " frames held\n", width, height, info.slot_count,
                 mib(info.slot_bytes), frames);
     bool fine = expect(frames >= history, "frames that the reader found", static_cast<double>(frames), "");
     // Every plane begins on a page.

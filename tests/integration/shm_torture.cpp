@@ -133,7 +133,7 @@ bool wholeFrame(const shm_video_frame_t &frame)
             shm_writer_get_stats(writer, &stats);
             shared->writerLocks.store(stats.locks_held, std::memory_order_relaxed);
             shared->writerReaders.store(stats.readers, std::memory_order_relaxed);
-            shared->writerSlots.store(stats.slots, std::memory_order_relaxed);
+            shared->writerSlots.store(stats.slot_count, std::memory_order_relaxed);
             shared->writerDropped.store(stats.frames_dropped, std::memory_order_relaxed);
             shared->writerStatSerial.fetch_add(1, std::memory_order_relaxed);
         }

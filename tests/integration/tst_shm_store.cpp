@@ -566,7 +566,7 @@ TEST_F(ShmStore, PinnedSlotsAreReplacedByFreshMemoryAndTheOldStaysValid)
     EXPECT_TRUE(eventually([&] {
         t += 1000;
         publishFrame(writer.get(), t, 1);
-        return statsOf(writer.get()).slots == 12;
+        return statsOf(writer.get()).slot_count == 12;
     }));
 }
 
@@ -606,7 +606,7 @@ TEST_F(ShmStore, AtTheCapTheWorstPinnerIsCutOffAndKeepsWhatItHolds)
     for (size_t i = 0; i < pinned.size(); ++i)
         ASSERT_EQ(pinned[i].planes[0][64], values[i]) << i;
     EXPECT_EQ(kept.planes[0][0], 77);
-    EXPECT_LE(statsOf(writer.get()).slots, 24);
+    EXPECT_LE(statsOf(writer.get()).slot_count, 24);
 }
 
 TEST_F(ShmStore, TellsTheHighestWish)
@@ -942,7 +942,7 @@ TEST_F(ShmStore, TellsEverythingAToolShows)
     EXPECT_EQ(info.session, frame.session);
     EXPECT_EQ(info.writer_pid, getpid());
     EXPECT_EQ(info.readers, 1);
-    EXPECT_EQ(info.slots, 12);
+    EXPECT_EQ(info.slot_count, 12);
     EXPECT_EQ(info.slot_bytes % 4096, 0u);
     EXPECT_EQ(info.frames_published, 1u);
     EXPECT_EQ(info.rate_numerator, 50u);

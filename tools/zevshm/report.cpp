@@ -115,7 +115,7 @@ std::string describe(const StoreReport &report, int64_t nowUs)
             print(", wish %.5g fps", static_cast<double>(info.wished_numerator) / info.wished_denominator);
     text += print("\n  memory    %s", byteText(info.total_bytes).c_str());
     if (report.format.has_video)
-        text += print(" (%d slots of %s), %s", info.slots, byteText(info.slot_bytes).c_str(), info.memory);
+        text += print(" (%d slots of %s), %s", info.slot_count, byteText(info.slot_bytes).c_str(), info.memory);
     text += print("%s\n", info.sealed ? ", sealed" : "");
     if (report.format.has_video)
         text += print("  DMA-buf   %s\n", info.dmabuf);
@@ -130,7 +130,7 @@ void writeJson(JsonWriter &json, const StoreReport &report)
     json.member("writerPid", info.writer_pid).member("session", std::to_string(info.session));
     json.member("startedTimestamp", info.started_timestamp).member("readers", info.readers);
     json.member("locksHeld", info.locks_held)
-        .member("slots", info.slots)
+        .member("slots", info.slot_count)
         .member("slotBytes", info.slot_bytes);
     json.member("totalBytes", info.total_bytes)
         .member("memory", info.memory)

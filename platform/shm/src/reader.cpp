@@ -158,7 +158,7 @@ void shm_reader::info(shm_store_info_t *info, bool isLive)
     now.writer_pid = m_connection.peer.pid;
     now.readers = static_cast<int32_t>(head.readers.load(std::memory_order_relaxed));
     now.locks_held = static_cast<int32_t>(head.locksHeld.load(std::memory_order_relaxed));
-    now.slots = static_cast<int32_t>(head.slots.load(std::memory_order_relaxed));
+    now.slot_count = static_cast<int32_t>(head.slots.load(std::memory_order_relaxed));
     now.slot_bytes = layout.slotBytes;
     now.total_bytes = head.totalBytes.load(std::memory_order_relaxed);
     now.frames_refused = head.refused.load(std::memory_order_relaxed);

@@ -99,7 +99,7 @@ void shm_writer::statistics(shm_writer_stats_t *stats) const
     shm_writer_stats_t now = {};
     now.readers = static_cast<int32_t>(head.readers.load(std::memory_order_relaxed));
     now.locks_held = static_cast<int32_t>(head.locksHeld.load(std::memory_order_relaxed));
-    now.slots = static_cast<int32_t>(head.slots.load(std::memory_order_relaxed));
+    now.slot_count = static_cast<int32_t>(head.slots.load(std::memory_order_relaxed));
     now.session = m_store.policy.session;
     now.frames_published = head.published.load(std::memory_order_relaxed);
     now.frames_dropped = head.dropped.load(std::memory_order_relaxed);

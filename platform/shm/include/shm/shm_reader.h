@@ -191,7 +191,7 @@ typedef struct shm_store_info
     int32_t writer_pid;
     int32_t readers;      /* connected now */
     int32_t locks_held;   /* by all readers, as the writer last counted (at most 100 ms ago) */
-    int32_t slots;        /* history and spare */
+    int32_t slot_count;   /* history and spare */
     uint64_t slot_bytes;  /* memory of one slot */
     uint64_t total_bytes; /* of all shared memory of the store */
     uint64_t frames_published;

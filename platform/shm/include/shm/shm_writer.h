@@ -123,7 +123,7 @@ typedef struct shm_writer_stats
     uint32_t size; /* set by the caller: sizeof(shm_writer_stats_t) */
     int32_t readers;
     int32_t locks_held;
-    int32_t slots;
+    int32_t slot_count;
     uint64_t session;
     uint64_t frames_published;
     uint64_t frames_dropped;
