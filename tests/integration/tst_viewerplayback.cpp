@@ -16,14 +16,13 @@ PulseServer *server = nullptr;
 class Tool
 {
 public:
-    Tool(const QString &directory, const QString &name, const QStringList &more)
+    Tool(const QString &directory, const QString &name, const QStringList &more) : m_name(name)
     {
-        auto environment = QProcessEnvironment::systemEnvironment();
-        environment.insert("ZEV_SHM_DIR", directory);
-        m_process.setProcessEnvironment(environment);
+        m_environment.insert("ZEV_SHM_DIR", directory);
+        m_process.setProcessEnvironment(m_environment);
         m_process.start(ZEVSHM, QStringList{"publish", name} + more);
         m_process.waitForStarted(30000);
-        // The socket has the store's name. A viewer that is there first begins with the no-signal picture.
+        // The socket has the store's name.
         EXPECT_TRUE(waitUntil([&] { return QFileInfo::exists(directory + '/' + name); }));
     }
     ~Tool()
@@ -31,8 +30,18 @@ public:
         m_process.kill();
         m_process.waitForFinished(10000);
     }
+    // A viewer that is there before the first frame begins with the no-signal picture.
+    bool hasFrame() const
+    {
+        QProcess snapshot;
+        snapshot.setProcessEnvironment(m_environment);
+        snapshot.start(ZEVSHM, {"snapshot", m_name, m_environment.value("ZEV_SHM_DIR") + "/frame.png"});
+        return snapshot.waitForFinished(30000) && snapshot.exitCode() == 0;
+    }
 
 private:
+    QString m_name;
+    QProcessEnvironment m_environment = QProcessEnvironment::systemEnvironment();
     BoundProcess m_process;
 };
 
@@ -147,6 +156,7 @@ TEST_F(ViewerPlayback, aShortHistoryIsTold)
     few << "--history"
         << "4";
     const Tool tool(directory.path(), "av", few);
+    ASSERT_TRUE(waitUntil([&] { return tool.hasFrame(); }));
     QJsonObject r;
     for (int i = 0; i < 3 && r["audio"].toObject()["history_short_ms"].toDouble() == 0.0; ++i)
         r = report({"--audio-device", "a"});

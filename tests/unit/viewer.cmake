@@ -24,10 +24,3 @@ zev_test(tst_viewerwindow
     LABEL integration)
 target_include_directories(tst_viewerwindow PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/integration)
 set_target_properties(tst_viewerwindow PROPERTIES AUTORCC ON)
-
-# With OpenGL the leak check sees what Mesa's driver, unloaded by then, and Qt Quick's offscreen surface keep: neither can
-# be told by name any more. The software scene graph's run of tst_livevideo has the check.
-if(ZEV_SANITIZE MATCHES "address")
-    set_property(TEST tst_livevideo_opengl tst_viewerwindow APPEND PROPERTY ENVIRONMENT
-        "ASAN_OPTIONS=detect_stack_use_after_return=1:detect_leaks=0")
-endif()
