@@ -115,7 +115,8 @@ std::string describe(const StoreReport &report, int64_t nowUs)
             print(", wish %.5g fps", static_cast<double>(info.wished_numerator) / info.wished_denominator);
     text += print("\n  memory    %s", byteText(info.total_bytes).c_str());
     if (report.format.has_video)
-        text += print(" (%d slots of %s), %s", info.slot_count, byteText(info.slot_bytes).c_str(), info.memory);
+        text +=
+            print(" (%d slots of %s), %s", info.slot_count, byteText(info.slot_bytes).c_str(), info.memory);
     text += print("%s\n", info.sealed ? ", sealed" : "");
     if (report.format.has_video)
         text += print("  DMA-buf   %s\n", info.dmabuf);
