@@ -2,6 +2,8 @@
 
 #include <QCommandLineParser>
 
+#include <shm/shm_types.h>
+
 namespace {
 
 // Longer runs are ended by hand; and a day in milliseconds fits a timer.
@@ -38,6 +40,19 @@ Value choice(const QCommandLineParser &parser, const QString &name,
                       .arg(name, parser.value(name), names.join(QStringLiteral(", ")))};
 }
 
+// A name that no store can have would be waited for without end.
+void checkStoreName(const QUrl &url, const QString &text)
+{
+    if (!url.host().isEmpty())
+        throw Problem{
+            QStringLiteral("'%1' names the host '%2', and stores are of this machine; write shm:///%2")
+                .arg(text, url.host())};
+    const QString name = url.path(QUrl::FullyDecoded).mid(1).section(QLatin1Char(';'), 0, 0);
+    shm_error_t error = {};
+    if (shm_check_name(name.toUtf8().constData(), &error) != 0)
+        throw Problem{QStringLiteral("'%1': %2").arg(text, QString::fromUtf8(error.message))};
+}
+
 QUrl sourceUrl(const QString &text)
 {
     const QUrl url(text, QUrl::StrictMode);
@@ -49,6 +64,8 @@ QUrl sourceUrl(const QString &text)
         throw Problem{QStringLiteral("'%1' names no source; a store is named shm:///NAME, a capture device "
                                      "v4l:///dev/videoN")
                           .arg(text)};
+    if (url.scheme() == QLatin1String("shm"))
+        checkStoreName(url, text);
     return url;
 }
 

@@ -108,7 +108,10 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         Bad{"", "URL is missing"}, Bad{"shm:///a shm:///b", "shm:///b"},
         Bad{"shm:///cam0 --nonsense", "nonsense"}, Bad{"shm:///", "names no source"},
-        Bad{"shm:", "names no source"}, Bad{"shm:///cam0 --fps fast", "--fps fast"},
+        Bad{"shm:", "names no source"}, Bad{"shm:///a/b", "'shm:///a/b'"},
+        Bad{"shm:///.hidden", "'shm:///.hidden'"}, Bad{"shm:///;2", "'shm:///;2'"},
+        Bad{"shm://elsewhere/cam0", "the host 'elsewhere'"},
+        Bad{"shm:///cam0 --audio shm:///a/b", "'shm:///a/b'"}, Bad{"shm:///cam0 --fps fast", "--fps fast"},
         Bad{"shm:///cam0 --fps 0", "--fps 0"}, Bad{"shm:///cam0 --fps nan", "--fps nan"},
         Bad{"shm:///cam0 --seconds -1", "--seconds -1"}, Bad{"shm:///cam0 --frames both", "video, image"},
         Bad{"shm:///cam0 --fill wide", "crop"}, Bad{"shm:///cam0 --frame-path gl", "auto, mapped, egl"},
