@@ -24,3 +24,13 @@ endforeach()
 add_library(shm-header-check OBJECT ${header_sources})
 zev_target(shm-header-check)
 target_link_libraries(shm-header-check PRIVATE Zev::shm)
+
+set(header_sources)
+foreach(header capturebase dmaeglcapture cameras)
+    file(CONFIGURE OUTPUT ${header_folder}/zevmm_${header}.cpp CONTENT
+        "#include <zevmm/v4l2/${header}.h>\n#include <zevmm/v4l2/${header}.h>\n")
+    list(APPEND header_sources ${header_folder}/zevmm_${header}.cpp)
+endforeach()
+add_library(zevmm-header-check OBJECT ${header_sources})
+zev_target(zevmm-header-check)
+target_link_libraries(zevmm-header-check PRIVATE Zev::zevmm)

@@ -1,0 +1,64 @@
+#include "system.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+
+namespace zevmm {
+namespace v4l2 {
+
+namespace {
+
+int answer(int result)
+{
+    return result < 0 ? -errno : result;
+}
+
+class Kernel : public System
+{
+public:
+    int open(const char *path, int flags) override { return answer(::open(path, flags)); }
+    // Not repeated on EINTR: Linux has freed the number by then.
+    int close(int fd) override { return answer(::close(fd)); }
+    int ioctl(int fd, unsigned long request, void *argument) override
+    {
+        return answer(::ioctl(fd, request, argument));
+    }
+    int poll(pollfd *descriptors, unsigned int count, int timeoutMs) override
+    {
+        return answer(::poll(descriptors, count, timeoutMs));
+    }
+    std::int64_t now() override
+    {
+        timespec time = {};
+        clock_gettime(CLOCK_MONOTONIC, &time);
+        return static_cast<std::int64_t>(time.tv_sec) * 1000000 + time.tv_nsec / 1000;
+    }
+};
+
+} // namespace
+
+int System::request(int fd, unsigned long request, void *argument)
+{
+    // Signals come one at a time: a driver that is interrupted this often does not want to.
+    constexpr int patience = 100;
+    int result = 0;
+    for (int i = 0; i < patience; ++i) {
+        result = ioctl(fd, request, argument);
+        if (result != -EINTR)
+            break;
+    }
+    return result;
+}
+
+System &kernelSystem()
+{
+    static Kernel kernel;
+    return kernel;
+}
+
+} // namespace v4l2
+} // namespace zevmm
