@@ -18,6 +18,11 @@ extern "C" {
 #include <libswresample/swresample.h>
 }
 
+// The level function as it is on processors with fewer vectors: with those only that every processor of the
+// architecture has, and with what the compiler makes of plain C.
+extern "C" int av_audio_level_calc_vectors1(const void *, size_t, long, int, AudioLevelCalcResult *);
+extern "C" int av_audio_level_calc_vectors0(const void *, size_t, long, int, AudioLevelCalcResult *);
+
 namespace {
 
 const int sourceRate = 48000;
@@ -146,14 +151,29 @@ void convertBare(benchmark::State &state)
 const int64_t shortBlock = sourceRate / 10;
 const int64_t longBlock = sourceRate * 1000;
 
-void levels(benchmark::State &state)
+void measureLevels(benchmark::State &state, decltype(&av_audio_level_calc) calculate)
 {
     const std::vector<int16_t> samples = noise(static_cast<size_t>(state.range(0)) * channels);
     AudioLevelCalcResult result;
     for (auto _ : state) {
-        av_audio_level_calc(samples.data(), static_cast<size_t>(state.range(0)), channels, 1, &result);
+        calculate(samples.data(), static_cast<size_t>(state.range(0)), channels, 1, &result);
         benchmark::DoNotOptimize(result);
     }
+}
+
+void levels(benchmark::State &state)
+{
+    measureLevels(state, av_audio_level_calc);
+}
+
+void levelsBaseline(benchmark::State &state)
+{
+    measureLevels(state, av_audio_level_calc_vectors1);
+}
+
+void levelsPlain(benchmark::State &state)
+{
+    measureLevels(state, av_audio_level_calc_vectors0);
 }
 
 void readMemory(benchmark::State &state)
@@ -172,6 +192,8 @@ BENCHMARK(readResampled);
 BENCHMARK(readEqualFormats);
 BENCHMARK(convertBare);
 BENCHMARK(levels)->Arg(shortBlock)->Arg(longBlock);
+BENCHMARK(levelsBaseline)->Arg(shortBlock)->Arg(longBlock);
+BENCHMARK(levelsPlain)->Arg(shortBlock)->Arg(longBlock);
 BENCHMARK(readMemory)->Arg(shortBlock)->Arg(longBlock);
 
 } // namespace

@@ -2,9 +2,10 @@ zev_test(tst_clockadjustmentdetector
     SOURCES unit/tst_clockadjustmentdetector.cpp
     LIBRARIES Zev::zev-utils GTest::gtest_main)
 
+include(${PROJECT_SOURCE_DIR}/platform/audio-level/variants.cmake)
 zev_test(tst_audiolevel
     SOURCES unit/tst_audiolevel.cpp
-    LIBRARIES Zev::audio-level GTest::gtest_main)
+    LIBRARIES Zev::audio-level audio-level-vectors0 audio-level-vectors1 GTest::gtest_main)
 
 # The reader and the player on the library's objects, over a store of known samples.
 set(audio_unit ${CMAKE_CURRENT_LIST_DIR})

@@ -5,9 +5,19 @@
 #include <stdint.h>
 #include <string.h>
 
-#if defined(__SSE2__)
+/*
+ * Which vectors are used: 2 (or undefined) what this processor turns out to have, 1 only what every processor
+ * of the architecture has, 0 none but the compiler's own. Tests and benchmarks build all of them.
+ */
+#ifndef AUDIO_LEVEL_VECTORS
+#define AUDIO_LEVEL_VECTORS 2
+#endif
+
+#if AUDIO_LEVEL_VECTORS > 0 && defined(__SSE2__)
+#define AUDIO_LEVEL_X86
 #include <immintrin.h>
-#elif defined(__ARM_NEON)
+#elif AUDIO_LEVEL_VECTORS > 0 && defined(__ARM_NEON)
+#define AUDIO_LEVEL_NEON
 #include <arm_neon.h>
 #endif
 
@@ -32,7 +42,7 @@ static int vectors_per_row(int channels)
     return vectors[channels];
 }
 
-#if defined(__SSE2__)
+#if defined(AUDIO_LEVEL_X86)
 
 #define ADD_ROWS add_rows_sse2
 #define ADD_ALL_ROWS add_all_rows_sse2
@@ -83,7 +93,7 @@ static int vectors_per_row(int channels)
 static size_t add_all_rows(const int16_t *samples, size_t total, int channels, size_t *lanes, sums_t *sums)
 {
     const int vectors = vectors_per_row(channels);
-    const int hasAvx2 = __builtin_cpu_supports("avx2");
+    const int hasAvx2 = AUDIO_LEVEL_VECTORS > 1 && __builtin_cpu_supports("avx2");
     *lanes = (size_t)vectors * (hasAvx2 ? WIDEST : LANES);
     const size_t pairs = total / (2 * *lanes);
     if (hasAvx2)
@@ -95,105 +105,36 @@ static size_t add_all_rows(const int16_t *samples, size_t total, int channels, s
 
 #else
 
-enum { ROWS_PER_FLUSH = 64 };
+enum { ROWS_PER_GROUP = 3 };
 
-/* Eight samples and what becomes of them; the compiler maps these to whatever vectors the processor has. */
-typedef int16_t samples_t __attribute__((vector_size(LANES * sizeof(int16_t))));
-typedef int32_t pairs_t __attribute__((vector_size(LANES / 2 * sizeof(int32_t))));
-typedef float squares_t __attribute__((vector_size(LANES / 2 * sizeof(float))));
-
-/* C has no vector minimum; composed of a comparison and three logical operations it would cost half of all
- * the time. */
-static inline samples_t larger(samples_t a, samples_t b)
-{
-#if defined(__ARM_NEON)
-    return (samples_t)vmaxq_s16((int16x8_t)a, (int16x8_t)b);
+#if defined(AUDIO_LEVEL_NEON)
+#include "add_rows_neon.h"
 #else
-    const samples_t above = a > b;
-    return (a & above) | (b & ~above);
+#include "add_rows_portable.h"
 #endif
-}
 
-static inline samples_t smaller(samples_t a, samples_t b)
-{
-#if defined(__ARM_NEON)
-    return (samples_t)vminq_s16((int16x8_t)a, (int16x8_t)b);
-#else
-    const samples_t above = a > b;
-    return (b & above) | (a & ~above);
-#endif
-}
-
-/*
- * Adds whole rows of `vectors` vectors. A row's length is a multiple of the channel count, so a lane belongs
- * to one channel throughout and nothing needs to be shuffled. `vectors` is a constant in every caller, which
- * keeps the accumulators in registers.
- *
- * Squares are summed in floats over a few rows only, then in doubles: a float that runs over a long block
- * would lose its quiet parts.
- */
-static inline __attribute__((always_inline)) void add_rows(const int16_t *data, size_t rows, int vectors,
-                                                           sums_t *sums)
-{
-    samples_t high[VECTORS_MAX] = {{0}};
-    samples_t low[VECTORS_MAX] = {{0}};
-    while (rows > 0) {
-        const size_t count = rows < ROWS_PER_FLUSH ? rows : ROWS_PER_FLUSH;
-        squares_t even[VECTORS_MAX] = {{0}};
-        squares_t odd[VECTORS_MAX] = {{0}};
-        for (size_t row = 0; row < count; ++row) {
-            for (int v = 0; v < vectors; ++v, data += LANES) {
-                samples_t samples;
-                memcpy(&samples, data, sizeof samples); /* blocks are aligned to a sample only */
-                high[v] = larger(samples, high[v]);
-                low[v] = smaller(samples, low[v]);
-
-                pairs_t pairs;
-                memcpy(&pairs, &samples, sizeof pairs);
-#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-                const squares_t first = __builtin_convertvector((pairs << 16) >> 16, squares_t);
-                const squares_t second = __builtin_convertvector(pairs >> 16, squares_t);
-#else
-                const squares_t first = __builtin_convertvector(pairs >> 16, squares_t);
-                const squares_t second = __builtin_convertvector((pairs << 16) >> 16, squares_t);
-#endif
-                even[v] += first * first;
-                odd[v] += second * second;
-            }
-        }
-        for (int v = 0; v < vectors; ++v) {
-            for (int i = 0; i < LANES / 2; ++i) {
-                sums->squares[v * LANES + 2 * i] += (double)even[v][i];
-                sums->squares[v * LANES + 2 * i + 1] += (double)odd[v][i];
-            }
-        }
-        rows -= count;
-    }
-    memcpy(sums->high, high, sizeof high);
-    memcpy(sums->low, low, sizeof low);
-}
-
+/* `vectors` is a constant in every call, which keeps the sums in registers. Returns the samples that were
+ * added; `lanes` is set to a row's. */
 static size_t add_all_rows(const int16_t *samples, size_t total, int channels, size_t *lanes, sums_t *sums)
 {
-    /* Two vectors at least, so that additions overlap. */
-    const int vectors = vectors_per_row(channels) == 1 ? 2 : vectors_per_row(channels);
+    const int vectors = vectors_per_row(channels);
     *lanes = (size_t)vectors * LANES;
-    const size_t rows = total / *lanes;
+    const size_t groups = total / (ROWS_PER_GROUP * *lanes);
     switch (vectors) {
-    case 2:
-        add_rows(samples, rows, 2, sums);
+    case 1:
+        add_rows(samples, groups, 1, sums);
         break;
     case 3:
-        add_rows(samples, rows, 3, sums);
+        add_rows(samples, groups, 3, sums);
         break;
     case 5:
-        add_rows(samples, rows, 5, sums);
+        add_rows(samples, groups, 5, sums);
         break;
     default:
-        add_rows(samples, rows, 7, sums);
+        add_rows(samples, groups, 7, sums);
         break;
     }
-    return rows * *lanes;
+    return groups * ROWS_PER_GROUP * *lanes;
 }
 
 #endif
