@@ -32,10 +32,14 @@ Q_DECLARE_METATYPE(std::chrono::seconds)
  *
  * Units: rates in frames a second; timestamps of frames and audio in wall-clock microseconds.
  *
- * Errors: the constructor throws std::logic_error for a URL without a scheme or with an unknown one. After
- * that only empty values: a store that is not there yet is looked for once a second.
+ * Capture devices: their frames carry EGL images, so only enableVideoFrames() delivers any, and only once a
+ * renderer has called the source's GL hooks (V4L2MediaSource; LiveVideo does). A camera answers requests for
+ * video and audio in one, which is what the ticks ask for without an audio URL. With one they ask for video
+ * alone, and the camera stays silent: sound beside a camera comes from a MediaSource of its own.
  *
- * Note: capture devices are not built in yet: a video URL with the scheme "v4l" throws std::logic_error.
+ * Errors: the constructor throws std::logic_error for a URL without a scheme or with an unknown one, and
+ * passes on what a capture device's source throws (std::system_error with device and remedy). After that only
+ * empty values: a store that is not there yet is looked for once a second.
  */
 class ZEVQTMM_EXPORT MediaProvider : public QObject
 {

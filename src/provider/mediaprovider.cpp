@@ -3,12 +3,12 @@
 #include "provider/sourceurl.h"
 
 #include <zevqt-mm/mediasource.h>
+#include <zevqt-mm/v4l2mediasource.h>
 #include <zevqt-mm/videotimeline.h>
 
 #include <QtCore/QDebug>
 
 #include <algorithm>
-#include <stdexcept>
 
 namespace {
 
@@ -27,10 +27,7 @@ QSharedPointer<MediaSourceBase> makeShmSource(const QString &name)
 
 QSharedPointer<MediaSourceBase> makeV4lSource(const QString &device)
 {
-    throw std::logic_error(
-        QStringLiteral("MediaProvider: cannot open %1: this build has no video4linux2 source, use a shm URL")
-            .arg(device)
-            .toStdString());
+    return QSharedPointer<MediaSourceBase>(new V4L2MediaSource(device, nullptr));
 }
 
 QSharedPointer<MediaSourceBase> makeVideoSource(MediaProvider::Schemes scheme, const QString &name)

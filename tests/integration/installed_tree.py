@@ -53,7 +53,7 @@ def write_consumer(folder, readme, include):
 
 def check_libraries(app, prefix):
     libraries = dict(re.findall(r"^\s*(lib\S+) => (\S+)", must("ldd", app), re.M))
-    for name in ("libzevqt-mm.so", "libshm.so", "libzevqt-utils.so", "libzev-utils.so", "libaudio-level.so"):
+    for name in ("libzevqt-mm.so", "libshm.so", "libzevmm.so", "libzevqt-utils.so", "libzev-utils.so", "libaudio-level.so"):
         path = next((found for key, found in libraries.items() if key.startswith(name)), None)
         if path is None or not pathlib.Path(path).resolve().is_relative_to(prefix):
             sys.exit(f"{name} comes from {path}, not from {prefix}")

@@ -10,7 +10,7 @@ zev_test(tst_audiolevel
 # The reader and the player on the library's objects, over a store of known samples.
 set(audio_unit ${CMAKE_CURRENT_LIST_DIR})
 set(audio_store ${audio_unit}/fake_audiostore.cpp ${audio_unit}/fake_audiostore.h)
-set(audio_libraries zevqt-mm-objects Zev::zevqt-utils Zev::audio-level Qt5::Test PkgConfig::FFMPEG)
+set(audio_libraries zevqt-mm-objects Zev::zevmm Zev::zevqt-utils Zev::audio-level Qt5::Test PkgConfig::FFMPEG)
 
 zev_test(tst_audioreader SOURCES ${audio_unit}/tst_audioreader.cpp ${audio_store}
     LIBRARIES ${audio_libraries})

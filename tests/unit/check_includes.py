@@ -19,7 +19,7 @@ ALLOWED = {
     "src/audio": ("audio/", "wrapping.h", "zevqt-mm/", "zev-utils/", "audio-level/", "audio_level/"),
     "qml": ("zevqt-mm/", "shm/"),
     "tools": ("shm/",),
-    "examples": ("zevqt-mm/", "shm/", "zev-utils/"),
+    "examples": ("zevqt-mm/", "shm/", "zevmm/", "zev-utils/"),
 }
 # These know nothing of Qt.
 WITHOUT_QT = ("platform/shm/", "platform/zevmm/", "platform/zev-utils/", "platform/audio-level/", "tools/")

@@ -1,8 +1,9 @@
 # The video road. Private classes are tested on the library's objects; the store is a fake, so that what the library
-# asks of it can be compared call by call.
+# asks of it can be compared call by call. So is the capture library, where cameras matter.
 set(unit ${CMAKE_CURRENT_LIST_DIR})
 set(fake_store ${unit}/fake_shm.cpp ${unit}/fake_shm.h)
-set(core_libraries zevqt-mm-objects Qt5::Test PkgConfig::FFMPEG)
+set(fake_camera ${unit}/fake_zevmm.cpp ${unit}/fake_zevmm.h)
+set(core_libraries zevqt-mm-objects Zev::zevmm Qt5::Test PkgConfig::FFMPEG)
 
 zev_test(tst_shmemreader SOURCES ${unit}/tst_shmemreader.cpp ${fake_store} LIBRARIES ${core_libraries})
 zev_test(tst_shmemreaderdma SOURCES ${unit}/tst_shmemreaderdma.cpp ${fake_store} LIBRARIES ${core_libraries})
@@ -22,6 +23,15 @@ zev_test(tst_shmemdmavideobuffer
 target_include_directories(tst_shmemdmavideobuffer PRIVATE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src
     $<TARGET_PROPERTY:Zev::shm,INTERFACE_INCLUDE_DIRECTORIES>)
 target_compile_definitions(tst_shmemdmavideobuffer PRIVATE QT_NO_KEYWORDS)
+set(sources ${PROJECT_SOURCE_DIR}/src/sources)
+set(headers ${PROJECT_SOURCE_DIR}/include/zevqt-mm)
+zev_test(tst_v4l2mediasource
+    SOURCES ${unit}/tst_v4l2mediasource.cpp ${fake_camera} ${sources}/v4l2mediasource.cpp ${headers}/v4l2mediasource.h
+        ${sources}/mediasourcebase.cpp ${headers}/mediasourcebase.h ${video}/dmavideobuffer.cpp
+    LIBRARIES Qt5::Multimedia Qt5::Gui Qt5::Test)
+target_include_directories(tst_v4l2mediasource PRIVATE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src
+    $<TARGET_PROPERTY:Zev::zevmm,INTERFACE_INCLUDE_DIRECTORIES>)
+target_compile_definitions(tst_v4l2mediasource PRIVATE QT_NO_KEYWORDS ZEVQTMM_BUILD)
 
 # With a tick source that has no thread: what the timeline asks of it is part of its contract, and time is the test's.
 set(timeline_sources ${unit}/fake_source.h ${unit}/fakes/zevqt-utils/multimediathread.h
@@ -33,11 +43,17 @@ foreach(test tst_videotimeline tst_videotimelinecadence)
         ${unit}/fakes ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
     target_compile_definitions(${test} PRIVATE QT_NO_KEYWORDS ZEVQTMM_BUILD)
 endforeach()
-# Without the thread sanitizer, these two: several threads meet at a QMutex, whose locking lies inside Qt, which is not
+# Without the thread sanitizer, these: several threads meet at a QMutex, whose locking lies inside Qt, which is not
 # instrumented. The sanitizer sees no lock and reports what it guards, ours and the fake's alike; to suppress those
 # reports by name would mean to suppress the very functions under test.
 zev_test(tst_videoframeconverter NO_TSAN SOURCES ${unit}/tst_videoframeconverter.cpp ${fake_store} LIBRARIES ${core_libraries})
-zev_test(tst_mediaprovider NO_TSAN SOURCES ${unit}/tst_mediaprovider.cpp ${fake_store} LIBRARIES ${core_libraries})
+set(provider_libraries zevqt-mm-objects Qt5::Test PkgConfig::FFMPEG)
+zev_test(tst_mediaprovider NO_TSAN SOURCES ${unit}/tst_mediaprovider.cpp ${fake_store} ${fake_camera}
+    LIBRARIES ${provider_libraries})
+target_include_directories(tst_mediaprovider PRIVATE $<TARGET_PROPERTY:Zev::zevmm,INTERFACE_INCLUDE_DIRECTORIES>)
+zev_test(tst_mediaprovidercamera NO_TSAN SOURCES ${unit}/tst_mediaprovidercamera.cpp ${fake_store} ${fake_camera}
+    LIBRARIES ${provider_libraries})
+target_include_directories(tst_mediaprovidercamera PRIVATE $<TARGET_PROPERTY:Zev::zevmm,INTERFACE_INCLUDE_DIRECTORIES>)
 
 include(${unit}/header_check.cmake)
 

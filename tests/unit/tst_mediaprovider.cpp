@@ -28,7 +28,6 @@ private Q_SLOTS:
     void badUrls();
     void videoUrlIsLookedAtFirst();
     void badUrlLeavesTheConstructor();
-    void captureDevicesAreNotBuiltIn();
 
     void sameStoreServesBoth();
     void separateAudio();
@@ -188,16 +187,6 @@ void tst_MediaProvider::badUrlLeavesTheConstructor()
     QVERIFY_EXCEPTION_THROWN(MediaProvider(url("cam0"), QUrl(), true, &parent), std::logic_error);
     QVERIFY(parent.children().isEmpty());
     QCOMPARE(store.takeCalls(), QStringList());
-}
-
-void tst_MediaProvider::captureDevicesAreNotBuiltIn()
-{
-    try {
-        MediaProvider provider(url("v4l:///dev/video0"), QUrl(), true);
-        QFAIL("nothing thrown");
-    } catch (const std::logic_error &error) {
-        QVERIFY(QByteArray(error.what()).contains("/dev/video0"));
-    }
 }
 
 void tst_MediaProvider::sameStoreServesBoth()
