@@ -47,7 +47,8 @@ AudioPlayer::AudioPlayer()
 
 AudioPlayer::~AudioPlayer()
 {
-    stop(); // the backends of Qt 5 abort the process when an active output is destroyed
+    device = QAudioDeviceInfo(); // no slot of playerStopped() starts anew
+    stop();                      // the backends of Qt 5 abort the process when an active output is destroyed
     delete output;
     qCDebug(audio) << "Audio player destroyed";
 }

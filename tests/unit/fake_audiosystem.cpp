@@ -22,7 +22,7 @@ void FakeAudioSystem::reset()
     preferred.setSampleType(QAudioFormat::SignedInt);
     preferred.setByteOrder(QAudioFormat::LittleEndian);
     startError = QAudio::NoError;
-    isSilentFailure = false;
+    failing = {QAudio::ActiveState, QAudio::StoppedState};
     createdOn.clear();
     destroyedActive = 0;
 }
@@ -45,12 +45,11 @@ void FakeAudioOutput::start(QIODevice *newDevice)
     device = newDevice;
     if (system.startError == QAudio::NoError) {
         enter(QAudio::ActiveState, QAudio::NoError);
-    } else if (system.isSilentFailure) {
-        error_ = system.startError;
-    } else {
-        enter(QAudio::ActiveState, QAudio::NoError);
-        enter(QAudio::StoppedState, system.startError);
+        return;
     }
+    for (const QAudio::State state : system.failing)
+        enter(state, system.startError);
+    error_ = system.startError;
 }
 
 void FakeAudioOutput::stop()

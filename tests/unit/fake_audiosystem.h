@@ -1,6 +1,7 @@
 #ifndef ZEV_TESTS_FAKE_AUDIOSYSTEM_H
 #define ZEV_TESTS_FAKE_AUDIOSYSTEM_H
 
+#include <QtCore/QList>
 #include <QtCore/QPointer>
 #include <QtCore/QSet>
 #include <QtCore/QStringList>
@@ -24,7 +25,7 @@ public:
     QSet<int> rates;     // that the devices take
     QAudioFormat preferred;
     QAudio::Error startError;         // of outputs created from now on
-    bool isSilentFailure;             // a failing start does not change the state
+    QList<QAudio::State> failing;     // the states that a failing start goes through
     QStringList createdOn;            // devices, one for every output that was created
     QPointer<FakeAudioOutput> output; // created last
     int liveOutputs;
@@ -41,6 +42,7 @@ public:
 
     // What the device does.
     QByteArray pull(int bytes);
+    bool hasOpenDevice() const { return device && device->isOpen(); } // started on, and not stopped since
     void tick() { Q_EMIT notify(); }
     void enter(QAudio::State newState, QAudio::Error newError);
 

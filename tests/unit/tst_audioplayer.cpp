@@ -56,6 +56,7 @@ private Q_SLOTS:
     void emptyDeviceNameStopsAndKeepsTheDevice();
     void unknownDeviceStopsAndKeepsTheDevice();
     void anotherDeviceGetsAnotherOutput();
+    void theSameDeviceKeepsItsOutput();
     void startPlaysTheSourcesFormat();
     void startWithoutAudio_data();
     void startWithoutAudio();
@@ -65,6 +66,8 @@ private Q_SLOTS:
     void outputIsReusedForAnEqualFormat();
     void outputThatFails_data();
     void outputThatFails();
+    void audioThatIsRequiredAndGoesAway_data();
+    void audioThatIsRequiredAndGoesAway();
     void notifyIntervalFollowsTheFrameRate_data();
     void notifyIntervalFollowsTheFrameRate();
     void stopClosesTheReaderAndSaysSo();
@@ -74,6 +77,8 @@ private Q_SLOTS:
     void clockShift();
     void playedTimeBeforeTheFirstSample();
     void playedTimeStartsUncorrectedAndIsSmoothed();
+    void playedTimeIsASlowAverage();
+    void correctionIsCutTowardsZero();
     void playedTimeSurvivesLongPlaying();
     void volume();
     void muteAndVolume();
@@ -83,7 +88,10 @@ private Q_SLOTS:
     void sourceThatNoLongerPlaysMayGo();
     void restartFromItsOwnSignals();
     void teardownWhilePlaying();
+    void restartDuringTeardown();
+    void aThousandStartsLeaveNothingBehind();
     void waveformFile();
+    void anotherWaveformFile();
     void waveformFileThatCannotBeOpened();
     void startThroughTheMetaObject();
 
@@ -256,6 +264,17 @@ void tst_AudioPlayer::anotherDeviceGetsAnotherOutput()
     QCOMPARE(devices().liveOutputs, 1);
 }
 
+void tst_AudioPlayer::theSameDeviceKeepsItsOutput()
+{
+    player()->setDevice(QStringLiteral("headphones"));
+    QVERIFY(player()->start(source.get(), 25));
+    QVERIFY(player()->setDevice(QStringLiteral("headphones")));
+    QVERIFY(!player()->isActive());
+    QVERIFY(player()->start(source.get(), 25));
+    QCOMPARE(devices().createdOn, QStringList{QStringLiteral("headphones")});
+    QCOMPARE(output()->resets, 1);
+}
+
 void tst_AudioPlayer::startPlaysTheSourcesFormat()
 {
     player()->setDevice(QStringLiteral("default"));
@@ -378,26 +397,61 @@ void tst_AudioPlayer::outputIsReusedForAnEqualFormat()
 
 void tst_AudioPlayer::outputThatFails_data()
 {
-    QTest::addColumn<bool>("isSilent");
-    QTest::newRow("and stops") << false;
-    QTest::newRow("without a change of its state") << true;
+    QTest::addColumn<QList<QAudio::State>>("states");
+    QTest::newRow("and stops") << QList<QAudio::State>{QAudio::ActiveState, QAudio::StoppedState};
+    QTest::newRow("without a change of its state") << QList<QAudio::State>{};
+    QTest::newRow("and stays active") << QList<QAudio::State>{QAudio::ActiveState};
 }
 
 void tst_AudioPlayer::outputThatFails()
 {
-    QFETCH(bool, isSilent);
+    QFETCH(QList<QAudio::State>, states);
     devices().startError = QAudio::OpenError;
-    devices().isSilentFailure = isSilent;
+    devices().failing = states;
     player()->setDevice(QStringLiteral("default"));
     takeLog();
     QVERIFY(!player()->start(source.get(), 25));
-    QCOMPARE(takeLog().last(), QStringLiteral("2 Audio playback failed for \"mic\" Error code: OpenError"));
+    const QStringList messages = takeLog();
+    const QString failure = QStringLiteral("2 Audio playback failed for \"mic\" Error code: OpenError");
+    QCOMPARE(messages.count(failure), 1);
+    // The failure first, then what stopping says.
+    QCOMPARE(messages.last(), states == QList<QAudio::State>{QAudio::ActiveState}
+                                  ? QStringLiteral("4 Audio playback stopped")
+                                  : failure);
     QVERIFY(!player()->isActive());
+    QCOMPARE(output()->state(), QAudio::StoppedState);
+    QVERIFY(!output()->hasOpenDevice());
     QCOMPARE(player()->getReadPosition(), qint64(0));
     QCOMPARE(fakeclock::starts, 0);
-    // Nothing holds on to the source any more.
+    // It can be started again, and nothing holds on to the source after that.
+    devices().startError = QAudio::NoError;
+    QVERIFY(player()->start(source.get(), 25));
+    QVERIFY(!output()->pull(3840).isEmpty());
+    player()->stop();
+    takeLog();
     source.reset();
     QVERIFY(takeLog().isEmpty());
+}
+
+void tst_AudioPlayer::audioThatIsRequiredAndGoesAway_data()
+{
+    QTest::addColumn<bool>("requireAudio");
+    QTest::newRow("required: nothing can be read") << true;
+    QTest::newRow("not required: silence") << false;
+}
+
+void tst_AudioPlayer::audioThatIsRequiredAndGoesAway()
+{
+    QFETCH(bool, requireAudio);
+    player()->setDevice(QStringLiteral("default"));
+    QVERIFY(player()->start(source.get(), 25, requireAudio));
+    const QByteArray audible = output()->pull(16384); // as much as is read ahead
+    QCOMPARE(audible.size(), 16384);
+    QVERIFY(audible != QByteArray(16384, 0));
+    store().hasAudio = false;
+    QVERIFY(source->open());
+    QCOMPARE(output()->pull(3840), requireAudio ? QByteArray() : QByteArray(3840, 0));
+    QVERIFY(player()->isActive()); // what to make of it is the device's
 }
 
 void tst_AudioPlayer::notifyIntervalFollowsTheFrameRate_data()
@@ -546,6 +600,45 @@ void tst_AudioPlayer::playedTimeStartsUncorrectedAndIsSmoothed()
     QCOMPARE(player()->getPlayedTime(), now - 200000 + 10600000 - 250000 - 20000);
 }
 
+// The device reports a thousand seconds at once, next to which it does not matter how long this takes: a
+// thousandth of what is still missing, at every call.
+void tst_AudioPlayer::playedTimeIsASlowAverage()
+{
+    player()->setDevice(QStringLiteral("default"));
+    QVERIFY(player()->start(source.get(), 25));
+    output()->pull(3840);
+    const qint64 first = player()->getPlayedTime();
+    const qint64 ahead = 1000000000;
+    output()->processed += ahead;
+    double left = 1;
+    for (int i = 0; i < 1000; ++i) {
+        left *= 0.999;
+        const double taken = static_cast<double>(first + ahead - player()->getPlayedTime());
+        const double expected = static_cast<double>(ahead) * (1 - left);
+        QVERIFY2(taken <= expected + 1 && taken > expected * 0.97, qPrintable(QString::number(taken)));
+    }
+}
+
+// Half a microsecond to take off is none.
+void tst_AudioPlayer::correctionIsCutTowardsZero()
+{
+    player()->setDevice(QStringLiteral("default"));
+    for (const qint64 ahead : {10000500, -10000500}) {
+        qint64 first = 0;
+        qint64 second = 0;
+        QElapsedTimer passed;
+        do { // until both calls are in one millisecond
+            QVERIFY(player()->start(source.get(), 25));
+            output()->pull(3840);
+            passed.start();
+            first = player()->getPlayedTime();
+            output()->processed += ahead;
+            second = player()->getPlayedTime();
+        } while (passed.elapsed() > 0);
+        QCOMPARE(second - first, ahead - (ahead < 0 ? -10000 : 10000));
+    }
+}
+
 // The difference is worked out in 32 bits that wrap: what matters is that it is right again while it is
 // small.
 void tst_AudioPlayer::playedTimeSurvivesLongPlaying()
@@ -570,8 +663,16 @@ void tst_AudioPlayer::volume()
     QCOMPARE(changed.count(), 1);
     QCOMPARE(player()->volume(), 0.53);
     player()->setVolume(0.5);
+    player()->setVolume(0.549);
+    QCOMPARE(changed.count(), 1);
+    player()->setVolume(0.5);
+    player()->setVolume(0.451);
+    QCOMPARE(changed.count(), 1);
+    player()->setVolume(0.5);
     player()->setVolume(0.56);
     QCOMPARE(changed.count(), 2);
+    player()->setVolume(0.509);
+    QCOMPARE(changed.count(), 3);
     player()->setVolume(-3);
     QCOMPARE(player()->volume(), 0.0);
     player()->setVolume(7);
@@ -687,6 +788,15 @@ void tst_AudioPlayer::restartFromItsOwnSignals()
     disconnect(connection);
     QCOMPARE(devices().createdOn.size(), 2);
     QVERIFY(player()->isActive());
+    // What the former one still has to say is no longer of interest.
+    QSignalSpy played(player(), &AudioPlayer::audioPlayed);
+    QSignalSpy stopped(player(), &AudioPlayer::playerStopped);
+    first->tick();
+    first->enter(QAudio::IdleState, QAudio::NoError);
+    first->enter(QAudio::StoppedState, QAudio::NoError);
+    QCOMPARE(played.count(), 0);
+    QCOMPARE(stopped.count(), 0);
+    QVERIFY(!output()->pull(3840).isEmpty());
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     QCOMPARE(devices().liveOutputs, 1);
 }
@@ -702,6 +812,48 @@ void tst_AudioPlayer::teardownWhilePlaying()
     QCOMPARE(takeLog().last(), QStringLiteral("0 Audio player destroyed"));
     QCOMPARE(devices().liveOutputs, 0);
     QCOMPARE(devices().destroyedActive, 0);
+}
+
+// Whoever starts anew whenever the player has stopped must not have it play on while it goes away.
+void tst_AudioPlayer::restartDuringTeardown()
+{
+    player()->setDevice(QStringLiteral("default"));
+    QVERIFY(player()->start(source.get(), 25));
+    AudioPlayer *leaving = player();
+    bool isStarted = true;
+    connect(leaving, &AudioPlayer::playerStopped, this,
+            [this, leaving, &isStarted] { isStarted = leaving->start(source.get(), 25); });
+    AudioPlayer::teardown();
+    QVERIFY(!isStarted);
+    QCOMPARE(devices().destroyedActive, 0);
+}
+
+void tst_AudioPlayer::aThousandStartsLeaveNothingBehind()
+{
+    const auto entries = [](const char *folder) {
+        return QDir(QLatin1String(folder))
+            .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)
+            .size();
+    };
+    const int descriptors = entries("/proc/self/fd");
+    const int threads = entries("/proc/self/task");
+    const int handles = store().openHandles;
+    for (int i = 0; i < 1000; ++i) {
+        store().sampleRate = i % 3 ? 48000 : 44100; // another output now and then
+        QVERIFY(source->open());
+        QVERIFY(player()->setDevice(i % 2 ? QStringLiteral("speaker") : QStringLiteral("headphones")));
+        QVERIFY(player()->start(source.get(), 25));
+        QCOMPARE(output()->pull(3840).size(), 3840);
+        output()->tick();
+        if (i % 5)
+            player()->stop();
+        QCOMPARE(devices().liveOutputs, 1);
+    }
+    AudioPlayer::teardown();
+    QCOMPARE(devices().liveOutputs, 0);
+    QCOMPARE(store().openHandles, handles);
+    QCOMPARE(entries("/proc/self/fd"), descriptors);
+    QCOMPARE(entries("/proc/self/task"), threads);
 }
 
 void tst_AudioPlayer::waveformFile()
@@ -722,6 +874,31 @@ void tst_AudioPlayer::waveformFile()
     // QIODevice reads ahead: the file has that much more.
     QVERIFY(dumped.size() >= heard.size() && dumped.size() < heard.size() + 16384);
     QCOMPARE(dumped.left(heard.size()), heard);
+}
+
+void tst_AudioPlayer::anotherWaveformFile()
+{
+    QTemporaryDir directory;
+    const QStringList paths{directory.filePath(QStringLiteral("one")),
+                            directory.filePath(QStringLiteral("two"))};
+    QFile former(paths.first()); // is overwritten
+    QVERIFY(former.open(QIODevice::WriteOnly));
+    former.write(QByteArray(100000, 'x'));
+    former.close();
+    player()->setDevice(QStringLiteral("default"));
+    QVector<QByteArray> heard;
+    for (const QString &path : paths) {
+        player()->setWaveformFile(path);
+        QVERIFY(player()->start(source.get(), 25));
+        heard.append(output()->pull(16384));
+        QCOMPARE(heard.last().size(), 16384);
+    }
+    AudioPlayer::teardown();
+    for (int i = 0; i < 2; ++i) {
+        QFile file(paths[i]);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QCOMPARE(file.readAll(), heard[i]);
+    }
 }
 
 void tst_AudioPlayer::waveformFileThatCannotBeOpened()

@@ -154,6 +154,7 @@ private Q_SLOTS:
     void resamplingIsSeamless();
     void newFormatMidStreamAnchorsAnew();
     void wideningStoreDoesNotOverrunTheBuffer();
+    void storeThatWidensDuringARead();
     void formatsThatCannotBeConverted_data();
     void formatsThatCannotBeConverted();
     void resamplerThatCannotBeBuiltMidStream();
@@ -339,6 +340,8 @@ void tst_AudioReader::sourceWithoutAudioPlaysSilenceOrFails()
 
     QVERIFY(reader->open(source.get(), pcm(48000, 2), false));
     QCOMPARE(read(3840), QByteArray(3840, 0));
+    QCOMPARE(reader->getGaps().silence, qint64(20000));
+    QCOMPARE(reader->getGaps().episodes, 1);
     QCOMPARE(reader->getFirstTimestamp(), qint64(0));
     QVERIFY(store().queries.empty());
 }
@@ -615,6 +618,26 @@ void tst_AudioReader::wideningStoreDoesNotOverrunTheBuffer()
     QCOMPARE(buffer, QVector<short>(2 * 100, 0x55));
 }
 
+// The same from within a read: what the source delivers from there on is for the next read, with a resampler
+// and a buffer of its own.
+void tst_AudioReader::storeThatWidensDuringARead()
+{
+    QVERIFY(reader->open(source.get(), pcm(44100, 2), true));
+    onConvert = [this] {
+        store().channels = 8;
+        QVERIFY(source->open());
+        source->requestAudio();
+        store().queries.clear();
+    };
+    const QByteArray data = read(16000); // four grabs
+    QVERIFY(!onConvert);
+    QVERIFY(store().queries.empty());
+    QVERIFY(data.left(3000) != QByteArray(3000, 0));
+    QCOMPARE(data.right(8000), QByteArray(8000, 0));
+    QVERIFY(read(16000).right(8000) != QByteArray(8000, 0));
+    QCOMPARE(store().queries.front().timestamp, now - 200000); // anchored anew
+}
+
 void tst_AudioReader::formatsThatCannotBeConverted_data()
 {
     QTest::addColumn<QAudioFormat>("output");
@@ -705,9 +728,20 @@ void tst_AudioReader::waveformGetsWhatTheDeviceGets()
     QCOMPARE(waveform.data().size(), expected.size());
     QVERIFY(waveform.isOpen());
 
-    // What fails leaves nothing in the file.
+    // What fails leaves nothing in the file, nor a complaint of it.
     reader->setWaveformOutput(&waveform);
+    store().hasAudio = true;
+    QVERIFY(source->open());
+    convertsUntilFailure = 0;
+    {
+        const Messages log;
+        read(500, -1);
+        QCOMPARE(log.list, QStringList{QStringLiteral("2 zevqt.audio: Error while converting audio format")});
+    }
+    QCOMPARE(waveform.data().size(), expected.size());
     reader->close();
+    store().hasAudio = false;
+    QVERIFY(source->open());
     QVERIFY(!reader->open(source.get(), pcm(44100, 1), true));
     QCOMPARE(waveform.data().size(), expected.size());
 }
