@@ -2,7 +2,7 @@
 if(ZEV_BUILD_TOOLS)
     pkg_check_modules(FFMPEG_MEDIA REQUIRED IMPORTED_TARGET
         libavformat libavcodec libswscale libswresample libavutil)
-    foreach(name errors publish media)
+    foreach(name errors publish media network)
         zev_test(tst_zevshm_${name}
             SOURCES
                 integration/tst_zevshm_${name}.cpp
@@ -13,4 +13,16 @@ if(ZEV_BUILD_TOOLS)
         target_compile_definitions(tst_zevshm_${name} PRIVATE ZEVSHM_PROGRAM="$<TARGET_FILE:zevshm>")
         add_dependencies(tst_zevshm_${name} zevshm)
     endforeach()
+    find_package(Python3 COMPONENTS Interpreter)
+    if(Python3_FOUND)
+        set(help "$<TARGET_FILE:zevshm>,--help")
+        foreach(command publish list info snapshot)
+            list(APPEND help "$<TARGET_FILE:zevshm>,${command},--help")
+        endforeach()
+        add_test(NAME manpage_zevshm COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/manpages.py
+            ${PROJECT_SOURCE_DIR}/docs/man/zevshm.1 ${help})
+        set_tests_properties(manpage_zevshm PROPERTIES LABELS integration TIMEOUT 60)
+        zev_test_environment(manpage_zevshm)
+    endif()
+    target_sources(tst_zevshm_network PRIVATE integration/rtspserver.cpp integration/streamsender.cpp)
 endif()

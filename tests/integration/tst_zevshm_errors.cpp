@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
 #include <random>
+#include <regex>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -78,6 +80,14 @@ TEST_F(ZevshmErrors, missingStore)
     expectFailure(run({"snapshot", "nobody", stores.file("x.png")}), 4, "\"nobody\"");
 }
 
+TEST_F(ZevshmErrors, picturesThatCannotBeWrittenAreRefusedBeforeTheStoreIsLookedAt)
+{
+    expectFailure(run({"snapshot", "nobody", "x.xyz"}), 2, "name it 'x.png'");
+    expectFailure(run({"snapshot", "nobody", stores.file("no/such/folder.png")}), 10, "folder.png");
+    expectFailure(run({"snapshot", "nobody", stores.file("UPPER.PNG")}), 4, "nobody");
+    expectFailure(run({"snapshot", "nobody", "-"}), 4, "nobody");
+}
+
 TEST_F(ZevshmErrors, deadWriter)
 {
     Zevshm publisher({"publish", "cam", "test:", "--size", "320x240"});
@@ -102,17 +112,37 @@ TEST_F(ZevshmErrors, storeDirectory)
 {
     const std::string missing = stores.file("not-there");
     setenv("ZEV_SHM_DIR", missing.c_str(), 1);
+    // Reading names the same thing in the same way, whatever the command.
+    const std::vector<std::vector<std::string>> reading = {
+        {"list"}, {"info", "cam"}, {"snapshot", "cam", stores.file("x.png")}};
     expectFailure(run({"publish", "cam", "test:"}), 6, missing);
-    expectFailure(run({"list"}), 6, missing);
+    for (const auto &command : reading)
+        expectFailure(run(command), 6, missing);
 
     const std::string file = stores.file("a-file");
     std::ofstream(file) << "x";
     setenv("ZEV_SHM_DIR", file.c_str(), 1);
     expectFailure(run({"publish", "cam", "test:"}), 6, file);
+    for (const auto &command : reading)
+        expectFailure(run(command), 6, file);
+}
+
+TEST_F(ZevshmErrors, noDirectoryThatNobodyNamedIsNoMistake)
+{
+    unsetenv("ZEV_SHM_DIR");
+    const char *runtime = std::getenv("XDG_RUNTIME_DIR");
+    const std::string before = runtime ? runtime : "";
+    setenv("XDG_RUNTIME_DIR", stores.file("not-there").c_str(), 1);
+    const Result list = run({"list"});
+    EXPECT_EQ(list.code, 0) << list.errors;
+    expectFailure(run({"info", "nobody-publishes-this"}), 4, "start its writer");
+    runtime ? setenv("XDG_RUNTIME_DIR", before.c_str(), 1) : unsetenv("XDG_RUNTIME_DIR");
 }
 
 TEST_F(ZevshmErrors, unwritableDirectoryAndUnreadableInput)
 {
+    const std::string closed = stores.file("closed");
+    ASSERT_EQ(mkdir(closed.c_str(), 0700), 0);
     const std::string secret = stores.file("secret.mkv");
     ASSERT_TRUE(writeMedia(secret, {}));
     ASSERT_EQ(chmod(secret.c_str(), 0), 0);
@@ -138,16 +168,28 @@ TEST_F(ZevshmErrors, unwritableDirectoryAndUnreadableInput)
     };
     const int input = asNobody({"publish", "cam", secret}, 8, secret);
     const int directory = asNobody({"publish", "cam", "test:"}, 6, stores.path());
+    const int picture = asNobody({"snapshot", "cam", stores.file("x.png")}, 10, "x.png");
+    setenv("ZEV_SHM_DIR", closed.c_str(), 1);
+    const int list = asNobody({"list"}, 6, closed);
+    const int info = asNobody({"info", "cam"}, 6, closed);
     chmod(stores.path().c_str(), 0755);
     if (input == 77 || directory == 77)
         GTEST_SKIP() << "this user can neither be refused nor become one who is";
     EXPECT_EQ(input, 0);
     EXPECT_EQ(directory, 0);
+    EXPECT_EQ(picture, 0);
+    EXPECT_EQ(list, 0);
+    EXPECT_EQ(info, 0);
 }
 
 TEST_F(ZevshmErrors, tooLittleMemory)
 {
-    expectFailure(run({"publish", "cam", "test:", "--size", "16384x16384", "--history", "200"}), 7, "bytes");
+    const Result result = run({"publish", "cam", "test:", "--size", "16384x16384", "--history", "200"});
+    expectFailure(result, 7, "bytes");
+    EXPECT_TRUE(
+        std::regex_search(result.errors, std::regex("needs [0-9]{10,} bytes and [0-9]+ are available")))
+        << result.errors;
+    EXPECT_FALSE(stores.hasSocket("cam"));
 }
 
 TEST_F(ZevshmErrors, inputs)
@@ -220,9 +262,11 @@ TEST_F(ZevshmErrors, helpAndVersion)
         EXPECT_EQ(help.errors, "");
         EXPECT_NE(help.output.find(std::string("Usage: zevshm ") + command), std::string::npos);
         EXPECT_NE(help.output.find("Examples:"), std::string::npos);
+        EXPECT_EQ(run({command, "-h"}).output, help.output);
     }
     const Result help = run({"--help"});
     EXPECT_EQ(help.code, 0);
+    EXPECT_EQ(run({"-h"}).output, help.output);
     for (const char *command : {"publish", "list", "info", "snapshot", "Exit codes:", "Examples:"})
         EXPECT_NE(help.output.find(command), std::string::npos);
     const Result version = run({"--version"});

@@ -5,6 +5,7 @@
 #include <zevshm-pattern/tones.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace driver {
 
@@ -52,6 +53,35 @@ void toLimited(AVFrame &frame)
     }
 }
 
+void addDisplayMatrix(AVStream *stream, const MediaPlan &plan)
+{
+    if (plan.turnClockwise == 0 && !plan.mirrored)
+        return;
+    int32_t matrix[9];
+    // Unlike the getter it takes degrees clockwise.
+    av_display_rotation_set(matrix, plan.turnClockwise);
+    av_display_matrix_flip(matrix, plan.mirrored, 0);
+#if LIBAVFORMAT_VERSION_INT >= AV_VERSION_INT(60, 15, 100)
+    AVPacketSideData *data =
+        av_packet_side_data_new(&stream->codecpar->coded_side_data, &stream->codecpar->nb_coded_side_data,
+                                AV_PKT_DATA_DISPLAYMATRIX, sizeof matrix, 0);
+    std::memcpy(data->data, matrix, sizeof matrix);
+#else
+    std::memcpy(av_stream_new_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, sizeof matrix), matrix,
+                sizeof matrix);
+#endif
+}
+
+void markInterlaced(AVFrame &frame)
+{
+#ifdef AV_FRAME_FLAG_INTERLACED
+    frame.flags |= AV_FRAME_FLAG_INTERLACED | AV_FRAME_FLAG_TOP_FIELD_FIRST;
+#else
+    frame.interlaced_frame = 1;
+    frame.top_field_first = 1;
+#endif
+}
+
 AvPtr<AVCodecContext> makeEncoder(AVFormatContext *format, const MediaPlan &plan, bool video,
                                   AVStream **stream)
 {
@@ -68,6 +98,8 @@ AvPtr<AVCodecContext> makeEncoder(AVFormatContext *format, const MediaPlan &plan
         encoder->color_range = plan.limitedRange ? AVCOL_RANGE_MPEG : AVCOL_RANGE_JPEG;
         if (plan.tagMatrix)
             encoder->colorspace = plan.matrix == Matrix::Bt601 ? AVCOL_SPC_SMPTE170M : AVCOL_SPC_BT709;
+        encoder->level = 3; // says for every frame whether it is interlaced
+        encoder->sample_aspect_ratio = av_d2q(plan.pixelAspect, 100);
     } else {
         encoder->sample_fmt = AV_SAMPLE_FMT_S16;
         encoder->sample_rate = 48000;
@@ -83,6 +115,10 @@ AvPtr<AVCodecContext> makeEncoder(AVFormatContext *format, const MediaPlan &plan
     if (video)
         (*stream)->avg_frame_rate = encoder->framerate;
     avcodec_parameters_from_context((*stream)->codecpar, encoder.get());
+    if (video) {
+        (*stream)->sample_aspect_ratio = encoder->sample_aspect_ratio;
+        addDisplayMatrix(*stream, plan);
+    }
     return encoder;
 }
 
@@ -92,7 +128,9 @@ bool writeMedia(const std::string &path, const MediaPlan &plan)
 {
     av_log_set_level(AV_LOG_QUIET);
     Output output;
-    if (avformat_alloc_output_context2(&output.format, nullptr, "matroska", path.c_str()) < 0)
+    // Matroska says nothing of how pictures are to be turned.
+    const char *container = plan.turnClockwise || plan.mirrored ? "mov" : "matroska";
+    if (avformat_alloc_output_context2(&output.format, nullptr, container, path.c_str()) < 0)
         return false;
     AVStream *videoStream = nullptr;
     AVStream *audioStream = nullptr;
@@ -124,6 +162,8 @@ bool writeMedia(const std::string &path, const MediaPlan &plan)
         pattern.draw(planes, static_cast<uint32_t>(i), static_cast<int64_t>(i) * 1000000 / plan.rate, 0);
         if (plan.limitedRange)
             toLimited(*frame);
+        if (plan.interlaced)
+            markInterlaced(*frame);
         if (!writePackets(output.format, video.get(), videoStream, frame.get()))
             return false;
         if (!audio)

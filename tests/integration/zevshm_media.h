@@ -21,9 +21,14 @@ struct MediaPlan
     bool tagMatrix = true; // say the matrix in the file
     bool limitedRange = true;
     bool withAudio = true;
+    bool interlaced = false;
+    double pixelAspect = 1; // width by height of a pixel
+    int turnClockwise = 0;  // degrees that a player has to turn the pictures by
+    bool mirrored = false;  // that a player has to mirror them, too
 };
 
-// Writes a Matroska file: lossless video, 48 kHz stereo tones. True when it is complete.
+// Writes a Matroska file, or a QuickTime one for pictures to be turned: lossless video, 48 kHz stereo tones.
+// True when it is complete.
 bool writeMedia(const std::string &path, const MediaPlan &plan);
 
 // The first frame of a file as FFmpeg decodes and converts it by itself: full-range RGB, 3 bytes a pixel.

@@ -213,6 +213,25 @@ AudioFormat Demuxer::audioFormat() const
     return {m_audio.codec->sample_rate, m_audio.codec->ch_layout.nb_channels};
 }
 
+std::optional<Turn> Demuxer::turn() const
+{
+    const int32_t *matrix = hasVideo() ? displayMatrix(m_video.stream) : nullptr;
+    if (!matrix)
+        return Turn::None;
+    // Mirrored: the upper left quarter of the matrix turns right-handed into left-handed.
+    const double handedness =
+        static_cast<double>(matrix[0]) * matrix[4] - static_cast<double>(matrix[1]) * matrix[3];
+    return handedness < 0 ? std::nullopt : turnFor(av_display_rotation_get(matrix));
+}
+
+double Demuxer::pixelAspect(const AVFrame &frame) const
+{
+    // Reads the frame only, without saying so.
+    const AVRational aspect =
+        av_guess_sample_aspect_ratio(m_format.get(), m_video.stream, const_cast<AVFrame *>(&frame));
+    return aspect.num > 0 && aspect.den > 0 ? av_q2d(aspect) : 1;
+}
+
 std::optional<int64_t> Demuxer::videoStartUs() const
 {
     if (!hasVideo() || m_video.stream->start_time == AV_NOPTS_VALUE)

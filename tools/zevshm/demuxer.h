@@ -58,6 +58,10 @@ public:
     std::optional<Ratio> rate() const; // of the video, when the container knows it
     double videoTickUs() const;        // what one step of the video's time base lasts
     AudioFormat audioFormat() const;
+    // How the pictures have to be turned to stand upright; nothing when no quarter turn does that.
+    std::optional<Turn> turn() const;
+    // Width by height of a pixel of this frame; 1 when nobody says.
+    double pixelAspect(const AVFrame &frame) const;
     std::optional<int64_t> videoStartUs() const;
     bool isLive() const { return m_live; }
     uint64_t damaged() const { return m_damaged; }

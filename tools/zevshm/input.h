@@ -4,9 +4,11 @@
 
 #include "audioblocks.h"
 #include "options.h"
+#include "turn.h"
 
 #include <shm/shm_writer.h>
 
+#include <cmath>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -14,6 +16,16 @@
 struct AVFrame;
 
 namespace zevshm {
+
+// Rates that nobody could tell apart in a year are the same: 30000/1001 and 29.97.
+inline bool sameRate(const std::optional<Ratio> &a, const std::optional<Ratio> &b)
+{
+    if (!a || !b)
+        return !a && !b;
+    const double first = static_cast<double>(a->numerator) / a->denominator;
+    const double second = static_cast<double>(b->numerator) / b->denominator;
+    return std::abs(first - second) <= 0.0001 * first;
+}
 
 struct VideoFormat
 {
@@ -24,9 +36,9 @@ struct VideoFormat
 
     bool operator==(const VideoFormat &other) const
     {
-        return width == other.width && height == other.height && color.matrix == other.color.matrix &&
-               color.range == other.color.range && color.transfer == other.color.transfer &&
-               color.siting == other.color.siting;
+        return sameRate(rate, other.rate) && width == other.width && height == other.height &&
+               color.matrix == other.color.matrix && color.range == other.color.range &&
+               color.transfer == other.color.transfer && color.siting == other.color.siting;
     }
     bool operator!=(const VideoFormat &other) const { return !(*this == other); }
 };
@@ -48,6 +60,7 @@ struct VideoItem
     int64_t mediaUs = 0;
     VideoFormat format;
     std::shared_ptr<AVFrame> picture; // null for test inputs
+    Turn turn = Turn::None;           // of the picture; `format` is that of the turned one
 };
 
 // Usage: start(), waitForFormat(), then one thread takes video and another one audio until they end; stop().

@@ -59,11 +59,9 @@ int listCommand(const std::vector<std::string> &words)
             static_cast<std::vector<Entry> *>(context)->push_back({name, directory, {}, {}});
         },
         &entries);
-    // No directory at all is what a machine looks like on which nobody has published yet; one that was named
-    // and is not there is a mistake.
-    const char *directory = std::getenv("ZEV_SHM_DIR");
-    if (found < 0 && (found != -ENOENT || (directory && *directory))) {
-        throw Failure(exitCodeForReader(found) == ExitNoStore ? ExitDirectory : exitCodeForReader(found),
+    if (found < 0 && (found != -ENOENT || isChosenDirectoryMissing())) {
+        const char *directory = std::getenv("ZEV_SHM_DIR");
+        throw Failure(found == -ENOENT ? ExitDirectory : exitCodeForReader(found),
                       std::string(directory && *directory ? directory : "the store directories") +
                           ": cannot be read (" + std::strerror(-found) +
                           "); check $ZEV_SHM_DIR and the permissions");

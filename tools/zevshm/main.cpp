@@ -21,7 +21,7 @@ void printHelp()
         "  list                     show the stores that can be read from here\n"
         "  info NAME                show what a store carries and how it is doing\n"
         "  snapshot NAME FILE.png   write a frame as a picture\n\n"
-        "Every command has --help. --version shows the version.\n\n"
+        "Every command has --help (-h). --version shows the version.\n\n"
         "Stores are looked for in $ZEV_SHM_DIR alone when that is set, else in $XDG_RUNTIME_DIR/zev-shm and\n"
         "/run/zev-shm.\n\n"
         "Exit codes:\n"
@@ -56,7 +56,7 @@ int run(const std::vector<std::string> &words)
     };
     if (words.empty())
         throw Failure(ExitUsage, "a command is missing; see 'zevshm --help'");
-    if (words[0] == "--help" || words[0] == "help") {
+    if (words[0] == "--help" || words[0] == "-h" || words[0] == "help") {
         printHelp();
         return ExitOk;
     }

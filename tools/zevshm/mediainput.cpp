@@ -5,6 +5,7 @@
 #include "messages.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace zevshm {
 
@@ -175,6 +176,8 @@ bool MediaInput::openAgain()
     m_snap.emplace(m_demuxer->rate(), m_demuxer->videoTickUs());
     if (m_settings.rate)
         m_rateConversion.emplace(*m_settings.rate);
+    else
+        m_rate = m_demuxer->rate(); // it may have been set differently meanwhile
     if (m_hasAudio) {
         m_audioConverter = std::make_unique<AudioConverter>(m_audioFormat);
         m_blocks.emplace(m_audioFormat.sampleRate, m_audioFormat.channels,
@@ -218,6 +221,8 @@ void MediaInput::onVideo(AvPtr<AVFrame> frame, int64_t ptsUs)
     m_passHasFrames = true;
     if (m_live && m_clock.arrived(mediaUs, m_settings.latencyUs))
         say(m_name.display + ": its timestamps jumped; followed");
+    if (!m_remarked)
+        remark(*frame);
 
     const std::shared_ptr<AVFrame> picture(frame.release(), AvDelete{});
     if (!m_rateConversion) {
@@ -232,14 +237,42 @@ void MediaInput::onVideo(AvPtr<AVFrame> frame, int64_t ptsUs)
     m_previous = picture;
 }
 
+// What a picture looks wrong by and we do nothing about is said, with what helps; once.
+void MediaInput::remark(const AVFrame &frame)
+{
+    m_remarked = true;
+    const std::optional<Turn> turn = m_demuxer->turn();
+    if (!turn)
+        say(m_name.display + ": wants to be shown mirrored or at an angle and is published as stored; "
+                             "convert it with 'ffmpeg' first, which applies that");
+    if (isInterlaced(frame))
+        say(m_name.display + ": is interlaced and is published with both fields in one frame; deinterlace it "
+                             "with 'ffmpeg -vf yadif' first, if moving edges look like combs");
+    const double aspect = m_demuxer->pixelAspect(frame);
+    if (m_settings.scaled || std::abs(aspect - 1) < 0.01)
+        return;
+    // Only ever enlarged: nothing of the picture is lost.
+    auto width = std::lround(frame.width * std::max(aspect, 1.0));
+    auto height = std::lround(frame.height / std::min(aspect, 1.0));
+    if (swapsSides(turn.value_or(Turn::None)))
+        std::swap(width, height);
+    say(m_name.display + ": its pixels are not square and it is published as stored; --size " +
+        std::to_string(width) + "x" + std::to_string(height) + " gives it its shape");
+}
+
 void MediaInput::push(int64_t mediaUs, const std::shared_ptr<AVFrame> &picture)
 {
     VideoItem item;
     item.mediaUs = mediaUs;
     item.picture = picture;
+    item.turn = m_demuxer->turn().value_or(Turn::None);
     item.format.width = picture->width;
     item.format.height = picture->height;
     item.format.color = colorOf(*picture);
+    if (item.turn != Turn::None)
+        item.format.color.siting = SHM_SITING_UNKNOWN; // what lay beside the luma may lie above it now
+    if (swapsSides(item.turn))
+        std::swap(item.format.width, item.format.height);
     item.format.rate = m_rate;
     waitForRoom();
     {
@@ -339,7 +372,7 @@ bool MediaInput::nextAudio(AudioBlock &block)
 void MediaInput::fillVideo(const shm_writer_frame_t &slot, int pixelFormat, const VideoFormat &store,
                            const VideoItem &item, uint64_t, int64_t)
 {
-    m_converter.convert(*item.picture, slot, pixelFormat, store.color);
+    m_converter.convert(*item.picture, slot, pixelFormat, store.color, item.turn);
 }
 
 } // namespace zevshm

@@ -35,6 +35,7 @@ public:
         std::optional<int> sampleRate;
         std::optional<int> channels;
         int64_t latencyUs = 100000; // of live inputs: hides the network's jitter
+        bool scaled = false;        // to a size that was asked for
     };
     MediaInput(const Settings &settings, SharedClock &clock, StopToken &stopToken);
     ~MediaInput() override;
@@ -63,6 +64,7 @@ private:
     void takeBlocks();
     int64_t mediaTime(int64_t ptsUs, bool isVideo);
     void push(int64_t mediaUs, const std::shared_ptr<AVFrame> &picture);
+    void remark(const AVFrame &frame);
     void waitForRoom();
     void end(std::exception_ptr failure);
 
@@ -78,10 +80,11 @@ private:
     bool m_hasVideo = false;
     bool m_hasAudio = false;
     AudioFormat m_audioFormat;
-    std::optional<Ratio> m_rate; // of what is published
 
     // The decoding thread's.
     std::unique_ptr<Demuxer> m_demuxer;
+    std::optional<Ratio> m_rate; // of what is published
+    bool m_remarked = false;
     std::optional<CadenceSnap> m_snap;
     std::optional<RateConversion> m_rateConversion;
     std::shared_ptr<AVFrame> m_previous; // for a rate higher than the input's

@@ -97,7 +97,7 @@ Options::Options(std::string command, std::vector<OptionSpec> specs, std::vector
             continue;
         }
         const size_t equals = word.find('=');
-        const std::string name = word.substr(0, equals);
+        const std::string name = word == "-h" ? "--help" : word.substr(0, equals);
         const OptionSpec *spec = find(name);
         if (!spec)
             refuse("unknown option '" + name + "'");

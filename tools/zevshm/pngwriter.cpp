@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -57,6 +59,22 @@ std::vector<uint8_t> encodePng(const std::vector<uint8_t> &rgb, int width, int h
     if (rc < 0)
         throw Failure(ExitInternal, "the picture cannot be encoded (" + avError(rc) + ")");
     return {packet->data, packet->data + packet->size};
+}
+
+void checkPngPath(const std::string &path)
+{
+    if (path == "-")
+        return;
+    const std::filesystem::path file(path);
+    const std::string type = file.extension().string();
+    if (!type.empty() && strcasecmp(type.c_str(), ".png") != 0)
+        throw Failure(ExitUsage, "snapshot: '" + path + "': pictures are PNG files only; name it '" +
+                                     file.filename().replace_extension(".png").string() + "'");
+    const std::string folder = file.has_parent_path() ? file.parent_path().string() : ".";
+    const bool isThere = access(path.c_str(), F_OK) == 0;
+    if (isThere ? access(path.c_str(), W_OK) != 0 : access(folder.c_str(), W_OK | X_OK) != 0)
+        throw Failure(ExitOutput, path + ": cannot be created (" + std::strerror(errno) +
+                                      "); check the path and its permissions");
 }
 
 void writeFile(const std::string &path, const std::vector<uint8_t> &bytes)

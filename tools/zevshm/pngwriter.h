@@ -17,6 +17,10 @@ std::vector<uint8_t> toRgb(const shm_video_frame_t &frame, int pixelFormat, cons
 // The bytes of a PNG file. Failure (ExitInternal) when FFmpeg has no PNG encoder.
 std::vector<uint8_t> encodePng(const std::vector<uint8_t> &rgb, int width, int height);
 
+// Whether writeFile() can be expected to do it: Failure for the name of another kind of file (ExitUsage) and
+// for a place that cannot be written (ExitOutput). Creates nothing.
+void checkPngPath(const std::string &path);
+
 // "-" is standard output. Failure (ExitOutput); a file that could not be completed is removed.
 void writeFile(const std::string &path, const std::vector<uint8_t> &bytes);
 

@@ -184,6 +184,7 @@ PublishPlan makePlan(const Options &options)
         plan.media.sampleRate = static_cast<int>(*sampleRate);
     if (channels)
         plan.media.channels = static_cast<int>(*channels);
+    plan.media.scaled = size.has_value();
     if (latency)
         plan.media.latencyUs = millisecondsToUs(*latency);
     return plan;

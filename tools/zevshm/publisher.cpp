@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 namespace zevshm {
@@ -127,8 +128,12 @@ void Publisher::followFormat(const VideoItem &item)
     changed = storeFormat(changed, m_settings);
     if (*changed.video == *m_store.format().video)
         return;
+    char rate[32] = "";
+    if (item.format.rate)
+        std::snprintf(rate, sizeof rate, " %.6g fps",
+                      static_cast<double>(item.format.rate->numerator) / item.format.rate->denominator);
     say("the input changed to " + std::to_string(item.format.width) + "x" +
-        std::to_string(item.format.height) + " " + shm_matrix_name(item.format.color.matrix) +
+        std::to_string(item.format.height) + " " + shm_matrix_name(item.format.color.matrix) + rate +
         "; the store is opened anew");
     m_store.open(changed);
 }

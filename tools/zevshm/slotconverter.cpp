@@ -37,14 +37,9 @@ AVPixelFormat slotFormat(int pixelFormat)
     return pixelFormat == SHM_PIXEL_FORMAT_NV12 ? AV_PIX_FMT_NV12 : AV_PIX_FMT_YUV420P;
 }
 
-void copyPlanes(const AVFrame &frame, const shm_writer_frame_t &slot, AVPixelFormat format)
+int planeRows(int plane, int height)
 {
-    for (int plane = 0; plane < av_pix_fmt_count_planes(format); ++plane) {
-        const int bytes = av_image_get_linesize(format, slot.width, plane);
-        const int rows = plane == 0 ? slot.height : (slot.height + 1) / 2;
-        av_image_copy_plane(slot.planes[plane], slot.strides[plane], frame.data[plane], frame.linesize[plane],
-                            bytes, rows);
-    }
+    return plane == 0 ? height : (height + 1) / 2;
 }
 
 } // namespace
@@ -81,28 +76,74 @@ void SlotConverter::prepare(const Key &key)
     m_key = key;
 }
 
-void SlotConverter::convert(const AVFrame &frame, const shm_writer_frame_t &slot, int pixelFormat,
-                            const shm_color_t &store)
+void SlotConverter::write(const AVFrame &frame, const Target &target, const shm_color_t &store)
 {
     Key key;
     std::memset(&key, 0, sizeof key); // compared as bytes
     key.sourceWidth = frame.width;
     key.sourceHeight = frame.height;
     key.sourceFormat = plainFormat(frame.format);
-    key.width = slot.width;
-    key.height = slot.height;
-    key.format = slotFormat(pixelFormat);
+    key.width = target.width;
+    key.height = target.height;
+    key.format = target.format;
     key.source = colorOf(frame);
     key.store = store;
     if (key.sourceWidth == key.width && key.sourceHeight == key.height && key.sourceFormat == key.format &&
         key.source.range == key.store.range) {
-        copyPlanes(frame, slot, static_cast<AVPixelFormat>(key.format));
+        for (int plane = 0; plane < av_pix_fmt_count_planes(target.format); ++plane)
+            av_image_copy_plane(
+                target.planes[plane], target.strides[plane], frame.data[plane], frame.linesize[plane],
+                av_image_get_linesize(target.format, target.width, plane), planeRows(plane, target.height));
         return;
     }
     prepare(key);
-    uint8_t *planes[4] = {slot.planes[0], slot.planes[1], slot.planes[2], nullptr};
-    const int strides[4] = {slot.strides[0], slot.strides[1], slot.strides[2], 0};
-    sws_scale(m_scaler.get(), frame.data, frame.linesize, 0, frame.height, planes, strides);
+    sws_scale(m_scaler.get(), frame.data, frame.linesize, 0, frame.height, target.planes, target.strides);
+}
+
+const SlotConverter::Target &SlotConverter::lyingTarget(int width, int height, AVPixelFormat format)
+{
+    if (m_lying && m_lying->width == width && m_lying->height == height && m_lying->format == format)
+        return m_lyingTarget;
+    m_lying.reset(av_frame_alloc());
+    if (m_lying) {
+        m_lying->width = width;
+        m_lying->height = height;
+        m_lying->format = format;
+    }
+    if (!m_lying || av_frame_get_buffer(m_lying.get(), 0) < 0)
+        throw Failure(ExitResources,
+                      "no memory to turn a picture; end other programs or use a smaller --size");
+    m_lyingTarget = {{m_lying->data[0], m_lying->data[1], m_lying->data[2], nullptr},
+                     {m_lying->linesize[0], m_lying->linesize[1], m_lying->linesize[2], 0},
+                     width,
+                     height,
+                     format};
+    return m_lyingTarget;
+}
+
+void SlotConverter::convert(const AVFrame &frame, const shm_writer_frame_t &slot, int pixelFormat,
+                            const shm_color_t &store, Turn turn)
+{
+    const AVPixelFormat format = slotFormat(pixelFormat);
+    if (turn == Turn::None) {
+        write(frame,
+              {{slot.planes[0], slot.planes[1], slot.planes[2], nullptr},
+               {slot.strides[0], slot.strides[1], slot.strides[2], 0},
+               slot.width,
+               slot.height,
+               format},
+              store);
+        return;
+    }
+    const Target &lying = swapsSides(turn) ? lyingTarget(slot.height, slot.width, format)
+                                           : lyingTarget(slot.width, slot.height, format);
+    write(frame, lying, store);
+    for (int plane = 0; plane < av_pix_fmt_count_planes(format); ++plane) {
+        const int columns = plane == 0 ? lying.width : (lying.width + 1) / 2;
+        const int sampleBytes = plane > 0 && format == AV_PIX_FMT_NV12 ? 2 : 1;
+        turnPlane(lying.planes[plane], lying.strides[plane], columns, planeRows(plane, lying.height),
+                  sampleBytes, turn, slot.planes[plane], slot.strides[plane]);
+    }
 }
 
 } // namespace zevshm

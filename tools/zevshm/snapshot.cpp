@@ -69,6 +69,8 @@ int snapshotCommand(const std::vector<std::string> &words)
     av_log_set_level(AV_LOG_QUIET);
     const std::string &name = options.positional()[0];
     const auto at = options.integer("--at", 1, INT64_MAX);
+    checkStoreName(name);
+    checkPngPath(options.positional()[1]);
     const ReaderPtr reader = openStore(name);
     shm_reader_format_t format{};
     if (shm_reader_get_format(reader.get(), &format) < 0 || !format.has_video)

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 namespace zevshm {
@@ -51,16 +52,22 @@ ReaderPtr tryOpenStore(const std::string &name, shm_error_t &error)
     return ReaderPtr(shm_reader_open_with(name.c_str(), &options, &error));
 }
 
+bool isChosenDirectoryMissing()
+{
+    const char *directory = std::getenv("ZEV_SHM_DIR");
+    return directory && *directory && shm_list_stores(nullptr, nullptr) == -ENOENT;
+}
+
 ReaderPtr openStore(const std::string &name)
 {
     checkStoreName(name);
     shm_error_t error{};
     ReaderPtr reader = tryOpenStore(name, error);
     if (!reader)
-        throw Failure(exitCodeForReader(error.code), error.message[0] ? std::string(error.message)
-                                                                      : name + ": cannot be opened (" +
-                                                                            std::strerror(-error.code) +
-                                                                            "); see 'zevshm list'");
+        throw Failure(isChosenDirectoryMissing() ? ExitDirectory : exitCodeForReader(error.code),
+                      error.message[0] ? std::string(error.message)
+                                       : name + ": cannot be opened (" + std::strerror(-error.code) +
+                                             "); see 'zevshm list'");
     return reader;
 }
 

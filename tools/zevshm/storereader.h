@@ -21,6 +21,10 @@ using ReaderPtr = std::unique_ptr<shm_reader_t, ReaderClose>;
 // Which exit code an error of the store's library means.
 ExitCode exitCodeForReader(int negativeErrno);
 
+// True when the directory that ZEV_SHM_DIR names is not there. No directory at all, with none named, is what
+// a machine looks like on which nobody has published yet.
+bool isChosenDirectoryMissing();
+
 // Connects to a store; Failure when that is not possible.
 ReaderPtr openStore(const std::string &name);
 

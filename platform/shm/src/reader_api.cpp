@@ -19,7 +19,13 @@ int openIn(const std::string &directory, const std::string &name, int timeoutMs,
            shm_reader **reader, shm_error_t *error)
 {
     SocketFile file;
-    if (socketFile(directory, name, &file) == -ENOENT) {
+    const int there = socketFile(directory, name, &file);
+    if (there != 0) {
+        const int searchable = checkSearchable(directory, error);
+        if (searchable != 0)
+            return searchable;
+    }
+    if (there == -ENOENT) {
         return fail(error, ENOENT, "no store \"%s\" in %s: start its writer", name.c_str(),
                     directory.c_str());
     }

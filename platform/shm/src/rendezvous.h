@@ -18,6 +18,11 @@ constexpr const char *kSystemDirectory = "/run/zev-shm";
 // The directories that readers search, in order.
 std::vector<std::string> readerDirectories();
 
+// Whether stores can be looked up in a directory that readers search. Returns 0 or a negative errno with
+// `error` filled: -ENOENT only for a directory that somebody chose, since the usual ones come with the first
+// writer.
+int checkSearchable(const std::string &directory, shm_error_t *error);
+
 // The directory that a writer publishes to, created where it is the user's runtime directory or the system's.
 // Returns 0 or a negative errno with `error` filled.
 int writerDirectory(const char *asked, bool shared, std::string *directory, shm_error_t *error);
