@@ -35,6 +35,7 @@ void FrameStatistics::handedOut(long long now, long long timestamp, const QVecto
         ++m_streamedSteps;
     }
     m_continuing = true;
+    m_isIdle = false;
     m_lastTimestamp = timestamp;
     m_lastHandOut = now;
 
@@ -66,13 +67,16 @@ void FrameStatistics::countSkipped(long long timestamp, const QVector<long long>
 
 void FrameStatistics::idle()
 {
-    ++m_figures.idle;
+    if (!m_isIdle)
+        ++m_figures.idle;
+    m_isIdle = true;
     m_continuing = false;
 }
 
 void FrameStatistics::noSignal()
 {
     ++m_figures.noSignal;
+    m_isIdle = false;
     m_continuing = false;
 }
 

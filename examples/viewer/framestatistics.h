@@ -23,7 +23,8 @@
  *               them is the second picture; when ticks are slower than the source, a tick step explains as
  *               many as fit into it, rounded up (25 ticks of a 60 fps source explain 3). The rest is skipped.
  *   backward    pictures older than the one before
- *   idle        reports that a request was answered without a picture and the last one is to be kept
+ *   idle        how often pictures stopped coming and the last one was kept: one for each time, however many
+ *               requests go unanswered meanwhile
  *   noSignal    no-signal pictures handed out
  *   fps         pictures per second while pictures came: over all stretches between two interruptions
  *   recentFps   the same over the last two seconds
@@ -65,7 +66,7 @@ public:
      */
     void handedOut(long long now, long long timestamp, const QVector<long long> &history,
                    long long sourceIntervalUs);
-    void idle();
+    void idle(); // for every request without an answer, or only for the first
     void noSignal();
 
     Figures figures(long long now) const;
@@ -77,6 +78,7 @@ private:
     double m_tickIntervalUs = 0.0;
     Figures m_figures;
     bool m_continuing = false; // the previous event was a picture
+    bool m_isIdle = false;     // it was idle()
     long long m_lastTimestamp = 0;
     long long m_lastHandOut = 0;
     long long m_streamedUs = 0;       // sum of the stretches between interruptions

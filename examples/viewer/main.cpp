@@ -107,6 +107,7 @@ int writeResults(const Viewer &viewer, const Options &options, double seconds)
     int code = Ok;
     if (!options.report.isEmpty()) {
         QSaveFile file(options.report);
+        file.setDirectWriteFallback(true); // a folder may be closed and the file in it open
         const QJsonDocument document(reportOf(viewer.figures(), options.video.toString(), seconds));
         if (!file.open(QIODevice::WriteOnly) || file.write(document.toJson()) < 0 || !file.commit())
             code = complain(OutputFailed,
@@ -150,9 +151,11 @@ int run(QCoreApplication &application, const Options &options)
                                                  "v4l:///dev/videoN)")
                                       .arg(QString::fromUtf8(error.what())));
     }
-    QObject::connect(viewer->sound(), &Sound::problem, viewer.get(), [](const QString &text) {
+    const auto say = [](const QString &text) {
         std::fprintf(stderr, "zevqt-viewer: %s\n", qUtf8Printable(text));
-    });
+    };
+    QObject::connect(viewer->sound(), &Sound::problem, viewer.get(), say);
+    QObject::connect(viewer.get(), &Viewer::problem, viewer.get(), say);
     std::unique_ptr<ViewerWindow> window;
     if (gui) {
         window = std::make_unique<ViewerWindow>(viewer.get(), options);
@@ -191,6 +194,10 @@ int main(int argc, char **argv)
         return complain(WrongUse, parsed.error);
     if (parsed.help) {
         std::fputs(qUtf8Printable(helpText()), stdout);
+        return Ok;
+    }
+    if (parsed.version) {
+        std::puts("zevqt-viewer " VIEWER_VERSION);
         return Ok;
     }
     // Traces are for those who ask for them (QT_LOGGING_RULES); what the player warns of, Sound tells once.

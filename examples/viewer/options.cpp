@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <QCommandLineParser>
+#include <QFileInfo>
 
 #include <shm/shm_types.h>
 
@@ -90,6 +91,7 @@ void addOptions(QCommandLineParser &parser)
                              "snapshot", "report", "fill", "size", "block", "frame-path"})
         valued(name);
     plain({QStringLiteral("h"), QStringLiteral("help")});
+    plain({QStringLiteral("version")});
     plain({QStringLiteral("headless")});
     plain({QStringLiteral("mute")});
     plain({QStringLiteral("list-audio-devices")});
@@ -137,6 +139,11 @@ void fill(Options &options, const QCommandLineParser &parser)
     if (given("seconds"))
         options.seconds = number(parser, QStringLiteral("seconds"), 0.001, secondsMax);
     options.snapshot = parser.value(QStringLiteral("snapshot"));
+    const QFileInfo picture(options.snapshot);
+    if (!picture.suffix().isEmpty() &&
+        picture.suffix().compare(QLatin1String("png"), Qt::CaseInsensitive) != 0)
+        throw Problem{QStringLiteral("--snapshot %1: pictures are PNG files only; name it %2.png")
+                          .arg(options.snapshot, picture.completeBaseName())};
     options.report = parser.value(QStringLiteral("report"));
     if (given("fill"))
         options.fill = choice<Options::Fill>(parser, QStringLiteral("fill"),
@@ -171,6 +178,8 @@ ParsedOptions parseOptions(const QStringList &arguments)
         result.error = text;
     } else if (parser.isSet(QStringLiteral("help"))) {
         result.help = true;
+    } else if (parser.isSet(QStringLiteral("version"))) {
+        result.version = true;
     } else if (parser.isSet(QStringLiteral("list-audio-devices"))) {
         result.listAudioDevices = true;
     } else {
@@ -190,8 +199,8 @@ QString helpText()
     return QStringLiteral(R"(Usage: zevqt-viewer URL [options]
 
 Shows live video from a frame store (shm:///NAME) or a capture device (v4l:///dev/videoN). A source that is
-not there yet is waited for; one that goes away is replaced by a no-signal picture after five seconds and
-shown again when it returns, also with another size or rate.
+not there yet is waited for, with a line that says what is missing; one that goes away is replaced by a
+no-signal picture after five seconds and shown again when it returns, also with another size or rate.
 
 Options:
   --audio URL            another store for the sound (shm:///NAME;N: its channel N only)
@@ -214,6 +223,7 @@ Options:
   --snapshot FILE.png    write the last picture of the source at the end
   --report FILE.json     write statistics at the end
   -h, --help             this text
+  --version              print the version
 
 Keys: M mute, Up and Down volume, S statistics, A next fill mode, F full screen, Esc or Q quit.
 
@@ -224,7 +234,8 @@ tell by how much. Sound that stops (device gone, clock set) is started again.
 The report: frames (pictures of the source handed out), distinct and repeated (new, or with the timestamp of
 the one before), skipped (source frames that passed between two pictures in a row, less those that ticks
 slower than the source explain), invalid (requests answered without a picture since the first one; before
-it: invalid_before_first), idle_events, no_signal_frames, fps (pictures a second, interruptions left out),
+it: invalid_before_first), idle_events (how often pictures stopped coming and the last one was kept; one
+for each time), no_signal_frames, fps (pictures a second, interruptions left out),
 source_interval_us, latency_ms (clock minus the frame's timestamp when it is handed out), size, pixel_format,
 frame_path (mapped: planes uploaded as they are; converted: RGB made by the CPU; image: converted by the
 library; none), audio: device and rate (Hz) last played on, delay_ms (newest sound of the store minus the one

@@ -39,6 +39,7 @@ struct ParsedOptions
 {
     Options options;
     bool help = false;
+    bool version = false;
     bool listAudioDevices = false;
     QString error; // empty: all is well; else one line that names the thing and the remedy
 };

@@ -35,11 +35,16 @@ QuitSignals::QuitSignals(QObject *parent) : QObject(parent)
         return;
     }
     auto *notifier = new QSocketNotifier(m_fd, QSocketNotifier::Read, this);
-    connect(notifier, &QSocketNotifier::activated, this, [this, set] {
+    connect(notifier, &QSocketNotifier::activated, this, [this] {
         signalfd_siginfo info;
         if (read(m_fd, &info, sizeof info) != ssize_t(sizeof info))
             return;
-        pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+        // The same signal again ends the program at once. Another one does not: Ctrl-C reaches a whole group
+        // of processes, one of which may ask the others to end in its own way.
+        sigset_t again;
+        sigemptyset(&again);
+        sigaddset(&again, int(info.ssi_signo));
+        pthread_sigmask(SIG_UNBLOCK, &again, nullptr);
         emit quitRequested();
     });
 }

@@ -7,7 +7,8 @@
  * for.
  *
  * Usage: block() first thing in main(), before any thread is started (threads inherit the mask); then create
- * one object once there is an event loop. A second signal ends the program at once.
+ * one object once there is an event loop. The same signal again ends the program at
+ * once.
  */
 class QuitSignals : public QObject
 {

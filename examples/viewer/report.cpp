@@ -3,6 +3,7 @@
 #include "viewer.h"
 
 #include <QFile>
+#include <QFileInfo>
 
 namespace {
 
@@ -66,6 +67,8 @@ QString whyNotWritable(const QString &path)
 {
     QFile file(path);
     const bool existed = file.exists();
+    if (existed && !QFileInfo(path).isFile())
+        return QStringLiteral("cannot write '%1': it is not a file; name one").arg(path);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Append))
         return QStringLiteral("cannot write '%1': %2").arg(path, file.errorString());
     file.close();

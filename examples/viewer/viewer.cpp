@@ -3,6 +3,7 @@
 #include "frameimage.h"
 #include "frameplanes.h"
 #include "imagerequests.h"
+#include "sourcecheck.h"
 #include "wallclock.h"
 
 #include <zevqt-mm/mediaprovider.h>
@@ -70,9 +71,10 @@ Viewer::Viewer(const Options &options, double screenRate, QObject *parent)
     // The provider does not tell of every empty answer (images have no idle signal), so they are counted
     // where they are made: in the tick thread.
     const auto count = [this](bool valid) {
-        if (valid)
+        if (valid) {
             m_seen = true;
-        else
+            ++m_answered;
+        } else
             ++(m_seen ? m_emptyAfter : m_emptyBefore);
     };
     const auto source = m_provider->getVideoSource();
@@ -83,10 +85,19 @@ Viewer::Viewer(const Options &options, double screenRate, QObject *parent)
         source.data(), &MediaSourceBase::imageReady, this,
         [count](const QImage &image) { count(!image.isNull()); }, Qt::DirectConnection);
 
-    if (options.frames == Options::Frames::Image)
+    if (options.frames == Options::Frames::Image) {
         m_imageRequests = std::make_unique<ImageRequests>(m_provider.get());
-    else
+        // Queued behind the provider's own handler, which has said by then when it is no signal.
+        connect(
+            source.data(), &MediaSourceBase::imageReady, this,
+            [this](const QImage &image) {
+                if (image.isNull() && m_state == State::Live)
+                    onInterruption(State::Idle);
+            },
+            Qt::QueuedConnection);
+    } else {
         m_provider->enableVideoFrames();
+    }
 
     auto *refresh = new QTimer(this);
     connect(refresh, &QTimer::timeout, this, &Viewer::refreshStatistics);
@@ -160,6 +171,7 @@ void Viewer::onImage(const QImage &image)
 void Viewer::onPicture(long long timestamp)
 {
     m_state = State::Live;
+    m_missing.clear();
     const long long now = wallClockUs();
     const auto status = m_provider->getVideoSource()->getVideoStatus();
     m_statistics.handedOut(now, timestamp, status.timestamps, status.frameInterval);
@@ -234,9 +246,40 @@ void Viewer::setTickRate(double rate)
 
 void Viewer::refreshStatistics()
 {
+    if (m_provider->running()) {
+        checkSource();
+        checkReadPoint();
+    }
     emit statisticsChanged();
     if (m_state != State::Live && !m_meter.channels().isEmpty())
         onAudio(QAudioBuffer()); // a source that is gone sends nothing any more, and its meter is to fall
+}
+
+// A source that is waited for may be missing for good: whoever waits is told what for.
+void Viewer::checkSource()
+{
+    if (m_state == State::Live || m_state == State::Idle || m_checks++ % 2 != 0)
+        return;
+    const QString missing = whyNoPicture(m_options.video);
+    if (missing == m_missing)
+        return;
+    m_missing = missing;
+    if (!missing.isEmpty())
+        emit problem(missing + QStringLiteral(" (waiting)"));
+}
+
+void Viewer::checkReadPoint()
+{
+    const auto status = m_provider->getVideoSource()->getVideoStatus();
+    const qint64 newest = status.timestamps.isEmpty() ? 0 : status.timestamps.last();
+    if (!m_readPoint.look(m_answered, m_emptyBefore + m_emptyAfter, newest))
+        return;
+    // Only a report after a stop makes the timeline compute its read offset anew; that of the newest frame
+    // asks for no more delay than usual.
+    VideoTimeline *timeline = m_provider->getTimeline();
+    timeline->stop();
+    timeline->adjustReadPosition(newest);
+    timeline->start();
 }
 
 ViewerFigures Viewer::figures() const
@@ -303,6 +346,8 @@ QString Viewer::statisticsText() const
 
     QStringList lines;
     lines << m_options.video.toString() + QStringLiteral("   ") + stateText();
+    if (!m_missing.isEmpty())
+        lines << m_missing;
     if (now.size.isValid()) {
         lines << QStringLiteral("%1 × %2  %3")
                      .arg(now.size.width())

@@ -6,6 +6,7 @@
 #include "options.h"
 #include "picturefollower.h"
 #include "ratefollower.h"
+#include "readpointwatch.h"
 #include "sound.h"
 
 #include <QElapsedTimer>
@@ -89,6 +90,8 @@ public:
     QImage snapshot() const;
 
 signals:
+    /* One line for a person: what is waited for, and the remedy. When it changes. */
+    void problem(const QString &text);
     void statisticsChanged();
     void levelsChanged();
 
@@ -103,6 +106,8 @@ private:
     void onInterruption(State state);
     void setTickRate(double rate);
     void refreshStatistics();
+    void checkSource();
+    void checkReadPoint();
     QString stateText() const;
     QStringList soundText(const ViewerFigures &figures) const;
     qint64 monotonicUs() const { return m_monotonic.nsecsElapsed() / 1000; }
@@ -119,6 +124,9 @@ private:
     OffsetStatistics m_offsets;
     FrameStatistics m_statistics;
     RateFollower m_rate;
+    ReadPointWatch m_readPoint;
+    int m_checks = 0;
+    QString m_missing; // what is waited for
     State m_state = State::Waiting;
     double m_tickRate = 25.0; // the provider's own to start with
     long long m_rateChecked = 0;
@@ -131,6 +139,7 @@ private:
 
     // Written by the tick thread.
     std::atomic<bool> m_seen{false};
+    std::atomic<quint64> m_answered{0};
     std::atomic<quint64> m_emptyBefore{0};
     std::atomic<quint64> m_emptyAfter{0};
 };

@@ -22,12 +22,42 @@ if(ZEV_BUILD_EXAMPLES AND ZEV_BUILD_QML)
     target_compile_definitions(tst_viewer PRIVATE
         VIEWER="$<TARGET_FILE:zevqt-viewer>"
         PUBLISHER="$<TARGET_FILE:zevqt-testpublisher>"
+        PROJECT_VERSION="${PROJECT_VERSION}"
         ARTIFACTS_DIR="${PROJECT_BINARY_DIR}/artifacts")
     if(TARGET zevshm)
         target_compile_definitions(tst_viewer PRIVATE ZEVSHM="$<TARGET_FILE:zevshm>")
         add_dependencies(tst_viewer zevshm)
     endif()
     add_dependencies(tst_viewer zevqt-viewer zevqt-testpublisher)
+
+    # What it says and does when a source is missing or odd.
+    if(TARGET zevshm)
+        zev_test(tst_viewersource
+            SOURCES integration/tst_viewersource.cpp integration/viewerrig.cpp integration/xvfbserver.cpp
+                integration/testpattern.cpp
+            LIBRARIES Zev::shm Qt5::Gui PkgConfig::FFMPEG GTest::gtest
+            LABEL integration)
+        target_compile_definitions(tst_viewersource PRIVATE
+            VIEWER="$<TARGET_FILE:zevqt-viewer>"
+            PUBLISHER="$<TARGET_FILE:zevqt-testpublisher>"
+            ZEVSHM="$<TARGET_FILE:zevshm>"
+            ARTIFACTS_DIR="${PROJECT_BINARY_DIR}/artifacts")
+        add_dependencies(tst_viewersource zevqt-viewer zevqt-testpublisher zevshm)
+    endif()
+
+    find_package(Python3 COMPONENTS Interpreter)
+    if(Python3_FOUND)
+        add_test(NAME manpage_zevqt_viewer COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/manpages.py
+            ${PROJECT_SOURCE_DIR}/docs/man/zevqt-viewer.1 $<TARGET_FILE:zevqt-viewer>,--help)
+        set_tests_properties(manpage_zevqt_viewer PROPERTIES LABELS integration TIMEOUT 60)
+        zev_test_environment(manpage_zevqt_viewer)
+        if(TARGET zevshm)
+            add_test(NAME run_script COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/run_script.py
+                ${PROJECT_SOURCE_DIR} $<TARGET_FILE:zevshm> $<TARGET_FILE:zevqt-viewer>)
+            set_tests_properties(run_script PROPERTIES LABELS integration TIMEOUT 120)
+            zev_test_environment(run_script)
+        endif()
+    endif()
 
     # The viewer with sound.
     if(TARGET zevshm)

@@ -13,6 +13,8 @@ extern "C" {
 
 #include <cmath>
 #include <cstdlib>
+#include <grp.h>
+#include <unistd.h>
 #include <vector>
 
 bool waitUntil(const std::function<bool()> &condition)
@@ -87,6 +89,7 @@ ViewerRun::ViewerRun(const Where &where, const QStringList &arguments)
         environment.insert(QStringLiteral("QT_QUICK_BACKEND"), QStringLiteral("software"));
     m_process.setProcessEnvironment(environment);
     m_process.setProcessChannelMode(QProcess::SeparateChannels);
+    m_process.asNobody = where.asNobody;
     m_process.start(QStringLiteral(VIEWER), arguments);
 }
 
@@ -100,8 +103,21 @@ int ViewerRun::wait()
 {
     if (isRunning() && !m_process.waitForFinished(90000))
         return -1;
-    m_errors = QString::fromUtf8(m_process.readAllStandardError());
     return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+}
+
+QString ViewerRun::errors()
+{
+    m_errors += QString::fromUtf8(m_process.readAllStandardError());
+    return m_errors;
+}
+
+void ViewerRun::Process::setupChildProcess()
+{
+    constexpr unsigned nobody = 65534;
+    if (asNobody && (setgroups(0, nullptr) != 0 || setgid(nobody) != 0 || setuid(nobody) != 0))
+        _exit(77);
+    BoundProcess::setupChildProcess(); // after: a change of user forgets what it asks for
 }
 
 QJsonObject readJson(const QString &path)

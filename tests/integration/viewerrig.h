@@ -45,6 +45,7 @@ public:
         QString storeDirectory;
         QByteArray display;    // empty: none
         bool software = false; // the software scene graph
+        bool asNobody = false; // a user that can be refused something; only root can start one
     };
     ViewerRun(const Where &where, const QStringList &arguments);
     ~ViewerRun();
@@ -53,11 +54,20 @@ public:
     void terminate() { m_process.terminate(); }
     /* Exit code; -1 when it crashed or did not end. */
     int wait();
-    /* After wait(). */
-    QString errors() const { return m_errors; }
+    /* What it has said so far. */
+    QString errors();
 
 private:
-    BoundProcess m_process;
+    class Process : public BoundProcess
+    {
+    public:
+        bool asNobody = false;
+
+    protected:
+        void setupChildProcess() override;
+    };
+
+    Process m_process;
     QString m_errors;
 };
 

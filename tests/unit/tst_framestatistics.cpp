@@ -123,6 +123,7 @@ TEST(FrameStatistics, interruptionsAreNeitherSkippedNorPartOfTheRate)
     for (int i = 0; i < 10; ++i)
         s.show(i);
     s.statistics.idle();
+    s.statistics.idle(); // the same event: one for every request that goes unanswered
     s.statistics.noSignal();
     s.statistics.noSignal();
     for (int i = 500; i < 510; ++i)
@@ -132,6 +133,18 @@ TEST(FrameStatistics, interruptionsAreNeitherSkippedNorPartOfTheRate)
     EXPECT_EQ(f.idle, 1u);
     EXPECT_EQ(f.noSignal, 2u);
     EXPECT_NEAR(f.fps, 25.0, 1e-9);
+}
+
+TEST(FrameStatistics, everyTimeThatPicturesStopIsAnIdleEvent)
+{
+    Stream s;
+    s.show(0);
+    s.statistics.idle();
+    s.statistics.idle();
+    s.show(1);
+    s.statistics.idle();
+    s.statistics.noSignal();
+    EXPECT_EQ(s.figures().idle, 2u);
 }
 
 TEST(FrameStatistics, eachKindOfInterruptionInterruptsAlone)

@@ -78,6 +78,19 @@ TEST(ViewerOptions, autoIsTheDefaultRate)
     EXPECT_EQ(parse("shm:///cam0 --fps auto").options.fps, 0.0);
 }
 
+TEST(ViewerOptions, theVersionNeedsNoUrl)
+{
+    EXPECT_TRUE(parse("--version").version);
+    EXPECT_TRUE(parse("--version").error.isEmpty());
+    EXPECT_FALSE(parse("shm:///cam0").version);
+}
+
+TEST(ViewerOptions, picturesArePngFiles)
+{
+    for (const char *name : {"s.png", "S.PNG", "s", "/tmp/a.dir/s"})
+        EXPECT_TRUE(parse((std::string("shm:///cam0 --snapshot ") + name).c_str()).error.isEmpty()) << name;
+}
+
 TEST(ViewerOptions, helpIsAskedForInTwoWays)
 {
     EXPECT_TRUE(parse("--help").help);
@@ -117,8 +130,10 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{"shm:///cam0 --fill wide", "crop"}, Bad{"shm:///cam0 --frame-path gl", "auto, mapped, egl"},
         Bad{"shm:///cam0 --frames image --frame-path egl", "--frame-path egl"},
         Bad{"shm:///cam0 --size big", "--size big"}, Bad{"shm:///cam0 --size 640x", "--size 640x"},
-        Bad{"shm:///cam0 --block 3", "AFTER,FOR"}, Bad{"shm:///cam0 --volume 1.1", "--volume 1.1"},
-        Bad{"shm:///cam0 --volume -0.1", "--volume -0.1"}, Bad{"shm:///cam0 --volume loud", "--volume loud"},
+        Bad{"shm:///cam0 --snapshot s.jpg", "name it s.png"},
+        Bad{"shm:///cam0 --snapshot s.xyz", "--snapshot s.xyz"}, Bad{"shm:///cam0 --block 3", "AFTER,FOR"},
+        Bad{"shm:///cam0 --volume 1.1", "--volume 1.1"}, Bad{"shm:///cam0 --volume -0.1", "--volume -0.1"},
+        Bad{"shm:///cam0 --volume loud", "--volume loud"},
         Bad{"shm:///cam0 --audio-device=", "--list-audio-devices"},
         Bad{"shm:///cam0 --audio-device", "audio-device"}, Bad{"shm:///cam0 --report", "report"}));
 

@@ -1,4 +1,4 @@
-foreach(name framestatistics ratefollower vieweroptions viewersound)
+foreach(name framestatistics ratefollower readpointwatch vieweroptions viewersound)
     zev_test(tst_${name} SOURCES unit/tst_${name}.cpp LIBRARIES zevqt-viewer-parts GTest::gtest_main)
 endforeach()
 foreach(name fillgeometry yuvcolors)

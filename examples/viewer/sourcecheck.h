@@ -1,0 +1,12 @@
+#pragma once
+
+#include <QString>
+#include <QUrl>
+
+/*
+ * Why a source delivers no picture, in one line that names the thing and the remedy; empty when nothing is
+ * wrong with it as far as can be seen from here.
+ *
+ * Threads: any. Cost: connects to the store; a writer that does not answer is waited for 100 ms, once.
+ */
+QString whyNoPicture(const QUrl &source);
