@@ -11,9 +11,10 @@ add_library(fakedmabuf MODULE ${rig}/fakedmabuf.c)
 zev_target(fakedmabuf)
 set_target_properties(fakedmabuf PROPERTIES PREFIX "" C_EXTENSIONS ON)
 
-# zev_rig_test(NAME SOURCES ... LIBRARIES ... [ARGUMENTS ...]): builds a program, registers fast_NAME and vm_NAME.
+# zev_rig_test(NAME SOURCES ... LIBRARIES ... [ARGUMENTS ...] [MODULE "NAME=PARAMETERS"]): builds a program, registers
+# fast_NAME and vm_NAME. What needs a kernel module has no fast tier.
 function(zev_rig_test name)
-    cmake_parse_arguments(arg "" "" "SOURCES;LIBRARIES;ARGUMENTS" ${ARGN})
+    cmake_parse_arguments(arg "" "MODULE" "SOURCES;LIBRARIES;ARGUMENTS" ${ARGN})
     add_executable(${name} ${arg_SOURCES})
     zev_target(${name})
     target_link_libraries(${name} PRIVATE ${arg_LIBRARIES})
@@ -25,16 +26,26 @@ function(zev_rig_test name)
     if(ZEV_SANITIZE STREQUAL "thread")
         return()
     endif()
-    add_test(NAME fast_${name}
-        COMMAND ${rig}/with-gl --preload $<TARGET_FILE:fakedmabuf> $<TARGET_FILE:${name}> ${arg_ARGUMENTS})
-    set_tests_properties(fast_${name} PROPERTIES LABELS integration TIMEOUT 120 SKIP_RETURN_CODE 77 FIXTURES_REQUIRED rig)
-    zev_test_environment(fast_${name})
+    if(NOT arg_MODULE)
+        add_test(NAME fast_${name}
+            COMMAND ${rig}/with-gl --preload $<TARGET_FILE:fakedmabuf> $<TARGET_FILE:${name}> ${arg_ARGUMENTS})
+        set_tests_properties(fast_${name} PROPERTIES
+            LABELS integration TIMEOUT 120 SKIP_RETURN_CODE 77 FIXTURES_REQUIRED rig)
+        zev_test_environment(fast_${name})
+    endif()
     if(ZEV_SANITIZE)
-        set_property(TEST fast_${name} APPEND PROPERTY ENVIRONMENT "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0")
+        if(NOT arg_MODULE)
+            set_property(TEST fast_${name} APPEND PROPERTY
+                ENVIRONMENT "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0")
+        endif()
         return() # emulated and instrumented at once takes too long
     endif()
     # Emulated on a busy machine: a minute is normal, and only one at a time is fair to the others.
-    add_test(NAME vm_${name} COMMAND ${rig}/boot ${rig}/with-gl $<TARGET_FILE:${name}> ${arg_ARGUMENTS})
+    set(module)
+    if(arg_MODULE)
+        set(module --module "${arg_MODULE}")
+    endif()
+    add_test(NAME vm_${name} COMMAND ${rig}/boot ${module} ${rig}/with-gl $<TARGET_FILE:${name}> ${arg_ARGUMENTS})
     set_tests_properties(vm_${name} PROPERTIES
         LABELS vm TIMEOUT 300 SKIP_RETURN_CODE 77 FIXTURES_REQUIRED rig RESOURCE_LOCK vm PROCESSORS 2)
     zev_test_environment(vm_${name})
@@ -51,3 +62,13 @@ if(TARGET Zev::items)
         SOURCES ${rig}/tst_eglimageitem.cpp ${rig}/dmapublisher.cpp ${rig}/dmapublisher.h ${rig_sources}
         LIBRARIES Zev::items Qt5::Test)
 endif()
+
+# A virtual camera of each flavour of the API: /dev/video0 and /dev/video1.
+set(rig_cameras "vivid=n_devs=2 node_types=0x1,0x1 multiplanar=1,2")
+set(camera_sources ${rig}/camerafixture.cpp ${rig}/camerafixture.h ${rig}/virtualcamera.cpp ${rig}/virtualcamera.h
+    ${rig}/externaltexture.cpp ${rig}/externaltexture.h)
+foreach(test tst_cameracapture tst_camerarecovery)
+    zev_rig_test(${test} MODULE ${rig_cameras}
+        SOURCES ${rig}/${test}.cpp ${camera_sources}
+        LIBRARIES Zev::zevqt-mm Zev::zevmm Qt5::Gui Qt5::Test)
+endforeach()

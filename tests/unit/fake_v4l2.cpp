@@ -191,6 +191,7 @@ int Kernel::answer(unsigned long request, void *argument)
         auto *format = static_cast<v4l2_format *>(argument);
         if (format->type != type())
             return -EINVAL;
+        format->fmt = current.fmt;
         fillFormat(format);
         return 0;
     }

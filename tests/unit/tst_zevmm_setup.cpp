@@ -90,11 +90,20 @@ TEST_F(Setup, aSecondCallDoesNothing)
 TEST_F(Setup, prefersOneDescriptorAndTakesTwo)
 {
     kernel.driver.multiplanar = true;
-    kernel.driver.formats = {V4L2_PIX_FMT_NV12M, V4L2_PIX_FMT_NV12};
+    kernel.driver.formats = {V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_NV12M, V4L2_PIX_FMT_NV12};
     stream->setup();
     EXPECT_EQ(stream->format().pixelFormat, std::uint32_t(V4L2_PIX_FMT_NV12));
     stream = std::make_unique<Stream>("/dev/video0", kernel, [] {});
     kernel.driver.formats = {V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_NV12M};
+    stream->setup();
+    EXPECT_EQ(stream->format().pixelFormat, std::uint32_t(V4L2_PIX_FMT_NV12M));
+}
+
+TEST_F(Setup, keepsTwoDescriptorsWhereTheyAreSet)
+{
+    kernel.driver.multiplanar = true;
+    kernel.driver.formats = {V4L2_PIX_FMT_NV12, V4L2_PIX_FMT_NV12M};
+    kernel.current.fmt.pix_mp.pixelformat = V4L2_PIX_FMT_NV12M;
     stream->setup();
     EXPECT_EQ(stream->format().pixelFormat, std::uint32_t(V4L2_PIX_FMT_NV12M));
 }
@@ -385,6 +394,7 @@ TEST(FourccText, isReadable)
 {
     EXPECT_EQ(fourccText(V4L2_PIX_FMT_NV12), "NV12");
     EXPECT_EQ(fourccText(V4L2_PIX_FMT_Y16), "Y16");
+    EXPECT_EQ(fourccText(V4L2_PIX_FMT_Y16_BE), "Y16-BE");
     EXPECT_EQ(fourccText(0x01020304), "????");
     EXPECT_EQ(fourccText(0), "????");
 }

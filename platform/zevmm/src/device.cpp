@@ -142,9 +142,20 @@ std::int64_t Device::frameInterval()
 Negotiated Device::negotiate(std::uint32_t width, std::uint32_t height)
 {
     Negotiated negotiated;
-    bool found = tryPixelFormat(V4L2_PIX_FMT_NV12, width, height, &negotiated);
-    if (!found && negotiatedFormat.multiplanar)
-        found = tryPixelFormat(V4L2_PIX_FMT_NV12M, width, height, &negotiated);
+    bool found = false;
+    if (!negotiatedFormat.multiplanar) {
+        found = tryPixelFormat(V4L2_PIX_FMT_NV12, width, height, &negotiated);
+    } else {
+        // Somebody who set two descriptors has a reason.
+        v4l2_format present = {};
+        present.type = negotiatedFormat.bufferType();
+        const bool isSeparate = system.request(file.get(), VIDIOC_G_FMT, &present) == 0 &&
+                                present.fmt.pix_mp.pixelformat == V4L2_PIX_FMT_NV12M;
+        const std::uint32_t first = isSeparate ? V4L2_PIX_FMT_NV12M : V4L2_PIX_FMT_NV12;
+        const std::uint32_t second = isSeparate ? V4L2_PIX_FMT_NV12 : V4L2_PIX_FMT_NV12M;
+        found = tryPixelFormat(first, width, height, &negotiated) ||
+                tryPixelFormat(second, width, height, &negotiated);
+    }
     if (!found)
         fail(EINVAL, "the camera offers no NV12 (VIDIOC_S_FMT), but " + offeredFormats(),
              throughAStore(name));

@@ -57,7 +57,7 @@ std::string fourccText(std::uint32_t code)
     }
     while (!text.empty() && text.back() == ' ')
         text.pop_back();
-    return text;
+    return (code & v4l2_fourcc_be(0, 0, 0, 0)) != 0 ? text + "-BE" : text;
 }
 
 bool readFormat(const v4l2_format &answer, Negotiated *negotiated, std::string *why)
