@@ -126,7 +126,8 @@ bool EglImageNode::show(const QVideoFrame &frame, YuvColors colors)
         return false;
     const YuvColors fixed = {YuvColors::Matrix::Bt709, YuvColors::Range::Full};
     const YuvColors real = resolve(colors, frame.size());
-    m_material->correction = real == fixed ? QMatrix4x4() : yuvToRgb(real) * yuvToRgb(fixed).inverted();
+    const bool isRight = real == fixed || EglImageTexture::isBorrowed(frame);
+    m_material->correction = isRight ? QMatrix4x4() : yuvToRgb(real) * yuvToRgb(fixed).inverted();
     markDirty(DirtyMaterial);
     return true;
 }

@@ -13,10 +13,11 @@ class EglImageMaterial;
 /*
  * Draws a frame whose memory EGL imports (EglImageTexture).
  *
- * EGL decodes every frame as full-range BT.709: its hints are fixed. For a stream of another matrix or range
- * the shader undoes that decoding and applies the stream's own. Exact where the driver decodes in the shader;
- * one that clips the decoded color to 0 to 255 first loses what saturated colors of another matrix have
- * beyond.
+ * EGL decodes every frame of a store as full-range BT.709: its hints are fixed. For a stream of another
+ * matrix or range the shader undoes that decoding and applies the stream's own. Exact where the driver
+ * decodes in the shader; one that clips the decoded color to 0 to 255 first loses what saturated colors of
+ * another matrix have beyond. Images that a frame borrows (a camera's) are shown as EGL decodes them: who
+ * made them told it the colors.
  *
  * Threads: the scene graph's render thread only. Ownership: holds the shown frame until the next one is
  * shown.

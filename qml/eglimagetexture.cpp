@@ -37,6 +37,11 @@ bool EglImageTexture::isCandidate(const QVideoFrame &frame)
     return StoreFrame::of(frame).dmaBuffer || frame.handle().value<void *>();
 }
 
+bool EglImageTexture::isBorrowed(const QVideoFrame &frame)
+{
+    return isCandidate(frame) && !StoreFrame::of(frame).dmaBuffer;
+}
+
 QString EglImageTexture::whyNot(QOpenGLContext *context)
 {
     if (!context)

@@ -33,6 +33,9 @@ public:
 
     /* The frame lies in a DMA buffer, or carries an image already. */
     static bool isCandidate(const QVideoFrame &frame);
+    /* Carries an image that is not its own: made by whoever owns it with the stream's own colors, valid for
+     * as long as he keeps it, and the only way to the pixels. */
+    static bool isBorrowed(const QVideoFrame &frame);
     /* Empty when this context can texture from EGL images, else why not. */
     static QString whyNot(QOpenGLContext *context);
 

@@ -41,12 +41,17 @@ zevqml::FillGeometry geometryOf(LiveVideo::FillMode mode, const QSizeF &item, co
 LiveVideo::LiveVideo(QQuickItem *parent) : QQuickItem(parent), m_hooks(new zevqml::SourceHooks(this))
 {
     setFlag(ItemHasContents);
-    connect(m_hooks, &zevqml::SourceHooks::failed, this, [this](const QString &message) {
-        qWarning(
-            "LiveVideo: the source cannot prepare its frames for this window (%s); frames in the GPU are "
-            "not shown",
-            qPrintable(message));
-        m_hookError = message;
+    connect(m_hooks, &zevqml::SourceHooks::failed, this, [this](const QString &message, const QString &hint) {
+        m_hookError = hint.isEmpty() ? message : QStringLiteral("%1 (%2)").arg(hint, message);
+        qWarning("LiveVideo: the source cannot prepare its frames for this window: %s; frames in the "
+                 "GPU are not shown",
+                 qPrintable(m_hookError));
+        updateProblem();
+        update();
+    });
+    connect(m_hooks, &zevqml::SourceHooks::recovered, this, [this] {
+        m_hookError.clear();
+        updateProblem();
         update();
     });
 }
@@ -87,6 +92,7 @@ void LiveVideo::setSource(QObject *source)
 void LiveVideo::attachHooks()
 {
     m_hookError.clear();
+    updateProblem();
     m_hooks->attach(window(), m_source ? m_source->getVideoSource() : QSharedPointer<MediaSourceBase>());
 }
 
@@ -112,7 +118,10 @@ void LiveVideo::present(const QVideoFrame &frame)
 {
     if (!frame.isValid() || frame == m_frame)
         return;
+    if (m_hooks->areFramesStale() && EglImageTexture::isBorrowed(frame))
+        return;
     m_frame = frame;
+    m_frameGeneration = m_hooks->generation();
     m_image = QImage();
     pictureChanged(frame.size());
 }
@@ -171,12 +180,25 @@ QString LiveVideo::whyNoEglImage() const
     return {};
 }
 
+// The image is the only way to the pixels.
+LiveVideo::Choice LiveVideo::chooseBorrowed() const
+{
+    if (m_frameGeneration != m_hooks->generation())
+        return {NoPath, QStringLiteral("the source starts anew")};
+    const QString obstacle = whyNoEglImage();
+    if (obstacle.isEmpty())
+        return {EglImage, QString()};
+    return {NoPath, QStringLiteral("the source's frames are in the GPU only, and %1").arg(obstacle), true};
+}
+
 LiveVideo::Choice LiveVideo::choosePath() const
 {
     if (!m_image.isNull())
         return {Converted, QStringLiteral("images were asked for")};
     if (!m_frame.isValid())
         return {NoPath, QStringLiteral("there is no picture yet")};
+    if (EglImageTexture::isBorrowed(m_frame))
+        return chooseBorrowed();
     QString whyMapped;
     if (EglImageTexture::isCandidate(m_frame)) {
         whyMapped = whyNoEglImage();
@@ -186,12 +208,14 @@ LiveVideo::Choice LiveVideo::choosePath() const
         whyMapped = StoreFrame::of(m_frame).noDmabufReason;
     }
     if (!zevqml::hasReadablePlanes(m_frame)) {
-        return {NoPath, !m_hookError.isEmpty() ? m_hookError
-                        : !whyMapped.isEmpty() ? whyMapped
-                                               : QStringLiteral("the frame has neither an image nor planes")};
+        return {NoPath,
+                !m_hookError.isEmpty() ? m_hookError
+                : !whyMapped.isEmpty() ? whyMapped
+                                       : QStringLiteral("the frame has neither an image nor planes"),
+                true};
     }
-    if (!zevqml::isPlanarYuv(m_frame.pixelFormat()))
-        return {Converted, QStringLiteral("the frame is RGB")};
+    if (!zevqml::isPlanarYuv(m_frame.pixelFormat())) // also the picture for a source that gives none
+        return {Converted, m_hookError.isEmpty() ? QStringLiteral("the frame is RGB") : m_hookError};
 
     if (window()->rendererInterface()->graphicsApi() != QSGRendererInterface::OpenGL)
         return {Converted, QStringLiteral("the scene graph does not draw with OpenGL")};
@@ -249,8 +273,10 @@ QSGNode *LiveVideo::updateEglImageNode(QSGNode *oldNode, Choice *choice)
     if ((fresh || m_nodeSerial != m_serial) && !node->show(m_frame, zevqml::frameColors(m_frame))) {
         if (fresh)
             delete node;
+        // A borrowed image may just have gone: the next frame's is tried all the same.
         m_eglImageFailed = true;
         *choice = choosePath();
+        m_eglImageFailed = !EglImageTexture::isBorrowed(m_frame);
         return oldNode;
     }
     m_nodeSerial = m_serial;
@@ -289,7 +315,7 @@ QSGNode *LiveVideo::updateImageNode(QSGNode *oldNode, const Choice &choice)
         if (!texture) {
             delete node;
             m_nodePath = NoPath;
-            reportPath({NoPath, QStringLiteral("the frame could not be converted")});
+            reportPath({NoPath, QStringLiteral("the frame could not be converted"), true});
             return nullptr;
         }
         if (fresh) {
@@ -317,14 +343,25 @@ void LiveVideo::reportPath(const Choice &choice)
     m_reported = choice;
     // The properties belong to the GUI thread, and so do those who are told of their change.
     QMetaObject::invokeMethod(
-        this, [this, choice] { setPath(choice.path, choice.reason); }, Qt::QueuedConnection);
+        this, [this, choice] { setPath(choice); }, Qt::QueuedConnection);
 }
 
-void LiveVideo::setPath(FramePath path, const QString &reason)
+void LiveVideo::setPath(const Choice &choice)
 {
-    if (path == m_framePath && reason == m_framePathReason)
+    if (choice.path == m_framePath && choice.reason == m_framePathReason)
         return;
-    m_framePath = path;
-    m_framePathReason = reason;
+    m_framePath = choice.path;
+    m_framePathReason = choice.reason;
+    m_pathProblem = choice.isProblem ? choice.reason : QString();
     emit framePathChanged();
+    updateProblem();
+}
+
+void LiveVideo::updateProblem()
+{
+    const QString problem = m_hookError.isEmpty() ? m_pathProblem : m_hookError;
+    if (problem == m_problem)
+        return;
+    m_problem = problem;
+    emit problemChanged();
 }

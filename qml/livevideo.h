@@ -27,14 +27,19 @@ class SourceHooks;
  *              a shader from the frame's own matrix and range
  *   Converted  RGB frames and images; also 4:2:0 frames where the scene graph has no usable OpenGL
  *   NoPath     nothing to show, or a frame that cannot be drawn
+ * A camera's frames (V4L2MediaSource) carry an EGL image that is the camera's and have no planes: for them
+ * there is EglImage or NoPath. `problem` is what to tell a person: why the newest frame is not drawn, or why
+ * the source cannot give frames to this window; empty when all is well.
  *
  * Threads: an item lives in the GUI thread like all others; present() is called there.
  * Ownership: keeps exactly the newest frame, so that one frame of the store stays locked while it is on
  * screen, and no other once the scene graph has taken it over. A hidden item keeps the newest frame and draws
  * nothing. clear() lets go of it. No frame carries an EGL image when it leaves the render thread, so copies
- * of it may go in any thread. Errors: none are thrown; a frame that cannot be drawn leaves the item empty,
- * with framePathReason saying why. Cost: Mapped is one copy into textures per new frame, in the render
- * thread; Converted converts 4:2:0 frames there while the GUI thread waits.
+ * of it may go in any thread. The source's GL resources are released when no item shows it any more, and with
+ * the scene graph; a camera's frame is not drawn again after that. Errors: none are thrown; a frame that
+ * cannot be drawn leaves the item empty, with framePathReason saying why. Cost: Mapped is one copy into
+ * textures per new frame, in the render thread; Converted converts 4:2:0 frames there while the GUI thread
+ * waits.
  */
 class LiveVideo : public QQuickItem
 {
@@ -45,6 +50,7 @@ class LiveVideo : public QQuickItem
     Q_PROPERTY(QSize videoSize READ videoSize NOTIFY videoSizeChanged)
     Q_PROPERTY(FramePath framePath READ framePath NOTIFY framePathChanged)
     Q_PROPERTY(QString framePathReason READ framePathReason NOTIFY framePathChanged)
+    Q_PROPERTY(QString problem READ problem NOTIFY problemChanged)
 
 public:
     enum FillMode { Stretch, PreserveAspectFit, PreserveAspectCrop };
@@ -71,6 +77,7 @@ public:
 
     FramePath framePath() const { return m_framePath; }
     QString framePathReason() const { return m_framePathReason; }
+    QString problem() const { return m_problem; }
 
 public Q_SLOTS:
     /* An invalid frame changes nothing. */
@@ -86,6 +93,7 @@ Q_SIGNALS:
     void eglImagesChanged();
     void videoSizeChanged();
     void framePathChanged();
+    void problemChanged();
 
 protected:
     QSGNode *updatePaintNode(QSGNode *oldNode, UpdatePaintNodeData *data) override;
@@ -96,20 +104,25 @@ private:
     {
         FramePath path;
         QString reason;
+        bool isProblem = false; // there is a frame, and it is not drawn
     };
     Choice choosePath() const;
+    Choice chooseBorrowed() const;
     QString whyNoEglImage() const;
     QSGNode *updateEglImageNode(QSGNode *oldNode, Choice *choice);
     QSGNode *updateYuvNode(QSGNode *oldNode, const Choice &choice);
     QSGNode *updateImageNode(QSGNode *oldNode, const Choice &choice);
     void reportPath(const Choice &choice);
-    void setPath(FramePath path, const QString &reason);
+    void setPath(const Choice &choice);
+    void updateProblem();
     void pictureChanged(const QSize &size);
     void attachHooks();
 
     QPointer<MediaProvider> m_source;
     zevqml::SourceHooks *m_hooks; // child
-    QString m_hookError;
+    QString m_hookError;          // the GUI thread's; read by the render thread while that waits
+    QString m_pathProblem;
+    QString m_problem;
     FillMode m_fillMode = PreserveAspectFit;
     bool m_eglImages = true;
     QSize m_videoSize{0, 0};
@@ -118,6 +131,7 @@ private:
 
     // The newest picture: one of the two. The serial tells the scene graph's node whether it has it already.
     QVideoFrame m_frame;
+    quint64 m_frameGeneration = 0; // of the source's GL resources, when the frame came
     QImage m_image;
     quint64 m_serial = 0;
 

@@ -1,10 +1,60 @@
 #include "sourcehooks.h"
 
+#include <zevqt-mm/eglimagecontext.h>
 #include <zevqt-mm/mediasourcebase.h>
 
+#include <QCoreApplication>
+#include <QMutex>
+#include <QMutexLocker>
+#include <QOpenGLContext>
 #include <QQuickWindow>
+#include <QRunnable>
+
+#include <atomic>
+#include <exception>
+#include <iterator>
+#include <map>
 
 namespace zevqml {
+
+namespace {
+
+QString whyNoEgl()
+{
+    if (!QOpenGLContext::currentContext())
+        return QStringLiteral("the scene graph does not draw with OpenGL");
+    if (!zevgl::EGLImageContext::currentContext().display)
+        return QStringLiteral("the window's OpenGL does not come through EGL; on X11, set "
+                              "QT_XCB_GL_INTEGRATION=xcb_egl");
+    return {};
+}
+
+} // namespace
+
+/* What all who show a source have in common. */
+class SourceHooks::Resources
+{
+public:
+    /* Of this source; made by the first one who asks. */
+    static std::shared_ptr<Resources> of(const MediaSourceBase *source)
+    {
+        static QMutex mutex;
+        static std::map<const MediaSourceBase *, std::weak_ptr<Resources>> all;
+        const QMutexLocker lock(&mutex);
+        for (auto entry = all.begin(); entry != all.end();)
+            entry = entry->second.expired() ? all.erase(entry) : std::next(entry);
+        std::weak_ptr<Resources> &known = all[source];
+        std::shared_ptr<Resources> result = known.lock();
+        if (!result)
+            known = result = std::make_shared<Resources>();
+        return result;
+    }
+
+    QMutex mutex;  // held while a hook runs
+    int users = 0; // by the mutex: who has called doBeforeGLSynchronizing() and not given up
+    std::atomic<quint64> generation{0};
+    std::atomic<int> settling{0}; // releases that the window's thread has not heard of yet
+};
 
 /*
  * What the render thread uses. It is shared with the connections, so that a signal that is being delivered
@@ -12,21 +62,99 @@ namespace zevqml {
  */
 struct SourceHooks::Hooked
 {
-    QSharedPointer<MediaSourceBase> source;
-    bool broken = false; // the render thread only
+    explicit Hooked(const QSharedPointer<MediaSourceBase> &hookedSource)
+        : source(hookedSource), resources(Resources::of(hookedSource.data()))
+    {}
 
-    template <typename Hook, typename Report>
-    void call(Hook hook, Report report)
+    ~Hooked() { giveUp(); }
+
+    // Without a release: the scene graph that could do it is gone, or another window's now.
+    void giveUp()
     {
-        if (broken)
-            return;
+        const QMutexLocker lock(&resources->mutex);
+        if (isUser)
+            --resources->users;
+        isUser = false;
+    }
+
+    // True when the hook was called and did not throw.
+    template <typename Hook, typename Report>
+    bool call(Hook hook, Report report)
+    {
+        if (isBroken)
+            return false;
         try {
             ((*source).*hook)();
+            return true;
         } catch (const std::exception &error) {
-            broken = true;
-            report(QString::fromUtf8(error.what()));
+            isBroken = true;
+            report(QString::fromUtf8(error.what()), whyNoEgl());
+            return false;
         }
     }
+
+    template <typename Report>
+    bool prepare(Report report)
+    {
+        const QMutexLocker lock(&resources->mutex);
+        if (!isUser)
+            ++resources->users;
+        isUser = true; // also of what a hook that throws has made until then
+        return call(&MediaSourceBase::doBeforeGLSynchronizing, report);
+    }
+
+    template <typename Report>
+    void finish(Report report)
+    {
+        const QMutexLocker lock(&resources->mutex);
+        call(&MediaSourceBase::doAfterGLSynchronizing, report);
+    }
+
+    template <typename Report>
+    void release(Report report)
+    {
+        const QMutexLocker lock(&resources->mutex);
+        if (!isUser)
+            return;
+        isUser = false;
+        if (--resources->users > 0)
+            return;
+        const bool isKnown = isBroken; // and told already
+        isBroken = false;
+        ++resources->generation;
+        ++resources->settling;
+        call(&MediaSourceBase::releaseGLResources, [&](const QString &message, const QString &hint) {
+            if (!isKnown)
+                report(message, hint);
+        });
+        isBroken = false; // a new scene graph is a new attempt
+        // Behind all frames that were queued before, and never the last owner in the render thread.
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(), [common = resources, owner = source] { --common->settling; },
+            Qt::QueuedConnection);
+    }
+
+    const QSharedPointer<MediaSourceBase> source;
+    const std::shared_ptr<Resources> resources;
+    bool isUser = false;    // by the resources' mutex
+    bool isBroken = false;  // the render thread only
+    bool hasFailed = false; // likewise: said and not taken back
+};
+
+/* Releases in the render thread, at the next synchronization or at the window's end. */
+class SourceHooks::Release : public QRunnable
+{
+public:
+    explicit Release(std::shared_ptr<Hooked> toRelease) : hooked(std::move(toRelease)) {}
+    void run() override
+    {
+        hooked->release([](const QString &message, const QString &) {
+            qWarning("LiveVideo: the source cannot release what it has in the GPU: %s", qPrintable(message));
+        });
+    }
+
+private:
+    const std::shared_ptr<Hooked> hooked;
 };
 
 SourceHooks::SourceHooks(QObject *parent) : QObject(parent) {}
@@ -42,32 +170,54 @@ void SourceHooks::attach(QQuickWindow *window, const QSharedPointer<MediaSourceB
     if (!window || !source)
         return;
     m_window = window;
-    m_hooked = std::make_shared<Hooked>();
-    m_hooked->source = source;
+    m_hooked = std::make_shared<Hooked>(source);
 
-    // failed() is emitted in the render thread: receivers in the window's thread get it queued.
-    const auto report = [this](const QString &message) { emit failed(message); };
+    // The signals are emitted in the render thread: receivers in the window's thread get them queued.
     const auto hooked = m_hooked;
+    const auto report = [this, hooked](const QString &message, const QString &hint) {
+        hooked->hasFailed = true;
+        emit failed(message, hint);
+    };
     connect(
         window, &QQuickWindow::beforeSynchronizing, this,
-        [hooked, report] { hooked->call(&MediaSourceBase::doBeforeGLSynchronizing, report); },
+        [this, hooked, report] {
+            if (hooked->prepare(report) && hooked->hasFailed) {
+                hooked->hasFailed = false;
+                emit recovered();
+            }
+        },
         Qt::DirectConnection);
     connect(
-        window, &QQuickWindow::afterSynchronizing, this,
-        [hooked, report] { hooked->call(&MediaSourceBase::doAfterGLSynchronizing, report); },
+        window, &QQuickWindow::afterSynchronizing, this, [hooked, report] { hooked->finish(report); },
         Qt::DirectConnection);
     connect(
-        window, &QQuickWindow::sceneGraphInvalidated, this,
-        [hooked, report] { hooked->call(&MediaSourceBase::releaseGLResources, report); },
+        window, &QQuickWindow::sceneGraphInvalidated, this, [hooked, report] { hooked->release(report); },
         Qt::DirectConnection);
+    // Render loops with one context for all windows do not tell when one of several goes.
+    connect(window, &QObject::destroyed, this, [hooked] { hooked->giveUp(); });
 }
 
 void SourceHooks::detach()
 {
-    if (m_window)
+    if (m_window) {
         disconnect(m_window, nullptr, this, nullptr);
+        if (m_hooked) {
+            m_window->scheduleRenderJob(new Release(m_hooked), QQuickWindow::BeforeSynchronizingStage);
+            m_window->update();
+        }
+    }
     m_window = nullptr;
     m_hooked.reset();
+}
+
+quint64 SourceHooks::generation() const
+{
+    return m_hooked ? m_hooked->resources->generation.load() : 0;
+}
+
+bool SourceHooks::areFramesStale() const
+{
+    return m_hooked && m_hooked->resources->settling > 0;
 }
 
 } // namespace zevqml

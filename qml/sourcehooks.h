@@ -4,7 +4,6 @@
 #include <QPointer>
 #include <QSharedPointer>
 
-#include <exception>
 #include <memory>
 
 QT_BEGIN_NAMESPACE
@@ -16,11 +15,19 @@ namespace zevqml {
 
 /*
  * Calls a source's GL hooks in a window's render thread: before and after every synchronization, and when the
- * scene graph's resources go. Sources whose frames live in the GPU need them; to others they are empty calls.
+ * scene graph's resources go or nobody shows the source any more. Sources whose frames live in the GPU need
+ * them; to others they are empty calls.
  *
- * Threads: attach() and detach() in the window's thread; the hooks run in the render thread while the
- * window's thread waits for it. Ownership: shares the source while attached; borrows the window. Errors: a
- * hook that throws is not called again; failed() tells once, with the exception's text.
+ * Several items, also of several windows, may show one source: its resources are released with the last one.
+ * Frames that borrow an image of the source are worth nothing after that, and some may still be on their way
+ * to the window's thread: generation() is another from then on, and areFramesStale() holds until they are
+ * through.
+ *
+ * Threads: attach() and detach() in the window's thread; the hooks run in the render thread, most of them
+ * while the window's thread waits for it; generation() and areFramesStale() in either. Hooks of one source
+ * never run at the same time. Ownership: shares the source while attached, and until its resources are
+ * released; borrows the window. Errors: a hook that throws is not called again until the scene graph is made
+ * anew; failed() tells once, with the exception's text and, if OpenGL is the reason, a hint in words.
  */
 class SourceHooks : public QObject
 {
@@ -34,11 +41,21 @@ public:
     void attach(QQuickWindow *window, const QSharedPointer<MediaSourceBase> &source);
     void detach();
 
+    /* Of the source's GL resources: how often they were released. 0 while nothing is attached. */
+    quint64 generation() const;
+    /* Frames that are handed out now may borrow images that are gone. */
+    bool areFramesStale() const;
+
 Q_SIGNALS:
-    void failed(const QString &message);
+    void failed(const QString &message, const QString &hint);
+    /* After failed(), the hooks work again. */
+    void recovered();
 
 private:
+    class Resources;
     struct Hooked;
+    class Release;
+
     std::shared_ptr<Hooked> m_hooked;
     QPointer<QQuickWindow> m_window;
 };

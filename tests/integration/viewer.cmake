@@ -78,7 +78,7 @@ endif()
 # With OpenGL the leak check sees what Mesa's driver, unloaded by then, and Qt Quick's offscreen surface keep: neither can
 # be told by name any more. The software scene graph's run of tst_livevideo, and headless viewers, have the check.
 if(ZEV_SANITIZE MATCHES "address")
-    foreach(name tst_livevideo_opengl tst_viewerwindow tst_viewer_window tst_viewer_blocked tst_viewer_colors)
+    foreach(name tst_livevideo_opengl tst_livevideocamera_opengl tst_viewerwindow tst_viewer_window tst_viewer_blocked tst_viewer_colors)
         if(TEST ${name})
             set_property(TEST ${name} APPEND PROPERTY ENVIRONMENT
                 "ASAN_OPTIONS=detect_stack_use_after_return=1:detect_leaks=0")

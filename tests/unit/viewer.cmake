@@ -17,6 +17,17 @@ if(TARGET tst_livevideo)
     zev_test_environment(tst_livevideo_opengl)
 endif()
 
+# The same for sources whose frames are in the GPU, over a capture library of the test's own.
+zev_test(tst_livevideocamera
+    SOURCES unit/tst_livevideocamera.cpp unit/fake_zevmm.cpp unit/fake_zevmm.h integration/xvfbserver.cpp
+    LIBRARIES Zev::items GTest::gtest
+    LABEL integration)
+target_include_directories(tst_livevideocamera PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/integration
+    $<TARGET_PROPERTY:Zev::zevmm,INTERFACE_INCLUDE_DIRECTORIES>)
+add_test(NAME tst_livevideocamera_opengl COMMAND tst_livevideocamera --opengl)
+set_tests_properties(tst_livevideocamera_opengl PROPERTIES LABELS integration TIMEOUT 120 SKIP_RETURN_CODE 77)
+zev_test_environment(tst_livevideocamera_opengl)
+
 zev_test(tst_viewerwindow
     SOURCES unit/tst_viewerwindow.cpp integration/xvfbserver.cpp
         ${PROJECT_SOURCE_DIR}/examples/viewer/viewer.qrc
