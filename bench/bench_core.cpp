@@ -1,17 +1,11 @@
-// What the library adds to what cannot be done without: to making a QVideoFrame, when it hands out a store
-// frame, and to scaling, when it makes an image.
+// What the library adds to scaling when it makes an image.
 #include "counting_allocator.h"
-#include "store.h"
+#include "trivialframe.h"
 
-#include "sources/shmemreader.h"
 #include "video/videoframestreamconverter.h"
 
-#include <QAbstractPlanarVideoBuffer>
 #include <QImage>
-#include <QVariant>
 #include <benchmark/benchmark.h>
-#include <memory>
-#include <vector>
 
 extern "C" {
 #include <libswscale/swscale.h>
@@ -19,124 +13,12 @@ extern "C" {
 
 namespace {
 
-constexpr int width = 1920;
-constexpr int height = 1080;
+using bench::height;
+using bench::Pixels;
+using bench::trivialFrame;
+using bench::width;
 
-// A full-HD frame in ordinary memory, with strides as the store has them.
-struct Pixels
-{
-    explicit Pixels(QVideoFrame::PixelFormat pixelFormat)
-        : format(pixelFormat), planeCount(format == QVideoFrame::Format_NV12 ? 2 : 3)
-    {
-        const int chroma = format == QVideoFrame::Format_NV12 ? 2048 : 1024;
-        strides[0] = 2048;
-        for (int plane = 1; plane < planeCount; ++plane)
-            strides[plane] = chroma;
-        size_t offset = 0;
-        for (int plane = 0; plane < planeCount; ++plane)
-            offset += static_cast<size_t>(strides[plane]) * rows(plane);
-        memory.resize(offset);
-        for (size_t i = 0; i < memory.size(); ++i)
-            memory[i] = static_cast<uint8_t>(i * 7 + i / 2048 * 3);
-        offset = 0;
-        for (int plane = 0; plane < planeCount; ++plane) {
-            planes[plane] = memory.data() + offset;
-            offset += static_cast<size_t>(strides[plane]) * rows(plane);
-        }
-    }
-    static size_t rows(int plane) { return plane ? height / 2 : height; }
-
-    const QVideoFrame::PixelFormat format;
-    const int planeCount;
-    std::vector<uint8_t> memory;
-    uint8_t *planes[4] = {};
-    int strides[4] = {};
-};
-
-// The least that a video buffer can be.
-class TrivialBuffer : public QAbstractPlanarVideoBuffer
-{
-public:
-    explicit TrivialBuffer(const Pixels &frame) : QAbstractPlanarVideoBuffer(NoHandle), pixels(frame) {}
-    MapMode mapMode() const override { return mode; }
-    int map(MapMode mapMode, int *numBytes, int bytesPerLine[4], uchar *data[4]) override
-    {
-        mode = mapMode;
-        if (numBytes)
-            *numBytes = static_cast<int>(pixels.memory.size());
-        for (int plane = 0; plane < pixels.planeCount; ++plane) {
-            bytesPerLine[plane] = pixels.strides[plane];
-            data[plane] = pixels.planes[plane];
-        }
-        return pixels.planeCount;
-    }
-    void unmap() override { mode = NotMapped; }
-
-private:
-    const Pixels &pixels;
-    MapMode mode = NotMapped;
-};
-
-// The frame that the store's reader makes, over a buffer that does nothing.
-QVideoFrame trivialFrame(const Pixels &pixels, const QByteArray &name, qint64 timestamp)
-{
-    auto *buffer = new TrivialBuffer(pixels);
-    QVideoFrame frame(buffer, QSize(width, height), pixels.format);
-    frame.setStartTime(timestamp);
-    frame.setFieldType(QVideoFrame::ProgressiveFrame);
-    frame.setMetaData(QStringLiteral("shmname"), QVariant(name));
-    frame.setMetaData(QStringLiteral("buffer"), QVariant::fromValue(static_cast<void *>(buffer)));
-    return frame;
-}
-
-const QByteArray storeName = "bench-core";
-
-bench::Writer &writer()
-{
-    static bench::StoreDirectory directory;
-    static std::unique_ptr<bench::Writer> store;
-    if (!store) {
-        store = std::make_unique<bench::Writer>(storeName.toStdString(), width, height, 16);
-        for (int i = 0; i < 32; ++i)
-            store->publish();
-    }
-    return *store;
-}
-
-void makeTrivialFrame(benchmark::State &state)
-{
-    const Pixels pixels(QVideoFrame::Format_YUV420P);
-    for (auto _ : state) {
-        QVideoFrame frame = trivialFrame(pixels, storeName, 1);
-        benchmark::DoNotOptimize(frame);
-    }
-}
-
-void grab(benchmark::State &state, bool nearest)
-{
-    const long long asked = nearest ? writer().newest() - 100000 + 3000 : 0;
-    ShmemReader reader(QString::fromUtf8(storeName), 5000);
-    if (!reader.open() || !reader.grabVideo(asked).isValid()) {
-        state.SkipWithError("no frame");
-        return;
-    }
-    for (auto _ : state) {
-        QVideoFrame frame = reader.grabVideo(asked);
-        benchmark::DoNotOptimize(frame);
-    }
-}
-
-void grabNewest(benchmark::State &state)
-{
-    writer();
-    grab(state, false);
-}
-
-void grabNearest(benchmark::State &state)
-{
-    writer();
-    grab(state, true);
-}
+const QVariant storeName = QByteArray("bench-core");
 
 void scaleRaw(benchmark::State &state, QVideoFrame::PixelFormat format, AVPixelFormat avFormat)
 {
@@ -196,9 +78,6 @@ void convertOnce(benchmark::State &state)
         static_cast<double>(bench::allocations().largeCount - before.largeCount);
 }
 
-BENCHMARK(makeTrivialFrame);
-BENCHMARK(grabNewest);
-BENCHMARK(grabNearest);
 BENCHMARK_CAPTURE(scaleRaw, yuv420p, QVideoFrame::Format_YUV420P, AV_PIX_FMT_YUV420P);
 BENCHMARK_CAPTURE(scaleRaw, nv12, QVideoFrame::Format_NV12, AV_PIX_FMT_NV12);
 BENCHMARK_CAPTURE(convertStream, yuv420p, QVideoFrame::Format_YUV420P);

@@ -5,6 +5,8 @@
 
 #include <QtMultimedia/QAudioFormat>
 
+#include <atomic>
+
 class ShmemReader;
 class VideoFrameConverter;
 class VideoFrameStreamConverter;
@@ -85,7 +87,7 @@ public Q_SLOTS:
 
 private:
     ShmemReader *reader;
-    unsigned long requestedAudioSamples;
+    std::atomic<unsigned long> requestedAudioSamples; // set in one thread, read in the one that requests
     VideoFrameStreamConverter *converter;
 };
 

@@ -115,8 +115,9 @@ long long MediaSource::getAudioLastTimestamp()
 
 unsigned long MediaSource::getDefaultSamplesCount()
 {
-    if (requestedAudioSamples != 0)
-        return requestedAudioSamples;
+    const unsigned long requested = requestedAudioSamples.load(std::memory_order_relaxed);
+    if (requested != 0)
+        return requested;
     const QAudioFormat format = reader->peekAudioFormat();
     if (!format.isValid())
         return 0;
@@ -125,7 +126,7 @@ unsigned long MediaSource::getDefaultSamplesCount()
 
 void MediaSource::setRequestedAudioSamplesCount(unsigned long frames)
 {
-    requestedAudioSamples = frames;
+    requestedAudioSamples.store(frames, std::memory_order_relaxed);
 }
 
 VideoFrameConverter *MediaSource::getVideoFrameConverter()

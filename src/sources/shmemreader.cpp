@@ -5,11 +5,13 @@
 
 #include <zevqt-mm/shmemdmavideobuffer.h>
 
-#include <QtCore/QMutexLocker>
 #include <QtCore/QVariant>
+
+#include <time.h>
 
 #include <cstdlib>
 #include <limits>
+#include <mutex>
 
 extern "C" {
 #include <libavutil/time.h>
@@ -18,7 +20,17 @@ extern "C" {
 namespace {
 
 const qint64 checkIntervalMs = 1000;
+const qint64 coarseLagMs = 50; // more than the coarse clock is behind, a late tick included
 const int microsecondsPerMillisecond = 1000;
+
+// CLOCK_MONOTONIC, what QElapsedTimer reads, as of the kernel's last tick: up to 10 ms ago, for a third of
+// the cost.
+qint64 coarseMs()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<qint64>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
 
 QAudioFormat shmemFormatToAudioFormat(const shm_reader_format_t &format)
 {
@@ -33,23 +45,6 @@ QAudioFormat shmemFormatToAudioFormat(const shm_reader_format_t &format)
     result.setCodec(QStringLiteral("audio/pcm"));
     return result;
 }
-
-// The record keeps the handle it is locked through: the reader may move on to the next writer meanwhile. In
-// one piece, since a deleter that carried the handle itself would be one more allocation for every frame.
-struct LockedRecord : shm_video_frame_t
-{
-    explicit LockedRecord(const QSharedPointer<shm_reader_t> &reader) : shm_video_frame_t(), handle(reader) {}
-
-    static void release(shm_video_frame_t *record)
-    {
-        auto *locked = static_cast<LockedRecord *>(record);
-        if (locked->planes[0])
-            shm_reader_unlock_video(locked->handle.data(), locked);
-        delete locked;
-    }
-
-    const QSharedPointer<shm_reader_t> handle;
-};
 
 bool isDmaRequested()
 {
@@ -82,7 +77,7 @@ bool isDmaExportable(int pixelFormat)
 
 ShmemReader::ShmemReader(QString storeName, int openParameter)
     : reader(nullptr), format(), realtimeSyncMin(0), realtimeSyncMax(0), fpsNumerator(0), fpsDenominator(0),
-      openParam(openParameter), audioChannel(-1), reportedChannels(0)
+      openParam(openParameter), audioChannel(-1), reportedChannels(0), recentUntilMs(0)
 {
     const int separator = storeName.indexOf(QLatin1Char(';'));
     if (separator < 0) {
@@ -93,6 +88,7 @@ ShmemReader::ShmemReader(QString storeName, int openParameter)
         const int channel = storeName.mid(separator + 1).toInt(&isNumber, 10);
         audioChannel = isNumber ? channel : -1;
     }
+    nameEntry = name;
 }
 
 ShmemReader::~ShmemReader()
@@ -102,39 +98,53 @@ ShmemReader::~ShmemReader()
 
 bool ShmemReader::open()
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard<QBasicMutex> lock(mutex);
     return reopen();
 }
 
 void ShmemReader::close()
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard<QBasicMutex> lock(mutex);
     reader = nullptr;
+    lockedFrames.reset();
     readerRef.reset();
     format.valid = 0;
 }
 
 bool ShmemReader::check(bool force)
 {
-    const bool isRecent = !force && checkTimer.isValid() && !checkTimer.hasExpired(checkIntervalMs);
+    const bool isRecent = !force && isCheckRecent();
     if (format.valid) {
         if (isRecent)
             return true;
         if (shm_reader_is_ready(reader)) {
-            checkTimer.start();
+            startCheckTimer();
             return true;
         }
     } else if (isRecent) {
         return false;
     }
     const bool isUsable = reopen();
-    checkTimer.start();
+    startCheckTimer();
     return isUsable;
+}
+
+void ShmemReader::startCheckTimer()
+{
+    checkTimer.start();
+    recentUntilMs = coarseMs() + checkIntervalMs - coarseLagMs;
+}
+
+// The timer decides; it is only asked when the coarse clock leaves room for doubt.
+bool ShmemReader::isCheckRecent() const
+{
+    return checkTimer.isValid() && (coarseMs() < recentUntilMs || !checkTimer.hasExpired(checkIntervalMs));
 }
 
 bool ShmemReader::reopen()
 {
     format.valid = 0;
+    lockedFrames.reset();
     reader = shm_reader_open(name.constData(), openParam);
     readerRef = QSharedPointer<shm_reader_t>(reader, shm_reader_close);
     if (!reader)
@@ -148,10 +158,12 @@ bool ShmemReader::reopen()
     noDmabufReason.clear();
     if (isDmaRequested() && isDmaExportable(format.pixel_format))
         openDmabufs();
-    if (format.has_video)
+    if (format.has_video) {
+        lockedFrames = LockedFrames::create(readerRef);
         applyVideoFrameRate();
-    else if (format.has_audio && audioChannel >= 0)
+    } else if (format.has_audio && audioChannel >= 0) {
         format.channels = 1;
+    }
     return format.valid;
 }
 
@@ -169,7 +181,7 @@ void ShmemReader::openDmabufs()
 
 void ShmemReader::setRealtimeSyncRange(int min, int max)
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard<QBasicMutex> lock(mutex);
     realtimeSyncMin = wrapping::multiply(min, microsecondsPerMillisecond);
     realtimeSyncMax = wrapping::multiply(max, microsecondsPerMillisecond);
 }
@@ -184,7 +196,7 @@ bool ShmemReader::checkRealtimeSync(long long ts) const
 
 void ShmemReader::setVideoFrameRate(unsigned int numerator, unsigned int denominator)
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard<QBasicMutex> lock(mutex);
     fpsNumerator = numerator;
     fpsDenominator = denominator;
     if (format.valid && format.has_video)
@@ -207,7 +219,7 @@ void ShmemReader::applyVideoFrameRate()
 shm_video_status_t ShmemReader::getVideoStatus()
 {
     shm_video_status_t status = {};
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard<QBasicMutex> lock(mutex);
     if (hasVideo()) {
         shm_reader_get_video_status(reader, &status);
         if (!status.live)
@@ -218,13 +230,13 @@ shm_video_status_t ShmemReader::getVideoStatus()
 
 QSize ShmemReader::getVideoFrameSize()
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard<QBasicMutex> lock(mutex);
     return hasVideo() ? QSize(format.width, format.height) : QSize(-1, -1);
 }
 
 QVector<long long> ShmemReader::getVideoTimestamps()
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard<QBasicMutex> lock(mutex);
     if (!hasVideo())
         return {};
     QVector<long long> timestamps(qMax(0, format.frame_count));
@@ -247,44 +259,53 @@ QVideoFrame ShmemReader::grabVideo(long long ts, shm_video_lookup_mode_t mode)
 
 QVideoFrame ShmemReader::grabVideoInternal(long long ts, shm_video_lookup_mode_t *mode)
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard<QBasicMutex> lock(mutex);
     if (!hasVideo())
         return {};
 
-    std::unique_ptr<shm_video_frame_t, std::function<void(shm_video_frame_t *)>> frame(
-        new LockedRecord(readerRef), &LockedRecord::release);
-    frame->timestamp = ts;
+    LockedFrames::Lease frame = lockedFrames->take();
+    shm_video_frame_t &record = frame->record;
+    record.timestamp = ts;
     const shm_video_lookup_mode_t lookup = mode ? *mode : ts == 0 ? SHM_VIDEO_NEWEST : SHM_VIDEO_NEAREST;
-    if (shm_reader_lock_video(reader, frame.get(), lookup) != 0)
+    if (shm_reader_lock_video(reader, &record, lookup) != 0)
         return {};
-
-    const QSize size(frame->width, frame->height);
-    const long long timestamp = frame->timestamp;
     const int dmabufFd = shm_reader_get_dmabuf_fd(reader);
+    if (record.width < 1 || record.height < 1 || !checkRealtimeSync(record.timestamp))
+        return {};
+    return wrapFrame(std::move(frame), dmabufFd);
+}
+
+// One name for the result and no other way out, so that it is made where the caller wants it: a QVideoFrame
+// cannot be moved, and its copy counts references up and down.
+QVideoFrame ShmemReader::wrapFrame(LockedFrames::Lease frame, int dmabufFd)
+{
+    const QSize size(frame->record.width, frame->record.height);
+    const long long timestamp = frame->record.timestamp;
     const SHM_PIXEL_FORMAT storeFormat = knownPixelFormat(format.pixel_format);
 
-    std::unique_ptr<QAbstractVideoBuffer> buffer;
+    QAbstractVideoBuffer *buffer;
     QVideoFrame::PixelFormat pixelFormat;
     void *address; // of the concrete class: who reads it back casts to that
     if (dmabufFd == -1) {
-        auto *cpuBuffer = new ShmemVideoBuffer(storeFormat, frame);
-        cpuBuffer->setNoDmabufReason(noDmabufReason);
-        buffer.reset(cpuBuffer);
-        pixelFormat = cpuBuffer->format();
+        frame->wrap(storeFormat);
+        if (!noDmabufReason.isEmpty())
+            frame->setNoDmabufReason(noDmabufReason);
+        pixelFormat = frame->format();
+        ShmemVideoBuffer *cpuBuffer = frame.release();
+        buffer = cpuBuffer;
         address = cpuBuffer;
     } else {
-        auto *dmaBuffer = new ShmemDmaVideoBuffer(storeFormat, dmabufFd, frame);
-        buffer.reset(dmaBuffer);
+        LockedFrames::Record record = LockedFrames::recordOf(std::move(frame));
+        auto *dmaBuffer = new ShmemDmaVideoBuffer(storeFormat, dmabufFd, record);
         pixelFormat = dmaBuffer->format();
+        buffer = dmaBuffer;
         address = dmaBuffer;
     }
-    if (size.width() < 1 || size.height() < 1 || !checkRealtimeSync(timestamp))
-        return {};
 
-    QVideoFrame result(buffer.release(), size, pixelFormat);
+    QVideoFrame result(buffer, size, pixelFormat);
     result.setStartTime(timestamp);
     result.setFieldType(QVideoFrame::ProgressiveFrame);
-    result.setMetaData(QStringLiteral("shmname"), QVariant(name));
+    result.setMetaData(QStringLiteral("shmname"), nameEntry);
     result.setMetaData(QStringLiteral("buffer"), QVariant::fromValue(address));
     return result;
 }
@@ -293,7 +314,7 @@ QAudioBuffer ShmemReader::grabAudio(int stream, unsigned long frames, long long 
 {
     if (frames == 0)
         return {};
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard<QBasicMutex> lock(mutex);
     if (!hasAudio())
         return {};
     shm_audio_status_t status = {};
@@ -329,7 +350,7 @@ QAudioBuffer ShmemReader::grabAudio(int stream, unsigned long frames, long long 
 
 long long ShmemReader::grabAudio(int stream, unsigned long frames, void *dst, long long ts)
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard<QBasicMutex> lock(mutex);
     if (!hasAudio())
         return 0;
     // A writer that came back with more channels would write past the end of a buffer sized for fewer.
@@ -341,7 +362,7 @@ long long ShmemReader::grabAudio(int stream, unsigned long frames, void *dst, lo
 
 QAudioFormat ShmemReader::getAudioFormat()
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard<QBasicMutex> lock(mutex);
     const QAudioFormat current = currentAudioFormat();
     if (current.isValid())
         reportedChannels = current.channelCount();
@@ -350,7 +371,7 @@ QAudioFormat ShmemReader::getAudioFormat()
 
 QAudioFormat ShmemReader::peekAudioFormat()
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard<QBasicMutex> lock(mutex);
     return currentAudioFormat();
 }
 
@@ -365,7 +386,7 @@ QAudioFormat ShmemReader::currentAudioFormat()
 
 long long ShmemReader::getAudioLastTimestamp()
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard<QBasicMutex> lock(mutex);
     if (!hasAudio())
         return 0;
     shm_audio_status_t status = {};

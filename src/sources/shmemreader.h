@@ -1,11 +1,14 @@
 #ifndef ZEVQTMM_SHMEMREADER_H
 #define ZEVQTMM_SHMEMREADER_H
 
+#include "sources/lockedframes.h"
+
 #include <QtCore/QByteArray>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QMutex>
 #include <QtCore/QSharedPointer>
 #include <QtCore/QSize>
+#include <QtCore/QVariant>
 #include <QtCore/QVector>
 #include <QtMultimedia/QAudioBuffer>
 #include <QtMultimedia/QAudioFormat>
@@ -31,8 +34,8 @@
  * Errors: empty results (invalid frame, empty buffer, QSize(-1, -1), zeroed status, 0); nothing throws or
  * logs.
  *
- * Cost: a grab locks and wraps, one allocation each for the record and the buffer; an open may wait for the
- * writer's answer as long as `openParam` says.
+ * Cost: a grab locks and wraps, and allocates no more than QVideoFrame itself does while at most eight frames
+ * are in use; an open may wait for the writer's answer as long as `openParam` says.
  */
 class ShmemReader
 {
@@ -77,9 +80,12 @@ private:
     bool hasVideo() { return check(false) && format.has_video; }
     bool hasAudio() { return check(false) && format.has_audio; }
     QAudioFormat currentAudioFormat();
+    void startCheckTimer();
+    bool isCheckRecent() const;
     void applyVideoFrameRate();
     void openDmabufs();
     QVideoFrame grabVideoInternal(long long ts, shm_video_lookup_mode_t *mode);
+    QVideoFrame wrapFrame(LockedFrames::Lease frame, int dmabufFd);
 
     QByteArray name;
     shm_reader_t *reader;
@@ -97,6 +103,9 @@ private:
                           // none yet
     QAudioFormat mappedFormat; // of a store with audio, kept because QAudioFormat allocates when it is made
     QString noDmabufReason;    // empty unless DMA-bufs were asked for in vain
+    LockedFrames::Owner lockedFrames; // through `reader`; null when it has no video
+    QVariant nameEntry;               // "shmname" of every frame
+    qint64 recentUntilMs;             // coarse clock: checkTimer cannot have expired before
 };
 
 #endif

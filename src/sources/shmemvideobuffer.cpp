@@ -13,6 +13,10 @@ ShmemVideoBuffer::ShmemVideoBuffer(
         nullptr; // a moved-from function may keep its target, and with it the store's handle
 }
 
+ShmemVideoBuffer::ShmemVideoBuffer()
+    : QAbstractPlanarVideoBuffer(NoHandle), mapMode_(NotMapped), pixelFormat(SHM_PIXEL_FORMAT_NONE)
+{}
+
 ShmemVideoBuffer::~ShmemVideoBuffer() = default;
 
 QAbstractVideoBuffer::MapMode ShmemVideoBuffer::mapMode() const

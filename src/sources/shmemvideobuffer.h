@@ -43,6 +43,22 @@ public:
     void setNoDmabufReason(const QString &reason) { noDmabufReason_ = reason; }
     QString noDmabufReason() const { return noDmabufReason_; }
 
+protected:
+    /*!
+     * For a buffer that is used again: shows another frame, or none, as if new. The frame shown before is not
+     * given back, nor is this one: whose it is sees to that.
+     */
+    void setFrame(SHM_PIXEL_FORMAT format, shm_video_frame_t *other)
+    {
+        frame.release();
+        frame.reset(other);
+        mapMode_ = NotMapped;
+        pixelFormat = format;
+        if (!noDmabufReason_.isEmpty())
+            noDmabufReason_.clear();
+    }
+    ShmemVideoBuffer();
+
 private:
     Q_DISABLE_COPY(ShmemVideoBuffer)
 

@@ -14,6 +14,15 @@ zev_test(tst_mediasource SOURCES ${unit}/tst_mediasource.cpp ${fake_store} LIBRA
 zev_test(tst_storeframe SOURCES ${unit}/tst_storeframe.cpp ${fake_store} LIBRARIES ${core_libraries})
 zev_test(tst_eglimagecontext SOURCES ${unit}/tst_eglimagecontext.cpp ${fake_store} LIBRARIES ${core_libraries})
 
+# With a store that only unlocks.
+set(sources ${PROJECT_SOURCE_DIR}/src/sources)
+zev_test(tst_lockedframes
+    SOURCES ${unit}/tst_lockedframes.cpp ${sources}/lockedframes.cpp ${sources}/shmemvideobuffer.cpp
+    LIBRARIES Qt5::Multimedia Qt5::Test Threads::Threads)
+target_include_directories(tst_lockedframes PRIVATE ${PROJECT_SOURCE_DIR}/src
+    $<TARGET_PROPERTY:Zev::shm,INTERFACE_INCLUDE_DIRECTORIES>)
+target_compile_definitions(tst_lockedframes PRIVATE QT_NO_KEYWORDS)
+
 # With a currentContext() of the test's own instead of the one that asks Qt.
 set(video ${PROJECT_SOURCE_DIR}/src/video)
 zev_test(tst_shmemdmavideobuffer

@@ -35,13 +35,27 @@ protected:
         entry.generation.store(generation);
         index.head->newest.value.store(generation);
     }
-    // Timestamp of what is found, or -1.
+    // Timestamp of what is found, or -1, wherever a search before may have ended.
     int64_t find(shm_video_lookup_mode_t mode, int64_t timestamp, int64_t intervalUs = 0) const
     {
+        const int64_t found = findFrom(0, mode, timestamp, intervalUs);
+        const uint64_t newest = index.head->newest.value.load();
+        for (uint64_t hint = 1; hint <= newest + 2; ++hint)
+            EXPECT_EQ(findFrom(hint, mode, timestamp, intervalUs), found) << timestamp << " hint " << hint;
+        EXPECT_EQ(findFrom(UINT64_MAX, mode, timestamp, intervalUs), found) << timestamp;
+        return found;
+    }
+    int64_t findFrom(uint64_t hint, shm_video_lookup_mode_t mode, int64_t timestamp, int64_t intervalUs) const
+    {
         FoundFrame frame;
-        const Lookup result = findFrame(index, mode, timestamp, nearestLimitUs(intervalUs), &frame);
+        const Lookup result = findFrame(index, mode, timestamp, nearestLimitUs(intervalUs), &hint, &frame);
         EXPECT_NE(result, Lookup::Moved);
         return result == Lookup::Found ? frame.timestamp : -1;
+    }
+    Lookup lookup(shm_video_lookup_mode_t mode, int64_t timestamp, uint64_t hint = 0) const
+    {
+        FoundFrame frame;
+        return findFrame(index, mode, timestamp, nearestLimitUs(0), &hint, &frame);
     }
 
     struct Free
@@ -117,9 +131,8 @@ TEST_F(ShmHistory, ARestartHidesWhatWasBefore)
     for (int64_t t = 1; t <= 5; ++t)
         publish(t * 1000000);
     index.head->first.value.store(6);
-    FoundFrame frame;
     // Between the two stores of the writer.
-    EXPECT_EQ(findFrame(index, SHM_VIDEO_NEWEST, 0, 0, &frame), Lookup::Moved);
+    EXPECT_EQ(lookup(SHM_VIDEO_NEWEST, 0), Lookup::Moved);
     publish(500);
     EXPECT_EQ(find(SHM_VIDEO_AT_OR_AFTER, 0), 500);
     EXPECT_EQ(find(SHM_VIDEO_AT_OR_BEFORE, 9000000), 500);
@@ -161,10 +174,9 @@ TEST_F(ShmHistory, AnOverwrittenEntryIsNeverTakenForAFrame)
         publish(t * 1000);
     for (uint64_t g = 1; g <= 10; ++g)
         index.history[g & (index.ring - 1)].generation.store(g + index.ring);
-    FoundFrame frame;
     for (int mode = 0; mode <= 4; ++mode) {
-        EXPECT_EQ(findFrame(index, static_cast<shm_video_lookup_mode_t>(mode), 5000, 1000000, &frame),
-                  Lookup::Moved);
+        for (uint64_t hint = 0; hint <= 11; ++hint)
+            EXPECT_EQ(lookup(static_cast<shm_video_lookup_mode_t>(mode), 5000, hint), Lookup::Moved);
     }
 }
 

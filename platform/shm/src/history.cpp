@@ -12,6 +12,40 @@ uint64_t distance(int64_t a, int64_t b)
                  : static_cast<uint64_t>(b) - static_cast<uint64_t>(a);
 }
 
+// The place of a time in the history: the last frame before it and the first that is not, where there is one.
+struct Place
+{
+    bool hasBefore = false;
+    bool hasAfter = false;
+    FoundFrame before;
+    FoundFrame after;
+};
+
+// Reads the frames on both sides of `bound`, the generation of the first that is not before the time.
+bool readPlace(const IndexView &index, const HistoryRange &range, uint64_t bound, Place *place)
+{
+    place->hasBefore = bound > range.oldest;
+    place->hasAfter = bound <= range.newest;
+    return (!place->hasBefore || readHistoryEntry(index, bound - 1, &place->before)) &&
+           (!place->hasAfter || readHistoryEntry(index, bound, &place->after));
+}
+
+// Whoever shows a stream asks for a time in the interval of the last one or in the one that follows it.
+bool placeNear(const IndexView &index, const HistoryRange &range, int64_t timestamp, uint64_t hint,
+               Place *place)
+{
+    if (hint <= range.oldest || hint > range.newest || !readPlace(index, range, hint, place) ||
+        place->before.timestamp >= timestamp) {
+        return false;
+    }
+    if (timestamp <= place->after.timestamp)
+        return true;
+    if (hint == range.newest)
+        return false;
+    place->before = place->after;
+    return readHistoryEntry(index, hint + 1, &place->after) && timestamp <= place->after.timestamp;
+}
+
 // Smallest generation in [oldest, newest + 1] whose frame is not earlier than `timestamp`. Frames come at an
 // even pace, so the first look is where an even pace puts the frame, and the next beside it: two or three
 // looks whatever the history's length. Should the pace be uneven, halving bounds the rest.
@@ -48,21 +82,14 @@ Lookup lowerBound(const IndexView &index, const HistoryRange &range, int64_t tim
     return Lookup::Found;
 }
 
-Lookup findNearest(const IndexView &index, const HistoryRange &range, uint64_t bound, int64_t timestamp,
-                   int64_t limitUs, FoundFrame *found)
+Lookup findNearest(const Place &place, int64_t timestamp, int64_t limitUs, FoundFrame *found)
 {
-    FoundFrame after;
-    FoundFrame before;
-    const bool hasAfter = bound <= range.newest;
-    const bool hasBefore = bound > range.oldest;
-    if ((hasAfter && !readHistoryEntry(index, bound, &after)) ||
-        (hasBefore && !readHistoryEntry(index, bound - 1, &before)))
-        return Lookup::Moved;
     // The earlier one when both are as far: it has been on the way longer and is the likelier to be shown
     // already.
-    const bool takeBefore = hasBefore && (!hasAfter || distance(timestamp, before.timestamp) <=
-                                                           distance(after.timestamp, timestamp));
-    *found = takeBefore ? before : after;
+    const bool takeBefore =
+        place.hasBefore && (!place.hasAfter || distance(timestamp, place.before.timestamp) <=
+                                                   distance(place.after.timestamp, timestamp));
+    *found = takeBefore ? place.before : place.after;
     return distance(found->timestamp, timestamp) <= static_cast<uint64_t>(limitUs) ? Lookup::Found
                                                                                    : Lookup::None;
 }
@@ -98,7 +125,7 @@ HistoryRange historyRange(const IndexView &index)
 }
 
 Lookup findFrame(const IndexView &index, shm_video_lookup_mode_t mode, int64_t timestamp, int64_t limitUs,
-                 FoundFrame *found)
+                 uint64_t *hint, FoundFrame *found)
 {
     const HistoryRange range = historyRange(index);
     if (range.newest == 0)
@@ -108,24 +135,25 @@ Lookup findFrame(const IndexView &index, shm_video_lookup_mode_t mode, int64_t t
     if (mode == SHM_VIDEO_NEWEST)
         return readHistoryEntry(index, range.newest, found) ? Lookup::Found : Lookup::Moved;
 
-    uint64_t bound = 0;
-    if (lowerBound(index, range, timestamp, &bound) == Lookup::Moved)
-        return Lookup::Moved;
-    if (mode == SHM_VIDEO_NEAREST)
-        return findNearest(index, range, bound, timestamp, limitUs, found);
-
-    FoundFrame after;
-    const bool hasAfter = bound <= range.newest;
-    if (hasAfter && !readHistoryEntry(index, bound, &after))
-        return Lookup::Moved;
-    const bool exact = hasAfter && after.timestamp == timestamp;
-    if (mode == SHM_VIDEO_EXACT || mode == SHM_VIDEO_AT_OR_AFTER || exact) {
-        *found = after;
-        return hasAfter && (exact || mode == SHM_VIDEO_AT_OR_AFTER) ? Lookup::Found : Lookup::None;
+    Place place;
+    if (!placeNear(index, range, timestamp, *hint, &place)) {
+        uint64_t bound = 0;
+        if (lowerBound(index, range, timestamp, &bound) == Lookup::Moved ||
+            !readPlace(index, range, bound, &place))
+            return Lookup::Moved;
     }
-    if (bound == range.oldest) // SHM_VIDEO_AT_OR_BEFORE, and all are later
-        return Lookup::None;
-    return readHistoryEntry(index, bound - 1, found) ? Lookup::Found : Lookup::Moved;
+    if (place.hasAfter)
+        *hint = place.after.generation;
+    if (mode == SHM_VIDEO_NEAREST)
+        return findNearest(place, timestamp, limitUs, found);
+
+    const bool exact = place.hasAfter && place.after.timestamp == timestamp;
+    if (mode == SHM_VIDEO_EXACT || mode == SHM_VIDEO_AT_OR_AFTER || exact) {
+        *found = place.after;
+        return place.hasAfter && (exact || mode == SHM_VIDEO_AT_OR_AFTER) ? Lookup::Found : Lookup::None;
+    }
+    *found = place.before; // SHM_VIDEO_AT_OR_BEFORE
+    return place.hasBefore ? Lookup::Found : Lookup::None;
 }
 
 int historyTimestamps(const IndexView &index, long long *timestamps, int capacity)

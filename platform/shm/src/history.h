@@ -38,10 +38,14 @@ enum class Lookup {
     Moved // the writer overtook the search: ask again
 };
 
-// The frame that `mode` chooses for `timestamp`. Cost: constant for the newest, else logarithmic in the
-// history. The result is a hint until the slot is locked and its generation compared.
+// The frame that `mode` chooses for `timestamp`. The result is a hint until the slot is locked and its
+// generation compared.
+//
+// `hint` is where the search before ended, 0 or anything at first: it changes the cost and never the result.
+// Cost: constant for the newest and for a time that follows the one asked before, else logarithmic in the
+// history.
 Lookup findFrame(const IndexView &index, shm_video_lookup_mode_t mode, int64_t timestamp, int64_t limitUs,
-                 FoundFrame *found);
+                 uint64_t *hint, FoundFrame *found);
 
 // Timestamps of the newest `capacity` frames, ascending. Returns how many.
 int historyTimestamps(const IndexView &index, long long *timestamps, int capacity);

@@ -90,6 +90,7 @@ private:
     bool m_wantsDmabufs = false;
     bool m_dmabufsComplete = false;
     const char *m_dmabufTrouble = nullptr; // why there are none although the writer has them
+    uint64_t m_lookupHint = 0;             // of findFrame()
     uint32_t m_lastSlot = UINT32_MAX;      // of the last lock, and the memory it was in
     uint32_t m_lastMemory = 0;
 };

@@ -159,7 +159,7 @@ int shm_reader::lock(shm_video_frame_t *frame, shm_video_lookup_mode_t mode)
     const int64_t limit = mode == SHM_VIDEO_NEAREST ? nearestLimitUs(knownInterval(m_index)) : 0;
     FoundFrame found;
     for (int i = 0; i < kLookups; ++i) {
-        const Lookup result = findFrame(m_index, mode, asked, limit, &found);
+        const Lookup result = findFrame(m_index, mode, asked, limit, &m_lookupHint, &found);
         if (result == Lookup::None)
             return -ENOENT;
         if (result == Lookup::Moved)
