@@ -21,11 +21,13 @@ endforeach()
 zev_test(tst_audiolevels SOURCES ${audio_unit}/tst_audiolevels.cpp LIBRARIES Zev::zevqt-mm Qt5::Test)
 
 # The player over devices of the test's own and a clock that is set at will.
-zev_test(tst_audioplayer
-    SOURCES ${audio_unit}/tst_audioplayer.cpp ${audio_store} ${audio_unit}/fake_audiosystem.cpp
-        ${audio_unit}/fake_audiosystem.h ${audio_unit}/fake_clockdetector.cpp ${audio_unit}/fake_clockdetector.h
-    LIBRARIES ${audio_libraries})
-target_compile_definitions(tst_audioplayer PRIVATE QT_STATICPLUGIN)
+foreach(test tst_audioplayer tst_audioplayerclock)
+    zev_test(${test}
+        SOURCES ${audio_unit}/${test}.cpp ${audio_store} ${audio_unit}/fake_audiosystem.cpp
+            ${audio_unit}/fake_audiosystem.h ${audio_unit}/fake_clockdetector.cpp ${audio_unit}/fake_clockdetector.h
+        LIBRARIES ${audio_libraries})
+    target_compile_definitions(${test} PRIVATE QT_STATICPLUGIN)
+endforeach()
 
 # A day of playing against a source whose clock differs, in simulated time.
 zev_test(tst_audioreaderdrift SOURCES ${audio_unit}/tst_audioreaderdrift.cpp ${audio_store}

@@ -833,6 +833,11 @@ void tst_AudioReader::checkDelta()
     QVERIFY(!reader->check_delta());
     QVERIFY(reader->open(source.get(), pcm(48000, 2), true));
     QVERIFY(!reader->check_delta());
+    store().deliverAtMost = 0;
+    read(3840); // a position, but no sample yet
+    QVERIFY(!reader->check_delta());
+    store().deliverAtMost = -1;
+    reader->resetTimer();
     // A minute of audio at once: the stream is ahead of the wall by nearly that.
     for (int i = 0; i < 60; ++i) {
         read(192000);
