@@ -1,4 +1,5 @@
 #include "handshake.h"
+#include "atomic.h"
 
 #include "clock.h"
 #include "error.h"
@@ -134,7 +135,9 @@ int Handshake::begin(const std::string &directory, const std::string &name, int 
     }
     auto hello = makeMessage<HelloMessage>(kHello);
     hello.maxLocks = maxLocks;
+    SHM_STEP("open: connected");
     result = sendMessage(m_connection.socket.get(), &hello, sizeof hello, nullptr, 0);
+    SHM_STEP("open: said hello");
     // A writer that refuses at once may have hung up already; its reason is there to be read.
     if (result != 0 && result != -EPIPE && result != -ECONNRESET)
         return reject(-result, "it does not take messages", error);
@@ -212,6 +215,7 @@ int Handshake::handle(Message &message, shm_error_t *error)
         populated += slot.memoryGeneration != 0 ? 1 : 0;
     if (m_connection.layout.slotCapacity != 0 && populated == 0)
         return reject(EPROTO, "it has no frame memory", error);
+    SHM_STEP("open: complete");
     m_ready = true;
     return 0;
 }
@@ -259,6 +263,7 @@ int Handshake::handleWelcome(Message &message, shm_error_t *error)
         return reject(EPROTO, "the index is of another session", error);
     c.slots.resize(c.layout.slotCapacity);
     m_welcomed = true;
+    SHM_STEP("open: welcomed");
     return 0;
 }
 

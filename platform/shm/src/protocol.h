@@ -67,9 +67,10 @@
 #ifndef SHM_PROTOCOL_H
 #define SHM_PROTOCOL_H
 
+#include "atomic.h"
+
 #include <shm/shm_types.h>
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
@@ -96,7 +97,7 @@ constexpr int64_t kStaleUs = 1000 * 1000;
 template <class T>
 struct alignas(64) Line
 {
-    std::atomic<T> value;
+    Atomic<T> value;
 };
 
 static_assert(std::atomic<uint8_t>::is_always_lock_free && std::atomic<uint32_t>::is_always_lock_free &&
@@ -113,17 +114,17 @@ struct IndexHead
     Line<uint64_t> newest;
     Line<uint64_t> first;
     Line<uint32_t> wake;
-    alignas(64) std::atomic<int64_t> intervalUs;
-    std::atomic<int64_t> jitterUs;
-    alignas(64) std::atomic<uint64_t> published;
-    std::atomic<uint64_t> dropped;
-    std::atomic<uint64_t> refused;
-    alignas(64) std::atomic<uint32_t> readers;
-    std::atomic<uint32_t> locksHeld;
-    std::atomic<uint32_t> slots;
-    std::atomic<uint32_t> reserved;
-    std::atomic<uint64_t> totalBytes;
-    std::atomic<uint64_t> wish; // numerator << 32 | denominator, 0 = none
+    alignas(64) Atomic<int64_t> intervalUs;
+    Atomic<int64_t> jitterUs;
+    alignas(64) Atomic<uint64_t> published;
+    Atomic<uint64_t> dropped;
+    Atomic<uint64_t> refused;
+    alignas(64) Atomic<uint32_t> readers;
+    Atomic<uint32_t> locksHeld;
+    Atomic<uint32_t> slots;
+    Atomic<uint32_t> reserved;
+    Atomic<uint64_t> totalBytes;
+    Atomic<uint64_t> wish; // numerator << 32 | denominator, 0 = none
 };
 static_assert(std::is_standard_layout_v<IndexHead> && sizeof(IndexHead) == 576 && alignof(IndexHead) == 64);
 static_assert(offsetof(IndexHead, heartbeat) == 64 && offsetof(IndexHead, state) == 128);
@@ -139,10 +140,10 @@ static_assert(sizeof(SlotGeneration) == 64);
 // What lies in the slot; written while gen[s] is 0.
 struct alignas(64) SlotMeta
 {
-    std::atomic<int64_t> timestamp;
-    std::atomic<int64_t> publishedUs; // monotonic
-    std::atomic<uint32_t> memoryGeneration;
-    std::atomic<uint32_t> color; // matrix | range << 8 | transfer << 16 | siting << 24
+    Atomic<int64_t> timestamp;
+    Atomic<int64_t> publishedUs; // monotonic
+    Atomic<uint32_t> memoryGeneration;
+    Atomic<uint32_t> color; // matrix | range << 8 | transfer << 16 | siting << 24
 };
 static_assert(sizeof(SlotMeta) == 64);
 
@@ -151,10 +152,10 @@ static_assert(sizeof(SlotMeta) == 64);
 // newer value of the others also sees that generation has changed.
 struct HistoryEntry
 {
-    std::atomic<uint64_t> generation;
-    std::atomic<int64_t> timestamp;
-    std::atomic<uint32_t> slot;
-    std::atomic<uint32_t> reserved[3];
+    Atomic<uint64_t> generation;
+    Atomic<int64_t> timestamp;
+    Atomic<uint32_t> slot;
+    Atomic<uint32_t> reserved[3];
 };
 static_assert(sizeof(HistoryEntry) == 32);
 
@@ -164,7 +165,7 @@ struct ControlPage
     Line<uint64_t> wish;
     Line<uint32_t> waiting;
     uint8_t reserved[1024 - 3 * 64];
-    std::atomic<uint64_t> locks[kLocksMax];
+    Atomic<uint64_t> locks[kLocksMax];
     uint8_t rest[kPage - 1024 - 8 * kLocksMax];
 };
 static_assert(std::is_standard_layout_v<ControlPage> && sizeof(ControlPage) == kPage);
@@ -176,10 +177,10 @@ static_assert(offsetof(ControlPage, wish) == 64 && offsetof(ControlPage, waiting
 // HistoryEntry::generation.
 struct AudioAnchor
 {
-    std::atomic<uint64_t> number;
-    std::atomic<uint64_t> sample;
-    std::atomic<int64_t> timestamp;
-    std::atomic<uint64_t> reserved;
+    Atomic<uint64_t> number;
+    Atomic<uint64_t> sample;
+    Atomic<int64_t> timestamp;
+    Atomic<uint64_t> reserved;
 };
 static_assert(sizeof(AudioAnchor) == 32);
 

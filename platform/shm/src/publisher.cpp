@@ -1,4 +1,5 @@
 #include "publisher.h"
+#include "atomic.h"
 
 #include <linux/futex.h>
 #include <sys/syscall.h>
@@ -40,6 +41,7 @@ Publisher::Use Publisher::tryUse(ReaderList::Scan &scan, uint32_t slot)
 {
     // W1 and W2 of protocol.h.
     m_store.index.generations[slot].value.store(0, std::memory_order_seq_cst);
+    SHM_STEP("publish: slot closed");
     if (scan.locked(slot))
         return Use::Locked;
     // After the locks: a reader that is cut off has its slots poisoned before it leaves the list.
@@ -104,6 +106,7 @@ int Publisher::acquireSlot()
     if (m_acquired >= 0)
         return -EBUSY;
     m_acquired = pickSlot();
+    SHM_STEP("publish: slot chosen");
     if (m_acquired < 0) {
         m_store.index.head->dropped.fetch_add(1, std::memory_order_relaxed);
         m_store.poke();
@@ -228,7 +231,9 @@ void Publisher::commit(uint32_t slot, int64_t timestamp, FrameOrder::Verdict ver
     meta.timestamp.store(timestamp, std::memory_order_relaxed);
     meta.publishedUs.store(now.monotonicUs, std::memory_order_relaxed);
     meta.color.store(packColor(m_store.policy.color), std::memory_order_relaxed);
+    SHM_STEP("publish: described");
     m_store.index.generations[slot].value.store(generation, std::memory_order_release); // W4
+    SHM_STEP("publish: readable");
 
     enterHistory(slot, generation, timestamp, verdict);
     m_order.accepted(timestamp, verdict);
@@ -252,6 +257,7 @@ void Publisher::enterHistory(uint32_t slot, uint64_t generation, int64_t timesta
 {
     HistoryEntry &entry = m_store.index.history[generation & (m_store.index.ring - 1)];
     entry.generation.store(0, std::memory_order_relaxed);
+    SHM_STEP("publish: history entry open");
     entry.timestamp.store(timestamp, std::memory_order_release);
     entry.slot.store(slot, std::memory_order_release);
     entry.generation.store(generation, std::memory_order_release);
@@ -263,7 +269,9 @@ void Publisher::enterHistory(uint32_t slot, uint64_t generation, int64_t timesta
         while (m_history.size() > 0)
             m_free.push(m_history.pop());
     }
+    SHM_STEP("publish: in the history");
     head.newest.value.store(generation, std::memory_order_release);
+    SHM_STEP("publish: newest");
     m_history.push(slot);
     if (m_history.size() > m_store.policy.historyFrames)
         m_free.push(m_history.pop());

@@ -55,7 +55,7 @@ shm_reader::~shm_reader()
 
 bool shm_reader::lockedHere(uint32_t slot) const
 {
-    return std::any_of(m_held.begin(), m_held.end(), [slot](const std::atomic<uint64_t> &held) {
+    return std::any_of(m_held.begin(), m_held.end(), [slot](const Atomic<uint64_t> &held) {
         const uint64_t word = held.load(std::memory_order_acquire);
         return word != 0 && slotOfLock(word) == slot;
     });

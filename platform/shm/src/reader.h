@@ -16,7 +16,6 @@
 #include <shm/shm_reader.h>
 
 #include <array>
-#include <atomic>
 #include <vector>
 
 struct shm_reader
@@ -78,9 +77,7 @@ private:
     // Atomic. What this handle holds, word by word as the control page tells it; 0 = free. Never read back
     // from the page: a hostile writer could otherwise make us forget a frame that somebody looks at, and then
     // have its memory unmapped. Filled by the locking thread alone.
-    std::array<std::atomic<uint64_t>, shm::kLocksMax> m_held{};
-    // Written by the locking thread alone: rises with every word that is about to be filled.
-    std::atomic<uint32_t> m_attempts{0};
+    std::array<shm::Atomic<uint64_t>, shm::kLocksMax> m_held{};
 
     // One thread at a time.
     shm::StoreConnection m_connection;

@@ -13,7 +13,6 @@
 #include "lock_words.h"
 
 #include <array>
-#include <atomic>
 
 namespace shm {
 
@@ -110,9 +109,9 @@ private:
     static constexpr uintptr_t kWordsMask = kPage - 1;
     static_assert(kLocksMax < kPage);
 
-    std::array<std::atomic<uintptr_t>, kReadersMax> m_pages{};
-    std::atomic<uint32_t> m_high{0};
-    std::atomic<uint64_t> m_scans{0}; // odd while a scan is under way
+    std::array<Atomic<uintptr_t>, kReadersMax> m_pages{};
+    Atomic<uint32_t> m_high{0};
+    Atomic<uint64_t> m_scans{0}; // odd while a scan is under way
 };
 
 } // namespace shm

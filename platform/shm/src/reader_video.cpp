@@ -1,4 +1,5 @@
 // Locking frames.
+#include "atomic.h"
 #include "clock.h"
 #include "error.h"
 #include "history.h"
@@ -93,12 +94,13 @@ shm_reader::Attempt shm_reader::tryLock(uint64_t generation, uint32_t slot, uint
 {
     if (slot >= m_connection.layout.slotCapacity || generation == 0 || generation > kLockGenerationMax)
         return Attempt::NoFrame; // the index is nonsense
-    const std::atomic<uint64_t> &current = m_index.generations[slot].value;
+    const Atomic<uint64_t> &current = m_index.generations[slot].value;
     const uint64_t word = lockWord(generation, slot);
 
-    std::atomic<uint64_t> &lock = m_control->locks[entry];
+    Atomic<uint64_t> &lock = m_control->locks[entry];
 
-    lock.store(word, std::memory_order_seq_cst);                 // R1 of protocol.h
+    lock.store(word, std::memory_order_seq_cst); // R1 of protocol.h
+    SHM_STEP("lock: named");
     if (current.load(std::memory_order_seq_cst) != generation) { // R2
         lock.store(0, std::memory_order_release);
         return Attempt::Retry;
@@ -115,8 +117,9 @@ shm_reader::Attempt shm_reader::tryLock(uint64_t generation, uint32_t slot, uint
     describe(slot, generation, frame);
     m_lastSlot = slot;
     m_lastMemory = memory;
-    m_attempts.store(m_attempts.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    SHM_STEP("lock: described");
     m_held[entry].store(word, std::memory_order_release);
+    SHM_STEP("lock: held");
     return Attempt::Locked;
 }
 
@@ -124,27 +127,26 @@ shm_reader::Attempt shm_reader::tryLock(uint64_t generation, uint32_t slot, uint
 // there is none: the lock was given back before.
 //
 // Other threads give back too, and the locking thread fills words meanwhile, behind the place where this one
-// looks: it may take the word of another lock of this frame, whose own unlock then finds its word taken and
-// has to start again at the beginning. Without a new attempt since, nothing can lie behind.
+// looks. One pass is enough all the same: from any place on there are at least as many words of this frame as
+// there are threads that look for one from there on. That is so when a look begins, since every lock has its
+// word; and it stays so when a look passes a word of another frame, takes one, or finds one taken, and when a
+// word is filled.
 bool shm_reader::giveBack(uint64_t word)
 {
-    while (true) {
-        const uint32_t attempts = m_attempts.load(std::memory_order_acquire);
-        for (uint32_t i = 0; i < m_maxLocks; ++i) {
-            uint64_t expected = word;
-            // Acquire: who took the word did so after the attempt that made up for it.
-            if (m_held[i].load(std::memory_order_acquire) != word ||
-                !m_held[i].compare_exchange_strong(expected, kLockGoing, std::memory_order_acq_rel,
-                                                   std::memory_order_acquire)) {
-                continue;
-            }
-            m_control->locks[i].store(0, std::memory_order_release); // R4
-            m_held[i].store(0, std::memory_order_release);           // the locking thread may fill it again
-            return true;
+    for (uint32_t i = 0; i < m_maxLocks; ++i) {
+        uint64_t expected = word;
+        if (m_held[i].load(std::memory_order_acquire) != word ||
+            !m_held[i].compare_exchange_strong(expected, kLockGoing, std::memory_order_acq_rel,
+                                               std::memory_order_acquire)) {
+            continue;
         }
-        if (m_attempts.load(std::memory_order_relaxed) == attempts)
-            return false;
+        SHM_STEP("unlock: taken");
+        m_control->locks[i].store(0, std::memory_order_release); // R4
+        SHM_STEP("unlock: word free");
+        m_held[i].store(0, std::memory_order_release); // the locking thread may fill it again
+        return true;
     }
+    return false;
 }
 
 int shm_reader::lock(shm_video_frame_t *frame, shm_video_lookup_mode_t mode)

@@ -1,4 +1,5 @@
 #include "rendezvous.h"
+#include "atomic.h"
 
 #include "error.h"
 #include "process_id.h"
@@ -249,6 +250,7 @@ int Publication::claim(const std::string &directory, const std::string &name, sh
         m_lock = std::move(fd);
         m_directory = directory;
         m_name = name;
+        SHM_STEP("start: name locked");
         return 0;
     }
     return fail(error, EAGAIN, "store \"%s\" changes hands all the time: try again", name.c_str());
@@ -273,6 +275,7 @@ int Publication::listen(long group, shm_error_t *error)
     // The mode is set before anybody can connect: there is no listener until the rename.
     if (bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         return failDirectory(m_directory, errno, error);
+    SHM_STEP("start: socket bound");
     const bool ready =
         chmod(temporaryPath.c_str(), group >= 0 ? 0660 : 0600) == 0 &&
         (group < 0 || chown(temporaryPath.c_str(), static_cast<uid_t>(-1), static_cast<gid_t>(group)) == 0) &&
@@ -285,6 +288,7 @@ int Publication::listen(long group, shm_error_t *error)
     }
     m_socket = std::move(fd);
     m_visible = true;
+    SHM_STEP("start: visible");
     return 0;
 }
 
@@ -300,9 +304,11 @@ void Publication::release()
     if (!m_lock)
         return;
     hide();
+    SHM_STEP("close: out of sight");
     m_socket.reset();
     const std::lock_guard<std::mutex> guard(heldMutex());
     ::unlink(lockPath(m_directory, m_name).c_str());
+    SHM_STEP("close: lock file removed");
     heldLocks().erase({m_lockDevice, m_lockInode});
     m_lock.reset();
 }

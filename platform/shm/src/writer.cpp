@@ -1,4 +1,5 @@
 #include "writer.h"
+#include "atomic.h"
 
 #include "error.h"
 #include "process_id.h"
@@ -60,6 +61,7 @@ int shm_writer::open(const shm_writer_params_t &params, shm_error_t *error)
         result = m_store.create(error);
     if (result != 0)
         return result;
+    SHM_STEP("start: allocated");
     for (uint32_t i = 0; i < m_store.policy.audioStreams; ++i) {
         const uint64_t streamBytes = m_store.policy.audioBytes / m_store.policy.audioStreams;
         m_audio.emplace_back(m_store.audioMemory.mapping.data() + i * streamBytes, m_store.policy.audio);

@@ -1,4 +1,5 @@
 #include "writer_service.h"
+#include "atomic.h"
 
 #include "error.h"
 
@@ -290,6 +291,7 @@ bool WriterService::welcome(Connection &connection)
         refuse(connection, ENOMEM, "the writer has no memory for another reader");
         return false;
     }
+    SHM_STEP("serve: control page made");
     // Listed before it is sent: protocol.h says why.
     connection.listed = m_store.readers.add(
         reinterpret_cast<ControlPage *>(connection.control.mapping.data()), connection.maxLocks);
@@ -297,6 +299,7 @@ bool WriterService::welcome(Connection &connection)
         refuse(connection, EMFILE, "the store has as many readers as it can serve");
         return false;
     }
+    SHM_STEP("serve: listed");
     const bool sealedFrames = (policy.flags & SHM_WRITER_SEALED) != 0;
     auto message = makeMessage<WelcomeMessage>(kWelcome);
     message.session = policy.session;
@@ -334,6 +337,7 @@ bool WriterService::welcome(Connection &connection)
     connection.welcomed =
         sendMessage(connection.socket.get(), &message, sizeof message, fds, policy.hasAudio() ? 3u : 2u) == 0;
     connection.control.fd.reset();
+    SHM_STEP("serve: welcomed");
     return connection.welcomed;
 }
 
@@ -366,6 +370,7 @@ int WriterService::sendSlots(Connection &connection, const std::vector<uint32_t>
     const int result = sendMessage(connection.socket.get(), &message, sizeof message, fds, fdCount);
     if (result != 0)
         return result;
+    SHM_STEP("serve: slots sent");
     for (size_t i = 0; i < count; ++i)
         connection.sent[message.entries[i].slot] = message.entries[i].memoryGeneration;
     return static_cast<int>(count);
@@ -427,6 +432,7 @@ void WriterService::disconnect(size_t index)
     if (connection.listed >= 0) {
         Retired retired;
         retired.scan = m_store.readers.remove(connection.listed);
+        SHM_STEP("serve: off the list");
         retired.control = std::move(connection.control.mapping);
         m_retired.push_back(std::move(retired));
     }

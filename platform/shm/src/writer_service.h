@@ -11,6 +11,7 @@
 #include "writer_store.h"
 
 #include <array>
+#include <atomic>
 #include <memory>
 #include <thread>
 #include <vector>

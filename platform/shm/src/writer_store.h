@@ -10,7 +10,6 @@
 #include <shm/shm_writer.h>
 
 #include <array>
-#include <atomic>
 #include <string>
 #include <vector>
 
@@ -68,9 +67,9 @@ enum class SlotOwner : uint8_t {
 
 struct Slot
 {
-    std::atomic<SlotOwner> owner{SlotOwner::Empty};
+    Atomic<SlotOwner> owner{SlotOwner::Empty};
     // A reader that was cut off while it lives may go on looking at this memory: never write it again.
-    std::atomic<bool> poisoned{false};
+    Atomic<bool> poisoned{false};
     SharedMemory memory;           // owner's
     uint32_t memoryGeneration = 0; // service thread's; 0 = never had memory
 };
@@ -78,8 +77,8 @@ struct Slot
 // Counters of the publisher that others read.
 struct StoreCounters
 {
-    std::atomic<uint64_t> disconnected{0};
-    std::atomic<uint64_t> replaced{0};
+    Atomic<uint64_t> disconnected{0};
+    Atomic<uint64_t> replaced{0};
 };
 
 struct Store
@@ -93,10 +92,10 @@ struct Store
     DmabufDevice *dmabufDevice = &systemDmabufDevice();
     StoreCounters counters;
 
-    std::atomic<uint32_t> readySlots{0};   // rises with every slot that becomes Ready
-    std::atomic<uint32_t> surplusSlots{0}; // how many the publisher may give up
-    int pokeFd = -1;                       // borrowed: wakes the service thread
-    std::atomic<bool> poked{false};
+    Atomic<uint32_t> readySlots{0};   // rises with every slot that becomes Ready
+    Atomic<uint32_t> surplusSlots{0}; // how many the publisher may give up
+    int pokeFd = -1;                  // borrowed: wakes the service thread
+    Atomic<bool> poked{false};
 
     // Wakes the service thread; never waits.
     void poke();

@@ -3,6 +3,7 @@
 // A slot is free when it is not in the history and no reader locks it. Below half the spare slots, fresh ones
 // are added until twice the original number; there the reader that pins most is cut off. Above, what was
 // added is taken back. A pinned slot is never written: its readers keep it as long as they like.
+#include "atomic.h"
 #include "memory_check.h"
 #include "writer_service.h"
 
@@ -86,6 +87,7 @@ void WriterService::freeReturnedSlots()
             continue;
         Slot &slot = m_store.slots[s];
         slot.memory = SharedMemory{};
+        SHM_STEP("supply: memory freed");
         slot.owner.store(SlotOwner::Empty, std::memory_order_relaxed);
     }
 }
@@ -103,11 +105,13 @@ bool WriterService::addSlot()
             continue;
         if (m_store.createSlot(s) != 0)
             return false;
+        SHM_STEP("supply: fresh memory");
         // Told to the readers first, so that they rarely meet a frame in memory that they do not have.
         for (size_t i = 0; i < m_connections.size(); ++i) {
             if (m_connections[i] && m_connections[i]->welcomed && !tell(i))
                 disconnect(i);
         }
+        SHM_STEP("supply: readers told");
         slot.owner.store(SlotOwner::Ready, std::memory_order_release);
         m_store.readySlots.fetch_add(1, std::memory_order_release);
         m_store.counters.replaced.fetch_add(1, std::memory_order_relaxed);
@@ -123,12 +127,14 @@ void WriterService::cutOff(size_t index)
     Connection &connection = *m_connections[index];
     auto *page = reinterpret_cast<ControlPage *>(connection.control.mapping.data());
     page->revoked.value.store(1, std::memory_order_seq_cst);
+    SHM_STEP("supply: reader revoked");
     SlotSet held;
     collectLocks(connection, &held);
     for (uint32_t s = 0; s < m_store.policy.slotCapacity; ++s) {
         if (held[s])
             m_store.slots[s].poisoned.store(true, std::memory_order_seq_cst);
     }
+    SHM_STEP("supply: slots poisoned");
     disconnect(index);
     m_store.counters.disconnected.fetch_add(1, std::memory_order_relaxed);
 }
