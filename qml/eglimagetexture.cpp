@@ -1,5 +1,6 @@
 #include "eglimagetexture.h"
 
+#include <zevqt-mm/eglimagecontext.h>
 #include <zevqt-mm/shmemdmavideobuffer.h>
 #include <zevqt-mm/storeframe.h>
 
@@ -73,6 +74,16 @@ bool EglImageTexture::show(const QVideoFrame &frame)
     else
         release();
     return isShown;
+}
+
+QString EglImageTexture::whyRefused()
+{
+    // Without it, making images is refused in silence. GLX can give OpenGL ES too, and Qt's Wayland plugin
+    // tells nobody its display.
+    if (!zevgl::EGLImageContext::currentContext().display)
+        return QStringLiteral(
+            "the window's OpenGL does not come from EGL, or Qt does not say from which display");
+    return QStringLiteral("EGL could not import the frame's memory, see the log");
 }
 
 bool EglImageTexture::importInto(void *image)

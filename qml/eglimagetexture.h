@@ -42,6 +42,8 @@ public:
     /* Shows `frame` from now on. Returns false, showing nothing, when EGL or GL refuses; EGL's reason is
      * logged. */
     bool show(const QVideoFrame &frame);
+    /* After show() was refused, with the same context current: why. */
+    static QString whyRefused();
     void release();
 
     /* Binds the texture to unit 0. */

@@ -77,10 +77,16 @@ void LiveVideo::setSource(QObject *source)
         disconnect(m_source, nullptr, this, nullptr);
     m_source = provider;
     if (provider) {
-        connect(provider, &MediaProvider::videoReady, this, &LiveVideo::present);
-        connect(provider, &MediaProvider::imageReady, this, &LiveVideo::presentImage);
-        connect(provider, &QObject::destroyed, this, [this] {
+        connect(provider, &MediaProvider::videoReady, this, &LiveVideo::takeFromSource);
+        connect(provider, &MediaProvider::imageReady, this, &LiveVideo::takeImageFromSource);
+        const auto becomeIdle = [this] {
+            if (m_videoState == Live)
+                setVideoState(Idle);
+        };
+        connect(provider, &MediaProvider::videoIdle, this, becomeIdle);
+        connect(provider, &QObject::destroyed, this, [this, becomeIdle] {
             m_hooks->detach();
+            becomeIdle();
             emit sourceChanged();
         });
     }
@@ -116,6 +122,36 @@ void LiveVideo::setEglImages(bool enabled)
 
 void LiveVideo::present(const QVideoFrame &frame)
 {
+    if (frame.isValid())
+        setVideoState(Live);
+    take(frame);
+}
+
+void LiveVideo::presentImage(const QImage &image)
+{
+    if (!image.isNull())
+        setVideoState(Live);
+    take(image);
+}
+
+// The picture that stands in for a source is an ordinary one: neither of a store nor of the GPU.
+void LiveVideo::takeFromSource(const QVideoFrame &frame)
+{
+    const bool isStandIn =
+        frame.handleType() == QAbstractVideoBuffer::NoHandle && StoreFrame::of(frame).planeCount == 0;
+    setVideoState(isStandIn ? NoSignal : Live);
+    take(frame);
+}
+
+// The converter writes the frame's time into the images of a source.
+void LiveVideo::takeImageFromSource(const QImage &image)
+{
+    setVideoState(image.text(QStringLiteral("pts")).isEmpty() ? NoSignal : Live);
+    take(image);
+}
+
+void LiveVideo::take(const QVideoFrame &frame)
+{
     if (!frame.isValid() || frame == m_frame)
         return;
     if (m_hooks->areFramesStale() && EglImageTexture::isBorrowed(frame))
@@ -126,7 +162,7 @@ void LiveVideo::present(const QVideoFrame &frame)
     pictureChanged(frame.size());
 }
 
-void LiveVideo::presentImage(const QImage &image)
+void LiveVideo::take(const QImage &image)
 {
     // The no-signal picture comes again with every tick.
     if (image.isNull() || image.cacheKey() == m_image.cacheKey())
@@ -141,14 +177,24 @@ void LiveVideo::clear()
     m_frame = QVideoFrame();
     m_image = QImage();
     m_mappingFailed = false;
-    m_eglImageFailed = false;
+    m_eglImageFailure.clear();
+    setVideoState(Waiting);
     pictureChanged(QSize(0, 0));
+}
+
+void LiveVideo::setVideoState(VideoState state)
+{
+    if (state == m_videoState)
+        return;
+    m_videoState = state;
+    emit videoStateChanged();
 }
 
 void LiveVideo::pictureChanged(const QSize &size)
 {
     ++m_serial;
-    update();
+    if (isVisible())
+        update();
     if (size == m_videoSize)
         return;
     m_videoSize = size;
@@ -158,8 +204,10 @@ void LiveVideo::pictureChanged(const QSize &size)
 void LiveVideo::itemChange(ItemChange change, const ItemChangeData &value)
 {
     if (change == ItemSceneChange) {
-        m_eglImageFailed = false; // another window, another context
+        m_eglImageFailure.clear(); // another window, another context
         attachHooks();
+    } else if (change == ItemVisibleHasChanged) {
+        update(); // hidden: to let go of what was drawn
     }
     QQuickItem::itemChange(change, value);
 }
@@ -175,9 +223,7 @@ QString LiveVideo::whyNoEglImage() const
         return obstacle;
     if (EglImageNode::shaderFailed())
         return QStringLiteral("the shader for EGL images could not be built, see the log");
-    if (m_eglImageFailed)
-        return QStringLiteral("EGL could not import the frame's memory, see the log");
-    return {};
+    return StoreFrame::of(m_frame).session == m_failedSession ? m_eglImageFailure : QString();
 }
 
 // The image is the only way to the pixels.
@@ -231,8 +277,13 @@ LiveVideo::Choice LiveVideo::choosePath() const
 
 QSGNode *LiveVideo::updatePaintNode(QSGNode *oldNode, UpdatePaintNodeData *)
 {
-    if (!oldNode)
+    if (!oldNode || !isVisible()) {
+        delete oldNode;
+        oldNode = nullptr;
         m_nodePath = NoPath;
+        if (!isVisible())
+            return nullptr;
+    }
     if (m_nodePath == Mapped && static_cast<YuvNode *>(oldNode)->failed())
         m_mappingFailed = true;
     Choice choice = choosePath();
@@ -274,9 +325,11 @@ QSGNode *LiveVideo::updateEglImageNode(QSGNode *oldNode, Choice *choice)
         if (fresh)
             delete node;
         // A borrowed image may just have gone: the next frame's is tried all the same.
-        m_eglImageFailed = true;
+        m_eglImageFailure = EglImageTexture::whyRefused();
+        m_failedSession = StoreFrame::of(m_frame).session;
         *choice = choosePath();
-        m_eglImageFailed = !EglImageTexture::isBorrowed(m_frame);
+        if (EglImageTexture::isBorrowed(m_frame))
+            m_eglImageFailure.clear();
         return oldNode;
     }
     m_nodeSerial = m_serial;

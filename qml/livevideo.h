@@ -31,15 +31,23 @@ class SourceHooks;
  * there is EglImage or NoPath. `problem` is what to tell a person: why the newest frame is not drawn, or why
  * the source cannot give frames to this window; empty when all is well.
  *
+ * What is to be seen is told by videoState (`state` is an item's already):
+ *   Waiting    no picture has come yet
+ *   Live       the newest picture is the source's, or was handed over by present() or presentImage()
+ *   Idle       the source has nothing new, or is gone; its last picture stays
+ *   NoSignal   the source has had nothing new for the provider's delay: the picture that stands in for it is
+ *              shown, its last one where the provider has none
+ * A provider of images tells no idleness: Live is followed by NoSignal there.
+ *
  * Threads: an item lives in the GUI thread like all others; present() is called there.
  * Ownership: keeps exactly the newest frame, so that one frame of the store stays locked while it is on
- * screen, and no other once the scene graph has taken it over. A hidden item keeps the newest frame and draws
- * nothing. clear() lets go of it. No frame carries an EGL image when it leaves the render thread, so copies
- * of it may go in any thread. The source's GL resources are released when no item shows it any more, and with
- * the scene graph; a camera's frame is not drawn again after that. Errors: none are thrown; a frame that
- * cannot be drawn leaves the item empty, with framePathReason saying why. Cost: Mapped is one copy into
- * textures per new frame, in the render thread; Converted converts 4:2:0 frames there while the GUI thread
- * waits.
+ * screen, and no other once the scene graph has taken it over. A hidden item keeps the newest frame, draws
+ * nothing and does nothing with the frames that come; it is drawn again once it is shown. clear() lets go of
+ * the frame. No frame carries an EGL image when it leaves the render thread, so copies of it may go in any
+ * thread. The source's GL resources are released when no item shows it any more, and with the scene graph; a
+ * camera's frame is not drawn again after that. Errors: none are thrown; a frame that cannot be drawn leaves
+ * the item empty, with framePathReason saying why. Cost: Mapped is one copy into textures per new frame, in
+ * the render thread; Converted converts 4:2:0 frames there while the GUI thread waits.
  */
 class LiveVideo : public QQuickItem
 {
@@ -51,12 +59,15 @@ class LiveVideo : public QQuickItem
     Q_PROPERTY(FramePath framePath READ framePath NOTIFY framePathChanged)
     Q_PROPERTY(QString framePathReason READ framePathReason NOTIFY framePathChanged)
     Q_PROPERTY(QString problem READ problem NOTIFY problemChanged)
+    Q_PROPERTY(VideoState videoState READ videoState NOTIFY videoStateChanged)
 
 public:
     enum FillMode { Stretch, PreserveAspectFit, PreserveAspectCrop };
     Q_ENUM(FillMode)
     enum FramePath { NoPath, Mapped, Converted, EglImage };
     Q_ENUM(FramePath)
+    enum VideoState { Waiting, Live, Idle, NoSignal };
+    Q_ENUM(VideoState)
 
     explicit LiveVideo(QQuickItem *parent = nullptr);
     ~LiveVideo() override;
@@ -79,6 +90,8 @@ public:
     QString framePathReason() const { return m_framePathReason; }
     QString problem() const { return m_problem; }
 
+    VideoState videoState() const { return m_videoState; }
+
 public Q_SLOTS:
     /* An invalid frame changes nothing. */
     void present(const QVideoFrame &frame);
@@ -94,6 +107,7 @@ Q_SIGNALS:
     void videoSizeChanged();
     void framePathChanged();
     void problemChanged();
+    void videoStateChanged();
 
 protected:
     QSGNode *updatePaintNode(QSGNode *oldNode, UpdatePaintNodeData *data) override;
@@ -115,7 +129,12 @@ private:
     void reportPath(const Choice &choice);
     void setPath(const Choice &choice);
     void updateProblem();
+    void takeFromSource(const QVideoFrame &frame);
+    void takeImageFromSource(const QImage &image);
+    void take(const QVideoFrame &frame);
+    void take(const QImage &image);
     void pictureChanged(const QSize &size);
+    void setVideoState(VideoState state);
     void attachHooks();
 
     QPointer<MediaProvider> m_source;
@@ -128,6 +147,7 @@ private:
     QSize m_videoSize{0, 0};
     FramePath m_framePath = NoPath;
     QString m_framePathReason;
+    VideoState m_videoState = Waiting;
 
     // The newest picture: one of the two. The serial tells the scene graph's node whether it has it already.
     QVideoFrame m_frame;
@@ -139,6 +159,7 @@ private:
     FramePath m_nodePath = NoPath;
     quint64 m_nodeSerial = 0;
     Choice m_reported{NoPath, QString()};
-    bool m_mappingFailed = false;  // until clear()
-    bool m_eglImageFailed = false; // until clear() or another window
+    bool m_mappingFailed = false; // until clear()
+    QString m_eglImageFailure;    // until clear(), another window, or a publisher that has started anew
+    quint64 m_failedSession = 0;
 };

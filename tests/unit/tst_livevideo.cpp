@@ -1,11 +1,16 @@
-// On a virtual display of its own: with the software scene graph, and with --opengl on OpenGL.
+// On a virtual display of its own: with the software scene graph, and with --opengl on OpenGL of GLX, without
+// EGL.
 
 #include "livevideo.h"
 #include "planarframe.h"
 #include "sourcehooks.h"
 #include "xvfbserver.h"
 
+#include <zevqt-mm/eglimagecontext.h>
 #include <zevqt-mm/mediaprovider.h>
+#include <zevqt-mm/shmemdmavideobuffer.h>
+
+#include <shm/shm_reader.h>
 
 #include <gtest/gtest.h>
 
@@ -13,6 +18,7 @@
 #include <QGuiApplication>
 #include <QOpenGLContext>
 #include <QQuickWindow>
+#include <QTemporaryDir>
 
 #include <atomic>
 #include <functional>
@@ -73,11 +79,21 @@ protected:
         waitUntil([&] { return result->isExposed(); });
         return result;
     }
-    QRgb pixel(int x, int y) { return window->grabWindow().pixel(x, y); }
+    // In the window's size: it may take a moment until the render thread knows of a new window, or size.
+    QImage grab()
+    {
+        QImage shot;
+        waitUntil([&] {
+            shot = window->grabWindow();
+            return shot.size() == window->size();
+        });
+        return shot;
+    }
+    QRgb pixel(int x, int y) { return grab().pixel(x, y); }
     // The picture's left and right half, in the middle of the item's height.
     void expectHalves(QColor left, QColor right)
     {
-        const QImage shot = window->grabWindow();
+        const QImage shot = grab();
         ASSERT_EQ(shot.size(), window->size());
         EXPECT_TRUE(near(shot.pixel(shot.width() / 4, shot.height() / 2), left))
             << std::hex << shot.pixel(shot.width() / 4, shot.height() / 2);
@@ -332,6 +348,116 @@ TEST_F(LiveVideoTest, showsWhatItsProviderHandsOut)
     expectHalves(Qt::yellow, Qt::yellow);
 }
 
+// A frame of a store whose memory is a DMA buffer too; its halves as in twoColorFrame().
+QVideoFrame dmaFrame(Yuv left, Yuv right)
+{
+    static uchar luma[32][64];
+    static uchar chroma[16][64];
+    for (int x = 0; x < 64; ++x) {
+        const Yuv &color = x < 32 ? left : right;
+        for (auto &row : luma)
+            row[x] = color.y;
+        for (auto &row : chroma)
+            row[x] = x % 2 == 0 ? color.u : color.v;
+    }
+    std::unique_ptr<shm_video_frame_t, std::function<void(shm_video_frame_t *)>> record(
+        new shm_video_frame_t(), [](shm_video_frame_t *locked) { delete locked; });
+    record->width = 64;
+    record->height = 32;
+    record->planes[0] = luma[0];
+    record->planes[1] = chroma[0];
+    record->strides[0] = record->strides[1] = 64;
+    record->matrix = SHM_MATRIX_BT601;
+    record->range = SHM_RANGE_FULL;
+    const int descriptor = 0; // never looked at here
+    auto *buffer = new ShmemDmaVideoBuffer(SHM_PIXEL_FORMAT_NV12, descriptor, record);
+    QVideoFrame frame(buffer, QSize(64, 32), nv12);
+    frame.setMetaData(QStringLiteral("shmname"), QByteArrayLiteral("cam0"));
+    frame.setMetaData(QStringLiteral("buffer"), QVariant::fromValue(static_cast<void *>(buffer)));
+    return frame;
+}
+
+TEST_F(LiveVideoTest, aFrameInADmaBufferIsShownFromItsPlanesAndSaysWhy)
+{
+    item->present(dmaFrame(redYuv, blueYuv));
+    expectHalves(Qt::red, Qt::blue);
+    EXPECT_TRUE(waitForPath(planarPath()));
+    EXPECT_EQ(item->framePathReason(),
+              withOpenGl ? "the window draws with desktop OpenGL, which has no external textures"
+                         : "the scene graph does not draw with OpenGL");
+}
+
+TEST_F(LiveVideoTest, tellsWhatIsToBeSeen)
+{
+    EXPECT_EQ(item->videoState(), LiveVideo::Waiting);
+    int changes = 0;
+    QObject::connect(item, &LiveVideo::videoStateChanged, [&] { ++changes; });
+    auto provider = std::make_unique<MediaProvider>(QUrl("shm:///nosuchstore"), QUrl());
+    QImage standIn(64, 32, QImage::Format_RGB32);
+    standIn.fill(Qt::yellow);
+    const QTemporaryDir folder;
+    ASSERT_TRUE(standIn.save(folder.filePath("none.png")));
+    provider->setNoSignalImage(folder.filePath("none.png"), std::chrono::seconds(1000));
+    item->setSource(provider.get());
+    EXPECT_EQ(item->videoState(), LiveVideo::Waiting);
+    EXPECT_EQ(changes, 0);
+
+    provider->emitVideoFrame(dmaFrame(redYuv, blueYuv));
+    EXPECT_EQ(item->videoState(), LiveVideo::Live);
+    provider->emitVideoFrame(QVideoFrame());
+    EXPECT_EQ(item->videoState(), LiveVideo::Idle);
+    expectHalves(Qt::red, Qt::blue); // the last picture stays
+    provider->setNoSignalImage(folder.filePath("none.png"), std::chrono::seconds(0));
+    provider->emitVideoFrame(QVideoFrame());
+    EXPECT_EQ(item->videoState(), LiveVideo::NoSignal);
+    expectHalves(Qt::yellow, Qt::yellow);
+    provider->emitVideoFrame(dmaFrame(blueYuv, redYuv));
+    EXPECT_EQ(item->videoState(), LiveVideo::Live);
+    expectHalves(Qt::blue, Qt::red);
+    EXPECT_EQ(changes, 4);
+
+    // A provider of images, and one without a picture that stands in.
+    QImage image(64, 32, QImage::Format_RGB16);
+    image.fill(Qt::red);
+    provider->emitImageFrame(QImage());
+    EXPECT_EQ(item->videoState(), LiveVideo::NoSignal);
+    image.setText("pts", "1000");
+    provider->emitImageFrame(image);
+    EXPECT_EQ(item->videoState(), LiveVideo::Live);
+    provider.reset();
+    EXPECT_EQ(item->videoState(), LiveVideo::Idle);
+    MediaProvider plain(QUrl("shm:///nosuchstore"), QUrl());
+    item->setSource(&plain);
+    EXPECT_EQ(item->videoState(), LiveVideo::Waiting);
+    plain.setNoSignalImage(QString(), std::chrono::seconds(0));
+    plain.emitVideoFrame(QVideoFrame());
+    EXPECT_EQ(item->videoState(), LiveVideo::NoSignal);
+    expectHalves(Qt::black, Qt::black);
+    item->present(twoColorFrame(planar, {64, 32}, redYuv, blueYuv));
+    EXPECT_EQ(item->videoState(), LiveVideo::Live);
+    item->clear();
+    EXPECT_EQ(item->videoState(), LiveVideo::Waiting);
+    item->setSource(nullptr);
+}
+
+TEST_F(LiveVideoTest, followsTheTurnOfItsWindow)
+{
+    item->present(twoColorFrame(planar, {64, 32}, redYuv, blueYuv));
+    for (const QSize size : {QSize(100, 200), QSize(200, 100), QSize(90, 180)}) {
+        window->resize(size);
+        ASSERT_TRUE(waitUntil([&] { return window->size() == size; }));
+        item->setSize(size);
+        const QImage shot = grab();
+        ASSERT_EQ(shot.size(), size);
+        const bool isPortrait = size.height() > size.width();
+        // As wide as the window, so in a high one with black above and below.
+        EXPECT_TRUE(near(shot.pixel(size.width() / 4, size.height() / 2), Qt::red));
+        EXPECT_TRUE(near(shot.pixel(size.width() * 3 / 4, size.height() / 2), Qt::blue));
+        EXPECT_TRUE(near(shot.pixel(size.width() / 4, 5), isPortrait ? Qt::black : Qt::red));
+        EXPECT_TRUE(near(shot.pixel(size.width() / 4, size.height() - 5), isPortrait ? Qt::black : Qt::red));
+    }
+}
+
 TEST_F(LiveVideoTest, aSourceThatIsNoProviderIsRefused)
 {
     QObject other;
@@ -357,6 +483,8 @@ public:
         context = QOpenGLContext::currentContext() != nullptr;
         if (throwing)
             throw std::runtime_error("no usable display");
+        if (needsEgl && !zevgl::EGLImageContext::currentContext().display)
+            throw std::runtime_error("no EGL here");
     }
     void doAfterGLSynchronizing() override { ++after; }
     void releaseGLResources() override { ++released; }
@@ -367,7 +495,7 @@ public:
     void requestImageAudio(long long) override {}
 
     std::atomic<int> before{0}, after{0}, released{0};
-    std::atomic<bool> context{false}, throwing{false};
+    std::atomic<bool> context{false}, throwing{false}, needsEgl{false};
 };
 
 TEST_F(LiveVideoTest, hooksOfTheSourceRunWithEverySynchronization)
@@ -405,6 +533,26 @@ TEST_F(LiveVideoTest, aHookThatThrowsIsReportedOnceAndNotCalledAgain)
     EXPECT_EQ(source->before, 1);
 }
 
+// What a capture source does whose frames are EGL images: nothing leaves the render thread, nothing reaches
+// the event loop, and other frames are shown.
+TEST_F(LiveVideoTest, aSourceThatNeedsEglIsToldOfWhereThereIsNone)
+{
+    const QSharedPointer<HookedSource> source(new HookedSource);
+    source->needsEgl = true;
+    zevqml::SourceHooks hooks;
+    QStringList messages;
+    QObject::connect(&hooks, &zevqml::SourceHooks::failed, window.get(),
+                     [&](const QString &message) { messages << message; });
+    hooks.attach(window.get(), source);
+    item->present(dmaFrame(redYuv, blueYuv));
+    expectHalves(Qt::red, Qt::blue);
+    ASSERT_TRUE(waitUntil([&] { return !messages.isEmpty(); }));
+    item->present(dmaFrame(blueYuv, redYuv));
+    expectHalves(Qt::blue, Qt::red);
+    EXPECT_EQ(messages, QStringList{"no EGL here"});
+    EXPECT_EQ(source->before, 1);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -419,6 +567,7 @@ int main(int argc, char **argv)
     }
     qputenv("DISPLAY", server.display());
     qputenv("QT_QPA_PLATFORM", "xcb");
+    qputenv("QT_XCB_GL_INTEGRATION", "xcb_glx");
     if (withOpenGl)
         qunsetenv("QT_QUICK_BACKEND");
     else
