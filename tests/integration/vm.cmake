@@ -11,14 +11,17 @@ add_library(fakedmabuf MODULE ${rig}/fakedmabuf.c)
 zev_target(fakedmabuf)
 set_target_properties(fakedmabuf PROPERTIES PREFIX "" C_EXTENSIONS ON)
 
-# zev_rig_test(NAME SOURCES ... LIBRARIES ... [ARGUMENTS ...] [MODULE "NAME=PARAMETERS"]): builds a program, registers
-# fast_NAME and vm_NAME. What needs a kernel module has no fast tier.
+# zev_rig_test(NAME SOURCES ... LIBRARIES ... [ARGUMENTS ...] [MODULE "NAME=PARAMETERS"]
+#              [VM_PARTS PART=FUNCTION[,FUNCTION]... ...]):
+# builds a program, registers fast_NAME and vm_NAME. What needs a kernel module has no fast tier. With parts there is a
+# vm_NAME_PART that runs these functions of the program for each of them: emulated on a busy machine a boot and half a
+# minute of work take minutes.
 function(zev_rig_test name)
-    cmake_parse_arguments(arg "" "MODULE" "SOURCES;LIBRARIES;ARGUMENTS" ${ARGN})
+    cmake_parse_arguments(arg "" "MODULE" "SOURCES;LIBRARIES;ARGUMENTS;VM_PARTS" ${ARGN})
     add_executable(${name} ${arg_SOURCES})
     zev_target(${name})
     target_link_libraries(${name} PRIVATE ${arg_LIBRARIES})
-    target_compile_definitions(${name} PRIVATE QT_NO_KEYWORDS)
+    target_compile_definitions(${name} PRIVATE QT_NO_KEYWORDS ARTIFACTS_DIR="${PROJECT_BINARY_DIR}/artifacts")
     set_target_properties(${name} PROPERTIES AUTOMOC ON)
 
     # The driver is not built for ThreadSanitizer, which then sees races where there are none. AddressSanitizer cannot
@@ -40,15 +43,27 @@ function(zev_rig_test name)
         endif()
         return() # emulated and instrumented at once takes too long
     endif()
-    # Emulated on a busy machine: a minute is normal, and only one at a time is fair to the others.
     set(module)
     if(arg_MODULE)
         set(module --module "${arg_MODULE}")
     endif()
-    add_test(NAME vm_${name} COMMAND ${rig}/boot ${module} ${rig}/with-gl $<TARGET_FILE:${name}> ${arg_ARGUMENTS})
-    set_tests_properties(vm_${name} PROPERTIES
-        LABELS vm TIMEOUT 300 SKIP_RETURN_CODE 77 FIXTURES_REQUIRED rig RESOURCE_LOCK vm PROCESSORS 2)
-    zev_test_environment(vm_${name})
+    if(NOT arg_VM_PARTS)
+        set(arg_VM_PARTS "=")
+    endif()
+    foreach(part IN LISTS arg_VM_PARTS)
+        string(REGEX MATCH "^([^=]*)=(.*)$" part "${part}")
+        set(test vm_${name})
+        if(CMAKE_MATCH_1)
+            string(APPEND test _${CMAKE_MATCH_1})
+        endif()
+        string(REPLACE "," ";" functions "${CMAKE_MATCH_2}")
+        # Emulated on a busy machine: a minute is normal, and only one at a time is fair to the others.
+        add_test(NAME ${test}
+            COMMAND ${rig}/boot ${module} ${rig}/with-gl $<TARGET_FILE:${name}> ${arg_ARGUMENTS} ${functions})
+        set_tests_properties(${test} PROPERTIES
+            LABELS vm TIMEOUT 300 SKIP_RETURN_CODE 77 FIXTURES_REQUIRED rig RESOURCE_LOCK vm PROCESSORS 2)
+        zev_test_environment(${test})
+    endforeach()
 endfunction()
 
 set(rig_sources ${rig}/dmamemory.cpp ${rig}/dmamemory.h ${rig}/externaltexture.cpp ${rig}/externaltexture.h
@@ -58,9 +73,25 @@ zev_rig_test(tst_dmabufimages
     LIBRARIES Zev::zevqt-mm Qt5::Gui Qt5::Multimedia Qt5::Test)
 zev_rig_test(tst_dmabufstore SOURCES ${rig}/tst_dmabufstore.cpp LIBRARIES Zev::shm GTest::gtest_main)
 if(TARGET Zev::items)
-    zev_rig_test(tst_eglimageitem
-        SOURCES ${rig}/tst_eglimageitem.cpp ${rig}/dmapublisher.cpp ${rig}/dmapublisher.h ${rig_sources}
-        LIBRARIES Zev::items Qt5::Test)
+    set(item_sources ${rig}/itemrenderer.cpp ${rig}/itemrenderer.h ${rig}/dmapublisher.cpp ${rig}/dmapublisher.h
+        ${rig_sources})
+    set(recorded_egl ${rig}/recordedegl.cpp ${rig}/recordedegl.h)
+    zev_rig_test(tst_publishedframes
+        SOURCES ${rig}/tst_publishedframes.cpp ${rig}/payloadguard.cpp ${rig}/payloadguard.h ${item_sources}
+        LIBRARIES Zev::items Qt5::Test
+        VM_PARTS colors=publishedFrames,plainMemoryIsUploadedAndSaysWhy
+            untouched=noByteOfAFrameIsTouched,goesWhileFramesAreInFlight)
+    # In the virtual machine without what the kernel has no part in: where the picture is placed.
+    zev_rig_test(tst_eglimageitem SOURCES ${rig}/tst_eglimageitem.cpp ${recorded_egl} ${item_sources}
+        LIBRARIES Zev::items Qt5::Test ${CMAKE_DL_LIBS}
+        VM_PARTS
+            images=attributesAreTheFrames,refusedImageIsUploadedAndSaysWhy,aFreshPublisherIsTriedAgain,imagesCanBeSwitchedOff,aHiddenItemImportsNothing
+            life=holdsTheShownFrameAndNoOther,copiesMayGoWithoutAContext,anImageOfTheApplicationsOwnIsLeftToIt,survivesTheLossOfItsContext,survivesAnotherWindow,goesWithAFrameShownAndOneToCome)
+    zev_rig_test(tst_eglimageleaks SOURCES ${rig}/tst_eglimageleaks.cpp ${recorded_egl} ${item_sources}
+        LIBRARIES Zev::items Qt5::Test ${CMAKE_DL_LIBS}
+        VM_PARTS frames=nothingIsLeftAfter500Frames restarts=nothingIsLeftAfter100Restarts)
+    # They stand before EGL where entry points are looked up, so their symbols have to be seen.
+    set_target_properties(tst_eglimageitem tst_eglimageleaks PROPERTIES ENABLE_EXPORTS ON)
 endif()
 
 # A virtual camera of each flavour of the API: /dev/video0 and /dev/video1.

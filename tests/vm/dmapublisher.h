@@ -1,9 +1,11 @@
 #ifndef ZEVQTMM_TESTS_DMAPUBLISHER_H
 #define ZEVQTMM_TESTS_DMAPUBLISHER_H
 
-#include <QtCore/QProcess>
+#include <QtCore/QByteArray>
 
 #include <shm/shm_writer.h>
+
+#include <sys/types.h>
 
 /*! What a publisher is to publish: the test picture, again and again. */
 struct DmaPublication
@@ -15,25 +17,29 @@ struct DmaPublication
 };
 
 /*!
- * A publisher in a process of its own: this program once more, told by its arguments.
+ * A publisher in a process of its own.
  *
- * Usage: in main(), first of all: if (DmaPublisher::isPublisher(argc, argv)) return DmaPublisher::run(argv).
- * In a test: start(), then the store "picture" is there.
+ * Usage: prepare(), first of all in main(); in a test set ZEV_SHM_DIR, then start(): the store "picture" is
+ * there.
+ *
+ * It is a copy of a process that was put aside while this one had neither threads nor drivers: where
+ * everything is emulated, starting a program with all its libraries takes seconds, and this none.
  */
 class DmaPublisher
 {
 public:
-    ~DmaPublisher() { stop(); }
+    ~DmaPublisher() { kill(); }
 
+    /*! Threads: there must be no other yet. All publishers end with this process, however it ends. */
+    static bool prepare();
+
+    /*! True once the first frame is out. */
     bool start(const DmaPublication &publication);
-    /*! Kills it, as a crash would. */
-    void stop();
-
-    static bool isPublisher(int argc, char **argv);
-    static int run(char **argv);
+    /*! As a crash would; waits until it is gone. */
+    void kill();
 
 private:
-    QProcess process;
+    pid_t process = -1;
 };
 
 #endif
