@@ -73,14 +73,25 @@ void chooseFramePath(const Options &options)
         qputenv("ZEV_GL_DMABUF", "1");
     else
         qunsetenv("ZEV_GL_DMABUF");
-    if (areDrawn && options.framePath == Options::FramePath::Egl) {
-        // External textures come with OpenGL ES only, and on X11 EGL is not what Qt takes by itself.
-        QSurfaceFormat format = QSurfaceFormat::defaultFormat();
-        format.setRenderableType(QSurfaceFormat::OpenGLES);
-        QSurfaceFormat::setDefaultFormat(format);
-        if (!qEnvironmentVariableIsSet("QT_XCB_GL_INTEGRATION"))
-            qputenv("QT_XCB_GL_INTEGRATION", "xcb_egl");
-    }
+    // On X11 EGL is not what Qt takes by itself.
+    if (areDrawn && options.framePath == Options::FramePath::Egl &&
+        !qEnvironmentVariableIsSet("QT_XCB_GL_INTEGRATION"))
+        qputenv("QT_XCB_GL_INTEGRATION", "xcb_egl");
+}
+
+/*
+ * Before the first window: external textures come with OpenGL ES only. Where Qt draws through EGL in any
+ * case, asking for it costs nothing.
+ */
+void chooseOpenGl(const Options &options)
+{
+    if (options.frames != Options::Frames::Video ||
+        (options.framePath != Options::FramePath::Egl &&
+         (options.framePath != Options::FramePath::Auto || QGuiApplication::platformName() != "eglfs")))
+        return;
+    QSurfaceFormat format = QSurfaceFormat::defaultFormat();
+    format.setRenderableType(QSurfaceFormat::OpenGLES);
+    QSurfaceFormat::setDefaultFormat(format);
 }
 
 std::unique_ptr<QCoreApplication> createApplication(bool headless, int &argc, char **argv)
@@ -158,6 +169,7 @@ int run(QCoreApplication &application, const Options &options)
     QObject::connect(viewer.get(), &Viewer::problem, viewer.get(), say);
     std::unique_ptr<ViewerWindow> window;
     if (gui) {
+        chooseOpenGl(options);
         window = std::make_unique<ViewerWindow>(viewer.get(), options);
         if (!window->error().isEmpty())
             return complain(WrongUse, QStringLiteral("cannot build the window: %1").arg(window->error()));
@@ -177,6 +189,7 @@ int run(QCoreApplication &application, const Options &options)
     clock.start();
     viewer->start();
     application.exec();
+    QCoreApplication::sendPostedEvents(); // what the render thread has told of the picture on screen counts
     viewer->stop();
     return writeResults(*viewer, options, double(clock.elapsed()) / 1000.0);
 }

@@ -139,8 +139,9 @@ void Viewer::setImageSize(const QSize &size)
 
 void Viewer::setFramePath(const QString &path, const QString &reason)
 {
-    // The no-signal picture takes another path; what is told is that of the source's frames.
-    if (m_state != State::Live)
+    // The no-signal picture takes another path; what is told is that of the source's frames. Of a picture
+    // that has become idle too: nothing is told again when the next one comes.
+    if (m_state == State::Waiting || m_state == State::NoSignal)
         return;
     m_framePath = path;
     m_framePathReason = reason;

@@ -1,4 +1,4 @@
-// zevqt-testpublisher NAME WIDTHxHEIGHT yuv420p|nv12 FPS bt601|bt709|bt2020 full|limited
+// zevqt-testpublisher NAME WIDTHxHEIGHT yuv420p|nv12 FPS bt601|bt709|bt2020 full|limited [MEMORY]
 //
 // Publishes the test pattern into a store, at an even cadence, until SIGTERM; then prints
 // "published N dropped N". Writes "ready" once the first frame is out.
@@ -56,8 +56,10 @@ int main(int argc, char **argv)
 {
     int width = 0;
     int height = 0;
-    if (argc != 7 || std::sscanf(argv[2], "%dx%d", &width, &height) != 2 || std::atof(argv[4]) <= 0.0) {
-        std::fputs("usage: zevqt-testpublisher NAME WxH yuv420p|nv12 FPS bt601|bt709|bt2020 full|limited\n",
+    if (argc < 7 || argc > 8 || std::sscanf(argv[2], "%dx%d", &width, &height) != 2 ||
+        std::atof(argv[4]) <= 0.0) {
+        std::fputs("usage: zevqt-testpublisher NAME WxH yuv420p|nv12 FPS bt601|bt709|bt2020 full|limited "
+                   "[MEMORY]\n",
                    stderr);
         return 2;
     }
@@ -75,6 +77,8 @@ int main(int argc, char **argv)
     params.color.range = uint8_t(std::strcmp(argv[6], "limited") == 0 ? SHM_RANGE_LIMITED : SHM_RANGE_FULL);
     params.rate_numerator = uint32_t(std::lround(fps * 1000.0));
     params.rate_denominator = 1000;
+    if (argc == 8)
+        params.memory = argv[7];
 
     shm_writer_t *writer = nullptr;
     shm_error_t error;

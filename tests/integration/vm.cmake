@@ -11,6 +11,11 @@ add_library(fakedmabuf MODULE ${rig}/fakedmabuf.c)
 zev_target(fakedmabuf)
 set_target_properties(fakedmabuf PROPERTIES PREFIX "" C_EXTENSIONS ON)
 
+add_library(pbufferwindow MODULE ${rig}/pbufferwindow.c)
+zev_target(pbufferwindow)
+target_link_libraries(pbufferwindow PRIVATE ${CMAKE_DL_LIBS})
+set_target_properties(pbufferwindow PROPERTIES PREFIX "" C_EXTENSIONS ON)
+
 # zev_rig_test(NAME SOURCES ... LIBRARIES ... [ARGUMENTS ...] [MODULE "NAME=PARAMETERS"]
 #              [VM_PARTS PART=FUNCTION[,FUNCTION]... ...]):
 # builds a program, registers fast_NAME and vm_NAME. What needs a kernel module has no fast tier. With parts there is a
@@ -92,6 +97,18 @@ if(TARGET Zev::items)
         VM_PARTS frames=nothingIsLeftAfter500Frames restarts=nothingIsLeftAfter100Restarts)
     # They stand before EGL where entry points are looked up, so their symbols have to be seen.
     set_target_properties(tst_eglimageitem tst_eglimageleaks PROPERTIES ENABLE_EXPORTS ON)
+    if(ZEV_BUILD_EXAMPLES)
+        zev_rig_test(tst_viewerframepath
+            SOURCES ${rig}/tst_viewerframepath.cpp integration/xvfbserver.cpp
+            LIBRARIES Qt5::Gui Qt5::Test
+            VM_PARTS imported=imported)
+        target_include_directories(tst_viewerframepath PRIVATE integration)
+        target_compile_definitions(tst_viewerframepath PRIVATE
+            VIEWER="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/zevqt-viewer"
+            PUBLISHER="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/zevqt-testpublisher"
+            PBUFFERWINDOW="$<TARGET_FILE:pbufferwindow>")
+        add_dependencies(tst_viewerframepath zevqt-viewer zevqt-testpublisher pbufferwindow)
+    endif()
 endif()
 
 # A virtual camera of each flavour of the API: /dev/video0 and /dev/video1.

@@ -216,7 +216,7 @@ void tst_PublishedFrames::goesWhileFramesAreInFlight()
         renderer->item()->setSource(&provider);
         QTRY_VERIFY_WITH_TIMEOUT(
             (renderer->renderUnseen(), renderer->item()->framePath() == LiveVideo::EglImage), 60000);
-        QCOMPARE(renderer->item()->videoState(), LiveVideo::Live);
+        QVERIFY(renderer->item()->videoState() != LiveVideo::Waiting);
         const int presented = frames;
         QTRY_VERIFY_WITH_TIMEOUT(frames > presented, 60000); // presented and not drawn
         const int queued = frames + 2;                       // fetched while no event is delivered

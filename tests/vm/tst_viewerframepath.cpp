@@ -1,0 +1,274 @@
+// zevqt-viewer --frame-path, in processes of its own: which path its window's frames take, what it says of
+// it, and that they are to be seen in any case.
+#include "xvfbserver.h"
+
+#include <QtCore/QFile>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+#include <QtCore/QTemporaryDir>
+#include <QtGui/QColor>
+#include <QtTest/QtTest>
+
+namespace {
+
+const int tolerance = 3;
+const int limitMs = 100000;
+const QSize windowSize(160, 90);
+
+// What makes with-gl's surroundings: without it a program has the machine's own driver.
+const char *const ofTheRig[] = {
+    "LD_LIBRARY_PATH", "LIBGL_DRIVERS_PATH", "GBM_BACKENDS_PATH",     "__EGL_VENDOR_LIBRARY_FILENAMES",
+    "VK_DRIVER_FILES", "VK_ICD_FILENAMES",   "LIBGL_ALWAYS_SOFTWARE", "GALLIUM_DRIVER",
+    "EGL_PLATFORM",    "QT_QPA_PLATFORM"};
+
+QString whereBarsDiffer(const QImage &picture)
+{
+    static const QRgb bars[] = {0xffffff, 0xffff00, 0x00ffff, 0x00ff00,
+                                0xff00ff, 0xff0000, 0x0000ff, 0x000000};
+    if (picture.size() != windowSize)
+        return QStringLiteral("there is no picture");
+    for (int i = 0; i < 8; ++i) {
+        const QRgb expected = bars[i];
+        const QRgb shown = picture.pixel(20 * i + 10, 30);
+        if (qAbs(qRed(shown) - qRed(expected)) > tolerance ||
+            qAbs(qGreen(shown) - qGreen(expected)) > tolerance ||
+            qAbs(qBlue(shown) - qBlue(expected)) > tolerance)
+            return QStringLiteral("bar %1 is %2 instead of %3")
+                .arg(i)
+                .arg(QColor(shown).name(), QColor(expected).name());
+    }
+    return {};
+}
+
+} // namespace
+
+class tst_ViewerFramePath : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void imported_data();
+    void imported();
+    void uploaded_data();
+    void uploaded();
+    void onAKernelWithoutUdmabuf();
+    void underX_data();
+    void underX();
+    void cleanup();
+
+private:
+    struct Store
+    {
+        QString memory, format, matrix;
+    };
+    bool publish(const Store &store, const QProcessEnvironment &environment);
+    // Runs the viewer until its window shows the bars, then ends it; false, with a reason, when it never
+    // does.
+    bool view(const QString &framePath, QProcessEnvironment environment,
+              const std::function<QImage()> &screenshot);
+    bool viewOnRig(const QString &framePath, const QString &artifact,
+                   QProcessEnvironment environment = QProcessEnvironment::systemEnvironment());
+    QString reported(const char *member) const { return report[QLatin1String(member)].toString(); }
+
+    std::unique_ptr<QTemporaryDir> folder;
+    std::unique_ptr<BoundProcess> publisher;
+    QJsonObject report;
+    QString messages; // of the viewer
+    QString problem;
+};
+
+void tst_ViewerFramePath::init()
+{
+    publisher = std::make_unique<BoundProcess>();
+    folder = std::make_unique<QTemporaryDir>(QStringLiteral("/tmp/zevpathXXXXXX"));
+    qputenv("ZEV_SHM_DIR", QFile::encodeName(folder->path()));
+    report = {};
+    messages.clear();
+    problem.clear();
+}
+
+void tst_ViewerFramePath::cleanup()
+{
+    publisher->kill();
+    publisher->waitForFinished(60000);
+}
+
+bool tst_ViewerFramePath::publish(const Store &store, const QProcessEnvironment &environment)
+{
+    publisher->setProcessEnvironment(environment);
+    publisher->start(QStringLiteral(PUBLISHER),
+                     {QStringLiteral("cam0"), QStringLiteral("320x180"), store.format, QStringLiteral("10"),
+                      store.matrix, QStringLiteral("full"), store.memory});
+    return publisher->waitForReadyRead(60000) && publisher->readAllStandardOutput().startsWith("ready");
+}
+
+bool tst_ViewerFramePath::view(const QString &framePath, QProcessEnvironment environment,
+                               const std::function<QImage()> &screenshot)
+{
+    const QString reportFile = folder->filePath(QStringLiteral("report.json"));
+    BoundProcess viewer;
+    viewer.setProcessEnvironment(environment);
+    viewer.start(QStringLiteral(VIEWER),
+                 {QStringLiteral("shm:///cam0"), QStringLiteral("--frame-path"), framePath,
+                  QStringLiteral("--size"), QStringLiteral("160x90"), QStringLiteral("--audio-device"),
+                  QStringLiteral("none"), QStringLiteral("--report"), reportFile});
+    const QDeadlineTimer deadline(limitMs);
+    do {
+        problem = whereBarsDiffer(screenshot());
+    } while (!problem.isEmpty() && !viewer.waitForFinished(50) && !deadline.hasExpired());
+    viewer.terminate();
+    viewer.waitForFinished(60000);
+    messages = QString::fromUtf8(viewer.readAllStandardError());
+    if (viewer.exitStatus() != QProcess::NormalExit || viewer.exitCode() != 0)
+        problem = QStringLiteral("the viewer did not end well (%1)").arg(viewer.exitCode());
+    QFile file(reportFile);
+    if (file.open(QIODevice::ReadOnly))
+        report = QJsonDocument::fromJson(file.readAll()).object();
+    if (!problem.isEmpty())
+        problem += QStringLiteral("; it says: ") + messages.right(500);
+    return problem.isEmpty();
+}
+
+bool tst_ViewerFramePath::viewOnRig(const QString &framePath, const QString &artifact,
+                                    QProcessEnvironment environment)
+{
+    const QString shot = folder->filePath(QStringLiteral("window.ppm"));
+    QString preloaded = environment.value(QStringLiteral("LD_PRELOAD"));
+    if (!preloaded.isEmpty())
+        preloaded += QLatin1Char(':');
+    environment.insert(QStringLiteral("LD_PRELOAD"), preloaded + QStringLiteral(PBUFFERWINDOW));
+    environment.insert(QStringLiteral("RIG_SCREENSHOT"), shot);
+    environment.insert(QStringLiteral("QT_QPA_EGLFS_WIDTH"), QString::number(windowSize.width()));
+    environment.insert(QStringLiteral("QT_QPA_EGLFS_HEIGHT"), QString::number(windowSize.height()));
+    const bool isShown = view(framePath, environment, [&] { return QImage(shot); });
+    if (QDir().mkpath(QStringLiteral(ARTIFACTS_DIR))) // thrown away in the virtual machine
+        QImage(shot).save(QStringLiteral(ARTIFACTS_DIR "/viewer-path-%1.png").arg(artifact));
+    return isShown;
+}
+
+void tst_ViewerFramePath::imported_data()
+{
+    QTest::addColumn<QString>("memory");
+    QTest::addColumn<QString>("format");
+    QTest::addColumn<QString>("matrix");
+    QTest::addColumn<QString>("framePath");
+    QTest::newRow("udmabuf, asked for") << "udmabuf"
+                                        << "yuv420p"
+                                        << "bt601"
+                                        << "egl";
+    QTest::newRow("dma-heap, by itself") << "dma-heap:system"
+                                         << "nv12"
+                                         << "bt709"
+                                         << "auto";
+}
+
+void tst_ViewerFramePath::imported()
+{
+    QFETCH(QString, memory);
+    QFETCH(QString, format);
+    QFETCH(QString, matrix);
+    QFETCH(QString, framePath);
+    QVERIFY(publish({memory, format, matrix}, QProcessEnvironment::systemEnvironment()));
+    QVERIFY2(viewOnRig(framePath, QStringLiteral("imported-") + framePath), qPrintable(problem));
+    QCOMPARE(reported("frame_path"), QStringLiteral("eglimage"));
+    QCOMPARE(reported("frame_path_reason"), QString());
+    QVERIFY2(!messages.contains(QLatin1String("not imported")), qPrintable(messages));
+}
+
+void tst_ViewerFramePath::uploaded_data()
+{
+    QTest::addColumn<QString>("memory");
+    QTest::addColumn<QString>("framePath");
+    QTest::addColumn<QString>("reason");
+    QTest::newRow("asked for") << "udmabuf"
+                               << "mapped"
+                               << "";
+    QTest::newRow("plain memory") << "memfd"
+                                  << "egl"
+                                  << "no: frames are in plain memory; publish with the memory kind udmabuf";
+}
+
+void tst_ViewerFramePath::uploaded()
+{
+    QFETCH(QString, memory);
+    QFETCH(QString, framePath);
+    QFETCH(QString, reason);
+    QVERIFY(publish({memory, QStringLiteral("nv12"), QStringLiteral("bt601")},
+                    QProcessEnvironment::systemEnvironment()));
+    QVERIFY2(viewOnRig(framePath, QStringLiteral("uploaded-") + memory), qPrintable(problem));
+    QCOMPARE(reported("frame_path"), QStringLiteral("mapped"));
+    QCOMPARE(reported("frame_path_reason"), reason);
+    // Who asks for images is told in so many words.
+    QCOMPARE(messages.contains(QLatin1String("frames are not imported into the GPU: ") + reason),
+             framePath == QLatin1String("egl"));
+}
+
+// The machine's own, without the stand-in.
+void tst_ViewerFramePath::onAKernelWithoutUdmabuf()
+{
+    if (QFile::exists(QStringLiteral("/dev/udmabuf")))
+        QSKIP("this kernel has /dev/udmabuf");
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.remove(QStringLiteral("LD_PRELOAD"));
+    QVERIFY(publish({QStringLiteral("udmabuf"), QStringLiteral("yuv420p"), QStringLiteral("bt709")},
+                    environment));
+    QVERIFY2(viewOnRig(QStringLiteral("egl"), QStringLiteral("no-udmabuf"), environment),
+             qPrintable(problem));
+    QCOMPARE(reported("frame_path"), QStringLiteral("mapped"));
+    QCOMPARE(reported("frame_path_reason"),
+             QStringLiteral(
+                 "no: this kernel has no /dev/udmabuf; load the module udmabuf or enable CONFIG_UDMABUF"));
+}
+
+void tst_ViewerFramePath::underX_data()
+{
+    QTest::addColumn<QString>("framePath");
+    QTest::addColumn<QString>("integration");
+    QTest::addColumn<QString>("reason");
+    QTest::addColumn<QString>("message"); // how often: once
+    QTest::newRow("GLX as it comes") << "auto"
+                                     << ""
+                                     << "the window draws with desktop OpenGL, which has no external textures"
+                                     << "";
+    QTest::newRow("a driver that cannot import") << "egl"
+                                                 << ""
+                                                 << "EGL could not import the frame's memory, see the log"
+                                                 << "eglCreateImageKHR failed:";
+    QTest::newRow("OpenGL ES of GLX")
+        << "egl"
+        << "xcb_glx"
+        << "the window's OpenGL does not come from EGL, or Qt does not say from which display"
+        << "frames are not imported into the GPU";
+}
+
+// DMA-bufs are there, the machine's own driver takes none of them; nothing that is thrown reaches the event
+// loop.
+void tst_ViewerFramePath::underX()
+{
+    QFETCH(QString, framePath);
+    QFETCH(QString, integration);
+    QFETCH(QString, reason);
+    QFETCH(QString, message);
+    const XvfbServer server(QStringLiteral("320x200x24"));
+    if (server.display().isEmpty())
+        QSKIP("Xvfb did not start");
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const char *variable : ofTheRig)
+        environment.remove(QLatin1String(variable));
+    environment.insert(QStringLiteral("DISPLAY"), QString::fromLatin1(server.display()));
+    if (!integration.isEmpty())
+        environment.insert(QStringLiteral("QT_XCB_GL_INTEGRATION"), integration);
+    QVERIFY(publish({QStringLiteral("udmabuf"), QStringLiteral("nv12"), QStringLiteral("bt709")},
+                    QProcessEnvironment::systemEnvironment()));
+    QVERIFY2(
+        view(framePath, environment, [&] { return server.screenshot().copy(QRect(QPoint(), windowSize)); }),
+        qPrintable(problem));
+    QCOMPARE(reported("frame_path"), QStringLiteral("mapped"));
+    QCOMPARE(reported("frame_path_reason"), reason);
+    if (!message.isEmpty())
+        QVERIFY2(messages.count(message) == 1, qPrintable(messages));
+}
+
+QTEST_GUILESS_MAIN(tst_ViewerFramePath)
+#include "tst_viewerframepath.moc"
