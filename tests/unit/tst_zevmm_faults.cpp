@@ -42,29 +42,29 @@ struct Life
     bool frames()
     {
         bool delivered = false;
-        const auto some = [&](int count) {
+        const auto some = [&](int count, std::int64_t interval = second / 10) {
             delivered = false;
             for (int i = 0; i < count; ++i) {
-                kernel.clock += second / 10;
+                kernel.clock += interval;
                 const bool filled = kernel.fill();
                 stream->step(filled ? POLLIN : short(0));
                 stream->readFrame([&](void *) { delivered = true; });
             }
         };
         some(8);
-        for (int i = 0; i < 15; ++i) { // a stall
-            kernel.clock += second / 10;
+        for (int i = 0; i < 3; ++i) { // a stall
+            kernel.clock += second / 2;
             stream->step(0);
         }
-        some(5);
+        some(4);
         kernel.unplug();
         stream->step(POLLERR | POLLHUP);
         kernel.clock += second;
         stream->step(0);
         kernel.plugIn();
-        some(12);
+        some(6);
         callsWithFaults = kernel.calls;
-        some(100); // long enough for every pause between attempts
+        some(40, second / 4); // long enough for every pause between attempts
         return delivered;
     }
 
@@ -129,7 +129,7 @@ protected:
 TEST_P(Faults, oneFailureIsOutlived)
 {
     const int calls = callsOfALife();
-    ASSERT_GT(calls, 100);
+    ASSERT_GT(calls, 80);
     for (int call = 0; call < calls; ++call) {
         for (const int error : allErrors) {
             SCOPED_TRACE(told(call, error));
@@ -140,7 +140,7 @@ TEST_P(Faults, oneFailureIsOutlived)
             EXPECT_TRUE(life.isStarted);
             EXPECT_TRUE(life.endsWithFrames);
             EXPECT_FALSE(life.hasTrouble);
-            EXPECT_LE(life.exceptions, 1);
+            EXPECT_LE(life.exceptions, error == EINTR ? 0 : 1);
             life.check();
             if (testing::Test::HasFailure())
                 return;
@@ -152,6 +152,9 @@ TEST_P(Faults, aFailureForGoodIsTold)
 {
     const int calls = callsOfALife();
     for (int call = 0; call < calls; ++call) {
+        // All later ones of its kind fail, too: every fifth call is as good as each, but at the beginning.
+        if (call > 40 && call % 5 != 0)
+            continue;
         for (const int error : allErrors) {
             SCOPED_TRACE(told(call, error));
             Life life(GetParam());

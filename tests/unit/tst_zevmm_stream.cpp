@@ -261,6 +261,17 @@ TEST_F(Streams, aDeadStreamIsRestartedThoughTheDriverTellsNoError)
     end();
 }
 
+TEST_F(Streams, aBufferThatTheDriverDoesNotTakeIsNotLost)
+{
+    begin();
+    ASSERT_TRUE(fillAndStep());
+    kernel.fault = {-1, VIDIOC_QBUF, EIO, false}; // of the frame that the next one replaces
+    ASSERT_TRUE(fillAndStep());
+    EXPECT_EQ(stream->statistics().restarts, 1u);
+    EXPECT_EQ(kernel.queuedCount(), 6u);
+    end();
+}
+
 TEST_F(Streams, aDriverThatErrsForEverIsNotAskedAllTheTime)
 {
     begin();
