@@ -123,6 +123,31 @@ TEST_F(ZevshmPublish, framesCarryTheirNumberAndTheirTimestamp)
     }
 }
 
+TEST_F(ZevshmPublish, startsWithoutAGap)
+{
+    // What the first frame needs time for may not cost the next ones. A busy machine may be late by itself.
+    constexpr uint32_t wanted = 10;
+    uint32_t inARow = 0;
+    for (int attempt = 0; attempt < 5 && inARow < wanted; ++attempt) {
+        Zevshm publisher({"publish", "cam", "test:", "--size", "1920x1080", "--fps", "60", "--history", "20",
+                          "--no-audio"});
+        const Reader reader = openStore("cam");
+        ASSERT_TRUE(reader);
+        ASSERT_TRUE(waitForFrames(reader.get(), wanted));
+        long long stamps[SHM_FRAMES_MAX];
+        const int held = shm_reader_get_video_timestamps(reader.get(), stamps, SHM_FRAMES_MAX);
+        inARow = 0;
+        for (int i = 0; i < held; ++i) {
+            const Frame frame(reader.get(), stamps[i], SHM_VIDEO_EXACT);
+            const auto read = frame ? code(frame) : std::nullopt;
+            if (!read || read->frameNumber != inARow)
+                break;
+            ++inARow;
+        }
+    }
+    EXPECT_GE(inARow, wanted);
+}
+
 TEST_F(ZevshmPublish, publishesInRealTimeOnTheWallClock)
 {
     Zevshm publisher({"publish", "cam", "test:", "--size", "320x240", "--fps", "25"});

@@ -76,6 +76,8 @@ public:
     // Waits until it is known what the input carries. Empty when stopped meanwhile.
     virtual std::optional<InputFormat> waitForFormat() = 0;
     virtual void stop() = 0;
+    // What the first frame would need time for; called once the store has its memory, before time starts.
+    virtual void prepare() {}
 
     // Frames come by themselves and late ones are worthless (a test pattern, a network stream); otherwise the
     // input waits for us and keeps its place when we are late (a file).

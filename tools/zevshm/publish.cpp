@@ -339,6 +339,7 @@ int publishCommand(const std::vector<std::string> &words)
 
     StoreWriter store(plan.store);
     store.open(Publisher::storeFormat(*format, plan.publisher));
+    input->prepare();
     if (plan.isTest)
         plan.publisher.firstWallUs = TestInput::alignedStart(wallUs() + 50000, plan.test.rate);
     Publisher publisher(*input, store, clock, stopToken, plan.publisher);

@@ -60,6 +60,12 @@ std::optional<InputFormat> TestInput::waitForFormat()
     return format;
 }
 
+void TestInput::prepare()
+{
+    if (m_settings.withVideo)
+        m_pattern.emplace(m_settings.kind, m_settings.width, m_settings.height, m_settings.matrix);
+}
+
 bool TestInput::nextVideo(VideoItem &item)
 {
     item.mediaUs = frameStartUs(m_nextFrame++, m_settings.rate);
@@ -88,8 +94,6 @@ void TestInput::fillVideo(const shm_writer_frame_t &slot, int pixelFormat, const
         planes.planes[i] = slot.planes[i];
         planes.strides[i] = slot.strides[i];
     }
-    if (!m_pattern)
-        m_pattern.emplace(m_settings.kind, m_settings.width, m_settings.height, m_settings.matrix);
     m_pattern->draw(planes, static_cast<uint32_t>(frameNumber), labelUs, utcOffsetSeconds(labelUs));
 }
 

@@ -33,6 +33,7 @@ public:
     void start() override {}
     std::optional<InputFormat> waitForFormat() override;
     void stop() override {}
+    void prepare() override;
     bool isLive() const override { return true; }
     bool anchorsClock() const override { return false; }
     bool nextVideo(VideoItem &item) override;
@@ -46,8 +47,7 @@ private:
 
     const Settings m_settings;
     const StopToken &m_stopToken;
-    std::optional<TestPattern>
-        m_pattern; // video thread; made with the first frame, when the store has its memory
+    std::optional<TestPattern> m_pattern; // video thread, from prepare() on
     ToneGenerator m_tones;
     int64_t m_nextFrame = 0;   // video thread
     int64_t m_nextSample = 0;  // audio thread
