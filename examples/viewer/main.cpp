@@ -22,7 +22,7 @@
 
 namespace {
 
-enum ExitCode { Ok = 0, OutputFailed = 1, WrongUse = 2, NoDisplay = 3 };
+enum ExitCode { Ok = 0, OutputFailed = 1, WrongUse = 2, NoDisplay = 3, DeviceFailed = 4 };
 
 int complain(ExitCode code, const QString &message)
 {
@@ -161,6 +161,8 @@ int run(QCoreApplication &application, const Options &options)
         return complain(WrongUse, QStringLiteral("%1 (a store is named shm:///NAME, a capture device "
                                                  "v4l:///dev/videoN)")
                                       .arg(QString::fromUtf8(error.what())));
+    } catch (const std::exception &error) { // a capture device says why it cannot be used
+        return complain(DeviceFailed, QString::fromUtf8(error.what()));
     }
     const auto say = [](const QString &text) {
         std::fprintf(stderr, "zevqt-viewer: %s\n", qUtf8Printable(text));

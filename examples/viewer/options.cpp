@@ -132,6 +132,12 @@ void fill(Options &options, const QCommandLineParser &parser)
     if (options.framePath == Options::FramePath::Egl && options.frames == Options::Frames::Image)
         throw Problem{
             QStringLiteral("--frame-path egl does not go with --frames image; images are made by the CPU")};
+    if (options.video.scheme() == QLatin1String("v4l") &&
+        (given("headless") || options.frames == Options::Frames::Image))
+        throw Problem{
+            QStringLiteral("'%1': a capture device delivers frames to a window with OpenGL only; leave out "
+                           "--headless and --frames image")
+                .arg(urls.first())};
     if (given("fps") && parser.value(QStringLiteral("fps")) != QLatin1String("auto"))
         options.fps = number(parser, QStringLiteral("fps"), 0.1, 1000.0);
     if (given("no-signal"))
@@ -246,7 +252,8 @@ positive means that the picture is ahead; p50 is the median, p95 the size that 9
 null before there is any), history_short_ms (by how much the store's history is too short for the picture to wait
 for the sound), problem (why there is no sound).
 
-Exit status: 0 ended as asked, 1 a report or snapshot could not be written, 2 wrong use, 3 no display.
+Exit status: 0 ended as asked, 1 a report or snapshot could not be written, 2 wrong use, 3 no display,
+4 a capture device cannot be used.
 
 Examples:
   zevqt-viewer shm:///cam0

@@ -2,8 +2,6 @@
 
 #include <shm/shm_reader.h>
 
-#include <QFileInfo>
-
 #include <memory>
 
 namespace {
@@ -29,24 +27,11 @@ QString whyNoPictureFromStore(const QUrl &source)
     return {};
 }
 
-QString whyNoPictureFromDevice(const QString &path)
-{
-    const QFileInfo device(path);
-    if (!device.exists())
-        return QStringLiteral("there is no device %1: connect it or name another one").arg(path);
-    if (!device.isReadable() || !device.isWritable())
-        return QStringLiteral("device %1 may not be used by this user: join the group that owns it")
-            .arg(path);
-    return {};
-}
-
 } // namespace
 
 QString whyNoPicture(const QUrl &source)
 {
     if (source.scheme() == QLatin1String("shm"))
         return whyNoPictureFromStore(source);
-    if (source.scheme() == QLatin1String("v4l"))
-        return whyNoPictureFromDevice(source.path(QUrl::FullyDecoded));
     return {};
 }

@@ -53,7 +53,8 @@ struct ViewerFigures
  *
  * Threads: the GUI thread (or the main thread of a program without one).
  * Ownership: owns the provider. Keeps the last frame of the source, and with it one lock.
- * Errors: the constructor throws std::logic_error for URLs that MediaProvider does not take.
+ * Errors: the constructor throws std::logic_error for URLs that MediaProvider does not take, and what the
+ * capture library throws for a device that cannot be used.
  */
 class Viewer : public QObject
 {

@@ -158,6 +158,20 @@ TEST_F(ViewerSource, aStoreOfSoundAloneIsTold)
     tool->waitForFinished();
 }
 
+TEST_F(ViewerSource, aDeviceThatCannotBeUsedEndsItInOneLine)
+{
+    const XvfbServer server;
+    ASSERT_FALSE(server.display().isEmpty()) << "Xvfb did not start";
+    const QString path = file("a-file");
+    ASSERT_TRUE(QFile(path).open(QIODevice::WriteOnly));
+    for (const QString &device : {file("nothing"), path}) {
+        ViewerRun run({directory.path(), server.display(), true}, {"v4l://" + device});
+        EXPECT_EQ(run.wait(), 4) << device.toStdString();
+        EXPECT_TRUE(run.errors().startsWith("zevqt-viewer: " + device)) << run.errors().toStdString();
+        EXPECT_EQ(run.errors().count(QLatin1Char('\n')), 1) << run.errors().toStdString();
+    }
+}
+
 TEST_F(ViewerSource, idleIsOneEventForImagesToo)
 {
     auto publisher = std::make_unique<Publisher>(directory.path(), plain, 25.0);

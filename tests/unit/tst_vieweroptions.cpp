@@ -130,6 +130,8 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{"shm:///cam0 --fill wide", "crop"}, Bad{"shm:///cam0 --frame-path gl", "auto, mapped, egl"},
         Bad{"shm:///cam0 --frames image --frame-path egl", "--frame-path egl"},
         Bad{"shm:///cam0 --size big", "--size big"}, Bad{"shm:///cam0 --size 640x", "--size 640x"},
+        Bad{"v4l:///dev/video0 --headless", "'v4l:///dev/video0'"},
+        Bad{"v4l:///dev/video0 --frames image", "OpenGL only"},
         Bad{"shm:///cam0 --snapshot s.jpg", "name it s.png"},
         Bad{"shm:///cam0 --snapshot s.xyz", "--snapshot s.xyz"}, Bad{"shm:///cam0 --block 3", "AFTER,FOR"},
         Bad{"shm:///cam0 --volume 1.1", "--volume 1.1"}, Bad{"shm:///cam0 --volume -0.1", "--volume -0.1"},
