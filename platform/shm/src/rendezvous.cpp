@@ -71,25 +71,33 @@ std::set<LockKey> &heldLocks()
     return locks;
 }
 
-int failDirectory(const std::string &directory, int code, shm_error_t *error)
+// What else to do about a directory, by who chose it.
+const char *const kOfCaller = "name another one";
+const char *const kOfEnvironment = "correct ZEV_SHM_DIR";
+const char *const kUsual = "name another one in ZEV_SHM_DIR";
+
+int failDirectory(const std::string &directory, int code, const char *otherwise, shm_error_t *error)
 {
     if (code == ENOENT) {
-        return fail(error, ENOENT, "directory %s does not exist: create it or name another one",
-                    directory.c_str());
+        return fail(error, ENOENT, "directory %s does not exist: create it or %s", directory.c_str(),
+                    otherwise);
     }
-    return fail(error, code, "directory %s cannot be written: %s; make it yours or name another one",
-                directory.c_str(), std::strerror(code));
+    if (code == ENOTDIR) {
+        return fail(error, ENOTDIR, "%s is not a directory: make it one or %s", directory.c_str(), otherwise);
+    }
+    return fail(error, code, "directory %s cannot be written: %s; make it yours or %s", directory.c_str(),
+                std::strerror(code), otherwise);
 }
 
-int checkWritable(const std::string &directory, shm_error_t *error)
+int checkWritable(const std::string &directory, const char *otherwise, shm_error_t *error)
 {
     struct stat status = {};
     if (stat(directory.c_str(), &status) != 0)
-        return failDirectory(directory, errno, error);
+        return failDirectory(directory, errno, otherwise, error);
     if (!S_ISDIR(status.st_mode))
-        return failDirectory(directory, ENOTDIR, error);
+        return failDirectory(directory, ENOTDIR, otherwise, error);
     if (access(directory.c_str(), W_OK | X_OK) != 0)
-        return failDirectory(directory, errno, error);
+        return failDirectory(directory, errno, otherwise, error);
     return 0;
 }
 
@@ -137,16 +145,17 @@ int checkSearchable(const std::string &directory, shm_error_t *error)
 int writerDirectory(const char *asked, bool shared, std::string *directory, shm_error_t *error)
 {
     // Chosen by somebody: it must be there.
-    const std::string chosen = asked != nullptr && *asked != '\0' ? asked : environment("ZEV_SHM_DIR");
+    const bool byCaller = asked != nullptr && *asked != '\0';
+    const std::string chosen = byCaller ? asked : environment("ZEV_SHM_DIR");
     if (!chosen.empty()) {
         *directory = chosen;
-        return checkWritable(chosen, error);
+        return checkWritable(chosen, byCaller ? kOfCaller : kOfEnvironment, error);
     }
     const std::string runtime = environment("XDG_RUNTIME_DIR");
     if (!shared && !runtime.empty()) {
         *directory = runtime + "/zev-shm";
         if (mkdir(directory->c_str(), 0700) == 0 || errno == EEXIST) {
-            if (checkWritable(*directory, nullptr) == 0)
+            if (checkWritable(*directory, kUsual, nullptr) == 0)
                 return 0;
         }
     }
@@ -157,7 +166,7 @@ int writerDirectory(const char *asked, bool shared, std::string *directory, shm_
             "no directory to publish in: %s cannot be created (%s); set XDG_RUNTIME_DIR or ZEV_SHM_DIR",
             kSystemDirectory, std::strerror(errno));
     }
-    return checkWritable(*directory, error);
+    return checkWritable(*directory, kUsual, error);
 }
 
 int socketFile(const std::string &directory, const std::string &name, SocketFile *file)
@@ -274,7 +283,7 @@ int Publication::listen(long group, shm_error_t *error)
         return fail(error, -result, "directory name %s is too long for a socket", m_directory.c_str());
     // The mode is set before anybody can connect: there is no listener until the rename.
     if (bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
-        return failDirectory(m_directory, errno, error);
+        return failDirectory(m_directory, errno, kUsual, error);
     SHM_STEP("start: socket bound");
     const bool ready =
         chmod(temporaryPath.c_str(), group >= 0 ? 0660 : 0600) == 0 &&

@@ -8,6 +8,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -132,24 +133,32 @@ int shm::openWriter(const shm_writer_params_t *params, const ClockSource &clock,
         return fail(error, EINVAL, "writer or parameters missing");
     *writer = nullptr;
     return guarded(error, [&] {
+        shm_writer_params_t known;
+        int result = readParams(params, &known, error);
+        if (result != 0)
+            return result;
         auto created = std::make_unique<shm_writer>(clock, device);
-        const int result = created->open(*params, error);
+        result = created->open(known, error);
         if (result == 0)
             *writer = created.release();
         return result;
     });
 }
 
-void shm_writer_params_init(shm_writer_params_t *params)
+void shm_writer_params_init_sized(shm_writer_params_t *params, size_t size)
 {
-    if (params == nullptr)
+    if (params == nullptr || size < sizeof params->size)
         return;
-    *params = shm_writer_params_t{};
-    params->size = sizeof *params;
-    params->color.matrix = SHM_MATRIX_BT709;
-    params->color.range = SHM_RANGE_FULL;
-    params->color.transfer = SHM_TRANSFER_BT709;
-    params->color.siting = SHM_SITING_LEFT;
+    shm_writer_params_t defaults = {};
+    defaults.size = static_cast<uint32_t>(size);
+    defaults.color.matrix = SHM_MATRIX_BT709;
+    defaults.color.range = SHM_RANGE_FULL;
+    defaults.color.transfer = SHM_TRANSFER_BT709;
+    defaults.color.siting = SHM_SITING_LEFT;
+    // A program that was built with another record has room for its own.
+    void *const record = params;
+    std::memset(record, 0, size);
+    std::memcpy(record, &defaults, std::min(size, sizeof defaults));
 }
 
 int shm_writer_open(const shm_writer_params_t *params, shm_writer_t **writer, shm_error_t *error)

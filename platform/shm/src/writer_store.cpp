@@ -8,12 +8,17 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 namespace shm {
 namespace {
 
 // Which memory the frames lie in, and what can be said about its export before there is any.
+// Of the record's first version, the smallest there is, and beyond any that is to come.
+constexpr uint32_t kFirstParamsSize = offsetof(shm_writer_params_t, memory) + sizeof(const char *);
+constexpr uint32_t kParamsSizeMax = 4096;
+
 int memoryPolicy(const shm_writer_params_t &params, StorePolicy *policy, shm_error_t *error)
 {
     const std::string heapPrefix = "dma-heap:";
@@ -139,13 +144,28 @@ uint64_t makeSession()
 
 } // namespace
 
+int readParams(const shm_writer_params_t *given, shm_writer_params_t *known, shm_error_t *error)
+{
+    const uint32_t size = given->size;
+    if (size < kFirstParamsSize || size > kParamsSizeMax) {
+        return fail(error, EINVAL,
+                    "parameter record of %u bytes: it has not been through shm_writer_params_init", size);
+    }
+    *known = shm_writer_params_t{};
+    std::memcpy(known, given, std::min<size_t>(size, sizeof *known));
+    const auto *bytes = reinterpret_cast<const uint8_t *>(given);
+    for (size_t i = sizeof *known; i < size; ++i) {
+        if (bytes[i] != 0) {
+            return fail(
+                error, EINVAL,
+                "the parameters ask for something that this libshm does not have yet: use a newer one");
+        }
+    }
+    return 0;
+}
+
 int makePolicy(const shm_writer_params_t &params, StorePolicy *policy, shm_error_t *error)
 {
-    if (params.size != sizeof(shm_writer_params_t)) {
-        return fail(error, EINVAL,
-                    "parameter record of %u bytes is not this library's (%zu): rebuild the program",
-                    params.size, sizeof(shm_writer_params_t));
-    }
     int result = shm_check_name(params.name, error);
     if (result != 0)
         return result;

@@ -52,6 +52,10 @@ struct StorePolicy
     bool hasAudio() const { return audioStreams != 0; }
 };
 
+// The parameters of a program that may have been built with an older or a newer record, as this library knows
+// them. Refuses what is not a record, and what asks for more than this library has.
+int readParams(const shm_writer_params_t *given, shm_writer_params_t *known, shm_error_t *error);
+
 // Checks `params` and derives the policy. Returns 0 or a negative errno with `error` filled.
 int makePolicy(const shm_writer_params_t &params, StorePolicy *policy, shm_error_t *error);
 

@@ -35,7 +35,7 @@ enum {
 
 typedef struct shm_writer_params
 {
-    uint32_t size;    /* set by shm_writer_params_init: sizeof(shm_writer_params_t) */
+    uint32_t size;    /* set by shm_writer_params_init: of this record, in bytes */
     const char *name; /* of the store */
     const char
         *directory;    /* where to publish; null: the first of the usual directories that is this user's */
@@ -65,8 +65,15 @@ typedef struct shm_writer_params
     const char *memory;
 } shm_writer_params_t;
 
-/* Zeroes `params`, sets `size`, and the color to BT.709 full range. */
-SHM_API void shm_writer_params_init(shm_writer_params_t *params);
+/* Zeroes `size` bytes at `params`, sets the field `size`, and the color to BT.709 full range. */
+SHM_API void shm_writer_params_init_sized(shm_writer_params_t *params, size_t size);
+
+/* The same for the record as this program knows it, which may be an older or a newer one than the library's.
+ */
+static inline void shm_writer_params_init(shm_writer_params_t *params)
+{
+    shm_writer_params_init_sized(params, sizeof(shm_writer_params_t));
+}
 
 /*
  * Creates the store. Returns 0 with *writer set, or a negative errno with *writer null and, with `error`
