@@ -5,11 +5,9 @@ include(GNUInstallDirs)
 
 # Platform libraries that were found on this system are not part of the package: an application finds them the same way.
 set(ZEVQTMM_SYSTEM_LIBRARIES)
-foreach(library IN ITEMS SHM:libshm ZEVMM:libzevmm ZEVQT_UTILS:libzevqt-utils ZEV_UTILS:libzev-utils AUDIO_LEVEL:libaudio-level)
+foreach(library IN LISTS ZEV_SYSTEM_LIBRARIES)
     string(REGEX MATCH "^([^:]+):(.+)$" matched ${library})
-    if(ZEV_SYSTEM_${CMAKE_MATCH_1})
-        string(APPEND ZEVQTMM_SYSTEM_LIBRARIES "pkg_check_modules(${CMAKE_MATCH_1} REQUIRED IMPORTED_TARGET ${CMAKE_MATCH_2})\n")
-    endif()
+    string(APPEND ZEVQTMM_SYSTEM_LIBRARIES "pkg_check_modules(${CMAKE_MATCH_1} REQUIRED IMPORTED_TARGET ${CMAKE_MATCH_2})\n")
 endforeach()
 if(ZEVQTMM_SYSTEM_LIBRARIES)
     string(PREPEND ZEVQTMM_SYSTEM_LIBRARIES "find_dependency(PkgConfig)\n")

@@ -35,3 +35,36 @@ function(zev_library target)
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endfunction()
+
+# zev_platform_library(NAME): the target Zev::NAME, of platform/NAME or, with the option ZEV_SYSTEM_NAME, of an installed
+# libNAME that pkg-config finds.
+function(zev_platform_library name)
+    string(MAKE_C_IDENTIFIER ${name} id)
+    string(TOUPPER ${id} id)
+    option(ZEV_SYSTEM_${id} "Use an installed lib${name} instead of platform/${name}" OFF)
+    if(NOT ZEV_SYSTEM_${id})
+        add_subdirectory(platform/${name})
+        return()
+    endif()
+    if(ZEV_BUILD_TESTS)
+        message(FATAL_ERROR "ZEV_SYSTEM_${id}: the tests look into platform/${name}. "
+            "Configure with -DZEV_BUILD_TESTS=OFF to build against an installed lib${name}.")
+    endif()
+    pkg_check_modules(${id} REQUIRED IMPORTED_TARGET GLOBAL lib${name})
+    add_library(Zev::${name} ALIAS PkgConfig::${id})
+    set(ZEV_SYSTEM_LIBRARIES ${ZEV_SYSTEM_LIBRARIES} ${id}:lib${name} PARENT_SCOPE)
+endfunction()
+
+# zev_pkg_config(NAME DESCRIPTION text [REQUIRES modules]): installs libNAME.pc, by which another build finds the library
+# that the target NAME is. It says where everything lies from where it lies itself, so that a tree can be moved.
+function(zev_pkg_config name)
+    cmake_parse_arguments(arg "" "DESCRIPTION" "REQUIRES" ${ARGN})
+    get_target_property(version ${name} VERSION)
+    list(JOIN arg_REQUIRES " " requires)
+    set(folder ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig)
+    file(RELATIVE_PATH prefix ${folder} ${CMAKE_INSTALL_PREFIX})
+    file(RELATIVE_PATH libdir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
+    file(RELATIVE_PATH includedir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+    configure_file(${PROJECT_SOURCE_DIR}/cmake/platform-library.pc.in lib${name}.pc @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/lib${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()
