@@ -28,6 +28,10 @@ int ShmemVideoBuffer::map(MapMode mode, int *numBytes, int bytesPerLine[4], ucha
 {
     if (mapMode_ != NotMapped || !frame || !frame->planes[0])
         return 0;
+    // Of a planar frame with one plane QVideoFrame works out where the others would lie, and divides by the
+    // rows that one of them has: in this one, by none.
+    if (!frame->planes[1] && frame->height < 2 && format() == QVideoFrame::Format_YUV420P)
+        return 0;
     mapMode_ = mode;
 
     int planes = 0;

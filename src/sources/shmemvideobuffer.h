@@ -17,8 +17,9 @@
  *
  * Ownership: takes the locked frame; it stays locked until the buffer is destroyed, mapped or not.
  *
- * Errors: map() returns 0 planes when the buffer is mapped already or holds no frame. Writing is not refused:
- * it lands in the store, if the store's memory lets it.
+ * Errors: map() returns 0 planes when the buffer is mapped already or holds no frame, or one of a single row
+ * and plane that should have three, which Qt cannot map. Writing is not refused: it lands in the store, if
+ * the store's memory lets it.
  *
  * Cost: mapping hands out addresses; nothing is copied.
  */

@@ -26,6 +26,8 @@ private Q_SLOTS:
     void writingIsNotRefused();
     void destructionUnlocksOnce();
     void frameMapsTheStoresOwnPlanes();
+    void oneRowInOnePlane_data();
+    void oneRowInOnePlane();
 
 private:
     LockedFrame makeFrame(int planeCount);
@@ -237,6 +239,31 @@ void tst_ShmemVideoBuffer::frameMapsTheStoresOwnPlanes()
     QCOMPARE(unlocked, 0);
     copy = QVideoFrame();
     QCOMPARE(unlocked, 1);
+}
+
+void tst_ShmemVideoBuffer::oneRowInOnePlane_data()
+{
+    QTest::addColumn<int>("stored");
+    QTest::addColumn<bool>("isMapped");
+    QTest::newRow("no format") << 0 << true;
+    QTest::newRow("YUV420P") << 1 << false;
+    QTest::newRow("YVU420P") << 2 << false;
+    QTest::newRow("NV12") << 3 << true;
+}
+
+// Of one plane Qt works out where the others would lie, and divides by the rows of one of those.
+void tst_ShmemVideoBuffer::oneRowInOnePlane()
+{
+    QFETCH(int, stored);
+    LockedFrame locked = makeFrame(1);
+    locked->height = 1;
+    auto *buffer = new ShmemVideoBuffer(static_cast<SHM_PIXEL_FORMAT>(stored), locked);
+    QVideoFrame frame(buffer, QSize(16, 1), buffer->format());
+    QFETCH(bool, isMapped);
+    QCOMPARE(frame.map(QAbstractVideoBuffer::ReadOnly), isMapped);
+    QCOMPARE(buffer->mapMode(), isMapped ? QAbstractVideoBuffer::ReadOnly : QAbstractVideoBuffer::NotMapped);
+    if (isMapped)
+        frame.unmap();
 }
 
 QTEST_GUILESS_MAIN(tst_ShmemVideoBuffer)
