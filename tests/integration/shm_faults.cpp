@@ -306,7 +306,8 @@ void readUntilGone(shm_reader_t *reader, ReaderState &state, bool pins, std::mt1
                     state.mappings.store(countMappings());
                     state.descriptors.store(countDescriptors());
                 }
-                if (pins)
+                // The first reader keeps a frame for as long as its writer lives, and longer.
+                if (pins || (&state == shared->readers && pinned.empty()))
                     pinned.push_back(frame);
                 else if (random() % 4 == 0)
                     hands.take(frame);
