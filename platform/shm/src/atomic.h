@@ -1,7 +1,8 @@
 // Two seams for tests of the protocol itself; in the library they are std::atomic and nothing.
 //
-// Atomic<T> is what threads or processes share without a lock. A test replaces it by a class that lets a scheduler in
-// before every access. SHM_STEP(name) marks a point at which a process may be killed with something half done.
+// Atomic<T> is what threads or processes share without a lock. A test replaces it by a class that lets a
+// scheduler in before every access. SHM_STEP(name) marks a point at which a process may be killed with
+// something half done.
 #ifndef SHM_ATOMIC_H
 #define SHM_ATOMIC_H
 
