@@ -1,3 +1,4 @@
+#include "camera.h"
 #include "options.h"
 #include "quitsignals.h"
 #include "report.h"
@@ -62,6 +63,12 @@ void endWithoutDisplay(QtMsgType type, const QMessageLogContext &, const QString
     std::_Exit(NoDisplay);
 }
 
+// A camera is shown that way or not at all.
+bool needsEgl(const Options &options)
+{
+    return options.framePath == Options::FramePath::Egl || options.video.scheme() == QLatin1String("v4l");
+}
+
 /*
  * Frames in DMA buffers are for the GPU alone: they cannot be mapped, nor converted to images. So they are
  * asked for only where a window draws frames.
@@ -74,8 +81,7 @@ void chooseFramePath(const Options &options)
     else
         qunsetenv("ZEV_GL_DMABUF");
     // On X11 EGL is not what Qt takes by itself.
-    if (areDrawn && options.framePath == Options::FramePath::Egl &&
-        !qEnvironmentVariableIsSet("QT_XCB_GL_INTEGRATION"))
+    if (areDrawn && needsEgl(options) && !qEnvironmentVariableIsSet("QT_XCB_GL_INTEGRATION"))
         qputenv("QT_XCB_GL_INTEGRATION", "xcb_egl");
 }
 
@@ -86,7 +92,7 @@ void chooseFramePath(const Options &options)
 void chooseOpenGl(const Options &options)
 {
     if (options.frames != Options::Frames::Video ||
-        (options.framePath != Options::FramePath::Egl &&
+        (!needsEgl(options) &&
          (options.framePath != Options::FramePath::Auto || QGuiApplication::platformName() != "eglfs")))
         return;
     QSurfaceFormat format = QSurfaceFormat::defaultFormat();
@@ -113,7 +119,8 @@ void leaveOutSoundServer(QtMsgType type, const QMessageLogContext &context, cons
         qtMessages(type, context, text);
 }
 
-int writeResults(const Viewer &viewer, const Options &options, double seconds)
+/* `window`: null without one. */
+int writeResults(const Viewer &viewer, const ViewerWindow *window, const Options &options, double seconds)
 {
     int code = Ok;
     if (!options.report.isEmpty()) {
@@ -125,7 +132,9 @@ int writeResults(const Viewer &viewer, const Options &options, double seconds)
                             QStringLiteral("cannot write '%1': %2").arg(options.report, file.errorString()));
     }
     if (!options.snapshot.isEmpty()) {
-        const QImage picture = viewer.snapshot();
+        QImage picture = viewer.snapshot();
+        if (picture.isNull() && window)
+            picture = window->pictureOnScreen();
         if (picture.isNull())
             code = complain(OutputFailed, QStringLiteral("no picture came from %1, '%2' is not written")
                                               .arg(options.video.toString(), options.snapshot));
@@ -145,6 +154,15 @@ int listAudioDevices(int argc, char **argv)
         complain(Ok, QStringLiteral("no audio device was found"));
     for (const QString &name : names)
         std::printf("%s\n", qUtf8Printable(name));
+    return Ok;
+}
+
+int listCameras()
+{
+    const auto cameras = zevmm::v4l2::listCameras();
+    if (cameras.empty())
+        complain(Ok, QStringLiteral("no camera was found: connect one, or load its driver"));
+    std::fputs(qUtf8Printable(cameraListText(cameras)), stdout);
     return Ok;
 }
 
@@ -193,7 +211,7 @@ int run(QCoreApplication &application, const Options &options)
     application.exec();
     QCoreApplication::sendPostedEvents(); // what the render thread has told of the picture on screen counts
     viewer->stop();
-    return writeResults(*viewer, options, double(clock.elapsed()) / 1000.0);
+    return writeResults(*viewer, window.get(), options, double(clock.elapsed()) / 1000.0);
 }
 
 } // namespace
@@ -217,6 +235,8 @@ int main(int argc, char **argv)
     }
     // Traces are for those who ask for them (QT_LOGGING_RULES); what the player warns of, Sound tells once.
     QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false\nzevqt.audio=false"));
+    if (parsed.listCameras)
+        return listCameras();
     if (parsed.listAudioDevices)
         return listAudioDevices(argc, argv);
     const QString problem = checkFiles(parsed.options);

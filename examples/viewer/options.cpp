@@ -70,6 +70,26 @@ QUrl sourceUrl(const QString &text)
     return url;
 }
 
+// What only a renderer can do, and a store can do for all.
+void checkCamera(const Options &options)
+{
+    const auto refuse = [&options](const char *option, const char *why) {
+        throw Problem{QStringLiteral("%1 does not go with %2: %3; publish the camera (zevshm publish NAME "
+                                     "v4l2:%4) and view the store")
+                          .arg(QLatin1String(option), options.video.toString(), QLatin1String(why),
+                               options.video.path(QUrl::FullyDecoded))};
+    };
+    if (options.headless)
+        refuse("--headless", "a camera's frames can only be drawn");
+    if (options.frames == Options::Frames::Image)
+        refuse("--frames image", "a camera's frames stay in the GPU");
+    if (options.framePath == Options::FramePath::Mapped)
+        refuse("--frame-path mapped", "a camera's frames stay in the GPU");
+    if (!options.audio.isEmpty() && options.audio.scheme() != QLatin1String("shm"))
+        throw Problem{QStringLiteral("--audio %1: sound beside a camera comes from a store, shm:///NAME")
+                          .arg(options.audio.toString())};
+}
+
 QSize windowSize(const QString &text)
 {
     const QStringList parts = text.split(QLatin1Char('x'));
@@ -95,6 +115,7 @@ void addOptions(QCommandLineParser &parser)
     plain({QStringLiteral("headless")});
     plain({QStringLiteral("mute")});
     plain({QStringLiteral("list-audio-devices")});
+    plain({QStringLiteral("list-cameras")});
     plain({QStringLiteral("stats")});
     plain({QStringLiteral("fullscreen")});
     parser.addPositionalArgument(QStringLiteral("URL"), QString());
@@ -132,12 +153,6 @@ void fill(Options &options, const QCommandLineParser &parser)
     if (options.framePath == Options::FramePath::Egl && options.frames == Options::Frames::Image)
         throw Problem{
             QStringLiteral("--frame-path egl does not go with --frames image; images are made by the CPU")};
-    if (options.video.scheme() == QLatin1String("v4l") &&
-        (given("headless") || options.frames == Options::Frames::Image))
-        throw Problem{
-            QStringLiteral("'%1': a capture device delivers frames to a window with OpenGL only; leave out "
-                           "--headless and --frames image")
-                .arg(urls.first())};
     if (given("fps") && parser.value(QStringLiteral("fps")) != QLatin1String("auto"))
         options.fps = number(parser, QStringLiteral("fps"), 0.1, 1000.0);
     if (given("no-signal"))
@@ -159,6 +174,8 @@ void fill(Options &options, const QCommandLineParser &parser)
     if (given("size"))
         options.windowSize = windowSize(parser.value(QStringLiteral("size")));
     options.headless = given("headless");
+    if (options.video.scheme() == QLatin1String("v4l"))
+        checkCamera(options);
     options.statistics = given("stats");
     options.fullscreen = given("fullscreen");
     if (given("block")) {
@@ -188,6 +205,8 @@ ParsedOptions parseOptions(const QStringList &arguments)
         result.version = true;
     } else if (parser.isSet(QStringLiteral("list-audio-devices"))) {
         result.listAudioDevices = true;
+    } else if (parser.isSet(QStringLiteral("list-cameras"))) {
+        result.listCameras = true;
     } else {
         try {
             fill(result.options, parser);
@@ -204,8 +223,8 @@ QString helpText()
 {
     return QStringLiteral(R"(Usage: zevqt-viewer URL [options]
 
-Shows live video from a frame store (shm:///NAME) or a capture device (v4l:///dev/videoN). A source that is
-not there yet is waited for, with a line that says what is missing; one that goes away is replaced by a
+Shows live video from a frame store (shm:///NAME) or a capture device (v4l:///dev/videoN). A store that is
+not there yet is waited for, with a line that says what is missing; a source that goes away is replaced by a
 no-signal picture after five seconds and shown again when it returns, also with another size or rate.
 
 Options:
@@ -215,6 +234,7 @@ Options:
   --volume N             0 to 1 (default: 1)
   --mute                 start without sound; meters and the picture's delay stay
   --list-audio-devices   print the names of the audio devices, and end
+  --list-cameras         print the capture devices with their formats, sizes and rates, and end
   --frames video|image   frames drawn from the store's memory (default), or converted images
   --frame-path auto|mapped|egl   import frames into the GPU where source and driver can (default), upload
                          them always, or import them and say so when that cannot be
@@ -226,7 +246,8 @@ Options:
   --stats                show statistics from the start
   --headless             no window: receive and count only
   --seconds N            end after N seconds
-  --snapshot FILE.png    write the last picture of the source at the end
+  --snapshot FILE.png    write the last picture of the source at the end; of frames in the GPU, the window as
+                         it shows them
   --report FILE.json     write statistics at the end
   -h, --help             this text
   --version              print the version
@@ -236,6 +257,11 @@ Keys: M mute, Up and Down volume, S statistics, A next fill mode, F full screen,
 With sound, the picture waits for it: it is shown 0.4 s and the device's buffer behind live. A store whose
 history is shorter than that shows its oldest frames, and its sound comes later than the picture; the statistics
 tell by how much. Sound that stops (device gone, clock set) is started again.
+
+A camera has to be there from the start; unplugged later, it is waited for. Its frames stay in the GPU: the
+window needs OpenGL ES on EGL, and --headless, --frames image and --frame-path mapped are refused. There are
+two ticks for each of its frames, up to the screen's rate. It has no sound of its own: --audio names a store,
+whose sound is not held together with the picture.
 
 The report: frames (pictures of the source handed out), distinct and repeated (new, or with the timestamp of
 the one before), skipped (source frames that passed between two pictures in a row, less those that ticks
@@ -250,7 +276,9 @@ it), jumps (how often reading had fallen behind and jumped to live), restarts (s
 av_offset_ms (at every picture handed out, its timestamp minus that of the sound reported as heard at this moment:
 positive means that the picture is ahead; p50 is the median, p95 the size that 95 % of the pictures stay below;
 null before there is any), history_short_ms (by how much the store's history is too short for the picture to wait
-for the sound), problem (why there is no sound).
+for the sound), problem (why there is no sound);
+camera (null without): captured, delivered, skipped (replaced by a newer one before a tick came), damaged,
+restarts, returns (after the device had gone), trouble (why no frames come).
 
 Exit status: 0 ended as asked, 1 a report or snapshot could not be written, 2 wrong use, 3 no display,
 4 a capture device cannot be used.
@@ -259,5 +287,6 @@ Examples:
   zevqt-viewer shm:///cam0
   zevqt-viewer shm:///cam0 --frames image --fps 10 --stats
   zevqt-viewer shm:///cam0 --headless --seconds 10 --report report.json --snapshot picture.png
+  zevqt-viewer v4l:///dev/video0 --audio shm:///mic
 )");
 }

@@ -41,6 +41,7 @@ struct ParsedOptions
     bool help = false;
     bool version = false;
     bool listAudioDevices = false;
+    bool listCameras = false;
     QString error; // empty: all is well; else one line that names the thing and the remedy
 };
 

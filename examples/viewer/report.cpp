@@ -28,6 +28,22 @@ QJsonValue soundOf(const ViewerFigures &figures)
     };
 }
 
+QJsonValue cameraOf(const ViewerFigures &figures)
+{
+    if (!figures.camera)
+        return {};
+    const auto count = [](quint64 value) { return QJsonValue(qint64(value)); };
+    return QJsonObject{
+        {"captured", count(figures.camera->captured)},
+        {"delivered", count(figures.camera->delivered)},
+        {"skipped", count(figures.camera->skipped)},
+        {"damaged", count(figures.camera->damaged)},
+        {"restarts", count(figures.camera->restarts)},
+        {"returns", count(figures.camera->returns)},
+        {"trouble", figures.cameraTrouble},
+    };
+}
+
 } // namespace
 
 QJsonObject reportOf(const ViewerFigures &figures, const QString &url, double seconds)
@@ -60,6 +76,7 @@ QJsonObject reportOf(const ViewerFigures &figures, const QString &url, double se
         {"frame_path", figures.framePath},
         {"frame_path_reason", figures.framePathReason},
         {"audio", soundOf(figures)},
+        {"camera", cameraOf(figures)},
     };
 }
 

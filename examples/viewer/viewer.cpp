@@ -7,6 +7,7 @@
 #include "wallclock.h"
 
 #include <zevqt-mm/mediaprovider.h>
+#include <zevqt-mm/mediasource.h>
 #include <zevqt-mm/storeframe.h>
 #include <zevqt-mm/videotimeline.h>
 
@@ -18,6 +19,9 @@
 namespace {
 
 constexpr long long rateCheckUs = 500000;
+constexpr int storeOpenMs = 100;
+constexpr qint64 cameraPauseUs = 500000; // without a frame; most ticks between two have none
+constexpr qint64 cameraPauseIntervals = 5;
 constexpr qint64 followCheckUs = 200000;
 constexpr qint64 followSettledUs = 500000; // the timeline has taken over what it was told
 constexpr std::chrono::seconds noSignalDelay{5};
@@ -32,6 +36,11 @@ QString pixelFormatName(QVideoFrame::PixelFormat format)
     default:
         return QStringLiteral("format %1").arg(int(format));
     }
+}
+
+bool isCamera(const QUrl &url)
+{
+    return url.scheme() == QLatin1String("v4l");
 }
 
 QString colorsName(const QVideoFrame &frame)
@@ -49,22 +58,21 @@ QString colorsName(const QVideoFrame &frame)
 } // namespace
 
 Viewer::Viewer(const Options &options, double screenRate, QObject *parent)
-    : QObject(parent), m_options(options), m_provider(new MediaProvider(options.video, options.audio)),
-      m_rate(screenRate)
+    : QObject(parent), m_options(options), m_screenRate(screenRate),
+      // With audio of its own a provider would ask for video alone, which a camera does not answer.
+      m_provider(new MediaProvider(options.video, isCamera(options.video) ? QUrl() : options.audio)),
+      m_camera(Camera::of(m_provider->getVideoSource())), m_rate(screenRate)
 {
     m_provider->setNoSignalImage(options.noSignal.isEmpty() ? QStringLiteral(":/viewer/nosignal.png")
                                                             : options.noSignal,
                                  noSignalDelay);
-    setTickRate(options.fps > 0.0 ? options.fps : m_tickRate);
+    setTickRate(options.fps > 0.0 ? options.fps : m_camera ? m_camera->tickRate(screenRate) : m_tickRate);
 
     connect(m_provider.get(), &MediaProvider::videoReady, this, &Viewer::onVideo);
     connect(m_provider.get(), &MediaProvider::imageReady, this, &Viewer::onImage);
-    connect(m_provider.get(), &MediaProvider::videoIdle, this, [this] { onInterruption(State::Idle); });
-    connect(m_provider.get(), &MediaProvider::audioReady, this, &Viewer::onAudio);
+    connect(m_provider.get(), &MediaProvider::videoIdle, this, &Viewer::onIdle);
     m_monotonic.start();
-    // Without a store of its own, sound comes from where the picture comes from.
-    m_sound = std::make_unique<Sound>(
-        m_provider->getAudioSource() ? m_provider->getAudioSource() : m_provider->getVideoSource(), options);
+    m_sound = std::make_unique<Sound>(soundSource(), options);
     connect(m_sound.get(), &Sound::started, this, [this] { m_follower.soundStarted(); });
     connect(m_sound.get(), &Sound::heard, this, &Viewer::onHeard);
 
@@ -98,6 +106,10 @@ Viewer::Viewer(const Options &options, double screenRate, QObject *parent)
     } else {
         m_provider->enableVideoFrames();
     }
+    if (m_besideCamera) // after the above, which takes all connections of the ticks away
+        connect(
+            m_provider->getTimeline(), &VideoTimeline::tick, m_besideCamera.data(),
+            [audio = m_besideCamera.data()] { audio->requestAudio(0); }, Qt::DirectConnection);
 
     auto *refresh = new QTimer(this);
     connect(refresh, &QTimer::timeout, this, &Viewer::refreshStatistics);
@@ -111,6 +123,19 @@ Viewer::~Viewer()
     // that they go to has to be there.
     m_sound.reset();
     disconnect(m_provider.get(), nullptr, this, nullptr);
+}
+
+// Where there is sound, and who gives it to the meters.
+QSharedPointer<MediaSourceBase> Viewer::soundSource()
+{
+    if (!m_camera || m_options.audio.isEmpty()) {
+        connect(m_provider.get(), &MediaProvider::audioReady, this, &Viewer::onAudio);
+        // Without a store of its own, sound comes from where the picture comes from.
+        return m_provider->getAudioSource() ? m_provider->getAudioSource() : m_provider->getVideoSource();
+    }
+    m_besideCamera.reset(new MediaSource(m_options.audio.path(QUrl::FullyDecoded).mid(1), storeOpenMs));
+    connect(m_besideCamera.data(), &MediaSourceBase::audioReady, this, &Viewer::onAudio);
+    return m_besideCamera;
 }
 
 QObject *Viewer::providerObject() const
@@ -155,7 +180,7 @@ void Viewer::onVideo(const QVideoFrame &frame)
         !zevqml::isPlanarYuv(frame.pixelFormat()))
         return onInterruption(State::NoSignal);
     m_lastFrame = frame;
-    onPicture(frame.startTime());
+    onPicture(m_camera ? m_camera->lastCapturedAt(wallClockUs()) : frame.startTime());
 }
 
 void Viewer::onImage(const QImage &image)
@@ -174,8 +199,10 @@ void Viewer::onPicture(long long timestamp)
     m_state = State::Live;
     m_missing.clear();
     const long long now = wallClockUs();
+    m_lastPicture = monotonicUs();
     const auto status = m_provider->getVideoSource()->getVideoStatus();
-    m_statistics.handedOut(now, timestamp, status.timestamps, status.frameInterval);
+    const long long interval = m_camera ? m_camera->frameIntervalUs() : status.frameInterval;
+    m_statistics.handedOut(now, timestamp, status.timestamps, interval);
     const HeardAge &heard = m_sound->heardAge();
     if (m_follower.hasTarget() && heard.isKnown(now) && monotonicUs() - m_followed > followSettledUs)
         m_offsets.add(timestamp - (now - heard.age()));
@@ -183,9 +210,7 @@ void Viewer::onPicture(long long timestamp)
     if (now - m_rateChecked < rateCheckUs && now >= m_rateChecked)
         return;
     m_rateChecked = now;
-    const double rate = m_options.fps > 0.0 ? 0.0 : m_rate.update(status.frameInterval);
-    if (rate > 0.0)
-        setTickRate(rate);
+    updateTickRate(interval);
     if (m_imageSize.isEmpty() && m_options.frames == Options::Frames::Image) {
         const QSize size = m_provider->getVideoFrameSize();
         if (!size.isEmpty())
@@ -205,7 +230,7 @@ void Viewer::onAudio(const QAudioBuffer &buffer)
 void Viewer::onHeard(qint64 now)
 {
     const HeardAge &heard = m_sound->heardAge();
-    if (!heard.isKnown(now))
+    if (!heard.isKnown(now) || m_camera) // a camera has no older frames to wait with
         return;
     VideoTimeline *timeline = m_provider->getTimeline();
     if (monotonicUs() >= m_followDue) {
@@ -229,6 +254,15 @@ void Viewer::onHeard(qint64 now)
         timeline->adjustReadPosition(wallClockUs() - m_follower.target());
 }
 
+// A camera has nothing for most ticks: what counts is that a while has passed.
+void Viewer::onIdle()
+{
+    if (m_camera && monotonicUs() - m_lastPicture <
+                        qMax(cameraPauseUs, cameraPauseIntervals * m_camera->frameIntervalUs()))
+        return;
+    onInterruption(State::Idle);
+}
+
 void Viewer::onInterruption(State state)
 {
     m_state = state;
@@ -245,6 +279,15 @@ void Viewer::setTickRate(double rate)
     m_provider->setFrameRate(rate);
 }
 
+void Viewer::updateTickRate(long long sourceIntervalUs)
+{
+    if (m_options.fps > 0.0)
+        return;
+    const double rate = m_camera ? m_camera->tickRate(m_screenRate) : m_rate.update(sourceIntervalUs);
+    if (rate > 0.0 && rate != m_tickRate)
+        setTickRate(rate);
+}
+
 void Viewer::refreshStatistics()
 {
     if (m_provider->running()) {
@@ -259,9 +302,9 @@ void Viewer::refreshStatistics()
 // A source that is waited for may be missing for good: whoever waits is told what for.
 void Viewer::checkSource()
 {
-    if (m_state == State::Live || m_state == State::Idle || m_checks++ % 2 != 0)
+    if (m_state == State::Live || (m_state == State::Idle && !m_camera) || m_checks++ % 2 != 0)
         return;
-    const QString missing = whyNoPicture(m_options.video);
+    const QString missing = m_camera ? m_camera->trouble() : whyNoPicture(m_options.video);
     if (missing == m_missing)
         return;
     m_missing = missing;
@@ -313,6 +356,10 @@ ViewerFigures Viewer::figures() const
     result.offsetP50Ms = m_offsets.medianMs();
     result.offsetP95Ms = m_offsets.sizePercentileMs(0.95);
     result.historyShortUs = m_follower.shortfall();
+    if (m_camera) {
+        result.camera = m_camera->statistics();
+        result.cameraTrouble = m_camera->trouble();
+    }
     return result;
 }
 
@@ -339,6 +386,11 @@ QString Viewer::stateText() const
     return QStringLiteral("waiting");
 }
 
+QString Viewer::cameraTrouble() const
+{
+    return m_camera ? m_missing : QString();
+}
+
 QString Viewer::statisticsText() const
 {
     const ViewerFigures now = figures();
@@ -355,7 +407,8 @@ QString Viewer::statisticsText() const
                      .arg(now.size.height())
                      .arg(now.pixelFormat);
         if (m_lastFrame.isValid())
-            lines.last() += QStringLiteral("  ") + colorsName(m_lastFrame);
+            lines.last() +=
+                QStringLiteral("  ") + (m_camera ? m_camera->colorsName() : colorsName(m_lastFrame));
     }
     lines << QStringLiteral("shown %1 fps   ticks %2").arg(fixed(f.recentFps, 2), fixed(now.tickRate, 2));
     if (f.sourceIntervalUs > 1000)
@@ -371,6 +424,13 @@ QString Viewer::statisticsText() const
     lines << QStringLiteral("path %1").arg(now.framePath);
     if (!now.framePathReason.isEmpty())
         lines.last() += QStringLiteral(": ") + now.framePathReason;
+    if (now.camera)
+        lines << QStringLiteral("camera %1   replaced %2   damaged %3   restarts %4   returns %5")
+                     .arg(now.camera->captured)
+                     .arg(now.camera->skipped)
+                     .arg(now.camera->damaged)
+                     .arg(now.camera->restarts)
+                     .arg(now.camera->returns);
     lines << soundText(now);
     return lines.join(QLatin1Char('\n'));
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "camera.h"
 #include "framestatistics.h"
 #include "levelmeter.h"
 #include "offsetstatistics.h"
@@ -17,6 +18,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 
 class ImageRequests;
 class MediaProvider;
@@ -42,6 +44,8 @@ struct ViewerFigures
     double offsetP50Ms = 0.0;
     double offsetP95Ms = 0.0;
     qint64 historyShortUs = 0;
+    std::optional<zevmm::v4l2::CaptureStatistics> camera; // of a camera
+    QString cameraTrouble;
 };
 
 /*
@@ -63,6 +67,7 @@ class Viewer : public QObject
     Q_PROPERTY(QObject *sound READ soundObject CONSTANT)
     Q_PROPERTY(QVariantList levels READ levels NOTIFY levelsChanged)
     Q_PROPERTY(QString statisticsText READ statisticsText NOTIFY statisticsChanged)
+    Q_PROPERTY(QString cameraTrouble READ cameraTrouble NOTIFY statisticsChanged)
 
 public:
     /* `screenRate`: pictures a second that can be shown, 0 for no limit. */
@@ -86,6 +91,8 @@ public:
 
     ViewerFigures figures() const;
     QString statisticsText() const;
+    /* Why a camera delivers nothing; empty when it does, and for stores. */
+    QString cameraTrouble() const;
 
     /* The last picture of the source (never the no-signal picture), in its own size. Null without one. */
     QImage snapshot() const;
@@ -102,10 +109,13 @@ private:
     void onVideo(const QVideoFrame &frame);
     void onImage(const QImage &image);
     void onPicture(long long timestamp);
+    void onIdle();
     void onAudio(const QAudioBuffer &buffer);
     void onHeard(qint64 now);
     void onInterruption(State state);
     void setTickRate(double rate);
+    void updateTickRate(long long sourceIntervalUs);
+    QSharedPointer<MediaSourceBase> soundSource();
     void refreshStatistics();
     void checkSource();
     void checkReadPoint();
@@ -114,7 +124,10 @@ private:
     qint64 monotonicUs() const { return m_monotonic.nsecsElapsed() / 1000; }
 
     const Options m_options;
+    const double m_screenRate;
+    QSharedPointer<MediaSourceBase> m_besideCamera; // where its sound comes from, asked in the tick thread
     std::unique_ptr<MediaProvider> m_provider;
+    std::unique_ptr<Camera> m_camera;               // null: a store
     std::unique_ptr<ImageRequests> m_imageRequests; // after the provider, so that it goes first
     std::unique_ptr<Sound> m_sound;                 // likewise
     QElapsedTimer m_monotonic;
@@ -131,6 +144,7 @@ private:
     State m_state = State::Waiting;
     double m_tickRate = 25.0; // the provider's own to start with
     long long m_rateChecked = 0;
+    qint64 m_lastPicture = 0; // when it was handed out, monotonic
     QSize m_imageSize;
     QVideoFrame m_lastFrame;
     QImage m_lastImage;

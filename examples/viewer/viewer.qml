@@ -28,6 +28,12 @@ Rectangle {
         text: visible && root.viewer ? root.viewer.statisticsText : ""
     }
 
+    Notice {
+        objectName: "notice"
+        anchors.centerIn: parent
+        text: video.problem !== "" ? video.problem : root.viewer ? root.viewer.cameraTrouble : ""
+    }
+
     Meters {
         id: meters
         objectName: "meters"

@@ -62,6 +62,12 @@ ViewerWindow::ViewerWindow(Viewer *viewer, const Options &options, QObject *pare
 
 ViewerWindow::~ViewerWindow() = default;
 
+QImage ViewerWindow::pictureOnScreen() const
+{
+    const bool isShown = m_view->isExposed() && m_video->framePath() == LiveVideo::EglImage;
+    return isShown ? m_view->grabWindow() : QImage();
+}
+
 void ViewerWindow::toggleFullscreen()
 {
     // The geometry is set as well, for displays without a window manager, where nobody else would.

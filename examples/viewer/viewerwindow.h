@@ -2,6 +2,7 @@
 
 #include "options.h"
 
+#include <QImage>
 #include <QObject>
 #include <QRect>
 
@@ -28,6 +29,9 @@ public:
 
     /* Empty, or why there is nothing to show. */
     QString error() const { return m_error; }
+
+    /* The window as it shows a frame that only the GPU can read. Null when it does not. */
+    QImage pictureOnScreen() const;
 
 signals:
     void closed();

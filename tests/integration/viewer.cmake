@@ -45,6 +45,17 @@ if(ZEV_BUILD_EXAMPLES AND ZEV_BUILD_QML)
         add_dependencies(tst_viewersource zevqt-viewer zevqt-testpublisher zevshm)
     endif()
 
+    zev_test(tst_viewerdevices
+        SOURCES integration/tst_viewerdevices.cpp integration/viewerrig.cpp integration/xvfbserver.cpp
+            integration/testpattern.cpp
+        LIBRARIES Zev::shm Qt5::Gui PkgConfig::FFMPEG GTest::gtest
+        LABEL integration)
+    target_compile_definitions(tst_viewerdevices PRIVATE
+        VIEWER="$<TARGET_FILE:zevqt-viewer>"
+        PUBLISHER="$<TARGET_FILE:zevqt-testpublisher>"
+        ARTIFACTS_DIR="${PROJECT_BINARY_DIR}/artifacts")
+    add_dependencies(tst_viewerdevices zevqt-viewer zevqt-testpublisher)
+
     find_package(Python3 COMPONENTS Interpreter)
     if(Python3_FOUND)
         add_test(NAME manpage_zevqt_viewer COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/manpages.py

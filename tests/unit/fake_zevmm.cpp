@@ -41,7 +41,6 @@ void FakeZevmm::reset()
     format.height = 36;
     images.clear();
     lateFrame = false;
-    onStart = nullptr;
     trouble.clear();
     statistics = {};
     alive = 0;
@@ -60,6 +59,36 @@ void FakeZevmm::record(const QString &call)
 {
     const QMutexLocker lock(&mutex);
     calls.append(call);
+}
+
+void FakeZevmm::offer(void *image)
+{
+    const QMutexLocker lock(&mutex);
+    images.append(image);
+}
+
+void *FakeZevmm::take()
+{
+    const QMutexLocker lock(&mutex);
+    return images.isEmpty() ? nullptr : images.takeFirst();
+}
+
+bool FakeZevmm::hasImage()
+{
+    const QMutexLocker lock(&mutex);
+    return !images.isEmpty();
+}
+
+void FakeZevmm::setTrouble(const std::string &text)
+{
+    const QMutexLocker lock(&mutex);
+    trouble = text;
+}
+
+std::string FakeZevmm::currentTrouble()
+{
+    const QMutexLocker lock(&mutex);
+    return trouble;
 }
 
 namespace zevmm {
@@ -99,7 +128,7 @@ CaptureStatistics CaptureBase::statistics() const
 
 std::string CaptureBase::trouble() const
 {
-    return fake().trouble;
+    return fake().currentTrouble();
 }
 
 DmaEglCapture::DmaEglCapture(const std::string &device) : CaptureBase(std::make_unique<Capture>(device))
@@ -122,21 +151,19 @@ void DmaEglCapture::createEGLImages(void *display, CreateImage create)
 void DmaEglCapture::start()
 {
     note("start");
-    if (fake().onStart)
-        fake().onStart();
 }
 
 bool DmaEglCapture::isFrameReady() const
 {
     note("isFrameReady");
-    return !fake().lateFrame && !fake().images.isEmpty();
+    return !fake().lateFrame && fake().hasImage();
 }
 
 void DmaEglCapture::readFrame(std::function<void(void *)> callback)
 {
     note("readFrame");
-    if (!fake().images.isEmpty())
-        callback(fake().images.takeFirst());
+    if (void *image = fake().take())
+        callback(image);
 }
 
 void DmaEglCapture::stop()

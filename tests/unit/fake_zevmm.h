@@ -7,13 +7,14 @@
 #include <QtCore/QStringList>
 #include <QtCore/QVector>
 
-#include <functional>
+#include <string>
 
 /*!
  * A capture library for tests: defines every operation of DmaEglCapture and CaptureBase that the library
  * calls. What they answer is set beforehand in the fields below, what they were asked is read from `calls`.
  *
- * Threads: the operations may be called from any thread; fields are set while nobody calls.
+ * Threads: the operations, offer() and setTrouble() may be called from any thread; fields are set while
+ * nobody calls.
  */
 class FakeZevmm
 {
@@ -25,13 +26,18 @@ public:
     /*! The calls so far, each with its arguments, and forgets them. Status operations are left out. */
     QStringList takeCalls();
     void record(const QString &call);
+    /*! One more image that waits. */
+    void offer(void *image);
+    void *take();
+    bool hasImage();
+    void setTrouble(const std::string &text);
+    std::string currentTrouble();
 
     // Answers. An operation whose name is in `failing` throws std::runtime_error with that name as its text.
     QStringList failing;
     zevmm::v4l2::CaptureFormat format;
-    QVector<void *> images;        // waiting: one for each readFrame(), oldest first
-    bool lateFrame;                // isFrameReady() does not see them, readFrame() does
-    std::function<void()> onStart; // when streaming begins
+    QVector<void *> images; // waiting: one for each readFrame(), oldest first
+    bool lateFrame;         // isFrameReady() does not see them, readFrame() does
     std::string trouble;
     zevmm::v4l2::CaptureStatistics statistics;
 

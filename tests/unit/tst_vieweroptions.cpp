@@ -101,6 +101,15 @@ TEST(ViewerOptions, helpIsAskedForInTwoWays)
         EXPECT_TRUE(helpText().contains(QLatin1String(word))) << word;
 }
 
+TEST(ViewerOptions, camerasAreTakenAndListed)
+{
+    const ParsedOptions p = parse("v4l:///dev/video0 --audio shm:///mic --frame-path egl");
+    ASSERT_TRUE(p.error.isEmpty()) << p.error.toStdString();
+    EXPECT_EQ(p.options.video, QUrl("v4l:///dev/video0"));
+    EXPECT_FALSE(p.listCameras);
+    EXPECT_TRUE(parse("--list-cameras").listCameras);
+}
+
 struct Bad
 {
     const char *line;
@@ -130,13 +139,16 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{"shm:///cam0 --fill wide", "crop"}, Bad{"shm:///cam0 --frame-path gl", "auto, mapped, egl"},
         Bad{"shm:///cam0 --frames image --frame-path egl", "--frame-path egl"},
         Bad{"shm:///cam0 --size big", "--size big"}, Bad{"shm:///cam0 --size 640x", "--size 640x"},
-        Bad{"v4l:///dev/video0 --headless", "'v4l:///dev/video0'"},
-        Bad{"v4l:///dev/video0 --frames image", "OpenGL only"},
         Bad{"shm:///cam0 --snapshot s.jpg", "name it s.png"},
         Bad{"shm:///cam0 --snapshot s.xyz", "--snapshot s.xyz"}, Bad{"shm:///cam0 --block 3", "AFTER,FOR"},
         Bad{"shm:///cam0 --volume 1.1", "--volume 1.1"}, Bad{"shm:///cam0 --volume -0.1", "--volume -0.1"},
         Bad{"shm:///cam0 --volume loud", "--volume loud"},
         Bad{"shm:///cam0 --audio-device=", "--list-audio-devices"},
-        Bad{"shm:///cam0 --audio-device", "audio-device"}, Bad{"shm:///cam0 --report", "report"}));
+        Bad{"v4l:///dev/video0 --headless", "zevshm publish NAME v4l2:/dev/video0"},
+        Bad{"v4l:///dev/video0 --frames image", "--frames image does not go with v4l:///dev/video0"},
+        Bad{"v4l:///dev/video0 --frame-path mapped", "--frame-path mapped does not go with"},
+        Bad{"v4l:///dev/video0 --audio v4l:///dev/video1", "--audio v4l:///dev/video1"},
+        Bad{"v4l:", "names no source"}, Bad{"shm:///cam0 --audio-device", "audio-device"},
+        Bad{"shm:///cam0 --report", "report"}));
 
 } // namespace

@@ -1,6 +1,8 @@
 foreach(name framestatistics ratefollower readpointwatch vieweroptions viewersound)
     zev_test(tst_${name} SOURCES unit/tst_${name}.cpp LIBRARIES zevqt-viewer-parts GTest::gtest_main)
 endforeach()
+zev_test(tst_viewercamera SOURCES unit/tst_viewercamera.cpp unit/fake_zevmm.cpp unit/fake_zevmm.h
+    LIBRARIES zevqt-viewer-parts GTest::gtest)
 foreach(name fillgeometry yuvcolors)
     zev_test(tst_${name} SOURCES unit/tst_${name}.cpp LIBRARIES Zev::items GTest::gtest_main)
 endforeach()
