@@ -9,11 +9,13 @@
 #include <linux/dma-buf.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -354,6 +356,86 @@ TEST_F(DmabufStore, PlainMemoryHasNoneAndSaysSo)
     shm_video_frame_t frame = {};
     ASSERT_EQ(shm_reader_lock_video(reader.get(), &frame, SHM_VIDEO_NEWEST), 0);
     EXPECT_EQ(shm_reader_get_dmabuf_fd(reader.get()), -1);
+}
+
+// A message with more descriptors than fit is cut off by the kernel, and the connection would be lost with
+// it.
+TEST_P(EveryExport, AProcessOutOfDescriptorsGetsNoneAndKeepsItsFrames)
+{
+    params.memory = GetParam();
+    openWriter();
+    publish();
+    Reader reader = openReader();
+    ASSERT_TRUE(reader);
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    rlimit few = before;
+    few.rlim_cur = openDescriptors() + 8;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    const int asked = shm_reader_open_dmabuf_fd(reader.get());
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(asked, -EMFILE);
+    EXPECT_EQ(dmabufText(reader.get()),
+              "no: this process may not open as many descriptors; raise its limit (ulimit -n)");
+    EXPECT_EQ(shm_reader_is_ready(reader.get()), 1);
+    shm_video_frame_t frame = {};
+    ASSERT_EQ(shm_reader_lock_video(reader.get(), &frame, SHM_VIDEO_NEWEST), 0);
+    EXPECT_EQ(shm_reader_get_dmabuf_fd(reader.get()), -1);
+    EXPECT_EQ(frame.planes[0][0], sampleOf(1));
+    shm_reader_unlock_video(reader.get(), &frame);
+
+    // With its limit raised it may ask again.
+    EXPECT_EQ(shm_reader_open_dmabuf_fd(reader.get()), 0);
+    EXPECT_EQ(dmabufText(reader.get()), "yes");
+    ASSERT_EQ(shm_reader_lock_video(reader.get(), &frame, SHM_VIDEO_NEWEST), 0);
+    EXPECT_GE(shm_reader_get_dmabuf_fd(reader.get()), 0);
+    shm_reader_unlock_video(reader.get(), &frame);
+}
+
+// The publisher stands still when it is asked, and goes on later.
+TEST_P(EveryExport, APublisherThatIsStoppedIsNotWaitedForForEver)
+{
+    params.memory = GetParam();
+    int published[2];
+    ASSERT_EQ(pipe(published), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        shm_writer_t *own = nullptr;
+        shm_error_t error = {};
+        shm_writer_frame_t frame = {};
+        if (shm_writer_open(&params, &own, &error) != 0 || shm_writer_acquire(own, &frame) != 0 ||
+            shm_writer_publish(own, &frame, timestampOf(1)) != 0 || write(published[1], "p", 1) != 1)
+            _exit(1);
+        pause();
+        _exit(0);
+    }
+    close(published[1]);
+    char word = 0;
+    ASSERT_EQ(read(published[0], &word, 1), 1);
+    close(published[0]);
+    Reader reader(shm_reader_open("cam", 300));
+    ASSERT_TRUE(reader);
+    kill(child, SIGSTOP);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, WUNTRACED), child);
+    EXPECT_EQ(shm_reader_open_dmabuf_fd(reader.get()), -ETIMEDOUT);
+    EXPECT_EQ(dmabufText(reader.get()),
+              "no: the publisher did not send them in time; frames have them once it does");
+    kill(child, SIGCONT);
+    int dmabuf = -1;
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (dmabuf < 0 && std::chrono::steady_clock::now() < limit) {
+        shm_video_frame_t frame = {};
+        if (shm_reader_lock_video(reader.get(), &frame, SHM_VIDEO_NEWEST) == 0) {
+            dmabuf = shm_reader_get_dmabuf_fd(reader.get());
+            shm_reader_unlock_video(reader.get(), &frame);
+        }
+        std::this_thread::yield();
+    }
+    EXPECT_GE(dmabuf, 0);
+    EXPECT_EQ(shm_reader_open_dmabuf_fd(reader.get()), 0);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
 }
 
 TEST_F(DmabufStore, AHeapThatIsNotThereIsRefused)

@@ -187,9 +187,9 @@ void shm_reader::info(shm_store_info_t *info, bool isLive)
     now.sealed = (layout.flags & kSealedFrames) != 0 ? 1 : 0;
     std::snprintf(now.memory, sizeof now.memory, "%s", layout.memory);
     std::snprintf(now.dmabuf, sizeof now.dmabuf, "%s",
-                  !hasVideo()                  ? "no video"
-                  : m_dmabufTrouble != nullptr ? m_dmabufTrouble
-                                               : layout.dmabuf);
+                  !hasVideo()                                        ? "no video"
+                  : m_dmabufTrouble != nullptr && !m_dmabufsComplete ? m_dmabufTrouble
+                                                                     : layout.dmabuf);
     std::snprintf(now.directory, sizeof now.directory, "%s", m_connection.directory.c_str());
     const uint32_t size = info->size;
     now.size = size;

@@ -30,6 +30,7 @@ int shm_reader::openDmabufs()
         m_dmabufTrouble = "no: this process may not open as many descriptors; raise its limit (ulimit -n)";
         return -EMFILE;
     }
+    m_dmabufTrouble = nullptr;
     const auto message = makeMessage<WantDmabufsMessage>(kWantDmabufs);
     const int result = sendMessage(m_connection.socket.get(), &message, sizeof message, nullptr, 0);
     if (result != 0)
@@ -49,8 +50,10 @@ int shm_reader::awaitDmabufs()
         if (m_dmabufsComplete)
             return 0;
         const int64_t left = deadline - monotonicUs();
-        if (left <= 0)
+        if (left <= 0) {
+            m_dmabufTrouble = "no: the publisher did not send them in time; frames have them once it does";
             return -ETIMEDOUT;
+        }
         pollfd fds[2] = {{m_connection.socket.get(), POLLIN | POLLRDHUP, 0},
                          {m_connection.pidfd.get(), POLLIN, 0}};
         const timespec limit = {left / 1000000, (left % 1000000) * 1000};
