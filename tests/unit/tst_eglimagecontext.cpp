@@ -150,6 +150,9 @@ void tst_EGLImageContext::attributes()
     }
     recordingContext().createImage(frame, 9, format);
     QCOMPARE(recorded.attributes, expected);
+    // Six pairs, three for each plane up to the first without a stride, and the end.
+    const int planes = static_cast<int>(strides.indexOf(0) < 0 ? 4 : strides.indexOf(0));
+    QCOMPARE(recorded.attributes.size(), 2 * 6 + planes * 2 * 3 + 1);
 }
 
 void tst_EGLImageContext::createsOnTheDisplay()

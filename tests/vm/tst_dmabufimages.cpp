@@ -44,6 +44,8 @@ private Q_SLOTS:
     void frameCannotBeMapped();
     void refusedDescriptorIsLogged();
     void unknownFormatIsLogged();
+    void frameWithoutPlanesIsRefused();
+    void imageDestroyedByOthersIsLogged();
     void imageGoesBeforeTheFrame();
     void silentWithoutContext();
     void leaksNothing();
@@ -203,6 +205,40 @@ void tst_DmabufImages::unknownFormatIsLogged()
     QCOMPARE(buffer.format(), QVideoFrame::Format_Invalid);
     QTest::ignoreMessage(QtCriticalMsg, "eglCreateImageKHR failed: \"Inconsistent arguments\"");
     QVERIFY(!buffer.createHandle());
+}
+
+void tst_DmabufImages::frameWithoutPlanesIsRefused()
+{
+    DmaMemory memory("udmabuf", sizeOf(SHM_PIXEL_FORMAT_NV12));
+    QVERIFY2(memory.isValid(), memory.error().constData());
+    LockedFrame frame = frameOf(memory, SHM_PIXEL_FORMAT_NV12);
+    frame->strides[0] = 0; // ends the list of planes
+    ShmemDmaVideoBuffer buffer(SHM_PIXEL_FORMAT_NV12, memory.descriptor(), frame);
+    QTest::ignoreMessage(QtCriticalMsg, "eglCreateImageKHR failed: \"Invalid argument\"");
+    QVERIFY(!buffer.createHandle());
+}
+
+void tst_DmabufImages::imageDestroyedByOthersIsLogged()
+{
+    DmaMemory memory("udmabuf", sizeOf(SHM_PIXEL_FORMAT_NV12));
+    QVERIFY2(memory.isValid(), memory.error().constData());
+    int unlocks = 0;
+    onUnlock = [&] { ++unlocks; };
+    {
+        LockedFrame frame = frameOf(memory, SHM_PIXEL_FORMAT_NV12);
+        ShmemDmaVideoBuffer buffer(SHM_PIXEL_FORMAT_NV12, memory.descriptor(), frame);
+        QVERIFY(buffer.createHandle());
+        void *image = buffer.handle().value<void *>();
+        QVERIFY(zevgl::EGLImageContext::currentContext().destroyImage(image));
+        QTest::ignoreMessage(QtCriticalMsg, "eglDestroyImageKHR failed: \"Invalid argument\"");
+        buffer.destroyHandle();
+        QCOMPARE(buffer.handle().value<void *>(), image);
+        // Once more with the buffer's end, which gives the frame back all the same.
+        QTest::ignoreMessage(QtCriticalMsg, "eglDestroyImageKHR failed: \"Invalid argument\"");
+        QCOMPARE(unlocks, 0);
+    }
+    onUnlock = nullptr;
+    QCOMPARE(unlocks, 1);
 }
 
 // GL refuses an image that is destroyed: so, when the frame is given back, the image must be refused already.

@@ -167,7 +167,7 @@ void tst_PublishedFrames::noByteOfAFrameIsTouched()
     QVERIFY(source.open());
     PayloadGuard guard;
     QSet<quint16> slotsSeen;
-    for (int i = 0; i < 40; ++i) {
+    for (int i = 0; i < 24; ++i) {
         QVideoFrame frame = source.grabVideo(0);
         QVERIFY(frame.isValid());
         const StoreFrame store = StoreFrame::of(frame);
@@ -211,7 +211,7 @@ void tst_PublishedFrames::goesWhileFramesAreInFlight()
         provider.getVideoSource().data(), &MediaSourceBase::videoReady, this, [&frames] { ++frames; },
         Qt::DirectConnection);
     provider.setRunning(true);
-    for (int i = 0; i < 5; ++i) {
+    for (int i = 0; i < 3; ++i) {
         renderer->renewItem();
         renderer->item()->setSource(&provider);
         QTRY_VERIFY_WITH_TIMEOUT(

@@ -173,7 +173,8 @@ void tst_ViewerFramePath::imported()
     QVERIFY2(viewOnRig(framePath, QStringLiteral("imported-") + framePath), qPrintable(problem));
     QCOMPARE(reported("frame_path"), QStringLiteral("eglimage"));
     QCOMPARE(reported("frame_path_reason"), QString());
-    QVERIFY2(!messages.contains(QLatin1String("not imported")), qPrintable(messages));
+    // Emulated, DMA-bufs may come too late for the first frames, and that is told; EGL refuses none.
+    QVERIFY2(!messages.contains(QLatin1String("eglCreateImageKHR failed")), qPrintable(messages));
 }
 
 void tst_ViewerFramePath::uploaded_data()
