@@ -4,3 +4,5 @@ zev_test(tst_shm_params SOURCES integration/tst_shm_params.cpp LIBRARIES Zev::sh
 zev_test(tst_shm_store SOURCES integration/tst_shm_store.cpp LIBRARIES Zev::shm GTest::gtest LABEL integration)
 zev_test(shm_faults SOURCES integration/shm_faults.cpp LIBRARIES shm_stepped LABEL integration)
 zev_test(tst_shm_hostile SOURCES integration/tst_shm_hostile.cpp LIBRARIES shm_testable GTest::gtest LABEL integration)
+# Also as another user, when it is run by root.
+zev_test(tst_shm_rights SOURCES integration/tst_shm_rights.cpp LIBRARIES shm_testable GTest::gtest LABEL integration)

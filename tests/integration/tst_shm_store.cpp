@@ -1,7 +1,6 @@
 // One store in one process and in two: what a program sees through the public interface.
 #include "../unit/shm_testing.h"
 
-#include <grp.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -708,99 +707,6 @@ TEST_F(ShmStore, ALongDirectoryNameIsNoObstacle)
     Writer writer = openWriter(smallVideo("a"), &error);
     ASSERT_TRUE(writer) << error.message;
     EXPECT_TRUE(openReader("a", &error)) << error.message;
-}
-
-// What another user sees. Needs root, to become somebody else.
-class ShmRights : public ShmStore
-{
-protected:
-    void SetUp() override
-    {
-        if (getuid() != 0)
-            GTEST_SKIP() << "only root can become another user";
-        chmod(directory.path().c_str(), 0755);
-    }
-    static bool become(unsigned user, unsigned group)
-    {
-        const gid_t groups[1] = {group};
-        return setgroups(1, groups) == 0 && setgid(65534) == 0 && setuid(user) == 0;
-    }
-};
-
-TEST_F(ShmRights, AStoreIsPrivateUnlessItIsShared)
-{
-    Child other([](Child &self) {
-        self.hear();
-        shm_error_t error = {};
-        if (!become(12345, 23456))
-            return 9;
-        const Reader reader = openReader("a", &error);
-        return !reader && error.code == -EACCES ? 0 : 1;
-    });
-    Writer writer = openWriter(smallVideo("a"));
-    struct stat status = {};
-    ASSERT_EQ(stat((directory.path() + "/a").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0600u);
-    other.tell();
-    EXPECT_EQ(other.exitCode(), 0);
-}
-
-TEST_F(ShmRights, TheGroupReadsButCannotAlterAPixel)
-{
-    const group *shared = getgrnam("video");
-    if (shared == nullptr)
-        GTEST_SKIP() << "there is no group \"video\" here";
-    const unsigned gid = shared->gr_gid;
-    Child other([gid](Child &self) {
-        self.hear();
-        if (!become(12345, gid))
-            return 9;
-        shm_error_t error = {};
-        const Reader reader = openReader("a", &error);
-        if (!reader)
-            return 1;
-        shm_video_frame_t frame;
-        if (lockFrame(reader.get(), &frame, SHM_VIDEO_NEWEST) != 0 || frame.planes[0][0] != 5)
-            return 2;
-        // Neither through the mapping it has, nor by making it writable.
-        auto *page =
-            reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(frame.planes[0]) & ~uintptr_t{4095});
-        if (mprotect(page, 4096, PROT_READ | PROT_WRITE) == 0)
-            return 3;
-        shm_reader_unlock_video(reader.get(), &frame);
-        return 0;
-    });
-    shm_writer_params_t params = smallVideo("a");
-    params.group = "video";
-    Writer writer = openWriter(params);
-    ASSERT_TRUE(writer);
-    publishFrame(writer.get(), 1000, 5);
-    struct stat status = {};
-    ASSERT_EQ(stat((directory.path() + "/a").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0660u);
-    EXPECT_EQ(status.st_gid, gid);
-    other.tell();
-    EXPECT_EQ(other.exitCode(), 0);
-}
-
-TEST_F(ShmRights, WhoIsNotInTheGroupIsTurnedAwayEvenIfTheSocketIsOpen)
-{
-    if (getgrnam("video") == nullptr)
-        GTEST_SKIP() << "there is no group \"video\" here";
-    Child other([](Child &self) {
-        self.hear();
-        if (!become(12345, 23456))
-            return 9;
-        shm_error_t error = {};
-        const Reader reader = openReader("a", &error);
-        return !reader && error.code == -EACCES ? 0 : 1;
-    });
-    shm_writer_params_t params = smallVideo("a");
-    params.group = "video";
-    Writer writer = openWriter(params);
-    chmod((directory.path() + "/a").c_str(), 0666);
-    other.tell();
-    EXPECT_EQ(other.exitCode(), 0);
 }
 
 TEST_F(ShmStore, SameUserMayWriteFramesUnlessTheyAreSealed)
