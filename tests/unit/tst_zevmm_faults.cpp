@@ -132,6 +132,10 @@ TEST_P(Faults, oneFailureIsOutlived)
     ASSERT_GT(calls, 80);
     for (int call = 0; call < calls; ++call) {
         for (const int error : allErrors) {
+            // While it streams the same few calls come again and again: each with the errors that differ.
+            const bool differs = error == EIO || error == ENODEV || error == EINTR || error == EAGAIN;
+            if (call > 40 && !differs)
+                continue;
             SCOPED_TRACE(told(call, error));
             Life life(GetParam());
             life.kernel.fault = {call, 0, error, false};

@@ -322,6 +322,10 @@ const std::string noNv12 =
     text("the camera offers no NV12 (VIDIOC_S_FMT), but YUYV, MJPG, YU12", storeRemedy);
 const std::string nothing =
     text("the camera offers no NV12 (VIDIOC_S_FMT), but nothing that it names", storeRemedy);
+const std::string noNv12Multiplanar = text(
+    "the camera offers no NV12 (VIDIOC_S_FMT), but YM12",
+    "use another camera, or a device node of its image processor: `v4l2-ctl -d /dev/video0 --list-formats` "
+    "lists what each offers");
 const std::string noExport =
     text("the driver cannot export its buffers as DMA-bufs (VIDIOC_EXPBUF)", storeRemedy);
 const std::string fewBuffers =
@@ -368,6 +372,12 @@ INSTANTIATE_TEST_SUITE_P(
                     k.driver.formats = {V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUV420};
                 },
                 EINVAL, noNv12.c_str()},
+        Refusal{"NoNv12Multiplanar",
+                [](fake::Kernel &k) {
+                    k.driver.multiplanar = true;
+                    k.driver.formats = {V4L2_PIX_FMT_YUV420M};
+                },
+                EINVAL, noNv12Multiplanar.c_str()},
         Refusal{"NothingOffered", [](fake::Kernel &k) { k.driver.formats = {}; }, EINVAL, nothing.c_str()},
         Refusal{"NoExport",
                 [](fake::Kernel &k) {

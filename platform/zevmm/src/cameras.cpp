@@ -125,7 +125,7 @@ bool describeCamera(System &system, const std::string &path, Camera *camera)
                                                 (isMultiplanar && format.pixelFormat == V4L2_PIX_FMT_NV12M);
                                      });
     if (!isShown)
-        camera->problem = path + ": the camera offers no NV12; " + throughAStore(path);
+        camera->problem = path + ": the camera offers no NV12; " + throughAStore(path, isMultiplanar);
     return true;
 }
 

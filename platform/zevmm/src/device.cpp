@@ -158,7 +158,7 @@ Negotiated Device::negotiate(std::uint32_t width, std::uint32_t height)
     }
     if (!found)
         fail(EINVAL, "the camera offers no NV12 (VIDIOC_S_FMT), but " + offeredFormats(),
-             throughAStore(name));
+             throughAStore(name, negotiatedFormat.multiplanar));
     negotiated.format.frameInterval = frameInterval();
     negotiatedFormat = negotiated;
     return negotiated;
@@ -227,7 +227,7 @@ ExportedBuffer Device::exportBuffer(unsigned int index)
         result = system.request(file.get(), VIDIOC_EXPBUF, &request);
         if (result == -ENOTTY || result == -EINVAL)
             fail(-result, "the driver cannot export its buffers as DMA-bufs (VIDIOC_EXPBUF)",
-                 throughAStore(name));
+                 throughAStore(name, negotiatedFormat.multiplanar));
         if (result < 0)
             fail(-result, "VIDIOC_EXPBUF");
         exported.dmabufs[memory] = Descriptor(system, request.fd);

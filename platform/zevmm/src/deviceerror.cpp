@@ -49,8 +49,11 @@ std::string remedyFor(int error, const std::string &device)
     }
 }
 
-std::string throughAStore(const std::string &device)
+std::string throughAStore(const std::string &device, bool isMultiplanar)
 {
+    if (isMultiplanar) // for these no publisher is at hand
+        return "use another camera, or a device node of its image processor: `v4l2-ctl -d " + device +
+               " --list-formats` lists what each offers";
     return "publish it into a store, which converts (`zevshm publish NAME v4l2:" + device +
            "`), and show that";
 }
