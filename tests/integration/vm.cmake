@@ -120,3 +120,10 @@ foreach(test tst_cameracapture tst_camerarecovery)
         SOURCES ${rig}/${test}.cpp ${camera_sources}
         LIBRARIES Zev::zevqt-mm Zev::zevmm Qt5::Gui Qt5::Test)
 endforeach()
+if(ZEV_BUILD_TOOLS)
+    zev_rig_test(tst_camerapublish MODULE ${rig_cameras}
+        SOURCES ${rig}/tst_camerapublish.cpp ${rig}/virtualcamera.cpp ${rig}/virtualcamera.h
+        LIBRARIES Zev::shm Qt5::Core Qt5::Test)
+    target_compile_definitions(tst_camerapublish PRIVATE ZEVSHM_PROGRAM="$<TARGET_FILE:zevshm>")
+    add_dependencies(tst_camerapublish zevshm)
+endif()

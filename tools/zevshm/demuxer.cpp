@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -64,6 +65,11 @@ InputName::InputName(const std::string &input) : url(input), display(withoutCred
         isPipe = true;
         return;
     }
+    if (isCameraInput(input)) {
+        url = display = input.substr(input.find(':') + 1);
+        isCamera = isLive = isNetwork = true;
+        return;
+    }
     const std::string scheme = schemeOf(input);
     isLive = isOneOf<8>(scheme, {"rtsp", "rtsps", "rtp", "udp", "srt", "rtmp", "rtmps", "tcp"});
     isNetwork = isLive || isOneOf<2>(scheme, {"http", "https"});
@@ -94,6 +100,11 @@ int Demuxer::interrupted(void *self)
 
 void Demuxer::open()
 {
+    if (m_name.isCamera) {
+        const std::string problem = cameraProblem(m_name.url);
+        if (!problem.empty())
+            throw Failure(ExitInput, m_name.display + ": " + problem);
+    }
     AVFormatContext *format = avformat_alloc_context();
     if (!format || !m_packet)
         throw Failure(ExitResources, m_name.display + ": no memory to open it; end other programs");
@@ -120,25 +131,20 @@ void Demuxer::open()
         av_dict_set(&options, "reconnect_streamed", "1", 0);
         av_dict_set(&options, "reconnect_delay_max", "8", 0);
     }
-    int rc = avformat_open_input(&format, m_name.url.c_str(), nullptr, &options);
+    const AVInputFormat *camera = nullptr;
+    if (m_name.isCamera) {
+        camera = cameraDemuxer();
+        // A driver that delivers nothing would not hear that we are to end.
+        format->flags |= AVFMT_FLAG_NONBLOCK;
+        m_lastPacketUs = monotonicUs();
+    }
+    int rc = avformat_open_input(&format, m_name.url.c_str(), camera, &options);
     av_dict_free(&options);
     m_format.reset(rc < 0 ? nullptr : format);
-    if (rc == AVERROR_INVALIDDATA || rc == AVERROR_DEMUXER_NOT_FOUND ||
-        (rc == AVERROR_EOF && !m_name.isNetwork))
-        throw Failure(ExitMedia, m_name.display + ": is damaged or no media at all (" + avError(rc) + "); " +
-                                     (m_name.isPipe ? "check what is written into it: it takes a format that "
-                                                      "can be read from its start, such as Matroska"
-                                                    : "check it with 'ffprobe'"));
-    if (rc == AVERROR_PROTOCOL_NOT_FOUND)
-        throw Failure(ExitInput, m_name.display + ": cannot be opened (" + avError(rc) +
-                                     "); use a protocol that 'ffmpeg -protocols' lists");
-    if (rc == AVERROR_EXIT && m_name.isNetwork)
-        throw Failure(ExitInput,
-                      m_name.display + ": does not answer; check the address and that it is sending");
     if (rc < 0)
-        throw Failure(ExitInput,
-                      m_name.display + ": cannot be opened (" + avError(rc) + "); check the " +
-                          (m_name.isNetwork ? "address and that it is sending" : "path and its permissions"));
+        refuse(rc);
+    if (m_name.isCamera)
+        m_cameraColor = colorOfCamera(m_name.url);
 
     m_live = m_name.isLive;
     if (m_live)
@@ -165,6 +171,28 @@ void Demuxer::open()
         if (stream != m_video.stream && stream != m_audio.stream)
             stream->discard = AVDISCARD_ALL;
     }
+}
+
+// Says why the input cannot be opened.
+void Demuxer::refuse(int rc) const
+{
+    if (m_name.isCamera)
+        throw Failure(ExitInput, m_name.display + ": " + cameraProblem(rc, m_name.display));
+    if (rc == AVERROR_INVALIDDATA || rc == AVERROR_DEMUXER_NOT_FOUND ||
+        (rc == AVERROR_EOF && !m_name.isNetwork))
+        throw Failure(ExitMedia, m_name.display + ": is damaged or no media at all (" + avError(rc) + "); " +
+                                     (m_name.isPipe ? "check what is written into it: it takes a format that "
+                                                      "can be read from its start, such as Matroska"
+                                                    : "check it with 'ffprobe'"));
+    if (rc == AVERROR_PROTOCOL_NOT_FOUND)
+        throw Failure(ExitInput, m_name.display + ": cannot be opened (" + avError(rc) +
+                                     "); use a protocol that 'ffmpeg -protocols' lists");
+    if (rc == AVERROR_EXIT && m_name.isNetwork)
+        throw Failure(ExitInput,
+                      m_name.display + ": does not answer; check the address and that it is sending");
+    throw Failure(ExitInput,
+                  m_name.display + ": cannot be opened (" + avError(rc) + "); check the " +
+                      (m_name.isNetwork ? "address and that it is sending" : "path and its permissions"));
 }
 
 bool Demuxer::openDecoder(Decoder &decoder, AVMediaType type)
@@ -260,7 +288,17 @@ Demuxer::Result Demuxer::step(const Sink &sink)
     m_deadlineUs = m_name.isNetwork ? monotonicUs() + readTimeoutUs : INT64_MAX;
     const int rc = av_read_frame(m_format.get(), m_packet.get());
     if (rc == AVERROR(EAGAIN))
+        return m_name.isCamera ? waitForCamera() : Result::Again;
+    m_lastPacketUs = monotonicUs();
+    if (m_name.isCamera && rc >= 0 && m_packet->size == 0) { // a decoder would take it for the end
+        ++m_damaged;
+        av_packet_unref(m_packet.get());
         return Result::Again;
+    }
+    if (rc == AVERROR_INVALIDDATA && m_name.isCamera) { // a frame that is not whole
+        ++m_damaged;
+        return Result::Again;
+    }
     if (rc < 0) {
         m_lastError = rc == AVERROR_EXIT ? "nothing came for 5 s" : avError(rc);
         // What the decoders still hold belongs to the input's end.
@@ -280,6 +318,17 @@ Demuxer::Result Demuxer::step(const Sink &sink)
         }
     }
     av_packet_unref(m_packet.get());
+    return Result::Again;
+}
+
+// Nothing is there yet. FFmpeg does not tell what to poll.
+Demuxer::Result Demuxer::waitForCamera()
+{
+    if (monotonicUs() - m_lastPacketUs > readTimeoutUs) {
+        m_lastError = "nothing came for 5 s";
+        return Result::Failed;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
     return Result::Again;
 }
 
@@ -324,6 +373,12 @@ void Demuxer::handOut(Decoder &decoder, AvPtr<AVFrame> frame, const Sink &sink)
             frame->sample_rate > 0 ? av_rescale(frame->nb_samples, 1000000, frame->sample_rate) : 0;
     }
     decoder.lastUs = ptsUs;
+    if (isVideo && m_name.isCamera) { // FFmpeg does not ask the driver
+        if (frame->colorspace == AVCOL_SPC_UNSPECIFIED)
+            frame->colorspace = m_cameraColor.matrix;
+        if (frame->color_range == AVCOL_RANGE_UNSPECIFIED)
+            frame->color_range = m_cameraColor.range;
+    }
     if (isVideo)
         sink.video(std::move(frame), ptsUs);
     else

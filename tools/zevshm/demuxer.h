@@ -2,6 +2,7 @@
 #ifndef ZEVSHM_DEMUXER_H
 #define ZEVSHM_DEMUXER_H
 
+#include "camera.h"
 #include "ffmpeg.h"
 #include "hostclock.h"
 #include "input.h"
@@ -24,6 +25,7 @@ struct InputName
     bool isPipe = false;
     bool isNetwork = false; // can drop and come back
     bool isLive = false;    // is sent as it happens
+    bool isCamera = false;  // a capture device of this machine; drops and comes back, too
 };
 
 // Usage: open(), then step() until it does not answer Again; rewind() starts over.
@@ -77,6 +79,8 @@ private:
         int64_t durationUs = 0; // of the last frame
     };
 
+    [[noreturn]] void refuse(int error) const;
+    Result waitForCamera();
     bool openDecoder(Decoder &decoder, AVMediaType type);
     void correctJump(Decoder &decoder, AVPacket &packet);
     void decode(Decoder &decoder, const AVPacket *packet, const Sink &sink);
@@ -95,7 +99,9 @@ private:
     bool m_live = false;
     bool m_drained = false;
     int64_t m_deadlineUs = INT64_MAX; // monotonic; a network call that lasts longer is given up
-    int64_t m_jumpUs = 0;             // added to timestamps after jumps in the input
+    int64_t m_lastPacketUs = 0;       // monotonic; of a camera
+    CameraColor m_cameraColor;
+    int64_t m_jumpUs = 0; // added to timestamps after jumps in the input
     uint64_t m_damaged = 0;
     std::string m_lastError;
 };

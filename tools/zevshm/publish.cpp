@@ -1,4 +1,5 @@
 // zevshm publish
+#include "camera.h"
 #include "commands.h"
 #include "failure.h"
 #include "ffmpeg.h"
@@ -60,7 +61,8 @@ void printHelp()
         "INPUT is a file, a URL (rtsp://, srt://, udp://, http://, ...), - for standard input, or\n"
         "  test:         moving picture with frame number, time and block code; a tone for every channel\n"
         "  test:avsync   a flash and a beep at every full second of the wall clock\n"
-        "  test:bars     saturated color bars\n\n"
+        "  test:bars     saturated color bars\n"
+        "  v4l2:DEVICE   a camera: v4l2:/dev/video0, at the size and rate that it is set to\n\n"
         "Options:\n%s\n"
         "Timestamps are wall-clock time. A frame is published at its timestamp; sound in blocks of 10 ms, "
         "each\n"
@@ -70,6 +72,7 @@ void printHelp()
         "  zevshm publish cam1 movie.mp4 --loop\n"
         "  zevshm publish door rtsp://camera.local/stream --format nv12\n"
         "  ffmpeg -i movie.mp4 -f matroska - | zevshm publish cam1 -\n"
+        "  zevshm publish desk v4l2:/dev/video0\n"
         "  zevshm publish shaky test: --jitter 20 --drop 5 --seed 7\n",
         describeOptions(specs).c_str());
 }
@@ -83,6 +86,8 @@ struct PublishPlan
     TestInput::Settings test;
     bool isTest = false;
 };
+
+constexpr int64_t cameraLatencyUs = 20000; // there is no network whose jitter is to be hidden
 
 int64_t millisecondsToUs(double milliseconds)
 {
@@ -130,6 +135,8 @@ PublishPlan makePlan(const Options &options)
     plan.input = options.positional()[1];
     checkStoreName(plan.store.name);
     plan.isTest = plan.input.rfind("test:", 0) == 0;
+    if (isCameraInput(plan.input) && plan.input.back() == ':')
+        throw Failure(ExitUsage, "publish: '" + plan.input + "' names no device; give v4l2:/dev/video0");
 
     const std::string format = options.choice("--format", {"yuv420p", "yvu420p", "nv12"}).value_or("yuv420p");
     plan.store.pixelFormat = format == "nv12"      ? SHM_PIXEL_FORMAT_NV12
@@ -185,6 +192,8 @@ PublishPlan makePlan(const Options &options)
     if (channels)
         plan.media.channels = static_cast<int>(*channels);
     plan.media.scaled = size.has_value();
+    if (isCameraInput(plan.input))
+        plan.media.latencyUs = cameraLatencyUs;
     if (latency)
         plan.media.latencyUs = millisecondsToUs(*latency);
     return plan;
@@ -343,6 +352,9 @@ int publishCommand(const std::vector<std::string> &words)
     if (plan.isTest)
         plan.publisher.firstWallUs = TestInput::alignedStart(wallUs() + 50000, plan.test.rate);
     Publisher publisher(*input, store, clock, stopToken, plan.publisher);
+    if (isCameraInput(plan.input))
+        say(plan.store.name + ": " + describe(store.format(), plan.store.pixelFormat) +
+            ", each frame written into the store from the driver's buffer: one copy");
     sayVerbose(plan.store.name + ": " + describe(store.format(), plan.store.pixelFormat));
     publisher.run([&wakeups] { wakeups.wake(); });
     watch(wakeups, publisher, store, plan.store.name);
