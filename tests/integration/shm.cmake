@@ -6,3 +6,4 @@ zev_test(shm_faults SOURCES integration/shm_faults.cpp LIBRARIES shm_stepped LAB
 zev_test(tst_shm_hostile SOURCES integration/tst_shm_hostile.cpp LIBRARIES shm_testable GTest::gtest LABEL integration)
 # Also as another user, when it is run by root.
 zev_test(tst_shm_rights SOURCES integration/tst_shm_rights.cpp LIBRARIES shm_testable GTest::gtest LABEL integration)
+zev_test(tst_shm_limits SOURCES integration/tst_shm_limits.cpp LIBRARIES Zev::shm GTest::gtest LABEL integration)
