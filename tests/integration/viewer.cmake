@@ -43,6 +43,11 @@ if(ZEV_BUILD_EXAMPLES AND ZEV_BUILD_QML)
             ZEVSHM="$<TARGET_FILE:zevshm>"
             ARTIFACTS_DIR="${PROJECT_BINARY_DIR}/artifacts")
         add_dependencies(tst_viewersource zevqt-viewer zevqt-testpublisher zevshm)
+        # What takes long runs beside the rest.
+        set_property(TEST tst_viewersource APPEND PROPERTY ENVIRONMENT "GTEST_FILTER=-*ClockStep*")
+        add_test(NAME tst_viewersource_steps COMMAND tst_viewersource --gtest_filter=*ClockStep*)
+        set_tests_properties(tst_viewersource_steps PROPERTIES LABELS integration TIMEOUT 120)
+        zev_test_environment(tst_viewersource_steps)
     endif()
 
     zev_test(tst_viewerdevices
