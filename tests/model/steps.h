@@ -82,10 +82,6 @@ public:
     }
     bool compare_exchange_strong(T &expected, T desired, std::memory_order success)
     {
-        return compare_exchange_strong(expected, desired, success, std::memory_order_seq_cst);
-    }
-    bool compare_exchange_strong(T &expected, T desired, std::memory_order success, std::memory_order failure)
-    {
         if (steps::memory != nullptr && steps::memory->splitExchange()) {
             const T found = load();
             if (found == expected) {
@@ -96,9 +92,12 @@ public:
             return false;
         }
         drain();
-        return m_value.compare_exchange_strong(
-            expected, desired, success,
-            failure == std::memory_order_seq_cst ? std::memory_order_acquire : failure);
+        return m_value.compare_exchange_strong(expected, desired, success);
+    }
+    // The order on failure follows from the one on success.
+    bool compare_exchange_strong(T &expected, T desired, std::memory_order success, std::memory_order)
+    {
+        return compare_exchange_strong(expected, desired, success);
     }
 
 private:
