@@ -101,7 +101,7 @@ if(TARGET Zev::items)
         zev_rig_test(tst_viewerframepath
             SOURCES ${rig}/tst_viewerframepath.cpp integration/xvfbserver.cpp
             LIBRARIES Qt5::Gui Qt5::Test
-            VM_PARTS imported=imported)
+            VM_PARTS udmabuf=imported:udmabuf dma-heap=imported:dma-heap)
         target_include_directories(tst_viewerframepath PRIVATE integration)
         target_compile_definitions(tst_viewerframepath PRIVATE
             VIEWER="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/zevqt-viewer"
