@@ -11,8 +11,10 @@ const int blocksPerSecond = 50;
 
 } // namespace
 
-TonePublisher::TonePublisher(std::string storeName, int sampleRate, std::vector<Tone> channelTones)
-    : name(std::move(storeName)), rate(sampleRate), tones(std::move(channelTones)), thread([this] { run(); })
+TonePublisher::TonePublisher(std::string storeName, int sampleRate, std::vector<Tone> channelTones,
+                             int64_t droppedEvery)
+    : name(std::move(storeName)), rate(sampleRate), tones(std::move(channelTones)), dropEvery(droppedEvery),
+      thread([this] { run(); })
 {
     while (!published && !stopping)
         std::this_thread::yield();
@@ -46,7 +48,8 @@ void TonePublisher::run()
     int64_t sent = 0;
     for (int64_t block = 1; !stopping; ++block) {
         auto *sample = samples.data();
-        for (int64_t i = sent; i < sent + frames; ++i) {
+        for (int64_t index = sent; index < sent + frames; ++index) {
+            const int64_t i = index + (dropEvery > 0 ? index / dropEvery : 0);
             for (const Tone &tone : tones) {
                 const double turns = std::fmod(tone.frequency * static_cast<double>(i) / rate, 1.0);
                 *sample++ = static_cast<int16_t>(std::lround(tone.amplitude * std::sin(2 * M_PI * turns)));

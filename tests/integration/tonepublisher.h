@@ -21,7 +21,8 @@ public:
         double amplitude; // 0 to 32767
     };
 
-    TonePublisher(std::string name, int rate, std::vector<Tone> tones);
+    /*! `dropEvery`: after so many samples one is left out, as if it had been lost on the way; 0: none. */
+    TonePublisher(std::string name, int rate, std::vector<Tone> tones, int64_t dropEvery = 0);
     ~TonePublisher();
     TonePublisher(const TonePublisher &) = delete;
     TonePublisher &operator=(const TonePublisher &) = delete;
@@ -34,6 +35,7 @@ private:
     const std::string name;
     const int rate;
     const std::vector<Tone> tones;
+    const int64_t dropEvery;
     std::atomic<bool> published{false};
     std::atomic<bool> stopping{false};
     std::thread thread;
