@@ -2,23 +2,27 @@
 
 #include <QtGlobal>
 
+#include <deque>
+
 /*
  * Decides which age the picture is to have so that it comes with its sound, and when the timeline has to be
  * told again.
  *
  * The timeline takes the first report after a stop, and truncates to whole frames: it is told of half a
  * frame interval more than the sound's age, which puts the picture within half an interval of its sound. It
- * is told again, for which it has to be stopped, when the sound was started anew, and when the sound's age
- * has been off what the picture was given for three seconds: clocks differ, and 200 ppm are a frame of 25 a
- * second in less than four minutes. The picture moves then, so small differences are left alone and the
- * moves are ten seconds apart.
+ * is told again, for which it has to be stopped, when the sound was started anew, and when the pictures that
+ * were handed out have been farther than that from their sound for three seconds: clocks differ, and 200 ppm
+ * are a frame of 25 a second in less than four minutes. The picture moves then, so the moves are ten seconds
+ * apart after the first one, and farther and farther while they do not help (pictures that are not shown at
+ * their source's rate may not come to it).
  *
  * A picture cannot be older than what the store holds: beyond that it is as old as there are frames, two of
  * them kept as a margin, and shortfall() says by how much its sound comes later.
  *
- * Usage: soundStarted(); update() a few times a second while the sound's age is known. When it answers true,
- * stop and start the timeline. target() goes to adjustReadPosition() with every report of the player, so that
- * the timeline has it again after any other stop.
+ * Usage: soundStarted(); handedOut() for every picture, update() a few times a second, both while the
+ * sound's age is known. When update() answers true, stop and start the timeline. target() goes to
+ * adjustReadPosition() with every report of the player, so that the timeline has it again after any other
+ * stop.
  *
  * Threads: one. Units: microseconds, `now` on a monotonic clock.
  */
@@ -34,6 +38,8 @@ public:
 
     /* The next update() asks for a stop. */
     void soundStarted() { m_isNew = true; }
+    /* `pictureAge`: clock minus its timestamp. */
+    void handedOut(qint64 now, qint64 pictureAge);
     bool update(qint64 now, qint64 soundAge, const Store &store);
 
     bool hasTarget() const { return m_target > 0; }
@@ -43,9 +49,18 @@ public:
     qint64 shortfall() const { return m_shortfall; }
 
 private:
+    struct Picture
+    {
+        qint64 at;
+        qint64 age;
+    };
+    bool isOff(qint64 now, qint64 wantedAge, qint64 allowed);
+
     bool m_isNew = true;
     qint64 m_target = 0;
     qint64 m_shortfall = 0;
     qint64 m_told = 0;     // when the target was set
-    qint64 m_offSince = 0; // since when it has been off; 0: it is not
+    qint64 m_apart = 0;    // how long to leave it then
+    qint64 m_offSince = 0; // since when pictures have been off; 0: they are not
+    std::deque<Picture> m_pictures;
 };

@@ -5,7 +5,6 @@
 #include <zevqt-mm/audioplayer.h>
 #include <zevqt-mm/mediasource.h>
 
-#include <QAudioDeviceInfo>
 #include <QLibrary>
 #include <QTimer>
 
@@ -15,7 +14,6 @@ namespace {
 
 constexpr int checkIntervalMs = 100;
 constexpr qint64 maxDelayUs = Sound::delayUs + 100000;
-constexpr int spoiledLimit = 3;
 constexpr qint64 clockStepMs = 1000; // the player's own limit
 
 void ignoreAlsa(const char *, int, const char *, int, const char *, ...) {}
@@ -35,12 +33,16 @@ Sound::Sound(QSharedPointer<MediaSourceBase> source, const Options &options, QOb
     m_player->setMaxDelay(maxDelayUs);
     m_player->setVolume(m_volume);
     m_player->setMuted(m_isMuted);
-    connect(m_player, &AudioPlayer::audioPlayed, this, &Sound::onPlayed);
+    connect(m_player, &AudioPlayer::audioPlayed, this, [this] { emit heard(wallClockUs()); });
     connect(m_player, &AudioPlayer::playerStopped, this, &Sound::onStopped);
     auto *timer = new QTimer(this);
-    timer->setObjectName(QStringLiteral("check"));
     timer->setInterval(checkIntervalMs);
     connect(timer, &QTimer::timeout, this, &Sound::check);
+    auto *sampling = new QTimer(this);
+    sampling->setTimerType(Qt::PreciseTimer);
+    sampling->setInterval(AudioPlaybackAge::sampleIntervalMs);
+    connect(sampling, &QTimer::timeout, this,
+            [this] { m_age.sample(wallClockUs(), m_player->getDevicePosition()); });
 }
 
 Sound::~Sound()
@@ -53,13 +55,13 @@ Sound::~Sound()
 void Sound::start(double fps)
 {
     m_fps = fps;
-    if (auto *timer = findChild<QTimer *>(QStringLiteral("check")))
+    for (QTimer *timer : findChildren<QTimer *>())
         timer->start();
 }
 
 void Sound::stop()
 {
-    if (auto *timer = findChild<QTimer *>(QStringLiteral("check")))
+    for (QTimer *timer : findChildren<QTimer *>())
         timer->stop();
     if (!m_player || m_isStopping)
         return;
@@ -67,7 +69,7 @@ void Sound::stop()
     m_player->stop();
     m_isStopping = false;
     m_hasStarted = false;
-    m_age.restart();
+    m_age.begin();
 }
 
 void Sound::check()
@@ -78,18 +80,13 @@ void Sound::check()
     if (m_starts == 0 && !m_source->getAudioFormat().isValid())
         return;
     const qint64 now = m_monotonic.nsecsElapsed() / 1000;
-    const qint64 newest = newestAudio();
-    const bool isActive = m_player->isActive();
-    // A device that was asleep takes its first sound late: begin again while it is awake. Not for ever,
-    // though.
-    if (isActive && m_age.isSpoiled() && m_spoiled < spoiledLimit) {
-        ++m_spoiled;
+    if (followDevice()) {
         m_watch.begin(now);
         tryStart();
         return;
     }
-    if (m_age.isKnown(wallClockUs()))
-        m_spoiled = 0;
+    const qint64 newest = newestAudio();
+    const bool isActive = m_player->isActive();
     if (!m_watch.check(now, isActive, m_player->getReadPosition(), newest)) {
         const qint64 wallNow = wallClockUs();
         if (isActive && m_age.isKnown(wallNow) && newest > 0)
@@ -114,7 +111,7 @@ bool Sound::tryStart()
     const bool isSelected = selectDevice();
     const bool isStarted = isSelected && m_player->start(m_source, m_fps);
     m_isStopping = false;
-    m_age.restart(m_player->getGaps().jumps);
+    m_age.begin();
     m_hasStarted = isStarted;
     if (isSelected && !isStarted)
         complain(
@@ -152,20 +149,36 @@ bool Sound::selectDevice()
     if (!m_player->setDevice(isDefault ? m_device : name) || !m_player->enabled())
         return false;
     m_playedOn = name;
+    const auto devices = QAudioDeviceInfo::availableDevices(QAudio::AudioOutput);
+    for (const QAudioDeviceInfo &device : devices)
+        if (device.deviceName() == name)
+            m_deviceInfo = device;
     return true;
 }
 
-void Sound::onPlayed(qint64 timestamp)
+// Without asking all systems for all their devices, which takes a tenth of a second.
+bool Sound::isDeviceThere() const
 {
-    const qint64 now = wallClockUs();
-    m_age.report({now, timestamp, m_player->getReadPosition(), m_player->getGaps().silence,
-                  m_player->getGaps().jumps});
-    emit heard(now);
+    return m_deviceInfo.isNull() || m_deviceInfo.preferredFormat().isValid();
+}
+
+// A sound server plays on another device when one is taken away, and does not say so. True when it is back.
+bool Sound::followDevice()
+{
+    const bool isThere = isDeviceThere();
+    if (!isThere && !m_isDeviceGone)
+        complain(
+            QStringLiteral("the audio device %1 is gone; the picture goes on, and the sound returns with "
+                           "it (until then the sound server may play it elsewhere)")
+                .arg(m_playedOn));
+    const bool isBack = isThere && m_isDeviceGone;
+    m_isDeviceGone = !isThere;
+    return isBack;
 }
 
 void Sound::onStopped()
 {
-    m_age.restart();
+    m_age.begin();
     if (!m_isStopping && m_hasStarted)
         complain(whyStopped());
     m_hasStarted = m_hasStarted && m_isStopping;
@@ -178,7 +191,7 @@ QString Sound::whyStopped()
     if (std::abs(shiftMs) > clockStepMs)
         return QStringLiteral("the sound stopped: the clock was set by %1 s; starting it again")
             .arg(double(shiftMs) / 1000.0, 0, 'f', 1);
-    if (!deviceNames().contains(m_playedOn))
+    if (!isDeviceThere() || !deviceNames().contains(m_playedOn))
         return QStringLiteral(
                    "the sound stopped: the audio device %1 is gone; the picture goes on, and the sound "
                    "does when there is a device")

@@ -1,11 +1,12 @@
 #pragma once
 
-#include "heardage.h"
 #include "options.h"
 
 #include <zev-utils/clockadjustmentdetector.h>
+#include <zevqt-mm/audioplaybackage.h>
 #include <zevqt-mm/audioplaybackwatch.h>
 
+#include <QAudioDeviceInfo>
 #include <QElapsedTimer>
 #include <QObject>
 #include <QSharedPointer>
@@ -67,7 +68,8 @@ public:
     /* One short line for the window. */
     QString text() const;
 
-    const HeardAge &heardAge() const { return m_age; }
+    /* Of the sound that is being heard. */
+    const AudioPlaybackAge &heardAge() const { return m_age; }
     Figures figures() const;
 
     static QStringList deviceNames();
@@ -85,9 +87,10 @@ private:
     void check();
     bool tryStart();
     bool selectDevice();
-    void onPlayed(qint64 timestamp);
     void onStopped();
     QString whyStopped();
+    bool isDeviceThere() const;
+    bool followDevice();
     void complain(const QString &text);
     qint64 newestAudio() const;
 
@@ -96,7 +99,7 @@ private:
     const QString m_device;
     AudioPlayer *m_player = nullptr;
     AudioPlaybackWatch m_watch;
-    HeardAge m_age;
+    AudioPlaybackAge m_age;
     md::zev::utils::ClockAdjustmentDetector m_clock;
     QElapsedTimer m_monotonic;
     double m_fps = 25.0;
@@ -104,11 +107,12 @@ private:
     bool m_isMuted = false;
     bool m_isStopping = false; // by this class
     bool m_isWanted = false;
-    bool m_hasStarted = false; // what playing there is, is ours
+    bool m_hasStarted = false;     // what playing there is, is ours
+    QAudioDeviceInfo m_deviceInfo; // of what was played on last
+    bool m_isDeviceGone = false;
     QString m_playedOn;
     QString m_said;
     int m_rate = 0;
     int m_starts = 0;
-    int m_spoiled = 0; // starts in a row that were
     qint64 m_delay = -1;
 };

@@ -203,9 +203,12 @@ void Viewer::onPicture(long long timestamp)
     const auto status = m_provider->getVideoSource()->getVideoStatus();
     const long long interval = m_camera ? m_camera->frameIntervalUs() : status.frameInterval;
     m_statistics.handedOut(now, timestamp, status.timestamps, interval);
-    const HeardAge &heard = m_sound->heardAge();
-    if (m_follower.hasTarget() && heard.isKnown(now) && monotonicUs() - m_followed > followSettledUs)
-        m_offsets.add(timestamp - (now - heard.age()));
+    const AudioPlaybackAge &heard = m_sound->heardAge();
+    if (m_follower.hasTarget() && heard.isKnown(now)) {
+        m_follower.handedOut(monotonicUs(), now - timestamp);
+        if (monotonicUs() - m_followed > followSettledUs)
+            m_offsets.add(timestamp - (now - heard.age()));
+    }
 
     if (now - m_rateChecked < rateCheckUs && now >= m_rateChecked)
         return;
@@ -229,7 +232,7 @@ void Viewer::onAudio(const QAudioBuffer &buffer)
 
 void Viewer::onHeard(qint64 now)
 {
-    const HeardAge &heard = m_sound->heardAge();
+    const AudioPlaybackAge &heard = m_sound->heardAge();
     if (!heard.isKnown(now) || m_camera) // a camera has no older frames to wait with
         return;
     VideoTimeline *timeline = m_provider->getTimeline();

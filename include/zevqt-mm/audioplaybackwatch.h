@@ -27,7 +27,9 @@
  * Threads: reentrant. Units: microseconds; `now` on a monotonic clock, the other timestamps on the wall
  * clock.
  *
- * Attempts are a second apart at first, and farther and farther, up to half a minute, while they do not help.
+ * A device that took its first sound and then nothing more is given six seconds: starting anew would make it
+ * begin late once more. Attempts are a second apart at first, and farther and farther, up to half a minute,
+ * while they do not help.
  */
 class ZEVQTMM_EXPORT AudioPlaybackWatch
 {

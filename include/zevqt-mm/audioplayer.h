@@ -75,6 +75,12 @@ public:
      * audio is what may come late without a gap.
      */
     qint64 getReadPosition() const;
+    /*!
+     * Source timestamp of the next sample that the device takes out of the output's buffer; 0 when there is
+     * none. It is heard after what the device has taken before. Unlike the played time it knows of silence
+     * and of jumps, once what was read before them has left the buffer.
+     */
+    qint64 getDevicePosition() const;
     /*! Where sound was missing, in all that was played so far. */
     const AudioReader::Gaps &getGaps() const { return reader.getGaps(); }
 

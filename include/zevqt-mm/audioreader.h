@@ -94,6 +94,8 @@ public:
     qint64 getReadPosition() const { return readPosition; }
     /*! Timestamp of the first sample that was read since open(); 0 while there is none. */
     qint64 getFirstTimestamp() const { return firstTimestamp; }
+    /*! Audio that was read from the source and not yet taken by the output; microseconds. */
+    qint64 readAhead() const;
     const Gaps &getGaps() const { return gaps; }
 
 private:

@@ -7,6 +7,8 @@ const qint64 firstBackoff = second;
 const qint64 longestBackoff = 30 * second;
 const qint64 healthyAfter = 60 * second; // an attempt that lasted so long has helped
 const qint64 stuckAfter = 3 * second;    // reads are never so far apart, whatever the device's buffer
+const qint64 lateAfter =
+    6 * second; // a sink that was asleep may begin two seconds late, on a busy machine more
 const qint64 awayAfter = second;
 const qint64 dryReserve = 1000;
 const qint64 healthyReserve = 20000;
@@ -50,7 +52,7 @@ bool AudioPlaybackWatch::check(qint64 now, bool isActive, qint64 readPosition, q
             newestThen = newest;
         lastPosition = readPosition;
         lastMove = now;
-    } else if (now - lastMove >= stuckAfter) {
+    } else if (now - lastMove >= (lastMove - started < second ? lateAfter : stuckAfter)) {
         return mayRestart(now);
     }
 

@@ -98,6 +98,14 @@ qint64 AudioPlayer::getReadPosition() const
     return reader.isOpen() ? reader.getReadPosition() : 0;
 }
 
+qint64 AudioPlayer::getDevicePosition() const
+{
+    if (!isActive() || getReadPosition() == 0)
+        return 0;
+    const int held = qMax(0, output->bufferSize() - output->bytesFree());
+    return getReadPosition() - reader.readAhead() - output->format().durationForBytes(held);
+}
+
 bool AudioPlayer::setDevice(QString name)
 {
     if (enabled())

@@ -182,6 +182,13 @@ bool AudioReader::updateResampler(QAudioFormat newInputFormat)
     return true;
 }
 
+// QIODevice asks for more than the output does, and a resampler keeps what is in its filter.
+qint64 AudioReader::readAhead() const
+{
+    const qint64 buffered = outputFormat.durationForBytes(clamped(QIODevice::bytesAvailable()));
+    return buffered + (resampler ? swr_get_delay(resampler, 1000000) : 0);
+}
+
 qint64 AudioReader::readData(char *data, qint64 maxSize)
 {
     const qint64 result = readDataInternal(data, maxSize);

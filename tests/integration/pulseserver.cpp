@@ -88,6 +88,14 @@ bool PulseServer::removeSink(const QString &name)
                 .contains(QStringLiteral("\t%1\t").arg(name));
 }
 
+bool PulseServer::addSink(const QString &name, int rate, int channels)
+{
+    return !control({QStringLiteral("load-module"), QStringLiteral("module-null-sink"),
+                     QStringLiteral("sink_name=%1").arg(name), QStringLiteral("rate=%1").arg(rate),
+                     QStringLiteral("channels=%1").arg(channels)})
+                .isEmpty();
+}
+
 SinkRecorder::~SinkRecorder()
 {
     recorder.kill();

@@ -19,11 +19,14 @@ public:
 
     /*! False when the server is not installed or does not come up. */
     bool start();
+    /*! As after a crash; start() brings it back in the same place, without its clients. */
     void kill();
     /*! pactl's output, or an empty string on failure. */
     QString control(const QStringList &arguments);
     /*! Takes a sink away from whoever plays on it. */
     bool removeSink(const QString &name);
+    /*! Brings it back. */
+    bool addSink(const QString &name, int rate, int channels);
     QString path(const QString &file) const { return directory.filePath(file); }
 
 private:

@@ -1,49 +1,20 @@
 // The viewer with sound, on a sound server of the test's own: what it reports, and what it does without.
 
 #include "pulseserver.h"
+#include "toolpublisher.h"
 #include "viewerrig.h"
 
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
-#include <QFileInfo>
+#include <QElapsedTimer>
+#include <QThread>
+
+#include <algorithm>
 
 namespace {
 
 PulseServer *server = nullptr;
-
-// zevshm publishing from construction on; gone with this object.
-class Tool
-{
-public:
-    Tool(const QString &directory, const QString &name, const QStringList &more) : m_name(name)
-    {
-        m_environment.insert("ZEV_SHM_DIR", directory);
-        m_process.setProcessEnvironment(m_environment);
-        m_process.start(ZEVSHM, QStringList{"publish", name} + more);
-        m_process.waitForStarted(30000);
-        // The socket has the store's name.
-        EXPECT_TRUE(waitUntil([&] { return QFileInfo::exists(directory + '/' + name); }));
-    }
-    ~Tool()
-    {
-        m_process.kill();
-        m_process.waitForFinished(10000);
-    }
-    // A viewer that is there before the first frame begins with the no-signal picture.
-    bool hasFrame() const
-    {
-        QProcess snapshot;
-        snapshot.setProcessEnvironment(m_environment);
-        snapshot.start(ZEVSHM, {"snapshot", m_name, m_environment.value("ZEV_SHM_DIR") + "/frame.png"});
-        return snapshot.waitForFinished(30000) && snapshot.exitCode() == 0;
-    }
-
-private:
-    QString m_name;
-    QProcessEnvironment m_environment = QProcessEnvironment::systemEnvironment();
-    BoundProcess m_process;
-};
 
 class ViewerPlayback : public testing::Test
 {
@@ -55,11 +26,11 @@ protected:
     }
     QString file(const QString &name) const { return directory.filePath(name); }
     ViewerRun::Where headless() const { return {directory.path(), {}, false}; }
-    QJsonObject report(const QStringList &more, QString *errors = nullptr)
+    QJsonObject report(const QStringList &more, QString *errors = nullptr, const char *seconds = "6")
     {
-        ViewerRun run(headless(),
-                      QStringList{"shm:///av", "--headless", "--seconds", "6", "--report", file("r.json")} +
-                          more);
+        ViewerRun run(
+            headless(),
+            QStringList{"shm:///av", "--headless", "--seconds", seconds, "--report", file("r.json")} + more);
         EXPECT_EQ(run.wait(), 0) << run.errors().toStdString();
         if (errors)
             *errors = run.errors();
@@ -78,7 +49,7 @@ protected:
 TEST_F(ViewerPlayback, theReportTellsOfTheSound)
 {
     keepAwake("a");
-    const Tool tool(directory.path(), "av", avsync);
+    const ToolPublisher tool(directory.path(), "av", avsync);
     // A busy machine may not get sound going steadily within the run.
     QJsonObject r;
     QJsonObject audio;
@@ -100,9 +71,147 @@ TEST_F(ViewerPlayback, theReportTellsOfTheSound)
     EXPECT_GT(r["latency_ms"].toObject()["p95"].toDouble(), 200.0); // the picture waits for the sound
 }
 
+// A null sink that nobody records begins late, which is no reason to start anew: that would make it begin
+// late once more.
+TEST_F(ViewerPlayback, aSinkThatBeginsLateIsNotStartedAgain)
+{
+    const ToolPublisher tool(directory.path(), "av", avsync);
+    ASSERT_TRUE(waitUntil([&] { return tool.hasFrame(); }));
+    QThread::msleep(3000); // the sink has rendered ahead
+    QString errors;
+    const QJsonObject audio = report({"--audio-device", "b"}, &errors, "10")["audio"].toObject();
+    EXPECT_EQ(audio["restarts"].toInt(-1), 0);
+    EXPECT_TRUE(audio["av_offset_ms"].toObject()["p95"].isDouble());
+    EXPECT_TRUE(errors.isEmpty()) << errors.toStdString();
+}
+
+// The sink plays something within three seconds.
+bool isHeard(const QString &sink)
+{
+    SinkRecorder recorder;
+    if (!recorder.start(sink, 48000, 2))
+        return false;
+    QElapsedTimer listening;
+    listening.start();
+    while (!listening.hasExpired(3000)) {
+        QThread::msleep(100);
+        QCoreApplication::processEvents();
+        const QByteArray &data = recorder.data();
+        const auto *samples = reinterpret_cast<const qint16 *>(data.constData());
+        if (std::any_of(samples, samples + data.size() / 2, [](qint16 sample) { return sample > 1000; }))
+            return true;
+    }
+    return false;
+}
+
+// The server goes on with another sink meanwhile, without a word.
+TEST_F(ViewerPlayback, soundReturnsWithItsSink)
+{
+    const ToolPublisher tool(directory.path(), "av", {"test:", "--size", "320x180"});
+    ASSERT_TRUE(waitUntil([&] { return tool.hasFrame(); }));
+    ViewerRun run(headless(), {"shm:///av", "--headless", "--audio-device", "b", "--report", file("r.json")});
+    ASSERT_TRUE(waitUntil([] { return isHeard("b"); }));
+    ASSERT_TRUE(server->removeSink("b"));
+    QThread::msleep(3000); // long enough to be noticed
+    EXPECT_TRUE(run.isRunning());
+    ASSERT_TRUE(server->addSink("b", 44100, 2));
+    EXPECT_TRUE(waitUntil([] { return isHeard("b"); }));
+    run.terminate();
+    EXPECT_EQ(run.wait(), 0);
+    EXPECT_TRUE(run.errors().contains("the audio device b is gone")) << run.errors().toStdString();
+    const QJsonObject r = readJson(file("r.json"));
+    EXPECT_EQ(r["audio"].toObject()["device"].toString(), "b");
+    EXPECT_GE(r["audio"].toObject()["restarts"].toInt(), 1);
+    EXPECT_EQ(r["no_signal_frames"].toInt(-1), 0); // the picture went on
+}
+
+TEST_F(ViewerPlayback, soundReturnsWithTheOnlySink)
+{
+    const ToolPublisher tool(directory.path(), "av", {"test:", "--size", "320x180"});
+    ASSERT_TRUE(waitUntil([&] { return tool.hasFrame(); }));
+    ViewerRun run(headless(), {"shm:///av", "--headless", "--audio-device", "b", "--report", file("r.json")});
+    ASSERT_TRUE(waitUntil([] { return isHeard("b"); }));
+    for (const char *sink : {"a", "c", "b"})
+        ASSERT_TRUE(server->removeSink(sink));
+    QThread::msleep(3000); // an attempt or two fails
+    EXPECT_TRUE(run.isRunning());
+    ASSERT_TRUE(server->addSink("b", 44100, 2));
+    EXPECT_TRUE(waitUntil([] { return isHeard("b"); }));
+    run.terminate();
+    EXPECT_EQ(run.wait(), 0);
+    EXPECT_TRUE(run.errors().contains("the audio device b is gone")) << run.errors().toStdString();
+    EXPECT_EQ(readJson(file("r.json"))["no_signal_frames"].toInt(-1), 0);
+    EXPECT_TRUE(server->addSink("a", 48000, 2));
+    EXPECT_TRUE(server->addSink("c", 44100, 1));
+}
+
+TEST_F(ViewerPlayback, soundReturnsWithTheServer)
+{
+    const ToolPublisher tool(directory.path(), "av", {"test:", "--size", "320x180"});
+    ASSERT_TRUE(waitUntil([&] { return tool.hasFrame(); }));
+    ViewerRun run(headless(), {"shm:///av", "--headless", "--audio-device", "b", "--report", file("r.json")});
+    ASSERT_TRUE(waitUntil([] { return isHeard("b"); }));
+    server->kill();
+    QThread::msleep(3000); // an attempt or two fails
+    EXPECT_TRUE(run.isRunning());
+    ASSERT_TRUE(server->start());
+    EXPECT_TRUE(waitUntil([] { return isHeard("b"); }));
+    run.terminate();
+    EXPECT_EQ(run.wait(), 0);
+    EXPECT_TRUE(run.errors().contains("the sound stopped: the audio device b")) << run.errors().toStdString();
+    const QJsonObject r = readJson(file("r.json"));
+    EXPECT_GE(r["audio"].toObject()["restarts"].toInt(), 1);
+    EXPECT_EQ(r["no_signal_frames"].toInt(-1), 0);
+}
+
+TEST_F(ViewerPlayback, aStoreWithoutSoundIsNoFault)
+{
+    const ToolPublisher tool(directory.path(), "av", {"test:", "--no-audio", "--size", "320x180"});
+    ASSERT_TRUE(waitUntil([&] { return tool.hasFrame(); }));
+    QString errors;
+    const QJsonObject r = report({"--audio-device", "a"}, &errors);
+    EXPECT_TRUE(errors.isEmpty()) << errors.toStdString();
+    EXPECT_TRUE(r["audio"].isObject());
+    EXPECT_TRUE(r["audio"].toObject()["device"].isNull());
+    EXPECT_EQ(r["audio_buffers"].toInt(-1), 0);
+    EXPECT_GT(r["frames"].toInt(), 50);
+    EXPECT_EQ(r["invalid"].toInt(-1), 0);
+}
+
+// A bar lights up with the beep of every second and falls until the next one.
+TEST_F(ViewerPlayback, metersMoveInTheWindow)
+{
+    const QSize size(640, 360);
+    const XvfbServer display(QStringLiteral("800x480x24"));
+    ASSERT_FALSE(display.display().isEmpty()) << "Xvfb did not start";
+    const ToolPublisher tool(directory.path(), "av", {"test:avsync", "--size", "640x360"});
+    ASSERT_TRUE(waitUntil([&] { return tool.hasFrame(); }));
+    ViewerRun run({directory.path(), display.display(), true},
+                  {"shm:///av", "--size", "640x360", "--audio-device", "a", "--report", file("r.json")});
+    // Where the first bar says -24 dB: the panel is 81 x 188, 12 from the corner; the bar begins 10 from its
+    // left, 12 from its top, and has 140 for 60 dB. The beep's level is -15 dB.
+    const QPoint place(size.width() - 12 - 81 + 10 + 7, size.height() - 12 - 188 + 12 + 140 * 24 / 60);
+    const auto becomes = [&](QRgb color, const QString &name) {
+        return waitUntil([&] {
+            const QImage screen = display.screenshot().copy(QRect(QPoint(), size));
+            const QRgb is = screen.pixel(place);
+            return std::abs(qRed(is) - qRed(color)) < 12 && std::abs(qGreen(is) - qGreen(color)) < 12 &&
+                   std::abs(qBlue(is) - qBlue(color)) < 12 && screen.save(artifact(name));
+        });
+    };
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(becomes(qRgb(0x2f, 0xbf, 0x71), "viewer-meters-beep.png"));
+        EXPECT_TRUE(becomes(qRgb(0x28, 0x32, 0x3a), "viewer-meters-silence.png"));
+    }
+    EXPECT_TRUE(waitUntil([] { return isHeard("a"); }));
+    run.terminate();
+    EXPECT_EQ(run.wait(), 0) << run.errors().toStdString();
+    EXPECT_EQ(readJson(file("r.json"))["audio"].toObject()["device"].toString(), "a");
+}
+
 TEST_F(ViewerPlayback, withoutADeviceThePictureDoesNotWait)
 {
-    const Tool tool(directory.path(), "av", avsync);
+    const ToolPublisher tool(directory.path(), "av", avsync);
     QString errors;
     const QJsonObject r = report({"--audio-device", "none"}, &errors);
     EXPECT_TRUE(errors.isEmpty()) << errors.toStdString();
@@ -113,7 +222,7 @@ TEST_F(ViewerPlayback, withoutADeviceThePictureDoesNotWait)
 
 TEST_F(ViewerPlayback, anUnknownDeviceIsToldInOneLine)
 {
-    const Tool tool(directory.path(), "av", avsync);
+    const ToolPublisher tool(directory.path(), "av", avsync);
     QString errors;
     const QJsonObject r = report({"--audio-device", "nosuchdevice"}, &errors);
     EXPECT_TRUE(errors.contains("'nosuchdevice'")) << errors.toStdString();
@@ -125,13 +234,14 @@ TEST_F(ViewerPlayback, anUnknownDeviceIsToldInOneLine)
 
 TEST_F(ViewerPlayback, withoutASoundServerThePictureGoesOn)
 {
-    const Tool tool(directory.path(), "av", avsync);
+    const ToolPublisher tool(directory.path(), "av", avsync);
     const QByteArray before = qgetenv("PULSE_SERVER");
     qputenv("PULSE_SERVER", "unix:" + directory.path().toUtf8() + "/none");
     QString errors;
     const QJsonObject r = report({}, &errors);
     qputenv("PULSE_SERVER", before);
     EXPECT_GT(r["frames"].toInt(), 50);
+    EXPECT_EQ(r["invalid"].toInt(-1), 0);
     if (!r["audio"].toObject()["device"].isNull())
         GTEST_SKIP() << "this machine has an audio device of its own";
     EXPECT_TRUE(errors.startsWith("zevqt-viewer: there is no sound")) << errors.toStdString();
@@ -140,8 +250,8 @@ TEST_F(ViewerPlayback, withoutASoundServerThePictureGoesOn)
 
 TEST_F(ViewerPlayback, soundFromAnotherStoreAndOneChannelOfIt)
 {
-    const Tool video(directory.path(), "av", {"test:", "--no-audio", "--size", "320x180"});
-    const Tool audio(directory.path(), "mic", {"test:", "--no-video", "--audio-rate", "44100"});
+    const ToolPublisher video(directory.path(), "av", {"test:", "--no-audio", "--size", "320x180"});
+    const ToolPublisher audio(directory.path(), "mic", {"test:", "--no-video", "--audio-rate", "44100"});
     const QJsonObject r = report({"--audio", "shm:///mic;1", "--audio-device", "c"});
     EXPECT_EQ(r["audio"].toObject()["device"].toString(), "c");
     EXPECT_EQ(r["audio"].toObject()["rate"].toInt(), 44100);
@@ -155,7 +265,7 @@ TEST_F(ViewerPlayback, aShortHistoryIsTold)
     QStringList few = avsync;
     few << "--history"
         << "4";
-    const Tool tool(directory.path(), "av", few);
+    const ToolPublisher tool(directory.path(), "av", few);
     ASSERT_TRUE(waitUntil([&] { return tool.hasFrame(); }));
     QJsonObject r;
     for (int i = 0; i < 3 && r["audio"].toObject()["history_short_ms"].toDouble() == 0.0; ++i)

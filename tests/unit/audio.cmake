@@ -34,3 +34,5 @@ zev_test(tst_audioreaderdrift SOURCES ${audio_unit}/tst_audioreaderdrift.cpp ${a
     LIBRARIES ${audio_libraries})
 zev_test(tst_audioplaybackwatch SOURCES ${audio_unit}/tst_audioplaybackwatch.cpp
     LIBRARIES Zev::zevqt-mm GTest::gtest_main)
+zev_test(tst_audioplaybackage SOURCES ${audio_unit}/tst_audioplaybackage.cpp
+    LIBRARIES Zev::zevqt-mm GTest::gtest_main)

@@ -74,6 +74,26 @@ TEST(AudioPlaybackWatch, ADeviceThatTakesNothingIsStuck)
     EXPECT_EQ(simulation.run(200 * ms), 1);
 }
 
+// A sink that was asleep has rendered silence ahead, and would again.
+TEST(AudioPlaybackWatch, ADeviceThatBeginsLateIsLeftAlone)
+{
+    Simulation simulation;
+    simulation.run(80 * ms);
+    simulation.isDeviceTaking = false;
+    EXPECT_EQ(simulation.run(5 * second), 0);
+    simulation.isDeviceTaking = true;
+    simulation.position = simulation.newest - 400 * ms;
+    EXPECT_EQ(simulation.run(600 * second), 0);
+}
+
+TEST(AudioPlaybackWatch, ADeviceThatNeverBeginsIsStuck)
+{
+    Simulation simulation;
+    simulation.run(80 * ms);
+    simulation.isDeviceTaking = false;
+    EXPECT_EQ(simulation.run(7 * second), 1);
+}
+
 TEST(AudioPlaybackWatch, ASourceThatIsSilentIsNoFault)
 {
     Simulation simulation;

@@ -1,6 +1,5 @@
-// What the viewer decides about sound, without any: ages, offsets, meters, when the picture is moved.
+// What the viewer decides about sound, without any: offsets, meters, when the picture is moved.
 
-#include "heardage.h"
 #include "levelmeter.h"
 #include "offsetstatistics.h"
 #include "picturefollower.h"
@@ -10,132 +9,6 @@
 namespace {
 
 constexpr qint64 second = 1000000;
-constexpr qint64 start = 1700000000 * second;
-
-// A device that reads a block every 80 ms, 400 ms behind at the most, and lets it be heard 250 ms later.
-class Player
-{
-public:
-    explicit Player(HeardAge &age) : m_age(age) {}
-    void play(qint64 forUs, bool isReading = true)
-    {
-        for (const qint64 end = now + forUs; now < end; now += 40000) {
-            if (isReading && now - m_read >= 80000) {
-                m_read = now;
-                position = now - 320000 + ahead;
-            }
-            m_age.report({now, now - 650000 + reportedAhead + m_noise, position, silence, jumps});
-            m_noise = m_noise == 0 ? 15000 : m_noise == 15000 ? -15000 : 0; // the median is right
-        }
-    }
-
-    qint64 now = start;
-    qint64 ahead = 0;         // the position against that of the beginning
-    qint64 reportedAhead = 0; // likewise
-    qint64 silence = 0;
-    int jumps = 0;
-    qint64 position = start - 400000;
-
-private:
-    HeardAge &m_age;
-    qint64 m_read = start - 80000;
-    qint64 m_noise = 0;
-};
-
-TEST(HeardAge, isKnownAfterASecondOfSteadyReading)
-{
-    HeardAge age;
-    EXPECT_FALSE(age.isKnown(start));
-    Player player(age);
-    player.play(900000);
-    EXPECT_FALSE(age.isKnown(player.now));
-    player.play(200000);
-    EXPECT_TRUE(age.isKnown(player.now));
-    EXPECT_NEAR(double(age.age()), 650000.0, 1000.0);
-}
-
-TEST(HeardAge, reportsOfNothingDoNotCount)
-{
-    HeardAge age;
-    for (int i = 0; i < 100; ++i)
-        age.report({start + i * 40000, 0, start, 0, 0});
-    EXPECT_FALSE(age.isKnown(start + 4 * second));
-}
-
-TEST(HeardAge, isForgottenWhenReportsStop)
-{
-    HeardAge age;
-    Player player(age);
-    player.play(2 * second);
-    EXPECT_TRUE(age.isKnown(player.now + 900000));
-    EXPECT_FALSE(age.isKnown(player.now + 1100000));
-}
-
-TEST(HeardAge, followsTheReadPositionWhateverTheReportsSay)
-{
-    HeardAge age;
-    Player player(age);
-    player.play(2 * second);
-    player.ahead = 50000; // it was slow, and jumped forward
-    player.jumps = 1;
-    player.play(2 * second);
-    EXPECT_TRUE(age.isKnown(player.now));
-    EXPECT_FALSE(age.isSpoiled());
-    EXPECT_NEAR(double(age.age()), 600000.0, 1000.0);
-    player.reportedAhead = 300000; // their smoothing at work
-    player.play(2 * second);
-    EXPECT_NEAR(double(age.age()), 600000.0, 1000.0);
-}
-
-TEST(HeardAge, aJumpAtTheBeginningSpoilsIt)
-{
-    HeardAge age;
-    age.restart(3);
-    Player player(age);
-    player.jumps = 3;
-    player.play(500000);
-    EXPECT_FALSE(age.isSpoiled());
-    player.jumps = 4;
-    player.play(2 * second);
-    EXPECT_TRUE(age.isSpoiled());
-    EXPECT_FALSE(age.isKnown(player.now));
-    age.restart(4);
-    EXPECT_FALSE(age.isSpoiled());
-}
-
-TEST(HeardAge, aDeviceThatTakesNothingYetIsWaitedFor)
-{
-    HeardAge age;
-    Player player(age);
-    player.play(3 * second, false);
-    EXPECT_FALSE(age.isKnown(player.now));
-    player.jumps = 1;
-    player.play(100000);
-    EXPECT_TRUE(age.isSpoiled());
-}
-
-TEST(HeardAge, isNotKnownWhileSilenceIsInserted)
-{
-    HeardAge age;
-    Player player(age);
-    player.play(2 * second);
-    player.silence = 20000;
-    player.play(40000);
-    EXPECT_FALSE(age.isKnown(player.now));
-    player.play(1200000);
-    EXPECT_TRUE(age.isKnown(player.now));
-}
-
-TEST(HeardAge, aClockThatWasSetBackLeavesNothingBehind)
-{
-    HeardAge age;
-    Player player(age);
-    player.play(2 * second);
-    player.now -= 3600 * second;
-    age.restart();
-    player.play(500000);
-    EXPECT_FALSE(age.isKnown(player.now));
-}
 
 constexpr PictureFollower::Store roomy{10000, 720000, 40000};
 
@@ -149,26 +22,86 @@ TEST(PictureFollower, tellsHalfAnIntervalMoreThanTheAge)
     EXPECT_FALSE(follower.update(200000, 450000, roomy));
 }
 
+// Pictures of one age, 25 a second, asked about five times a second.
+class Pictures
+{
+public:
+    explicit Pictures(PictureFollower &follower) : m_follower(follower) {}
+    // True when the follower wants to move, which ends it.
+    bool show(qint64 forUs, qint64 pictureAge, qint64 soundAge = 450000,
+              const PictureFollower::Store &store = roomy)
+    {
+        for (const qint64 end = now + forUs; now < end;) {
+            now += 40000;
+            m_follower.handedOut(now, pictureAge);
+            if (now % 200000 == 0 && m_follower.update(now, soundAge, store))
+                return true;
+        }
+        return false;
+    }
+    qint64 now = 0;
+
+private:
+    PictureFollower &m_follower;
+};
+
 TEST(PictureFollower, movesOnlyForALastingDifference)
 {
     PictureFollower follower;
+    Pictures pictures(follower);
     follower.update(0, 450000, roomy);
-    EXPECT_FALSE(follower.update(20 * second, 479000, roomy)); // less than half an interval and 10 ms
-    EXPECT_FALSE(follower.update(21 * second, 485000, roomy));
-    EXPECT_FALSE(follower.update(23 * second, 450000, roomy)); // it came back
-    EXPECT_FALSE(follower.update(24 * second, 485000, roomy));
-    EXPECT_FALSE(follower.update(26 * second, 485000, roomy));
-    EXPECT_TRUE(follower.update(27 * second, 485000, roomy));
-    EXPECT_EQ(follower.target(), 505000);
+    EXPECT_FALSE(pictures.show(20 * second, 450000 + 24000)); // half an interval and 4 ms
+    EXPECT_FALSE(pictures.show(20 * second, 450000 - 24000));
+    EXPECT_FALSE(pictures.show(2 * second, 450000 + 25000));
+    EXPECT_FALSE(pictures.show(2 * second, 450000)); // it came back
+    EXPECT_FALSE(pictures.show(3 * second, 450000 + 25000));
+    EXPECT_TRUE(pictures.show(1 * second, 450000 + 25000));
+    EXPECT_EQ(follower.target(), 470000);
 }
 
-TEST(PictureFollower, movesAreTenSecondsApart)
+TEST(PictureFollower, movesWithTheSound)
 {
     PictureFollower follower;
-    follower.update(second, 450000, roomy);
-    EXPECT_FALSE(follower.update(2 * second, 350000, roomy));
-    EXPECT_FALSE(follower.update(10 * second, 350000, roomy));
-    EXPECT_TRUE(follower.update(11 * second, 350000, roomy));
+    Pictures pictures(follower);
+    follower.update(0, 450000, roomy);
+    EXPECT_FALSE(pictures.show(20 * second, 450000));
+    EXPECT_TRUE(pictures.show(4 * second, 450000, 500000));
+    EXPECT_EQ(follower.target(), 520000);
+}
+
+TEST(PictureFollower, movesAreTenSecondsApartAfterTheFirst)
+{
+    PictureFollower follower;
+    Pictures pictures(follower);
+    follower.update(0, 450000, roomy);
+    EXPECT_TRUE(pictures.show(5 * second, 350000));
+    const qint64 first = pictures.now;
+    EXPECT_FALSE(pictures.show(4 * second, 450000)); // it helped
+    pictures.show(7 * second, 450000);
+    EXPECT_TRUE(pictures.show(5 * second, 350000));
+    EXPECT_GE(pictures.now - first, 10 * second);
+}
+
+TEST(PictureFollower, movesThatDoNotHelpBecomeRare)
+{
+    PictureFollower follower;
+    Pictures pictures(follower);
+    follower.update(0, 450000, roomy);
+    int moves = 0;
+    for (const qint64 hour = 3600 * second; pictures.now < hour;)
+        moves += pictures.show(hour - pictures.now, 350000) ? 1 : 0;
+    EXPECT_LT(moves, 20);
+    EXPECT_GT(moves, 10);
+}
+
+TEST(PictureFollower, aSinglePictureIsNoDifference)
+{
+    PictureFollower follower;
+    follower.update(0, 450000, roomy);
+    for (qint64 now = second; now < 20 * second; now += second) {
+        follower.handedOut(now, 350000);
+        EXPECT_FALSE(follower.update(now, 450000, roomy));
+    }
 }
 
 TEST(PictureFollower, newSoundMovesAtOnce)
@@ -183,14 +116,18 @@ TEST(PictureFollower, newSoundMovesAtOnce)
 TEST(PictureFollower, thePictureIsNoOlderThanTheStoresHistory)
 {
     PictureFollower follower;
+    Pictures pictures(follower);
     // Eight frames of 25 a second: 280 ms, of which 80 are kept.
-    EXPECT_TRUE(follower.update(0, 450000, {10000, 280000, 40000}));
+    const PictureFollower::Store small{10000, 280000, 40000};
+    EXPECT_TRUE(follower.update(0, 450000, small));
     EXPECT_EQ(follower.target(), 210000 + 20000);
     EXPECT_EQ(follower.shortfall(), 240000);
+    // It moves with the newest picture's age, which is nothing to follow.
+    EXPECT_FALSE(pictures.show(20 * second, 240000, 450000, small));
     // A longer one comes.
-    EXPECT_FALSE(follower.update(11 * second, 450000, roomy));
-    EXPECT_TRUE(follower.update(14 * second, 450000, roomy));
+    EXPECT_TRUE(pictures.show(5 * second, 240000));
     EXPECT_EQ(follower.shortfall(), 0);
+    EXPECT_EQ(follower.target(), 470000);
 }
 
 TEST(PictureFollower, waitsForASourceWithARate)

@@ -1,0 +1,259 @@
+// Whether the viewer's picture comes with its sound: a flash and a beep at every full second, the flash as it
+// is handed out, the beep as the sink plays it.
+
+#include "monitorrecorder.h"
+#include "pulseserver.h"
+#include "stallwatch.h"
+#include "toolpublisher.h"
+#include "viewerrig.h"
+
+#include "options.h"
+#include "viewer.h"
+#include "wallclock.h"
+
+#include <zevqt-mm/mediaprovider.h>
+
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QTimer>
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+
+namespace {
+
+PulseServer *server = nullptr;
+
+constexpr double secondUs = 1e6;
+constexpr int portionMs = 20; // in which the sink is to work, as a sound card does
+constexpr int measuredS = 30;
+constexpr int longestS = 75;
+constexpr int fewestPairs = 20;
+// Whoever waits so long for a processor hands out late, whatever the program does.
+constexpr double stalledMs = 8.0;
+// And then the sound is interrupted, and the picture takes its time to come with it again.
+constexpr double interruptedMs = 60.0;
+constexpr double recoveryUs = 8e6;
+
+struct Case
+{
+    const char *name;
+    double fps;
+    const char *sink;
+    int rate;
+};
+
+void PrintTo(const Case &c, std::ostream *out)
+{
+    *out << c.name;
+}
+
+struct HandOut
+{
+    double at;
+    double timestamp;
+    bool isFlash;
+    double account; // the viewer's, of the age of what is heard; 0: unknown
+};
+
+double percentileOf(std::vector<double> values, double share)
+{
+    if (values.empty())
+        return 0.0;
+    std::sort(values.begin(), values.end());
+    return values[std::size_t(share * double(values.size() - 1) + 0.5)];
+}
+
+// The left edge of the stage, where nothing is drawn but the flash.
+bool isFlash(QVideoFrame frame)
+{
+    if (!frame.map(QAbstractVideoBuffer::ReadOnly))
+        return false;
+    const bool isWhite = frame.bits(0)[frame.bytesPerLine(0) * (frame.height() / 2) + 4] > 200;
+    frame.unmap();
+    return isWhite;
+}
+
+class ViewerSync : public testing::TestWithParam<Case>
+{
+protected:
+    void SetUp() override
+    {
+        if (!server)
+            GTEST_SKIP() << "no sound server: is pulseaudio installed?";
+    }
+    // Runs the event loop for so long, or until the condition is true.
+    static bool run(int ms, const std::function<bool()> &until = {})
+    {
+        QTimer waker; // or there may be no event to wait for
+        waker.start(50);
+        for (QDeadlineTimer deadline(ms); !deadline.hasExpired();) {
+            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+            if (until && until())
+                return true;
+        }
+        return false;
+    }
+    void watch(const Viewer *viewer)
+    {
+        QObject::connect(viewer->provider(), &MediaProvider::videoReady, viewer,
+                         [this, viewer](const QVideoFrame &frame) {
+                             const qint64 now = wallClockUs();
+                             const AudioPlaybackAge &heard = viewer->sound()->heardAge();
+                             handOuts.push_back({double(now), double(frame.startTime()), isFlash(frame),
+                                                 heard.isKnown(now) ? double(heard.age()) : 0.0});
+                         });
+    }
+    // Beeps in the recording, which begin at full amplitude.
+    static std::vector<double> beepsOf(const MonitorRecorder &recorder, int rate)
+    {
+        std::vector<double> beeps;
+        const std::vector<int16_t> &samples = recorder.samples();
+        int quiet = 0;
+        for (std::size_t i = 0; i < samples.size(); ++i) {
+            if (samples[i] < 3000) {
+                ++quiet;
+                continue;
+            }
+            if (quiet > rate / 2)
+                beeps.push_back(recorder.heardAt(i));
+            quiet = 0;
+        }
+        return beeps;
+    }
+
+    bool isFirstOfFlash(std::size_t i) const
+    {
+        return i > 0 && handOuts[i].isFlash && !handOuts[i - 1].isFlash;
+    }
+    bool isSpoiled(double at)
+    {
+        return stalls.worstMs(at - 60000, at + 2000) > stalledMs ||
+               stalls.worstMs(at - recoveryUs, at) > interruptedMs;
+    }
+    int flashesSince(double from)
+    {
+        int result = 0;
+        for (std::size_t i = 0; i < handOuts.size(); ++i)
+            result += isFirstOfFlash(i) && handOuts[i].at >= from && !isSpoiled(handOuts[i].at) ? 1 : 0;
+        return result;
+    }
+
+    StallWatch stalls;
+    const QTemporaryDir directory{QStringLiteral("/tmp/zev-XXXXXX")};
+    std::vector<HandOut> handOuts;
+};
+
+INSTANTIATE_TEST_SUITE_P(All, ViewerSync,
+                         testing::Values(Case{"fps25rate48000", 25.0, "a", 48000},
+                                         Case{"fps25rate44100", 25.0, "b", 44100},
+                                         Case{"fps60rate48000", 60.0, "a", 48000},
+                                         Case{"fps60rate44100", 60.0, "b", 44100}),
+                         [](const auto &test) { return test.param.name; });
+
+TEST_P(ViewerSync, theFlashComesWithItsBeep)
+{
+    const Case c = GetParam();
+    const double intervalUs = secondUs / c.fps;
+    qputenv("ZEV_SHM_DIR", directory.path().toUtf8());
+    MonitorRecorder recorder;
+    ASSERT_TRUE(recorder.start(c.sink, c.rate, portionMs));
+    const ToolPublisher publisher(directory.path(), "av",
+                                  {"test:avsync", "--size", "320x180", "--fps", QString::number(c.fps)});
+    ASSERT_TRUE(waitUntil([&] { return publisher.hasFrame(); }));
+    // The store has sound for the whole delay, and the sink has played what it had rendered ahead when nobody
+    // listened.
+    run(3000);
+
+    Options options;
+    options.video = QUrl(QStringLiteral("shm:///av"));
+    options.headless = true;
+    options.audioDevice = QLatin1String(c.sink);
+    auto viewer = std::make_unique<Viewer>(options, 0.0);
+    watch(viewer.get());
+    viewer->start();
+    // From when the picture follows on, and the correction that may come after three seconds was made.
+    ASSERT_TRUE(run(20000, [&] { return viewer->figures().offsets > 0; }));
+    const double followedAt = double(wallClockUs());
+    run(8000);
+    const double from = double(wallClockUs());
+    run(measuredS * 1000);
+    run((longestS - measuredS) * 1000, [&] { return flashesSince(from) >= fewestPairs + 2; });
+    const ViewerFigures figures = viewer->figures();
+    viewer->stop();
+    viewer.reset();
+    recorder.stop();
+
+    // Every flash's first picture with the beep of the same second.
+    const std::vector<double> beeps = beepsOf(recorder, c.rate);
+    std::vector<double> offsets;
+    std::vector<double> sizes;
+    int spoiled = 0;
+    double heardAge = 0.0;
+    const bool isVerbose = qEnvironmentVariableIsSet("ZEV_TEST_VERBOSE");
+    for (std::size_t i = 1; i < handOuts.size(); ++i) {
+        const HandOut &flash = handOuts[i];
+        if (!isFirstOfFlash(i) || flash.at < from)
+            continue;
+        const double second = std::floor(flash.timestamp / secondUs) * secondUs;
+        const auto beep = std::find_if(beeps.begin(), beeps.end(),
+                                       [&](double at) { return at > second && at < second + secondUs; });
+        const bool isFirst = flash.timestamp - second < intervalUs / 2;
+        if (beep == beeps.end() || !isFirst || isSpoiled(flash.at)) {
+            ++spoiled;
+            continue;
+        }
+        heardAge = *beep - second;
+        if (isVerbose)
+            std::printf("%6.1f s: heard after %.1f ms, by the viewer's account %.1f, picture after %.1f\n",
+                        (flash.at - from) / 1e6, heardAge / 1e3, flash.account / 1e3,
+                        (flash.at - flash.timestamp) / 1e3);
+        offsets.push_back((*beep - flash.at) / 1000.0);
+        sizes.push_back(std::abs(offsets.back()));
+    }
+    // All pictures, against the age of the last beep before: what the report is about.
+    std::vector<double> all;
+    std::vector<double> allSizes;
+    for (const HandOut &picture : handOuts) {
+        const auto beep = std::lower_bound(beeps.begin(), beeps.end(), picture.at);
+        if (picture.at < followedAt || beep == beeps.begin() || beep[-1] == 0.0)
+            continue;
+        const double age = std::fmod(beep[-1], secondUs);
+        all.push_back((age - (picture.at - picture.timestamp)) / 1000.0);
+        allSizes.push_back(std::abs(all.back()));
+    }
+    const double p95 = percentileOf(sizes, 0.95);
+    std::printf("%zu pairs, %d spoiled: p50 %.1f ms, p95 of the size %.1f ms, worst %.1f ms; sound heard "
+                "after %.1f ms; accounts of it within %.2f ms\n",
+                offsets.size(), spoiled, percentileOf(offsets, 0.5), p95, percentileOf(sizes, 1.0),
+                heardAge / 1000.0, recorder.spreadUs() / 1000.0);
+    std::printf("all pictures: p50 %.1f ms, p95 of the size %.1f ms; the viewer's own account: %.1f and "
+                "%.1f ms of %llu; starts %d, silence %.0f ms, history short %.0f ms, stalls up to %.0f ms\n",
+                percentileOf(all, 0.5), percentileOf(allSizes, 0.95), figures.offsetP50Ms,
+                figures.offsetP95Ms, (unsigned long long)figures.offsets, figures.sound.starts,
+                double(figures.sound.silenceUs) / 1000.0, double(figures.historyShortUs) / 1000.0,
+                stalls.worstMs());
+    if (flashesSince(from) < fewestPairs)
+        GTEST_SKIP() << "this machine let nobody be in time for long enough";
+    ASSERT_GE(offsets.size(), std::size_t(fewestPairs - 3));
+    EXPECT_LE(p95, intervalUs / 2000.0 + 10.0);
+    // Where the server converts the rate, what it keeps to itself varies by up to 20 ms.
+    const double agreement = c.rate == 48000 ? 8.0 : 22.0;
+    EXPECT_NEAR(figures.offsetP50Ms, percentileOf(all, 0.5), agreement);
+    EXPECT_NEAR(figures.offsetP95Ms, percentileOf(allSizes, 0.95), agreement);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    testing::InitGoogleTest(&argc, argv);
+    PulseServer own; // before Qt looks for a server
+    if (own.start())
+        server = &own;
+    QCoreApplication application(argc, argv);
+    return RUN_ALL_TESTS();
+}
