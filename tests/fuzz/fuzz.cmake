@@ -5,8 +5,8 @@ if(NOT ZEV_CLANGXX)
     message(STATUS "No clang++: the fuzzers are not built; install clang")
     return()
 endif()
-if(ZEV_SANITIZE OR NOT CMAKE_GENERATOR MATCHES Ninja)
-    return() # once is enough, and has its own sanitizers
+if(ZEV_SANITIZE OR CMAKE_CROSSCOMPILING OR NOT CMAKE_GENERATOR MATCHES Ninja)
+    return() # once is enough, here, and has its own sanitizers
 endif()
 
 # zev_fuzzer(NAME corpus folder, sources of the library): builds tests/fuzz/NAME.cpp with them, registers it as a test.

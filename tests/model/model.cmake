@@ -47,6 +47,9 @@ if(NOT ZEV_SANITIZE)
 endif()
 
 # The library once more, with its atomics and named steps in the hands of tests.
+if(NOT TARGET shm_objects)
+    return() # an installed libshm is used, whose sources are not here
+endif()
 get_target_property(stepped_sources shm_objects SOURCES)
 list(TRANSFORM stepped_sources PREPEND ${PROJECT_SOURCE_DIR}/platform/shm/)
 add_library(shm_stepped STATIC EXCLUDE_FROM_ALL ${stepped_sources} model/steps.cpp model/steps.h)
