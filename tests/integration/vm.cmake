@@ -115,7 +115,7 @@ endif()
 set(rig_cameras "vivid=n_devs=2 node_types=0x1,0x1 multiplanar=1,2")
 set(camera_sources ${rig}/camerafixture.cpp ${rig}/camerafixture.h ${rig}/virtualcamera.cpp ${rig}/virtualcamera.h
     ${rig}/externaltexture.cpp ${rig}/externaltexture.h)
-foreach(test tst_cameracapture tst_camerarecovery)
+foreach(test tst_cameracapture tst_camerabuffers tst_camerarecovery)
     zev_rig_test(${test} MODULE ${rig_cameras}
         SOURCES ${rig}/${test}.cpp ${camera_sources}
         LIBRARIES Zev::zevqt-mm Zev::zevmm Qt5::Gui Qt5::Test)
