@@ -23,6 +23,8 @@ using zevqml::YuvNode;
 
 namespace {
 
+constexpr qint64 cameraPauseMs = 500;
+
 zevqml::FillGeometry geometryOf(LiveVideo::FillMode mode, const QSizeF &item, const QSizeF &video)
 {
     switch (mode) {
@@ -83,7 +85,11 @@ void LiveVideo::setSource(QObject *source)
             if (m_videoState == Live)
                 setVideoState(Idle);
         };
-        connect(provider, &MediaProvider::videoIdle, this, becomeIdle);
+        connect(provider, &MediaProvider::videoIdle, this, [this, becomeIdle] {
+            // A camera has nothing new for every tick between two of its frames.
+            if (!EglImageTexture::isBorrowed(m_frame) || m_sinceFrame.hasExpired(cameraPauseMs))
+                becomeIdle();
+        });
         connect(provider, &QObject::destroyed, this, [this, becomeIdle] {
             m_hooks->detach();
             becomeIdle();
@@ -157,6 +163,7 @@ void LiveVideo::take(const QVideoFrame &frame)
     if (m_hooks->areFramesStale() && EglImageTexture::isBorrowed(frame))
         return;
     m_frame = frame;
+    m_sinceFrame.start();
     m_frameGeneration = m_hooks->generation();
     m_image = QImage();
     pictureChanged(frame.size());

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QElapsedTimer>
 #include <QImage>
 #include <QPointer>
 #include <QQuickItem>
@@ -34,7 +35,7 @@ class SourceHooks;
  * What is to be seen is told by videoState (`state` is an item's already):
  *   Waiting    no picture has come yet
  *   Live       the newest picture is the source's, or was handed over by present() or presentImage()
- *   Idle       the source has nothing new, or is gone; its last picture stays
+ *   Idle       the source has nothing new, a camera for half a second, or is gone; its last picture stays
  *   NoSignal   the source has had nothing new for the provider's delay: the picture that stands in for it is
  *              shown, its last one where the provider has none
  * A provider of images tells no idleness: Live is followed by NoSignal there.
@@ -151,6 +152,7 @@ private:
 
     // The newest picture: one of the two. The serial tells the scene graph's node whether it has it already.
     QVideoFrame m_frame;
+    QElapsedTimer m_sinceFrame;
     quint64 m_frameGeneration = 0; // of the source's GL resources, when the frame came
     QImage m_image;
     quint64 m_serial = 0;

@@ -15,6 +15,7 @@
 
 #include <QAbstractVideoBuffer>
 #include <QDeadlineTimer>
+#include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QOpenGLContext>
 #include <QQuickWindow>
@@ -333,6 +334,27 @@ TEST_F(CameraItem, aFrameThatOnlyTheGpuCouldShowIsAProblem)
     window->grabWindow();
     EXPECT_TRUE(waitUntil([&] { return item->problem().isEmpty(); }));
     EXPECT_EQ(item->framePath(), LiveVideo::Converted);
+}
+
+TEST_F(CameraItem, betweenTwoFramesItIsNotIdle)
+{
+    provider->enableVideoFrames();
+    item->setSource(provider.get());
+    char image;
+    FakeZevmm::instance().offer(&image);
+    QElapsedTimer clock;
+    clock.start();
+    provider->getTimeline()->externalTick(0);
+    EXPECT_EQ(item->videoState(), LiveVideo::Live);
+    provider->getTimeline()->externalTick(0); // for which there is no frame
+    const auto state = item->videoState();
+    const bool isOver = clock.elapsed() >= 400; // on a machine that is very busy half a second may be
+    EXPECT_TRUE(state == LiveVideo::Live || isOver);
+    EXPECT_TRUE(waitUntil([&] {
+        provider->getTimeline()->externalTick(0);
+        return item->videoState() == LiveVideo::Idle;
+    }));
+    EXPECT_GE(clock.elapsed(), 500);
 }
 
 TEST_F(CameraItem, aProviderThatGoesBeforeItsItemIsLetGo)
