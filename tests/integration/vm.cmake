@@ -68,6 +68,7 @@ function(zev_rig_test name)
         set_tests_properties(${test} PROPERTIES
             LABELS vm TIMEOUT 300 SKIP_RETURN_CODE 77 FIXTURES_REQUIRED rig RESOURCE_LOCK vm PROCESSORS 2)
         zev_test_environment(${test})
+        set_property(TEST ${test} APPEND PROPERTY ENVIRONMENT "RIG_ARTIFACTS=${PROJECT_BINARY_DIR}/artifacts")
     endforeach()
 endfunction()
 
@@ -126,4 +127,25 @@ if(ZEV_BUILD_TOOLS)
         LIBRARIES Zev::shm Qt5::Core Qt5::Test)
     target_compile_definitions(tst_camerapublish PRIVATE ZEVSHM_PROGRAM="$<TARGET_FILE:zevshm>")
     add_dependencies(tst_camerapublish zevshm)
+endif()
+if(TARGET Zev::items)
+    zev_rig_test(tst_cameraitem MODULE ${rig_cameras}
+        SOURCES ${rig}/tst_cameraitem.cpp ${rig}/colorbars.cpp ${rig}/colorbars.h ${recorded_egl} ${camera_sources}
+            ${rig}/itemrenderer.cpp ${rig}/itemrenderer.h
+        LIBRARIES Zev::items Zev::zevmm Qt5::Test ${CMAKE_DL_LIBS}
+        VM_PARTS hooks=opensBetweenTheHooks,startsAHundredTimes,deliversTheNewest
+            picture=showsTheColors,survivesTheLossOfItsContext,isStoppedWhenNobodyShowsIt,goneAndBack)
+    set_target_properties(tst_cameraitem PROPERTIES ENABLE_EXPORTS ON)
+    if(ZEV_BUILD_EXAMPLES)
+        zev_rig_test(tst_viewerofcamera MODULE ${rig_cameras}
+            SOURCES ${rig}/tst_viewerofcamera.cpp ${rig}/colorbars.cpp ${rig}/colorbars.h ${rig}/virtualcamera.cpp
+                ${rig}/virtualcamera.h integration/xvfbserver.cpp
+            LIBRARIES Zev::zevmm Qt5::Gui Qt5::Test
+            VM_PARTS picture=showsIt return=outlivesDisconnection refusal=aBusyOneEndsIt,listsThem)
+        target_include_directories(tst_viewerofcamera PRIVATE integration)
+        target_compile_definitions(tst_viewerofcamera PRIVATE
+            VIEWER="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/zevqt-viewer"
+            PBUFFERWINDOW="$<TARGET_FILE:pbufferwindow>")
+        add_dependencies(tst_viewerofcamera zevqt-viewer pbufferwindow)
+    endif()
 endif()
