@@ -8,6 +8,7 @@
 #include <QtTest/QtTest>
 
 #include <stdexcept>
+#include <thread>
 
 namespace {
 
@@ -46,7 +47,7 @@ public:
             [this](const QVideoFrame &frame) {
                 order << (frame.isValid() ? "frame" : "no frame");
                 frames << frame;
-                threads << QThread::currentThread();
+                threads << std::this_thread::get_id();
             },
             Qt::DirectConnection);
         connect(
@@ -59,7 +60,7 @@ public:
 
     QStringList order;
     QVector<QVideoFrame> frames;
-    QVector<QThread *> threads;
+    QVector<std::thread::id> threads;
 };
 
 } // namespace
@@ -408,10 +409,12 @@ void tst_V4L2MediaSource::deliversInTheThreadThatAsks()
     Answers answers(&source);
     char image;
     library.images << &image;
-    std::unique_ptr<QThread> thread(QThread::create([&] { source.requestVideoAudio(0); }));
-    thread->start();
-    QVERIFY(thread->wait(60000));
-    QCOMPARE(answers.threads, QVector<QThread *>({thread.get()}));
+    // Not Qt's: the thread sanitizer does not see into those.
+    std::thread thread([&] { source.requestVideoAudio(0); });
+    const std::thread::id asking = thread.get_id();
+    thread.join();
+    QCOMPARE(answers.threads.size(), 1);
+    QVERIFY(answers.threads.first() == asking);
 }
 
 void tst_V4L2MediaSource::otherRequests_data()
