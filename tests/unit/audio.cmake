@@ -18,6 +18,13 @@ foreach(function swr_alloc swr_init swr_convert swr_free)
     target_link_options(tst_audioreader PRIVATE LINKER:--wrap=${function})
 endforeach()
 
+zev_test(tst_resampleroptions SOURCES ${audio_unit}/tst_resampleroptions.cpp
+    LIBRARIES zevqt-mm-objects Zev::shm Zev::zevmm Zev::zevqt-utils Zev::audio-level PkgConfig::FFMPEG
+        GTest::gtest_main)
+foreach(function int double sample_fmt channel_layout chlayout)
+    target_link_options(tst_resampleroptions PRIVATE LINKER:--wrap=av_opt_set_${function})
+endforeach()
+
 zev_test(tst_audiolevels SOURCES ${audio_unit}/tst_audiolevels.cpp LIBRARIES Zev::zevqt-mm Qt5::Test)
 
 # The player over devices of the test's own and a clock that is set at will.
