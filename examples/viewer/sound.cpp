@@ -93,14 +93,8 @@ void Sound::check()
             m_delay = newest - (wallNow - m_age.age());
         return;
     }
-    if (isActive && m_hasStarted) {
-        const qint64 reserve = m_watch.reserve();
-        complain(
-            reserve >= 0 && reserve <= 1000
-                ? QStringLiteral("the sound has run dry (its source stopped, or its clock is slower than the "
-                                 "device's): starting it again")
-                : QStringLiteral("%1 takes no more sound: starting it again").arg(m_playedOn));
-    }
+    if (isActive && m_hasStarted)
+        complain(whyStartedAgain());
     m_watch.begin(now); // a failure counts as an attempt too
     tryStart();
 }
@@ -183,6 +177,19 @@ void Sound::onStopped()
         complain(whyStopped());
     m_hasStarted = m_hasStarted && m_isStopping;
     emit changed();
+}
+
+QString Sound::whyStartedAgain() const
+{
+    switch (m_watch.reason()) {
+    case AudioPlaybackWatch::SourceBack:
+        return QStringLiteral("the source of the sound was away and is back: starting the sound again");
+    case AudioPlaybackWatch::Dry:
+        return QStringLiteral("the sound has run dry (the clock of its source is slower than the device's): "
+                              "starting it again");
+    default:
+        return QStringLiteral("%1 takes no more sound: starting it again").arg(m_playedOn);
+    }
 }
 
 QString Sound::whyStopped()

@@ -89,6 +89,7 @@ private:
     bool selectDevice();
     void onStopped();
     QString whyStopped();
+    QString whyStartedAgain() const;
     bool isDeviceThere() const;
     bool followDevice();
     void complain(const QString &text);

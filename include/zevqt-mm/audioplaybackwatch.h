@@ -34,8 +34,19 @@
 class ZEVQTMM_EXPORT AudioPlaybackWatch
 {
 public:
+    /*! Why it asks for a new start. */
+    enum Reason {
+        None,       // it does not
+        Stopped,    // the player does not play
+        Stuck,      // the device takes no more sound
+        Dry,        // the reserve has run out
+        SourceBack, // the source was away and has returned
+    };
+
     void begin(qint64 now);
     bool check(qint64 now, bool isActive, qint64 readPosition, qint64 newest);
+    /*! Of the last check(); None since begin(). */
+    Reason reason() const { return lastReason; }
     /*! Smallest reserve in the last whole second; -1 while it is not known. */
     qint64 reserve() const { return lastReserve; }
 
@@ -43,6 +54,7 @@ private:
     void followSource(qint64 now, qint64 newest);
     void closeWindow(qint64 now);
     bool mayRestart(qint64 now) const;
+    Reason findReason(qint64 now, bool isActive, qint64 readPosition, qint64 newest);
 
     qint64 started = 0;
     qint64 backoff = 0;
@@ -58,6 +70,7 @@ private:
     qint64 lastNews = 0; // when the source last had something new
     bool isSourceAway = false;
     bool isSourceBack = false;
+    Reason lastReason = None;
 };
 
 #endif

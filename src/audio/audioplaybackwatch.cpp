@@ -34,6 +34,7 @@ void AudioPlaybackWatch::begin(qint64 now)
     lastNews = now;
     isSourceAway = false;
     isSourceBack = false;
+    lastReason = None;
 }
 
 bool AudioPlaybackWatch::mayRestart(qint64 now) const
@@ -43,9 +44,17 @@ bool AudioPlaybackWatch::mayRestart(qint64 now) const
 
 bool AudioPlaybackWatch::check(qint64 now, bool isActive, qint64 readPosition, qint64 newest)
 {
+    const Reason reason = findReason(now, isActive, readPosition, newest);
+    lastReason = mayRestart(now) ? reason : None;
+    return lastReason != None;
+}
+
+AudioPlaybackWatch::Reason AudioPlaybackWatch::findReason(qint64 now, bool isActive, qint64 readPosition,
+                                                          qint64 newest)
+{
     followSource(now, newest);
     if (!isActive)
-        return mayRestart(now);
+        return Stopped;
     if (readPosition != lastPosition || newest == 0 || newest == newestThen) {
         // It moves, or there is nothing new to move to.
         if (readPosition != lastPosition || newest == 0)
@@ -53,7 +62,7 @@ bool AudioPlaybackWatch::check(qint64 now, bool isActive, qint64 readPosition, q
         lastPosition = readPosition;
         lastMove = now;
     } else if (now - lastMove >= (lastMove - started < second ? lateAfter : stuckAfter)) {
-        return mayRestart(now);
+        return Stuck;
     }
 
     if (readPosition > 0 && newest > 0 && !isSourceAway) {
@@ -62,7 +71,9 @@ bool AudioPlaybackWatch::check(qint64 now, bool isActive, qint64 readPosition, q
     }
     if (now - windowStart >= second)
         closeWindow(now);
-    return (isSourceBack || dryWindows >= dryWindowsToRestart) && mayRestart(now);
+    if (isSourceBack)
+        return SourceBack;
+    return dryWindows >= dryWindowsToRestart ? Dry : None;
 }
 
 // Away is only what was seen to be: whoever does not look for a second has missed nothing.

@@ -11,6 +11,7 @@
 #include <QThread>
 
 #include <algorithm>
+#include <memory>
 
 namespace {
 
@@ -162,6 +163,25 @@ TEST_F(ViewerPlayback, soundReturnsWithTheServer)
     const QJsonObject r = readJson(file("r.json"));
     EXPECT_GE(r["audio"].toObject()["restarts"].toInt(), 1);
     EXPECT_EQ(r["no_signal_frames"].toInt(-1), 0);
+}
+
+TEST_F(ViewerPlayback, soundReturnsWithItsSource)
+{
+    keepAwake("a");
+    const QStringList test{"test:", "--size", "320x180"};
+    auto tool = std::make_unique<ToolPublisher>(directory.path(), "av", test);
+    ASSERT_TRUE(waitUntil([&] { return tool->hasFrame(); }));
+    ViewerRun run(headless(), {"shm:///av", "--headless", "--audio-device", "a", "--report", file("r.json")});
+    ASSERT_TRUE(waitUntil([] { return isHeard("a"); }));
+    tool.reset();
+    QThread::msleep(5000); // longer than a device may take nothing
+    tool = std::make_unique<ToolPublisher>(directory.path(), "av", test);
+    EXPECT_TRUE(waitUntil([&] { return run.errors().contains("the source of the sound was away"); }));
+    EXPECT_TRUE(waitUntil([] { return isHeard("a"); }));
+    run.terminate();
+    EXPECT_EQ(run.wait(), 0);
+    EXPECT_FALSE(run.errors().contains("takes no more sound")) << run.errors().toStdString();
+    EXPECT_GE(readJson(file("r.json"))["audio"].toObject()["restarts"].toInt(), 1);
 }
 
 TEST_F(ViewerPlayback, aStoreWithoutSoundIsNoFault)

@@ -17,6 +17,7 @@ struct Simulation
     bool isActive = true;
     bool isSourceAlive = true;
     bool isDeviceTaking = true;
+    AudioPlaybackWatch::Reason reason = AudioPlaybackWatch::None; // of the last restart
 
     Simulation() { watch.begin(now); }
 
@@ -32,9 +33,12 @@ struct Simulation
                 position = qMin(newest, position + 40 * ms + reserveDrift);
             if (watch.check(now, isActive, position, newest)) {
                 ++restarts;
+                reason = watch.reason();
+                EXPECT_NE(reason, AudioPlaybackWatch::None);
                 position = newest - 150 * ms;
                 watch.begin(now);
             }
+            EXPECT_EQ(watch.reason(), AudioPlaybackWatch::None);
         }
         return restarts;
     }
@@ -44,6 +48,7 @@ TEST(AudioPlaybackWatch, LeavesAHealthyPlayerAlone)
 {
     Simulation simulation;
     EXPECT_EQ(simulation.run(3600 * second), 0);
+    EXPECT_EQ(simulation.reason, AudioPlaybackWatch::None);
     EXPECT_EQ(simulation.watch.reserve(), 150 * ms);
 }
 
@@ -53,6 +58,7 @@ TEST(AudioPlaybackWatch, StartsAStoppedPlayerLessAndLessOften)
     simulation.isActive = false;
     EXPECT_EQ(simulation.run(960 * ms), 0);
     EXPECT_EQ(simulation.run(40 * ms), 1);
+    EXPECT_EQ(simulation.reason, AudioPlaybackWatch::Stopped);
     // 2, 4, 8, 16 and then every 30 s.
     EXPECT_EQ(simulation.run(31 * second), 4);
     EXPECT_EQ(simulation.run(301 * second), 10);
@@ -72,6 +78,7 @@ TEST(AudioPlaybackWatch, ADeviceThatTakesNothingIsStuck)
     simulation.isDeviceTaking = false;
     EXPECT_EQ(simulation.run(2900 * ms), 0);
     EXPECT_EQ(simulation.run(200 * ms), 1);
+    EXPECT_EQ(simulation.reason, AudioPlaybackWatch::Stuck);
 }
 
 // A sink that was asleep has rendered silence ahead, and would again.
@@ -92,6 +99,7 @@ TEST(AudioPlaybackWatch, ADeviceThatNeverBeginsIsStuck)
     simulation.run(80 * ms);
     simulation.isDeviceTaking = false;
     EXPECT_EQ(simulation.run(7 * second), 1);
+    EXPECT_EQ(simulation.reason, AudioPlaybackWatch::Stuck);
 }
 
 TEST(AudioPlaybackWatch, ASourceThatIsSilentIsNoFault)
@@ -117,7 +125,34 @@ TEST(AudioPlaybackWatch, ASourceThatReturnsIsStartedAnewOnce)
     simulation.newest += 10 * second;
     simulation.position = simulation.newest - 400 * ms;
     EXPECT_EQ(simulation.run(60 * second), 1);
+    EXPECT_EQ(simulation.reason, AudioPlaybackWatch::SourceBack);
     EXPECT_EQ(simulation.watch.reserve(), 150 * ms);
+}
+
+// The read position stands still as long as the source is away: that is not the device's fault.
+TEST(AudioPlaybackWatch, AnOutageIsNotBlamedOnTheDevice)
+{
+    for (const qint64 away : {1500 * ms, 2500 * ms, 5 * second, 60 * second}) {
+        Simulation simulation;
+        simulation.run(10 * second);
+        simulation.isSourceAlive = false;
+        EXPECT_EQ(simulation.run(away), 0);
+        simulation.isSourceAlive = true;
+        simulation.newest += away;
+        EXPECT_EQ(simulation.run(40 * ms), 1); // before the device has read anything of it
+        EXPECT_EQ(simulation.reason, AudioPlaybackWatch::SourceBack) << away;
+    }
+}
+
+// While attempts have to wait there is nothing to tell.
+TEST(AudioPlaybackWatch, AReasonIsOnlyGivenWithAStart)
+{
+    AudioPlaybackWatch watch;
+    watch.begin(77 * second);
+    EXPECT_FALSE(watch.check(77 * second + 500 * ms, false, 0, 1000 * second));
+    EXPECT_EQ(watch.reason(), AudioPlaybackWatch::None);
+    EXPECT_TRUE(watch.check(78 * second, false, 0, 1001 * second));
+    EXPECT_EQ(watch.reason(), AudioPlaybackWatch::Stopped);
 }
 
 TEST(AudioPlaybackWatch, ASourceThatFaltersIsLeftAlone)
@@ -136,6 +171,7 @@ TEST(AudioPlaybackWatch, AReserveThatRanOutIsRestored)
     // A source that is 0.5 % slow.
     EXPECT_EQ(simulation.run(20 * second, 200), 0);
     EXPECT_EQ(simulation.run(30 * second, 200), 1);
+    EXPECT_EQ(simulation.reason, AudioPlaybackWatch::Dry);
     EXPECT_GT(simulation.watch.reserve(), 50 * ms);
 }
 
