@@ -112,6 +112,16 @@ if(TARGET Zev::items)
     endif()
 endif()
 
+if(ZEV_BUILD_TOOLS)
+    zev_rig_test(tst_dmabufpublish
+        SOURCES ${rig}/tst_dmabufpublish.cpp integration/zevshm_driver.cpp
+        LIBRARIES Zev::shm GTest::gtest_main)
+    target_include_directories(tst_dmabufpublish PRIVATE integration)
+    target_compile_definitions(tst_dmabufpublish PRIVATE
+        ZEVSHM_PROGRAM="$<TARGET_FILE:zevshm>" ZEVSHM_DRIVER_LIMIT_MS=60000)
+    add_dependencies(tst_dmabufpublish zevshm)
+endif()
+
 # A virtual camera of each flavour of the API: /dev/video0 and /dev/video1.
 set(rig_cameras "vivid=n_devs=2 node_types=0x1,0x1 multiplanar=1,2")
 set(camera_sources ${rig}/camerafixture.cpp ${rig}/camerafixture.h ${rig}/virtualcamera.cpp ${rig}/virtualcamera.h

@@ -15,7 +15,12 @@
 
 namespace driver {
 
-constexpr int generousMs = 20000; // for conditions that come true within a second on an idle machine
+// For conditions that come true within a second on an idle machine; more where the processor is emulated.
+#ifdef ZEVSHM_DRIVER_LIMIT_MS
+constexpr int generousMs = ZEVSHM_DRIVER_LIMIT_MS;
+#else
+constexpr int generousMs = 20000;
+#endif
 
 // Waits until `condition` holds; false after `limitMs`.
 bool waitFor(const std::function<bool()> &condition, int limitMs = generousMs);

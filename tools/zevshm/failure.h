@@ -15,7 +15,7 @@ enum ExitCode {
     ExitBadName = 3,   // not a store name
     ExitNoStore = 4,   // no such store, or its writer is dead or does not answer
     ExitPublished = 5, // another process publishes this name
-    ExitDirectory = 6, // store directory missing, not writable, or not ours to read
+    ExitDirectory = 6, // store directory or DMA heap missing, not writable, or not ours to read
     ExitResources = 7, // too little memory or too few descriptors
     ExitInput = 8,     // input missing, unreadable or unreachable
     ExitMedia = 9,     // input holds nothing that can be decoded

@@ -77,14 +77,17 @@ void StoreWriter::open(const InputFormat &format)
 // Asked for and not to be had is worth a line; once, however often the store is opened anew.
 void StoreWriter::reportExport()
 {
-    if (m_settings.memory.empty() || m_settings.memory == "memfd" || m_exportReported || !m_format.video)
+    const std::string &memory = m_settings.memory;
+    const bool isAskedFor = memory == "udmabuf" || memory.rfind("dma-heap:", 0) == 0;
+    if (!isAskedFor || m_exportReported || !m_format.video)
         return;
     shm_writer_stats_t now{};
     now.size = sizeof now;
     if (shm_writer_get_stats(m_writer, &now) != 0 || std::strcmp(now.dmabuf, "yes") == 0)
         return;
     m_exportReported = true;
-    say("frames have no DMA-buf: " + std::string(now.dmabuf));
+    const std::string reason = now.dmabuf; // "no: " and why
+    say("frames have no DMA-buf: " + reason.substr(reason.rfind("no: ", 0) == 0 ? 4 : 0));
 }
 
 int StoreWriter::publishAudio(const AudioBlock &block, int64_t labelUs)
