@@ -115,7 +115,8 @@ endif()
 if(ZEV_BUILD_TOOLS)
     zev_rig_test(tst_dmabufpublish
         SOURCES ${rig}/tst_dmabufpublish.cpp integration/zevshm_driver.cpp
-        LIBRARIES Zev::shm GTest::gtest_main)
+        LIBRARIES Zev::shm GTest::gtest_main
+        VM_PARTS kinds=--gtest_filter=*info*:*huge users=--gtest_filter=*otherUsers*)
     target_include_directories(tst_dmabufpublish PRIVATE integration)
     target_compile_definitions(tst_dmabufpublish PRIVATE
         ZEVSHM_PROGRAM="$<TARGET_FILE:zevshm>" ZEVSHM_DRIVER_LIMIT_MS=60000)
