@@ -151,7 +151,7 @@ int listAudioDevices(int argc, char **argv)
     Sound::silenceLibraries();
     const QStringList names = Sound::deviceNames();
     if (names.isEmpty())
-        complain(Ok, QStringLiteral("no audio device was found"));
+        complain(Ok, QStringLiteral("no audio device was found: connect one, or start the sound server"));
     for (const QString &name : names)
         std::printf("%s\n", qUtf8Printable(name));
     return Ok;

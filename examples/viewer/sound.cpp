@@ -268,8 +268,8 @@ QStringList Sound::deviceNames()
 {
     QStringList names;
     const auto devices = QAudioDeviceInfo::availableDevices(QAudio::AudioOutput);
-    for (const QAudioDeviceInfo &device : devices)
-        if (!names.contains(device.deviceName()))
+    for (const QAudioDeviceInfo &device : devices) // without a sound server, the default one has no name
+        if (!device.deviceName().isEmpty() && !names.contains(device.deviceName()))
             names << device.deviceName();
     return names;
 }

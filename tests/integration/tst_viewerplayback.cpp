@@ -8,6 +8,7 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QProcess>
 #include <QThread>
 
 #include <algorithm>
@@ -266,6 +267,40 @@ TEST_F(ViewerPlayback, withoutASoundServerThePictureGoesOn)
         GTEST_SKIP() << "this machine has an audio device of its own";
     EXPECT_TRUE(errors.startsWith("zevqt-viewer: there is no sound")) << errors.toStdString();
     EXPECT_EQ(errors.count('\n'), 1) << errors.toStdString();
+}
+
+// What --list-audio-devices prints: a name a line.
+QStringList listedDevices(QString *errors)
+{
+    QProcess viewer;
+    viewer.start(QStringLiteral(VIEWER), {QStringLiteral("--list-audio-devices")});
+    EXPECT_TRUE(viewer.waitForFinished(60000));
+    EXPECT_EQ(viewer.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(viewer.exitCode(), 0);
+    *errors = QString::fromUtf8(viewer.readAllStandardError());
+    return QString::fromUtf8(viewer.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
+}
+
+TEST_F(ViewerPlayback, theDevicesAreListed)
+{
+    QString errors;
+    const QStringList names = listedDevices(&errors);
+    for (const char *sink : {"a", "b", "c"})
+        EXPECT_EQ(names.count(sink), 1) << sink << " in " << names.join(',').toStdString();
+    EXPECT_TRUE(errors.isEmpty()) << errors.toStdString();
+}
+
+TEST_F(ViewerPlayback, thatThereAreNoDevicesIsToldInOneLine)
+{
+    const QByteArray before = qgetenv("PULSE_SERVER");
+    qputenv("PULSE_SERVER", "unix:" + directory.path().toUtf8() + "/none");
+    qputenv("ALSA_CONFIG_PATH", "/dev/null"); // whatever else this machine has
+    QString errors;
+    const QStringList names = listedDevices(&errors);
+    qunsetenv("ALSA_CONFIG_PATH");
+    qputenv("PULSE_SERVER", before);
+    EXPECT_TRUE(names.isEmpty()) << names.join(',').toStdString();
+    EXPECT_EQ(errors, "zevqt-viewer: no audio device was found: connect one, or start the sound server\n");
 }
 
 TEST_F(ViewerPlayback, soundFromAnotherStoreAndOneChannelOfIt)
