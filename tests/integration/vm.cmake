@@ -83,8 +83,9 @@ if(TARGET Zev::items)
         ${rig_sources})
     set(recorded_egl ${rig}/recordedegl.cpp ${rig}/recordedegl.h)
     zev_rig_test(tst_publishedframes
-        SOURCES ${rig}/tst_publishedframes.cpp ${rig}/payloadguard.cpp ${rig}/payloadguard.h ${item_sources}
-        LIBRARIES Zev::items Qt5::Test
+        SOURCES ${rig}/tst_publishedframes.cpp ${rig}/payloadguard.cpp ${rig}/payloadguard.h ${recorded_egl}
+            ${item_sources}
+        LIBRARIES Zev::items Qt5::Test ${CMAKE_DL_LIBS}
         VM_PARTS colors=publishedFrames,plainMemoryIsUploadedAndSaysWhy
             untouched=noByteOfAFrameIsTouched,goesWhileFramesAreInFlight)
     # In the virtual machine without what the kernel has no part in: where the picture is placed.
@@ -97,7 +98,7 @@ if(TARGET Zev::items)
         LIBRARIES Zev::items Qt5::Test ${CMAKE_DL_LIBS}
         VM_PARTS frames=nothingIsLeftAfter500Frames restarts=nothingIsLeftAfter100Restarts)
     # They stand before EGL where entry points are looked up, so their symbols have to be seen.
-    set_target_properties(tst_eglimageitem tst_eglimageleaks PROPERTIES ENABLE_EXPORTS ON)
+    set_target_properties(tst_publishedframes tst_eglimageitem tst_eglimageleaks PROPERTIES ENABLE_EXPORTS ON)
     if(ZEV_BUILD_EXAMPLES)
         zev_rig_test(tst_viewerframepath
             SOURCES ${rig}/tst_viewerframepath.cpp integration/xvfbserver.cpp

@@ -42,6 +42,7 @@ private Q_SLOTS:
     void attributesAreTheFrames();
     void refusedImageIsUploadedAndSaysWhy_data();
     void refusedImageIsUploadedAndSaysWhy();
+    void aFrameWithoutStridesIsRefused();
     void aFreshPublisherIsTriedAgain();
     void imagesCanBeSwitchedOff();
     void holdsTheShownFrameAndNoOther();
@@ -55,7 +56,7 @@ private Q_SLOTS:
     void followsTheTurnOfItsWindow();
 
 private:
-    QVideoFrame handMade(int pixelFormat, int descriptor = -1, quint64 session = 1);
+    QVideoFrame handMade(int pixelFormat, int descriptor = -1, quint64 session = 1, bool hasPlanes = true);
     QVideoFrame nv12(int descriptor = -1, quint64 session = 1)
     {
         return handMade(SHM_PIXEL_FORMAT_NV12, descriptor, session);
@@ -108,7 +109,7 @@ void tst_EglImageItem::cleanupTestCase()
 }
 
 // A frame as the library makes them of a store's, of memory of the test's own.
-QVideoFrame tst_EglImageItem::handMade(int pixelFormat, int descriptor, quint64 session)
+QVideoFrame tst_EglImageItem::handMade(int pixelFormat, int descriptor, quint64 session, bool hasPlanes)
 {
     LockedFrame frame(new shm_video_frame_t(), [this](shm_video_frame_t *locked) {
         --framesAlive;
@@ -124,6 +125,10 @@ QVideoFrame tst_EglImageItem::handMade(int pixelFormat, int descriptor, quint64 
     memory->beginWrite();
     TestPicture(SHM_MATRIX_BT709, SHM_RANGE_FULL).write(pixelFormat, *frame, memory->data());
     memory->endWrite();
+    if (!hasPlanes) {
+        frame->planes[0] = nullptr;
+        frame->strides[0] = 0;
+    }
     auto *buffer = new ShmemDmaVideoBuffer(static_cast<SHM_PIXEL_FORMAT>(pixelFormat),
                                            descriptor < 0 ? memory->descriptor() : descriptor, frame);
     QVideoFrame result(buffer, pictureSize, buffer->format());
@@ -213,6 +218,42 @@ void tst_EglImageItem::refusedImageIsUploadedAndSaysWhy()
     renderer->render();
     QCOMPARE(item()->framePath(), LiveVideo::EglImage);
     QCOMPARE(item()->framePathReason(), QString());
+}
+
+// With the first stride at 0 the list of planes ends before it begins, and with the first address at 0 there
+// is nothing to upload either.
+void tst_EglImageItem::aFrameWithoutStridesIsRefused()
+{
+    criticals.clear();
+    const QtMessageHandler before = qInstallMessageHandler(noteCriticals);
+    item()->present(handMade(SHM_PIXEL_FORMAT_NV12, -1, 1, false));
+    const QImage image = renderer->render();
+    qInstallMessageHandler(before);
+    const QVector<int> expected = {0x30D2, 1,
+                                   0x3057, TestPicture::width,
+                                   0x3056, TestPicture::height,
+                                   0x3271, 0x3231564E,
+                                   0x327B, 0x3280,
+                                   0x327C, 0x3282,
+                                   0x3038};
+    QCOMPARE(egl.attributes, expected);
+    QCOMPARE(egl.attributes.size(), 13);
+    QCOMPARE(egl.refused, 1);
+    QCOMPARE(egl.created, 0);
+    QCOMPARE(criticals, QStringList(QStringLiteral("eglCreateImageKHR failed: \"Invalid argument\"")));
+    QCOMPARE(item()->framePath(), LiveVideo::NoPath);
+    QCOMPARE(item()->framePathReason(),
+             QStringLiteral("EGL could not import the frame's memory, see the log"));
+    QCOMPARE(item()->problem(), item()->framePathReason());
+    QImage black(image.size(), image.format());
+    black.fill(Qt::black);
+    QCOMPARE(image, black);
+
+    item()->present(nv12(-1, 2)); // a fresh publisher's
+    COMPARE_PICTURE(renderer->render());
+    QCOMPARE(item()->framePath(), LiveVideo::EglImage);
+    QCOMPARE(item()->problem(), QString());
+    QCOMPARE(framesAlive, 1);
 }
 
 void tst_EglImageItem::aFreshPublisherIsTriedAgain()

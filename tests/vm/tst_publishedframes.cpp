@@ -3,21 +3,64 @@
 #include "dmapublisher.h"
 #include "itemrenderer.h"
 #include "payloadguard.h"
+#include "recordedegl.h"
 #include "testpicture.h"
 
 #include <zevqt-mm/mediaprovider.h>
 #include <zevqt-mm/mediasource.h>
 #include <zevqt-mm/storeframe.h>
 
+#include <QtCore/QDir>
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QtTest>
 
+#include <algorithm>
 #include <atomic>
+#include <functional>
+#include <iterator>
 
 namespace {
 
 const int tolerance = 3;
 const QString storeName = QStringLiteral("picture");
+
+// Mappings and descriptors of stores' memory that this process has, whoever made them: the library, EGL.
+QStringList storeMemory()
+{
+    const auto isStores = [](const QString &name) {
+        return name.contains(QLatin1String("/dmabuf:")) || name.contains(QLatin1String("/memfd:shm-"));
+    };
+    QStringList found;
+    QFile maps(QStringLiteral("/proc/self/maps"));
+    if (!maps.open(QIODevice::ReadOnly))
+        return {QStringLiteral("no /proc/self/maps")};
+    const QStringList lines = QString::fromUtf8(maps.readAll()).split(QLatin1Char('\n'));
+    std::copy_if(lines.begin(), lines.end(), std::back_inserter(found), isStores);
+    const QDir descriptors(QStringLiteral("/proc/self/fd"));
+    for (const QString &entry :
+         descriptors.entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System)) {
+        const QString name = QFile::symLinkTarget(descriptors.filePath(entry));
+        if (isStores(name))
+            found << QStringLiteral("descriptor %1: %2").arg(entry, name);
+    }
+    return found;
+}
+
+// The largest difference of a color's part, 0 to 255; 256 for another size.
+int worstDifference(const QImage &image, const QImage &expected)
+{
+    if (image.size() != expected.size())
+        return 256;
+    int worst = 0;
+    for (int y = 0; y < image.height(); ++y) {
+        for (int x = 0; x < image.width(); ++x) {
+            const QRgb is = image.pixel(x, y), wanted = expected.pixel(x, y);
+            worst = std::max({worst, qAbs(qRed(is) - qRed(wanted)), qAbs(qGreen(is) - qGreen(wanted)),
+                              qAbs(qBlue(is) - qBlue(wanted))});
+        }
+    }
+    return worst;
+}
 
 } // namespace
 
@@ -35,9 +78,11 @@ private Q_SLOTS:
     void noByteOfAFrameIsTouched_data();
     void noByteOfAFrameIsTouched();
     void goesWhileFramesAreInFlight();
+    void standsInBetweenTwoPublishers();
 
 private:
     bool presentNext(MediaSource &source);
+    bool drawUntil(const std::function<bool()> &condition);
 
     QTemporaryDir folder{QStringLiteral("/tmp/zeveglXXXXXX")};
     std::unique_ptr<ItemRenderer> renderer; // one for all: an emulated context takes seconds to make
@@ -227,6 +272,95 @@ void tst_PublishedFrames::goesWhileFramesAreInFlight()
         renderer->deleteItem();
     }
     provider.setRunning(false);
+    renderer->renderUnseen();
+    QTRY_COMPARE_WITH_TIMEOUT(locksHeld(storeName), 0, 60000);
+}
+
+// Draws what comes until the condition holds; false when it does not within 20 s.
+bool tst_PublishedFrames::drawUntil(const std::function<bool()> &condition)
+{
+    const QDeadlineTimer deadline(20000);
+    do {
+        renderer->renderUnseen();
+        if (condition())
+            return true;
+        QTest::qWait(10);
+    } while (!deadline.hasExpired());
+    return false;
+}
+
+// Imported frames, the picture that stands in for them, imported frames of another publisher.
+void tst_PublishedFrames::standsInBetweenTwoPublishers()
+{
+    using std::chrono::seconds;
+    const seconds never(3600); // live frames may be late where everything is emulated
+    QImage standIn(TestPicture::width, TestPicture::height, QImage::Format_RGB32);
+    standIn.fill(qRgb(200, 40, 90));
+    for (int y = 0; y < 16; ++y) { // a corner of its own, to tell how it lies
+        for (int x = 0; x < 32; ++x)
+            standIn.setPixel(x, y, qRgb(20, 180, 130));
+    }
+    const QString file = folder.filePath(QStringLiteral("nosignal.png"));
+    QVERIFY(standIn.save(file));
+    const RecordedEgl &egl = RecordedEgl::instance();
+    const auto expectPicture = [this, &egl](shm_matrix matrix, const QString &artifact) {
+        const QImage image = renderer->render();
+        QVERIFY(keepArtifact(image, artifact));
+        QString where;
+        QVERIFY2(TestPicture(matrix, SHM_RANGE_FULL).worstDifference(image, &where) <= tolerance,
+                 qPrintable(where));
+        QCOMPARE(renderer->item()->framePath(), LiveVideo::EglImage);
+        QCOMPARE(egl.alive(), 0); // the texture is all that is kept
+    };
+
+    DmaPublisher publisher;
+    QVERIFY(publisher.start({"udmabuf", SHM_PIXEL_FORMAT_NV12, SHM_MATRIX_BT709, SHM_RANGE_FULL}));
+    MediaProvider provider(QUrl(QStringLiteral("shm:///") + storeName), QUrl());
+    provider.enableVideoFrames();
+    provider.setNoSignalImage(file, never);
+    renderer->item()->setSource(&provider);
+    provider.setRunning(true);
+    QVERIFY(drawUntil([this] { return renderer->item()->framePath() == LiveVideo::EglImage; }));
+    expectPicture(SHM_MATRIX_BT709, QStringLiteral("nosignal-1-before"));
+    if (QTest::currentTestFailed())
+        return;
+
+    // The last picture stays for the delay, and with it the memory that it lies in.
+    publisher.kill();
+    QVERIFY(drawUntil([this] { return renderer->item()->videoState() == LiveVideo::Idle; }));
+    expectPicture(SHM_MATRIX_BT709, QStringLiteral("nosignal-2-idle"));
+    if (QTest::currentTestFailed())
+        return;
+    QVERIFY(!storeMemory().isEmpty());
+
+    provider.setNoSignalImage(file, seconds(1));
+    QVERIFY(drawUntil([this] { return renderer->item()->videoState() == LiveVideo::NoSignal; }));
+    const int imported = egl.created;
+    const QImage between = renderer->render();
+    QVERIFY(keepArtifact(between, QStringLiteral("nosignal-3-stands-in")));
+    QCOMPARE(worstDifference(between, standIn), 0);
+    QCOMPARE(renderer->item()->framePath(), LiveVideo::Converted);
+    QCOMPARE(renderer->item()->framePathReason(), QStringLiteral("the frame is RGB"));
+    QCOMPARE(renderer->item()->problem(), QString());
+    // A lock is of a store's memory, which goes with the last of its frames; so does what EGL had of it.
+    QVERIFY2(drawUntil([] { return storeMemory().isEmpty(); }),
+             qPrintable(storeMemory().join(QLatin1Char('\n'))));
+    QCOMPARE(egl.alive(), 0);
+    QCOMPARE(egl.created, imported);
+    QCOMPARE(worstDifference(renderer->render(), standIn), 0); // it came again with every tick
+
+    provider.setNoSignalImage(file, never);
+    DmaPublisher next;
+    QVERIFY(next.start({"dma-heap:system", SHM_PIXEL_FORMAT_YUV420P, SHM_MATRIX_BT601, SHM_RANGE_FULL}));
+    QVERIFY(drawUntil([this] { return renderer->item()->framePath() == LiveVideo::EglImage; }));
+    expectPicture(SHM_MATRIX_BT601, QStringLiteral("nosignal-4-after"));
+    if (QTest::currentTestFailed())
+        return;
+    QCOMPARE(renderer->item()->framePathReason(), QString());
+    QVERIFY(egl.created > imported);
+
+    provider.setRunning(false);
+    renderer->deleteItem();
     renderer->renderUnseen();
     QTRY_COMPARE_WITH_TIMEOUT(locksHeld(storeName), 0, 60000);
 }
