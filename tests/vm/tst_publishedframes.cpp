@@ -314,7 +314,12 @@ void tst_PublishedFrames::standsInBetweenTwoPublishers()
     };
 
     renderer->renderUnseen();
-    const QStringList ofTheDriver = storeMemory(); // a real one has a DMA-buf of its own
+    const QStringList before = storeMemory(); // a real driver has a DMA-buf of its own
+    const auto isStoreHeld = [&before] {
+        const QStringList now = storeMemory();
+        return std::any_of(now.begin(), now.end(),
+                           [&before](const QString &entry) { return !before.contains(entry); });
+    };
     DmaPublisher publisher;
     QVERIFY(publisher.start({"udmabuf", SHM_PIXEL_FORMAT_NV12, SHM_MATRIX_BT709, SHM_RANGE_FULL}));
     MediaProvider provider(QUrl(QStringLiteral("shm:///") + storeName), QUrl());
@@ -333,7 +338,7 @@ void tst_PublishedFrames::standsInBetweenTwoPublishers()
     expectPicture(SHM_MATRIX_BT709, QStringLiteral("nosignal-2-idle"));
     if (QTest::currentTestFailed())
         return;
-    QVERIFY(storeMemory().size() > ofTheDriver.size());
+    QVERIFY(isStoreHeld());
 
     provider.setNoSignalImage(file, seconds(1));
     QVERIFY(drawUntil([this] { return renderer->item()->videoState() == LiveVideo::NoSignal; }));
@@ -345,8 +350,7 @@ void tst_PublishedFrames::standsInBetweenTwoPublishers()
     QCOMPARE(renderer->item()->framePathReason(), QStringLiteral("the frame is RGB"));
     QCOMPARE(renderer->item()->problem(), QString());
     // A lock is of a store's memory, which goes with the last of its frames; so does what EGL had of it.
-    QVERIFY2(drawUntil([&] { return storeMemory() == ofTheDriver; }),
-             qPrintable(storeMemory().join(QLatin1Char('\n'))));
+    QVERIFY2(drawUntil([&] { return !isStoreHeld(); }), qPrintable(storeMemory().join(QLatin1Char('\n'))));
     QCOMPARE(egl.alive(), 0);
     QCOMPARE(egl.created, imported);
     QCOMPARE(worstDifference(renderer->render(), standIn), 0); // it came again with every tick
