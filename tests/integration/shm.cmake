@@ -1,7 +1,9 @@
 # The frame store under stress, with real processes.
 zev_test(shm_torture SOURCES integration/shm_torture.cpp LIBRARIES shm_testable LABEL integration)
 zev_test(tst_shm_params SOURCES integration/tst_shm_params.cpp LIBRARIES Zev::shm GTest::gtest LABEL integration)
-zev_test(tst_shm_store SOURCES integration/tst_shm_store.cpp LIBRARIES Zev::shm GTest::gtest LABEL integration)
+zev_test(tst_shm_store SOURCES integration/tst_shm_store.cpp LIBRARIES Zev::shm GTest::gtest_main LABEL integration)
+zev_test(tst_shm_processes SOURCES integration/tst_shm_processes.cpp LIBRARIES Zev::shm GTest::gtest_main
+    LABEL integration)
 zev_test(shm_faults SOURCES integration/shm_faults.cpp LIBRARIES shm_stepped LABEL integration)
 zev_test(tst_shm_hostile SOURCES integration/tst_shm_hostile.cpp LIBRARIES shm_testable GTest::gtest LABEL integration)
 # Also as another user, when it is run by root.

@@ -5,7 +5,9 @@ set(fake_store ${unit}/fake_shm.cpp ${unit}/fake_shm.h)
 set(fake_camera ${unit}/fake_zevmm.cpp ${unit}/fake_zevmm.h)
 set(core_libraries zevqt-mm-objects Zev::zevmm Qt5::Test PkgConfig::FFMPEG)
 
-zev_test(tst_shmemreader SOURCES ${unit}/tst_shmemreader.cpp ${fake_store} LIBRARIES ${core_libraries})
+foreach(test tst_shmemreader tst_shmemreaderaudio)
+    zev_test(${test} SOURCES ${unit}/${test}.cpp ${unit}/shmemreader_probe.h ${fake_store} LIBRARIES ${core_libraries})
+endforeach()
 zev_test(tst_shmemreaderdma SOURCES ${unit}/tst_shmemreaderdma.cpp ${fake_store} LIBRARIES ${core_libraries})
 zev_test(tst_mediasourcebase SOURCES ${unit}/tst_mediasourcebase.cpp ${unit}/fake_source.h ${fake_store}
     LIBRARIES ${core_libraries})
