@@ -4,7 +4,7 @@ zev_test(tst_clockadjustmentdetector
 
 include(${PROJECT_SOURCE_DIR}/platform/audio-level/variants.cmake)
 zev_test(tst_audiolevel
-    SOURCES unit/tst_audiolevel.cpp
+    SOURCES unit/tst_audiolevel.cpp unit/astats.cpp unit/astats.h
     LIBRARIES Zev::audio-level audio-level-vectors0 audio-level-vectors1 GTest::gtest_main)
 
 # The reader and the player on the library's objects, over a store of known samples.
@@ -26,6 +26,10 @@ foreach(function int double sample_fmt channel_layout chlayout)
 endforeach()
 
 zev_test(tst_audiolevels SOURCES ${audio_unit}/tst_audiolevels.cpp LIBRARIES Zev::zevqt-mm Qt5::Test)
+zev_test(tst_audiolevelsrecorded
+    SOURCES ${audio_unit}/tst_audiolevelsrecorded.cpp ${audio_unit}/astats.cpp ${audio_unit}/astats.h
+    LIBRARIES Zev::zevqt-mm Zev::audio-level GTest::gtest_main)
+target_compile_definitions(tst_audiolevelsrecorded PRIVATE TEST_DATA="${PROJECT_SOURCE_DIR}/tests/data")
 
 # The player over devices of the test's own and a clock that is set at will.
 foreach(test tst_audioplayer tst_audioplayerclock)

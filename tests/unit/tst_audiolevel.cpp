@@ -1,3 +1,5 @@
+#include "astats.h"
+
 #include <audio-level/audio_level.h>
 
 #include <gtest/gtest.h>
@@ -6,17 +8,12 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <random>
 #include <sstream>
-#include <string>
 #include <tuple>
 #include <vector>
-
-#include <unistd.h>
 
 // The same source for processors with fewer vectors: without any of its own, and with those only that every
 // processor of the architecture has.
@@ -60,39 +57,6 @@ Samples audio(int channels, std::size_t frames)
     return samples;
 }
 
-struct Levels
-{
-    std::vector<double> rms;
-    std::vector<double> peak;
-};
-
-// What the ffmpeg program's astats filter says about the same samples.
-Levels astats(const Samples &samples, int channels)
-{
-    char path[] = "/tmp/zev-audiolevel-XXXXXX";
-    const int fd = mkstemp(path);
-    EXPECT_GE(fd, 0);
-    const std::size_t bytes = samples.size() * sizeof(std::int16_t);
-    EXPECT_EQ(write(fd, samples.data(), bytes), static_cast<ssize_t>(bytes));
-    close(fd);
-    const std::string command =
-        "ffmpeg -hide_banner -nostdin -f s16le -ar 48000 -ac " + std::to_string(channels) + " -i " + path +
-        " -af astats=measure_overall=none:measure_perchannel=RMS_level+Peak_level -f null - 2>&1";
-    Levels levels;
-    if (FILE *pipe = popen(command.c_str(), "r")) {
-        char line[1024];
-        while (std::fgets(line, sizeof line, pipe)) {
-            if (const char *rms = std::strstr(line, "RMS level dB:"))
-                levels.rms.push_back(std::atof(rms + std::strlen("RMS level dB:")));
-            if (const char *peak = std::strstr(line, "Peak level dB:"))
-                levels.peak.push_back(std::atof(peak + std::strlen("Peak level dB:")));
-        }
-        EXPECT_EQ(pclose(pipe), 0);
-    }
-    unlink(path);
-    return levels;
-}
-
 class AudioLevelChannels : public testing::TestWithParam<std::tuple<int, int>>
 {
 protected:
@@ -105,7 +69,7 @@ TEST_P(AudioLevelChannels, AgreeWithAstats)
     const int channels = this->channels();
     // No whole number of vectors, so that the odd end counts too.
     const Samples samples = audio(channels, 48000 + 13);
-    const Levels expected = astats(samples, channels);
+    const AstatsLevels expected = astatsOf(samples, channels, 48000);
     ASSERT_EQ(expected.rms.size(), static_cast<std::size_t>(channels));
     ASSERT_EQ(expected.peak.size(), static_cast<std::size_t>(channels));
     const AudioLevelCalcResult levels = levelsOf(samples, channels, calculation());
