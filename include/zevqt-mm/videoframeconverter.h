@@ -30,8 +30,8 @@ struct SwsContext;
  * swscale reads rows in blocks of up to 32 bytes: the memory behind a frame has to go on that far after its
  * last sample, as a store's padded rows do.
  *
- * Errors: a null image for an invalid or unmappable frame, a format that is not listed, or memory that is not
- * there.
+ * Errors: a null image for an invalid or unmappable frame, a format that is not listed, memory that is not
+ * there, or an image of 2 GiB and more.
  *
  * Cost: scales in the calling thread; allocates the image on every call unless a subclass supplies it.
  */

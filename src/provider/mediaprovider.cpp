@@ -34,11 +34,11 @@ QSharedPointer<MediaSourceBase> makeVideoSource(MediaProvider::Schemes scheme, c
 {
     if (scheme == MediaProvider::v4l) {
         auto source = makeV4lSource(name);
-        qDebug() << "MediaProvider: video4linux2 device" << name << "used as a video source";
+        qDebug().noquote() << "MediaProvider: video4linux2 device" << name << "used as a video source";
         return source;
     }
     auto source = makeShmSource(name);
-    qDebug() << "MediaProvider: shared memory" << name << "used as a video source";
+    qDebug().noquote() << "MediaProvider: shared memory" << name << "used as a video source";
     return source;
 }
 
@@ -169,9 +169,10 @@ void MediaProvider::updateNoSignalImage()
 {
     if (noSignalImagePath.isEmpty())
         return;
-    noSignalImage = QImage(noSignalImagePath)
-                        .scaled(requestedFrameSize, Qt::KeepAspectRatio, Qt::FastTransformation)
-                        .convertToFormat(QImage::Format_RGB16);
+    noSignalImage = QImage(noSignalImagePath);
+    if (!noSignalImage.isNull()) // Qt complains about scaling nothing
+        noSignalImage = noSignalImage.scaled(requestedFrameSize, Qt::KeepAspectRatio, Qt::FastTransformation)
+                            .convertToFormat(QImage::Format_RGB16);
 }
 
 void MediaProvider::emitImageFrame(const QImage &image)

@@ -3,6 +3,8 @@
 #include <QtCore/QMutexLocker>
 #include <QtCore/QVariant>
 
+#include <limits>
+
 extern "C" {
 #include <libavutil/pixfmt.h>
 #include <libswscale/swscale.h>
@@ -55,6 +57,13 @@ void assumeFullRange(SwsContext *context)
         return;
     sws_setColorspaceDetails(context, inverseTable, 1, table, destinationRange, brightness, contrast,
                              saturation);
+}
+
+/*! libswscale reckons offsets into a picture in ints. */
+bool isWithinReach(const QSize &size, QImage::Format format)
+{
+    const qint64 bitsPerLine = qint64(size.width()) * QImage::toPixelFormat(format).bitsPerPixel();
+    return (bitsPerLine + 31) / 32 * 4 * size.height() <= std::numeric_limits<int>::max();
 }
 
 void scale(SwsContext *context, const QVideoFrame &mapped, QImage &image)
@@ -110,18 +119,16 @@ QImage VideoFrameConverter::convert(QVideoFrame frame)
     const QSize size = outputSize(frame.size());
     const AVPixelFormat from = sourceFormat(frame.pixelFormat());
     const AVPixelFormat to = destinationFormat(targetFormat);
-    if (from == AV_PIX_FMT_NONE || to == AV_PIX_FMT_NONE || !prepareScaler(frame.size(), from, size, to))
+    if (from == AV_PIX_FMT_NONE || to == AV_PIX_FMT_NONE || !isWithinReach(size, targetFormat) ||
+        !prepareScaler(frame.size(), from, size, to))
         return {};
 
     QImage *supplied = allocateImage(size);
     QImage local;
-    if (!supplied) {
+    if (!supplied)
         local = QImage(size, targetFormat);
-        if (local.isNull())
-            return {};
-    }
     QImage &image = supplied ? *supplied : local;
-    if (!frame.map(QAbstractVideoBuffer::ReadOnly))
+    if (image.isNull() || !frame.map(QAbstractVideoBuffer::ReadOnly))
         return {};
     scale(scalingContext, frame, image);
     frame.unmap();

@@ -115,8 +115,7 @@ void tst_MediaProviderCamera::withoutAPathThereIsNoVideo()
 
 void tst_MediaProviderCamera::saysWhatIsUsed()
 {
-    QTest::ignoreMessage(QtDebugMsg,
-                         "MediaProvider: video4linux2 device \"/dev/video0\" used as a video source");
+    QTest::ignoreMessage(QtDebugMsg, "MediaProvider: video4linux2 device /dev/video0 used as a video source");
     MediaProvider provider(url("v4l:///dev/video0"), QUrl(), true);
 }
 

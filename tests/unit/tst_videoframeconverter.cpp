@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 extern "C" {
@@ -138,6 +139,44 @@ protected:
     }
 };
 
+const QSize beyondInts(30000, 30000); // with four bytes a pixel
+const QSize large(20000, 20000);
+
+/*! While it lives, this process gets no memory for a large picture. */
+class LittleMemory
+{
+public:
+    LittleMemory()
+    {
+        getrlimit(RLIMIT_AS, &before);
+        QFile statm(QStringLiteral("/proc/self/statm")); // pages, of the address space first
+        if (!statm.open(QIODevice::ReadOnly))
+            return;
+        const rlim_t used = statm.readAll().split(' ').first().toULongLong() * rlim_t(sysconf(_SC_PAGESIZE));
+        const rlimit little{used + (rlim_t(512) << 20), before.rlim_max};
+        applied = setrlimit(RLIMIT_AS, &little) == 0;
+    }
+    ~LittleMemory() { setrlimit(RLIMIT_AS, &before); }
+    bool applied = false;
+
+private:
+    rlimit before;
+};
+
+/*! What is logged while it lives. */
+class Warnings
+{
+public:
+    Warnings() : before(qInstallMessageHandler(&note)) { texts.clear(); }
+    ~Warnings() { qInstallMessageHandler(before); }
+    static QStringList texts;
+
+private:
+    static void note(QtMsgType, const QMessageLogContext &, const QString &text) { texts << text; }
+    QtMessageHandler before;
+};
+QStringList Warnings::texts;
+
 bool samePixels(const QImage &a, const QImage &b)
 {
     if (a.size() != b.size() || a.format() != b.format())
@@ -168,6 +207,8 @@ private Q_SLOTS:
     void unsupportedTargets();
     void invalidFrameTouchesNoHook();
     void unmappableFrameGivesNull();
+    void imageThatCannotBeAllocatedGivesNull();
+    void imageBeyondTheScalersReachGivesNull();
     void missingPlaneGivesAnImageAllTheSame();
     void text();
     void metaDataOverridesPts();
@@ -188,6 +229,7 @@ private Q_SLOTS:
     void resetForgetsImagesThatNobodyHolds();
     void startTimeZeroIsNoHit();
     void failureForgetsTheImageThatItOverwrote();
+    void streamRemembersNoImageThatCouldNotBeAllocated();
     void conversionsTakeTurns();
 };
 
@@ -361,6 +403,43 @@ void tst_VideoFrameConverter::unmappableFrameGivesNull()
     QVERIFY(converter.convert(QVideoFrame(new UnmappableBuffer, QSize(64, 36), QVideoFrame::Format_NV12))
                 .isNull());
     QCOMPARE(converter.calls, QStringList({"cached -1", "allocate 64x36"})); // nothing to remember
+}
+
+void tst_VideoFrameConverter::imageThatCannotBeAllocatedGivesNull()
+{
+    HookedConverter converter(large, QImage::Format_RGB32, false, true);
+    const QVideoFrame frame = makeFrame(QVideoFrame::Format_NV12, QSize(64, 36), 7);
+    const Warnings warnings;
+    QImage null; // as a converter that keeps images has it then
+    converter.supplied = &null;
+    QVERIFY(converter.convert(frame).isNull());
+    QCOMPARE(converter.calls, QStringList({"cached 7", "allocate 20000x20000"})); // nothing to remember
+    QCOMPARE(warnings.texts, QStringList());
+
+#if defined __SANITIZE_ADDRESS__ || defined __SANITIZE_THREAD__
+    QSKIP("the sanitizers' allocators do not fail, they end the process");
+#endif
+    converter.calls.clear();
+    converter.supplied = nullptr;
+    const LittleMemory littleMemory;
+    QVERIFY(littleMemory.applied);
+    QVERIFY(converter.convert(frame).isNull());
+    QCOMPARE(converter.calls, QStringList({"cached 7", "allocate 20000x20000"}));
+    QVERIFY(VideoFrameConverter::convert(frame, large, QImage::Format_RGB32, false, true).isNull());
+    QVERIFY(!VideoFrameConverter::convert(frame, QSize(), QImage::Format_RGB32, false, true).isNull());
+    QCOMPARE(warnings.texts, QStringList());
+}
+
+void tst_VideoFrameConverter::imageBeyondTheScalersReachGivesNull()
+{
+    const QVideoFrame frame = makeFrame(QVideoFrame::Format_NV12, QSize(64, 36), 7);
+    HookedConverter converter(beyondInts, QImage::Format_RGB32, false, true);
+    QVERIFY(converter.convert(frame).isNull());
+    QCOMPARE(converter.calls, QStringList({"cached 7"})); // not even allocated
+    VideoFrameStreamConverter stream(beyondInts, QImage::Format_RGB32, false, true);
+    QVERIFY(stream.convert(frame).isNull());
+    stream.reset(QSize(32, 32), QImage::Format_RGB32, false, true);
+    QCOMPARE(stream.convert(frame).size(), QSize(32, 32));
 }
 
 // What scaling says is not looked at: a frame that lacks a plane gives an image of the right size.
@@ -646,6 +725,32 @@ void tst_VideoFrameConverter::failureForgetsTheImageThatItOverwrote()
     const QImage again = converter.convert(first);
     QCOMPARE(again.text(QStringLiteral("pts")), QStringLiteral("1"));
     QVERIFY(samePixels(again, expected));
+}
+
+void tst_VideoFrameConverter::streamRemembersNoImageThatCouldNotBeAllocated()
+{
+#if defined __SANITIZE_ADDRESS__ || defined __SANITIZE_THREAD__
+    QSKIP("the sanitizers' allocators do not fail, they end the process");
+#endif
+    class Looked : public VideoFrameStreamConverter
+    {
+    public:
+        using VideoFrameStreamConverter::getCachedImage;
+        using VideoFrameStreamConverter::VideoFrameStreamConverter;
+    };
+    Looked converter(large, QImage::Format_RGB32, false, true);
+    const QVideoFrame frame = makeFrame(QVideoFrame::Format_NV12, QSize(64, 36), 7);
+    const Warnings warnings;
+    const LittleMemory littleMemory;
+    QVERIFY(littleMemory.applied);
+    QVERIFY(converter.convert(frame).isNull());
+    QVERIFY(!converter.getCachedImage(7));
+    QVERIFY(converter.convert(frame).isNull());
+    QCOMPARE(warnings.texts, QStringList());
+    converter.reset(QSize(32, 32), QImage::Format_RGB32, true, true);
+    const QImage image = converter.convert(frame);
+    QCOMPARE(image.size(), QSize(32, 18));
+    QCOMPARE(image.text(QStringLiteral("pts")), QStringLiteral("7"));
 }
 
 void tst_VideoFrameConverter::conversionsTakeTurns()
