@@ -12,10 +12,14 @@ set(audio_unit ${CMAKE_CURRENT_LIST_DIR})
 set(audio_store ${audio_unit}/fake_audiostore.cpp ${audio_unit}/fake_audiostore.h)
 set(audio_libraries zevqt-mm-objects Zev::zevmm Zev::zevqt-utils Zev::audio-level Qt5::Test PkgConfig::FFMPEG)
 
-zev_test(tst_audioreader SOURCES ${audio_unit}/tst_audioreader.cpp ${audio_store}
-    LIBRARIES ${audio_libraries})
-foreach(function swr_alloc swr_init swr_convert swr_free)
-    target_link_options(tst_audioreader PRIVATE LINKER:--wrap=${function})
+foreach(test tst_audioreader tst_audioreaderresampling)
+    zev_test(${test}
+        SOURCES ${audio_unit}/${test}.cpp ${audio_store} ${audio_unit}/audioreader_testing.cpp
+            ${audio_unit}/audioreader_testing.h ${audio_unit}/fake_resampler.cpp ${audio_unit}/fake_resampler.h
+        LIBRARIES ${audio_libraries})
+    foreach(function swr_alloc swr_init swr_convert swr_free)
+        target_link_options(${test} PRIVATE LINKER:--wrap=${function})
+    endforeach()
 endforeach()
 
 zev_test(tst_resampleroptions SOURCES ${audio_unit}/tst_resampleroptions.cpp
