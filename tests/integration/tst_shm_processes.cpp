@@ -1,5 +1,5 @@
-// Writers and readers of one store in several processes: what is noticed and what is left when one of them closes,
-// stops, forks or is killed.
+// Writers and readers of one store in several processes: what is noticed and what is left when one of them
+// closes, stops, forks or is killed.
 #include "../unit/shm_testing.h"
 
 #include <sys/mman.h>
