@@ -36,10 +36,11 @@ zev_test(tst_audiolevelsrecorded
 target_compile_definitions(tst_audiolevelsrecorded PRIVATE TEST_DATA="${PROJECT_SOURCE_DIR}/tests/data")
 
 # The player over devices of the test's own and a clock that is set at will.
-foreach(test tst_audioplayer tst_audioplayerclock)
+foreach(test tst_audioplayer tst_audioplayerclock tst_audioplayerlifetime)
     zev_test(${test}
-        SOURCES ${audio_unit}/${test}.cpp ${audio_store} ${audio_unit}/fake_audiosystem.cpp
-            ${audio_unit}/fake_audiosystem.h ${audio_unit}/fake_clockdetector.cpp ${audio_unit}/fake_clockdetector.h
+        SOURCES ${audio_unit}/${test}.cpp ${audio_store} ${audio_unit}/audioplayer_testing.cpp
+            ${audio_unit}/audioplayer_testing.h ${audio_unit}/fake_audiosystem.cpp ${audio_unit}/fake_audiosystem.h
+            ${audio_unit}/fake_clockdetector.cpp ${audio_unit}/fake_clockdetector.h
         LIBRARIES ${audio_libraries})
     target_compile_definitions(${test} PRIVATE QT_STATICPLUGIN)
 endforeach()

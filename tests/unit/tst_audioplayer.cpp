@@ -1,52 +1,13 @@
-#include "fake_audiostore.h"
-#include "fake_audiosystem.h"
-#include "fake_clockdetector.h"
-
-#include <zevqt-mm/audioplayer.h>
+#include "audioplayer_testing.h"
 
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QtTest>
 
-#include <functional>
-
-namespace {
-
-const qint64 now = 1000000000;
-
-FakeAudioStore &store()
-{
-    return FakeAudioStore::instance();
-}
-
-FakeAudioSystem &devices()
-{
-    return FakeAudioSystem::instance();
-}
-
-FakeAudioOutput *output()
-{
-    return devices().output;
-}
-
-QStringList *collected = nullptr;
-
-void collect(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    if (collected && QByteArray(context.category).startsWith("zevqt"))
-        collected->append(QStringLiteral("%1 %2").arg(int(type)).arg(message));
-}
-
-} // namespace
-
-class tst_AudioPlayer : public QObject
+class tst_AudioPlayer : public AudioPlayerTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void init();
-    void cleanup();
-
     void thereIsOnePlayer();
     void metaObjectIsLaidDown();
     void defaults();
@@ -76,62 +37,11 @@ private Q_SLOTS:
     void volume();
     void muteAndVolume();
     void delaysAreTheReaders();
-    void sourceDestroyedWhilePlaying();
-    void sourceDestroyedInAnotherThreadWaits();
-    void sourceThatNoLongerPlaysMayGo();
-    void restartFromItsOwnSignals();
-    void teardownWhilePlaying();
-    void restartDuringTeardown();
-    void aThousandStartsLeaveNothingBehind();
     void waveformFile();
     void anotherWaveformFile();
     void waveformFileThatCannotBeOpened();
     void startThroughTheMetaObject();
-
-private:
-    AudioPlayer *player() const { return AudioPlayer::getInstance(); }
-    QStringList takeLog()
-    {
-        QStringList result;
-        result.swap(log);
-        return result;
-    }
-
-    std::unique_ptr<MediaSource> source;
-    QStringList log;
 };
-
-void tst_AudioPlayer::initTestCase()
-{
-    // Only the devices that are linked in.
-    QCoreApplication::setLibraryPaths({});
-    QLoggingCategory::setFilterRules(QStringLiteral("zevqt.audio=true"));
-}
-
-void tst_AudioPlayer::init()
-{
-    store().reset();
-    devices().reset();
-    fakeclock::shiftMs = 0;
-    fakeclock::starts = 0;
-    source = std::make_unique<MediaSource>(QStringLiteral("mic"), 100);
-    QVERIFY(source->open());
-    log.clear();
-    collected = &log;
-    qInstallMessageHandler(collect);
-}
-
-void tst_AudioPlayer::cleanup()
-{
-    AudioPlayer::teardown();
-    qInstallMessageHandler(nullptr);
-    collected = nullptr;
-    source.reset();
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    QCOMPARE(devices().destroyedActive, 0);
-    QCOMPARE(devices().liveOutputs, 0);
-    QCOMPARE(store().openHandles, 0);
-}
 
 void tst_AudioPlayer::thereIsOnePlayer()
 {
@@ -598,144 +508,6 @@ void tst_AudioPlayer::delaysAreTheReaders()
     QVERIFY(player()->start(source.get(), 25));
     output()->pull(3840);
     QCOMPARE(store().queries.front().timestamp, now - 400000);
-}
-
-void tst_AudioPlayer::sourceDestroyedWhilePlaying()
-{
-    QSignalSpy stopped(player(), &AudioPlayer::playerStopped);
-    player()->setDevice(QStringLiteral("default"));
-    QVERIFY(player()->start(source.get(), 25));
-    output()->pull(3840);
-    takeLog();
-    source.reset();
-    QVERIFY(takeLog().contains(QStringLiteral("4 Active media source destroyed during playback")));
-    QCOMPARE(stopped.count(), 1);
-    QVERIFY(!player()->isActive());
-    QVERIFY(output()->pull(3840).isEmpty());
-}
-
-void tst_AudioPlayer::sourceDestroyedInAnotherThreadWaits()
-{
-    QThread thread;
-    thread.start();
-    source->moveToThread(&thread);
-    player()->setDevice(QStringLiteral("default"));
-    QVERIFY(player()->start(source.get(), 25));
-    output()->pull(3840);
-
-    QSignalSpy stopped(player(), &AudioPlayer::playerStopped);
-    QPointer<MediaSource> guard(source.get());
-    source.release()->deleteLater();
-    // The source cannot go while this thread does not serve its events: there is always something to read
-    // from.
-    for (int i = 0; i < 100; ++i) {
-        QVERIFY(guard);
-        QVERIFY(!output()->pull(3840).isEmpty());
-        QThread::yieldCurrentThread();
-    }
-    QVERIFY(player()->isActive());
-    QTRY_COMPARE(stopped.count(), 1);
-    QVERIFY(!player()->isActive());
-    QTRY_VERIFY(!guard);
-    thread.quit();
-    QVERIFY(thread.wait(10000));
-}
-
-void tst_AudioPlayer::sourceThatNoLongerPlaysMayGo()
-{
-    player()->setDevice(QStringLiteral("default"));
-    QVERIFY(player()->start(source.get(), 25));
-    player()->stop();
-    MediaSource other(QStringLiteral("other"), 100);
-    QVERIFY(other.open());
-    QVERIFY(player()->start(&other, 25));
-    takeLog();
-    source.reset();
-    QVERIFY(player()->isActive());
-    QVERIFY(takeLog().isEmpty());
-    player()->stop();
-}
-
-void tst_AudioPlayer::restartFromItsOwnSignals()
-{
-    player()->setDevice(QStringLiteral("speaker"));
-    QVERIFY(player()->start(source.get(), 25));
-    const QMetaObject::Connection connection = connect(player(), &AudioPlayer::audioPlayed, this, [this] {
-        player()->setDevice(QStringLiteral("headphones"));
-        QVERIFY(player()->start(source.get(), 25));
-    });
-    FakeAudioOutput *first = output();
-    first->tick();
-    QVERIFY(first->state() == QAudio::StoppedState); // still there: it has just emitted
-    disconnect(connection);
-    QCOMPARE(devices().createdOn.size(), 2);
-    QVERIFY(player()->isActive());
-    // What the former one still has to say is no longer of interest.
-    QSignalSpy played(player(), &AudioPlayer::audioPlayed);
-    QSignalSpy stopped(player(), &AudioPlayer::playerStopped);
-    first->tick();
-    first->enter(QAudio::IdleState, QAudio::NoError);
-    first->enter(QAudio::StoppedState, QAudio::NoError);
-    QCOMPARE(played.count(), 0);
-    QCOMPARE(stopped.count(), 0);
-    QVERIFY(!output()->pull(3840).isEmpty());
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    QCOMPARE(devices().liveOutputs, 1);
-}
-
-void tst_AudioPlayer::teardownWhilePlaying()
-{
-    player()->setDevice(QStringLiteral("default"));
-    QVERIFY(player()->start(source.get(), 25));
-    QSignalSpy stopped(player(), &AudioPlayer::playerStopped);
-    takeLog();
-    AudioPlayer::teardown();
-    QCOMPARE(stopped.count(), 1);
-    QCOMPARE(takeLog().last(), QStringLiteral("0 Audio player destroyed"));
-    QCOMPARE(devices().liveOutputs, 0);
-    QCOMPARE(devices().destroyedActive, 0);
-}
-
-// Whoever starts anew whenever the player has stopped must not have it play on while it goes away.
-void tst_AudioPlayer::restartDuringTeardown()
-{
-    player()->setDevice(QStringLiteral("default"));
-    QVERIFY(player()->start(source.get(), 25));
-    AudioPlayer *leaving = player();
-    bool isStarted = true;
-    connect(leaving, &AudioPlayer::playerStopped, this,
-            [this, leaving, &isStarted] { isStarted = leaving->start(source.get(), 25); });
-    AudioPlayer::teardown();
-    QVERIFY(!isStarted);
-    QCOMPARE(devices().destroyedActive, 0);
-}
-
-void tst_AudioPlayer::aThousandStartsLeaveNothingBehind()
-{
-    const auto entries = [](const char *folder) {
-        return QDir(QLatin1String(folder))
-            .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)
-            .size();
-    };
-    const int descriptors = entries("/proc/self/fd");
-    const int threads = entries("/proc/self/task");
-    const int handles = store().openHandles;
-    for (int i = 0; i < 1000; ++i) {
-        store().sampleRate = i % 3 ? 48000 : 44100; // another output now and then
-        QVERIFY(source->open());
-        QVERIFY(player()->setDevice(i % 2 ? QStringLiteral("speaker") : QStringLiteral("headphones")));
-        QVERIFY(player()->start(source.get(), 25));
-        QCOMPARE(output()->pull(3840).size(), 3840);
-        output()->tick();
-        if (i % 5)
-            player()->stop();
-        QCOMPARE(devices().liveOutputs, 1);
-    }
-    AudioPlayer::teardown();
-    QCOMPARE(devices().liveOutputs, 0);
-    QCOMPARE(store().openHandles, handles);
-    QCOMPARE(entries("/proc/self/fd"), descriptors);
-    QCOMPARE(entries("/proc/self/task"), threads);
 }
 
 void tst_AudioPlayer::waveformFile()

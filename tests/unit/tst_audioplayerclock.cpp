@@ -1,53 +1,16 @@
-#include "fake_audiostore.h"
-#include "fake_audiosystem.h"
-#include "fake_clockdetector.h"
-
-#include <zevqt-mm/audioplayer.h>
+#include "audioplayer_testing.h"
 
 #include <QtTest/QtTest>
-
-namespace {
-
-const qint64 now = 1000000000;
-
-FakeAudioStore &store()
-{
-    return FakeAudioStore::instance();
-}
-
-FakeAudioSystem &devices()
-{
-    return FakeAudioSystem::instance();
-}
-
-FakeAudioOutput *output()
-{
-    return devices().output;
-}
-
-QStringList *collected = nullptr;
-
-void collect(QtMsgType type, const QMessageLogContext &, const QString &message)
-{
-    if (collected)
-        collected->append(QStringLiteral("%1 %2").arg(int(type)).arg(message));
-}
-
-} // namespace
 
 /*!
  * What the player does at every report of its output: it looks whether the wall clock was set, and works out
  * which timestamp is being heard.
  */
-class tst_AudioPlayerClock : public QObject
+class tst_AudioPlayerClock : public AudioPlayerTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void init();
-    void cleanup();
-
     void clockShift_data();
     void clockShift();
     void playedTimeBeforeTheFirstSample();
@@ -56,45 +19,7 @@ private Q_SLOTS:
     void timePassingIsAdded();
     void correctionIsCutTowardsZero();
     void playedTimeSurvivesLongPlaying();
-
-private:
-    AudioPlayer *player() const { return AudioPlayer::getInstance(); }
-    QStringList takeLog()
-    {
-        QStringList result;
-        result.swap(log);
-        return result;
-    }
-
-    std::unique_ptr<MediaSource> source;
-    QStringList log;
 };
-
-void tst_AudioPlayerClock::initTestCase()
-{
-    // Only the devices that are linked in.
-    QCoreApplication::setLibraryPaths({});
-}
-
-void tst_AudioPlayerClock::init()
-{
-    store().reset();
-    devices().reset();
-    fakeclock::shiftMs = 0;
-    fakeclock::starts = 0;
-    source = std::make_unique<MediaSource>(QStringLiteral("mic"), 100);
-    QVERIFY(source->open());
-    log.clear();
-    collected = &log;
-    qInstallMessageHandler(collect);
-}
-
-void tst_AudioPlayerClock::cleanup()
-{
-    AudioPlayer::teardown();
-    qInstallMessageHandler(nullptr);
-    collected = nullptr;
-}
 
 void tst_AudioPlayerClock::clockShift_data()
 {

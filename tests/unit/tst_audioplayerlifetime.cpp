@@ -1,0 +1,159 @@
+#include "audioplayer_testing.h"
+
+#include <QtTest/QtTest>
+
+/*! Who goes while the player plays: its source, its output, itself. */
+class tst_AudioPlayerLifetime : public AudioPlayerTest
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void sourceDestroyedWhilePlaying();
+    void sourceDestroyedInAnotherThreadWaits();
+    void sourceThatNoLongerPlaysMayGo();
+    void restartFromItsOwnSignals();
+    void teardownWhilePlaying();
+    void restartDuringTeardown();
+    void aThousandStartsLeaveNothingBehind();
+};
+
+void tst_AudioPlayerLifetime::sourceDestroyedWhilePlaying()
+{
+    QSignalSpy stopped(player(), &AudioPlayer::playerStopped);
+    player()->setDevice(QStringLiteral("default"));
+    QVERIFY(player()->start(source.get(), 25));
+    output()->pull(3840);
+    takeLog();
+    source.reset();
+    QVERIFY(takeLog().contains(QStringLiteral("4 Active media source destroyed during playback")));
+    QCOMPARE(stopped.count(), 1);
+    QVERIFY(!player()->isActive());
+    QVERIFY(output()->pull(3840).isEmpty());
+}
+
+void tst_AudioPlayerLifetime::sourceDestroyedInAnotherThreadWaits()
+{
+    QThread thread;
+    thread.start();
+    source->moveToThread(&thread);
+    player()->setDevice(QStringLiteral("default"));
+    QVERIFY(player()->start(source.get(), 25));
+    output()->pull(3840);
+
+    QSignalSpy stopped(player(), &AudioPlayer::playerStopped);
+    QPointer<MediaSource> guard(source.get());
+    source.release()->deleteLater();
+    // The source cannot go while this thread does not serve its events: there is always something to read
+    // from.
+    for (int i = 0; i < 100; ++i) {
+        QVERIFY(guard);
+        QVERIFY(!output()->pull(3840).isEmpty());
+        QThread::yieldCurrentThread();
+    }
+    QVERIFY(player()->isActive());
+    QTRY_COMPARE(stopped.count(), 1);
+    QVERIFY(!player()->isActive());
+    QTRY_VERIFY(!guard);
+    thread.quit();
+    QVERIFY(thread.wait(10000));
+}
+
+void tst_AudioPlayerLifetime::sourceThatNoLongerPlaysMayGo()
+{
+    player()->setDevice(QStringLiteral("default"));
+    QVERIFY(player()->start(source.get(), 25));
+    player()->stop();
+    MediaSource other(QStringLiteral("other"), 100);
+    QVERIFY(other.open());
+    QVERIFY(player()->start(&other, 25));
+    takeLog();
+    source.reset();
+    QVERIFY(player()->isActive());
+    QVERIFY(takeLog().isEmpty());
+    player()->stop();
+}
+
+void tst_AudioPlayerLifetime::restartFromItsOwnSignals()
+{
+    player()->setDevice(QStringLiteral("speaker"));
+    QVERIFY(player()->start(source.get(), 25));
+    const QMetaObject::Connection connection = connect(player(), &AudioPlayer::audioPlayed, this, [this] {
+        player()->setDevice(QStringLiteral("headphones"));
+        QVERIFY(player()->start(source.get(), 25));
+    });
+    FakeAudioOutput *first = output();
+    first->tick();
+    QVERIFY(first->state() == QAudio::StoppedState); // still there: it has just emitted
+    disconnect(connection);
+    QCOMPARE(devices().createdOn.size(), 2);
+    QVERIFY(player()->isActive());
+    // What the former one still has to say is no longer of interest.
+    QSignalSpy played(player(), &AudioPlayer::audioPlayed);
+    QSignalSpy stopped(player(), &AudioPlayer::playerStopped);
+    first->tick();
+    first->enter(QAudio::IdleState, QAudio::NoError);
+    first->enter(QAudio::StoppedState, QAudio::NoError);
+    QCOMPARE(played.count(), 0);
+    QCOMPARE(stopped.count(), 0);
+    QVERIFY(!output()->pull(3840).isEmpty());
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QCOMPARE(devices().liveOutputs, 1);
+}
+
+void tst_AudioPlayerLifetime::teardownWhilePlaying()
+{
+    player()->setDevice(QStringLiteral("default"));
+    QVERIFY(player()->start(source.get(), 25));
+    QSignalSpy stopped(player(), &AudioPlayer::playerStopped);
+    takeLog();
+    AudioPlayer::teardown();
+    QCOMPARE(stopped.count(), 1);
+    QCOMPARE(takeLog().last(), QStringLiteral("0 Audio player destroyed"));
+    QCOMPARE(devices().liveOutputs, 0);
+    QCOMPARE(devices().destroyedActive, 0);
+}
+
+// Whoever starts anew whenever the player has stopped must not have it play on while it goes away.
+void tst_AudioPlayerLifetime::restartDuringTeardown()
+{
+    player()->setDevice(QStringLiteral("default"));
+    QVERIFY(player()->start(source.get(), 25));
+    AudioPlayer *leaving = player();
+    bool isStarted = true;
+    connect(leaving, &AudioPlayer::playerStopped, this,
+            [this, leaving, &isStarted] { isStarted = leaving->start(source.get(), 25); });
+    AudioPlayer::teardown();
+    QVERIFY(!isStarted);
+    QCOMPARE(devices().destroyedActive, 0);
+}
+
+void tst_AudioPlayerLifetime::aThousandStartsLeaveNothingBehind()
+{
+    const auto entries = [](const char *folder) {
+        return QDir(QLatin1String(folder))
+            .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)
+            .size();
+    };
+    const int descriptors = entries("/proc/self/fd");
+    const int threads = entries("/proc/self/task");
+    const int handles = store().openHandles;
+    for (int i = 0; i < 1000; ++i) {
+        store().sampleRate = i % 3 ? 48000 : 44100; // another output now and then
+        QVERIFY(source->open());
+        QVERIFY(player()->setDevice(i % 2 ? QStringLiteral("speaker") : QStringLiteral("headphones")));
+        QVERIFY(player()->start(source.get(), 25));
+        QCOMPARE(output()->pull(3840).size(), 3840);
+        output()->tick();
+        if (i % 5)
+            player()->stop();
+        QCOMPARE(devices().liveOutputs, 1);
+    }
+    AudioPlayer::teardown();
+    QCOMPARE(devices().liveOutputs, 0);
+    QCOMPARE(store().openHandles, handles);
+    QCOMPARE(entries("/proc/self/fd"), descriptors);
+    QCOMPARE(entries("/proc/self/task"), threads);
+}
+
+QTEST_GUILESS_MAIN(tst_AudioPlayerLifetime)
+#include "tst_audioplayerlifetime.moc"
