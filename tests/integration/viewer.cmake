@@ -50,6 +50,21 @@ if(ZEV_BUILD_EXAMPLES AND ZEV_BUILD_QML)
         zev_test_environment(tst_viewersource_steps)
     endif()
 
+    # Real files.
+    if(TARGET zevshm)
+        zev_test(tst_viewerfilm
+            SOURCES integration/tst_viewerfilm.cpp integration/viewerrig.cpp integration/xvfbserver.cpp
+                integration/testpattern.cpp integration/toolpublisher.cpp integration/zevshm_media.cpp
+            LIBRARIES zevshm-core zevshm-pattern Zev::shm Qt5::Gui PkgConfig::FFMPEG_MEDIA GTest::gtest
+            LABEL integration)
+        target_compile_definitions(tst_viewerfilm PRIVATE
+            VIEWER="$<TARGET_FILE:zevqt-viewer>"
+            PUBLISHER="$<TARGET_FILE:zevqt-testpublisher>"
+            ZEVSHM="$<TARGET_FILE:zevshm>"
+            ARTIFACTS_DIR="${PROJECT_BINARY_DIR}/artifacts")
+        add_dependencies(tst_viewerfilm zevqt-viewer zevqt-testpublisher zevshm)
+    endif()
+
     zev_test(tst_viewerdevices
         SOURCES integration/tst_viewerdevices.cpp integration/viewerrig.cpp integration/xvfbserver.cpp
             integration/testpattern.cpp

@@ -93,8 +93,8 @@ AvPtr<AVCodecContext> makeEncoder(AVFormatContext *format, const MediaPlan &plan
         encoder->width = plan.width;
         encoder->height = plan.height;
         encoder->pix_fmt = AV_PIX_FMT_YUV420P;
-        encoder->time_base = {1, plan.rate};
-        encoder->framerate = {plan.rate, 1};
+        encoder->time_base = {plan.rateDenominator, plan.rate};
+        encoder->framerate = {plan.rate, plan.rateDenominator};
         encoder->color_range = plan.limitedRange ? AVCOL_RANGE_MPEG : AVCOL_RANGE_JPEG;
         if (plan.tagMatrix)
             encoder->colorspace = plan.matrix == Matrix::Bt601 ? AVCOL_SPC_SMPTE170M : AVCOL_SPC_BT709;
@@ -143,7 +143,7 @@ bool writeMedia(const std::string &path, const MediaPlan &plan)
 
     TestPattern pattern(plan.kind, plan.width, plan.height, plan.matrix);
     const ToneGenerator tones(48000, 2);
-    const int samplesAFrame = 48000 / plan.rate;
+    const int samplesAFrame = 48000 * plan.rateDenominator / plan.rate;
     for (int i = 0; i < plan.frames; ++i) {
         const AvPtr<AVFrame> frame(av_frame_alloc());
         frame->width = plan.width;
@@ -159,7 +159,8 @@ bool writeMedia(const std::string &path, const MediaPlan &plan)
             planes.planes[plane] = frame->data[plane];
             planes.strides[plane] = frame->linesize[plane];
         }
-        pattern.draw(planes, static_cast<uint32_t>(i), static_cast<int64_t>(i) * 1000000 / plan.rate, 0);
+        pattern.draw(planes, static_cast<uint32_t>(i),
+                     static_cast<int64_t>(i) * 1000000 * plan.rateDenominator / plan.rate, 0);
         if (plan.limitedRange)
             toLimited(*frame);
         if (plan.interlaced)

@@ -16,6 +16,7 @@ struct MediaPlan
     int height = 240;
     int frames = 25;
     int rate = 25;
+    int rateDenominator = 1;
     zevshm::PatternKind kind = zevshm::PatternKind::Moving;
     zevshm::Matrix matrix = zevshm::Matrix::Bt601;
     bool tagMatrix = true; // say the matrix in the file
