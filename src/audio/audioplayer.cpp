@@ -1,6 +1,7 @@
 #include <zevqt-mm/audioplayer.h>
 
 #include "audio/audiologging.h"
+#include "audio/soundserverreturn.h"
 #include "wrapping.h"
 
 #include <QtCore/QFile>
@@ -43,7 +44,9 @@ void AudioPlayer::teardown()
 AudioPlayer::AudioPlayer()
     : output(nullptr), volume_(1.0), muted_(false), timeBase(0), correction(0.0), fixedSampleRate_(-1),
       isOutputEmitting(false)
-{}
+{
+    SoundServerReturn::watch();
+}
 
 AudioPlayer::~AudioPlayer()
 {
@@ -158,8 +161,9 @@ bool AudioPlayer::start(MediaSource *source, double fps, bool requireAudio)
         qCCritical(audio) << "Audio playback failed for" << name << "Error code:" << error;
         stop();
         reader.close(); // a backend may fail without a change of its state
-        return false;
+        return SoundServerReturn::lookAgain(device) && start(source, fps, requireAudio);
     }
+    SoundServerReturn::started(device);
     // A source that dies in another thread has to wait until nobody reads from it any more.
     connect(source, &QObject::destroyed, this, &AudioPlayer::activeSourceDestroyed,
             source->thread() == thread() ? Qt::DirectConnection : Qt::BlockingQueuedConnection);
