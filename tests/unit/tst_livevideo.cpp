@@ -3,10 +3,9 @@
 
 #include "livevideo.h"
 #include "planarframe.h"
+#include "scenegraph_testing.h"
 #include "sourcehooks.h"
-#include "xvfbserver.h"
 
-#include <zevqt-mm/eglimagecontext.h>
 #include <zevqt-mm/mediaprovider.h>
 #include <zevqt-mm/shmemdmavideobuffer.h>
 
@@ -14,20 +13,14 @@
 
 #include <gtest/gtest.h>
 
-#include <QDeadlineTimer>
-#include <QGuiApplication>
-#include <QOpenGLContext>
+#include <QCoreApplication>
 #include <QQuickWindow>
 #include <QTemporaryDir>
 
 #include <atomic>
-#include <functional>
 #include <memory>
-#include <stdexcept>
 
 namespace {
-
-bool withOpenGl = false;
 
 constexpr auto planar = QVideoFrame::Format_YUV420P;
 constexpr auto nv12 = QVideoFrame::Format_NV12;
@@ -36,17 +29,6 @@ constexpr auto nv12 = QVideoFrame::Format_NV12;
 constexpr Yuv redYuv{76, 85, 255};
 constexpr Yuv blueYuv{29, 255, 107};
 constexpr Yuv greenYuv{150, 44, 21};
-
-bool waitUntil(const std::function<bool()> &condition)
-{
-    const QDeadlineTimer deadline(30000);
-    while (!condition()) {
-        if (deadline.hasExpired())
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 20);
-    }
-    return true;
-}
 
 bool near(QRgb pixel, QColor color)
 {
@@ -70,15 +52,6 @@ protected:
         EXPECT_EQ(PlanarBuffer::alive(), 0) << "a frame is still held";
     }
 
-    static std::unique_ptr<QQuickWindow> makeWindow()
-    {
-        auto result = std::make_unique<QQuickWindow>();
-        result->setColor(Qt::black);
-        result->resize(200, 100);
-        result->show();
-        waitUntil([&] { return result->isExposed(); });
-        return result;
-    }
     // In the window's size: it may take a moment until the render thread knows of a new window, or size.
     QImage grab()
     {
@@ -105,7 +78,10 @@ protected:
         window->grabWindow();
         return waitUntil([&] { return item->framePath() == path; });
     }
-    LiveVideo::FramePath planarPath() const { return withOpenGl ? LiveVideo::Mapped : LiveVideo::Converted; }
+    LiveVideo::FramePath planarPath() const
+    {
+        return withOpenGl() ? LiveVideo::Mapped : LiveVideo::Converted;
+    }
 
     std::unique_ptr<QQuickWindow> window;
     LiveVideo *item;
@@ -137,7 +113,7 @@ TEST_P(LiveVideoLayouts, showsItsColors)
     expectHalves(Qt::red, Qt::blue);
     EXPECT_EQ(item->videoSize(), layout.size);
     EXPECT_TRUE(waitForPath(planarPath()));
-    EXPECT_EQ(item->framePathReason().isEmpty(), withOpenGl);
+    EXPECT_EQ(item->framePathReason().isEmpty(), withOpenGl());
 }
 
 INSTANTIATE_TEST_SUITE_P(Layouts, LiveVideoLayouts,
@@ -304,7 +280,7 @@ TEST_F(LiveVideoTest, survivesTheLossOfItsGraphicsResources)
     window->show();
     ASSERT_TRUE(waitUntil([&] { return window->isExposed(); }));
     expectHalves(Qt::red, Qt::blue);
-    EXPECT_TRUE(*invalidated || !withOpenGl);
+    EXPECT_TRUE(*invalidated || !withOpenGl());
 }
 
 TEST_F(LiveVideoTest, destructionWhileShownLeavesAnEmptyWindow)
@@ -322,7 +298,7 @@ TEST_F(LiveVideoTest, aFrameThatCannotBeReadIsSaidSoAndTheNextOneShown)
     item->present(twoColorFrame(planar, {64, 32}, redYuv, blueYuv, 0, true));
     window->grabWindow();
     item->update();
-    EXPECT_TRUE(waitForPath(LiveVideo::NoPath) || !withOpenGl);
+    EXPECT_TRUE(waitForPath(LiveVideo::NoPath) || !withOpenGl());
     item->update();
     window->grabWindow();
     ASSERT_TRUE(waitUntil([&] { return item->framePathReason().contains("could not"); }))
@@ -383,8 +359,8 @@ TEST_F(LiveVideoTest, aFrameInADmaBufferIsShownFromItsPlanesAndSaysWhy)
     expectHalves(Qt::red, Qt::blue);
     EXPECT_TRUE(waitForPath(planarPath()));
     EXPECT_EQ(item->framePathReason(),
-              withOpenGl ? "the window draws with desktop OpenGL, which has no external textures"
-                         : "the scene graph does not draw with OpenGL");
+              withOpenGl() ? "the window draws with desktop OpenGL, which has no external textures"
+                           : "the scene graph does not draw with OpenGL");
 }
 
 TEST_F(LiveVideoTest, tellsWhatIsToBeSeen)
@@ -465,39 +441,6 @@ TEST_F(LiveVideoTest, aSourceThatIsNoProviderIsRefused)
     EXPECT_EQ(item->source(), nullptr);
 }
 
-// A source that counts the calls of its hooks and throws when told to.
-class HookedSource : public MediaSourceBase
-{
-public:
-    bool open() override { return true; }
-    QString name() const override { return QStringLiteral("hooked"); }
-    void setRealtimeSyncRange(int, int) override {}
-    VideoStatus getVideoStatus() override { return {}; }
-    QSize getVideoFrameSize() override { return {-1, -1}; }
-    void setVideoFrameRate(unsigned int, unsigned int) override {}
-    void setVideoFrameRate(double) override {}
-    void setRequestedImageFormat(const QSize &, QImage::Format, bool, bool) override {}
-    void doBeforeGLSynchronizing() override
-    {
-        ++before;
-        context = QOpenGLContext::currentContext() != nullptr;
-        if (throwing)
-            throw std::runtime_error("no usable display");
-        if (needsEgl && !zevgl::EGLImageContext::currentContext().display)
-            throw std::runtime_error("no EGL here");
-    }
-    void doAfterGLSynchronizing() override { ++after; }
-    void releaseGLResources() override { ++released; }
-    void requestVideo(long long) override {}
-    void requestImage(long long) override {}
-    void requestAudio(long long) override {}
-    void requestVideoAudio(long long) override {}
-    void requestImageAudio(long long) override {}
-
-    std::atomic<int> before{0}, after{0}, released{0};
-    std::atomic<bool> context{false}, throwing{false}, needsEgl{false};
-};
-
 TEST_F(LiveVideoTest, hooksOfTheSourceRunWithEverySynchronization)
 {
     const QSharedPointer<HookedSource> source(new HookedSource);
@@ -507,7 +450,7 @@ TEST_F(LiveVideoTest, hooksOfTheSourceRunWithEverySynchronization)
     window->grabWindow();
     EXPECT_GE(source->before, 1);
     EXPECT_EQ(source->before, source->after);
-    EXPECT_EQ(source->context, withOpenGl);
+    EXPECT_EQ(source->hadContextBefore, withOpenGl());
     const int calls = source->before;
     hooks.detach();
     item->update();
@@ -518,7 +461,7 @@ TEST_F(LiveVideoTest, hooksOfTheSourceRunWithEverySynchronization)
 TEST_F(LiveVideoTest, aHookThatThrowsIsReportedOnceAndNotCalledAgain)
 {
     const QSharedPointer<HookedSource> source(new HookedSource);
-    source->throwing = true;
+    source->isThrowing = true;
     zevqml::SourceHooks hooks;
     QStringList messages;
     QObject::connect(&hooks, &zevqml::SourceHooks::failed, window.get(),
@@ -557,21 +500,6 @@ TEST_F(LiveVideoTest, aSourceThatNeedsEglIsToldOfWhereThereIsNone)
 
 int main(int argc, char **argv)
 {
-    testing::InitGoogleTest(&argc, argv);
-    withOpenGl = argc > 1 && qstrcmp(argv[1], "--opengl") == 0;
-    // Also for the software scene graph: windows of the offscreen platform cannot be grabbed.
-    const XvfbServer server;
-    if (server.display().isEmpty()) {
-        std::puts("skipped: Xvfb did not start");
-        return 77;
-    }
-    qputenv("DISPLAY", server.display());
-    qputenv("QT_QPA_PLATFORM", "xcb");
     qputenv("QT_XCB_GL_INTEGRATION", "xcb_glx");
-    if (withOpenGl)
-        qunsetenv("QT_QUICK_BACKEND");
-    else
-        qputenv("QT_QUICK_BACKEND", "software");
-    QGuiApplication application(argc, argv);
-    return RUN_ALL_TESTS();
+    return runOnDisplay(argc, argv);
 }

@@ -5,8 +5,8 @@
 #include "fake_zevmm.h"
 #include "livevideo.h"
 #include "planarframe.h"
+#include "scenegraph_testing.h"
 #include "sourcehooks.h"
-#include "xvfbserver.h"
 
 #include <zevqt-mm/mediaprovider.h>
 #include <zevqt-mm/videotimeline.h>
@@ -14,76 +14,13 @@
 #include <gtest/gtest.h>
 
 #include <QAbstractVideoBuffer>
-#include <QDeadlineTimer>
+#include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QGuiApplication>
-#include <QOpenGLContext>
 #include <QQuickWindow>
 
-#include <atomic>
-#include <functional>
 #include <memory>
-#include <stdexcept>
 
 namespace {
-
-bool withOpenGl = false;
-
-bool waitUntil(const std::function<bool()> &condition)
-{
-    const QDeadlineTimer deadline(30000);
-    while (!condition()) {
-        if (deadline.hasExpired())
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 20);
-    }
-    return true;
-}
-
-std::unique_ptr<QQuickWindow> makeWindow()
-{
-    auto result = std::make_unique<QQuickWindow>();
-    result->setColor(Qt::black);
-    result->resize(200, 100);
-    result->show();
-    waitUntil([&] { return result->isExposed(); });
-    return result;
-}
-
-// Counts the calls of its hooks and throws when told to.
-class HookedSource : public MediaSourceBase
-{
-public:
-    bool open() override { return true; }
-    QString name() const override { return QStringLiteral("hooked"); }
-    void setRealtimeSyncRange(int, int) override {}
-    VideoStatus getVideoStatus() override { return {}; }
-    QSize getVideoFrameSize() override { return {-1, -1}; }
-    void setVideoFrameRate(unsigned int, unsigned int) override {}
-    void setVideoFrameRate(double) override {}
-    void setRequestedImageFormat(const QSize &, QImage::Format, bool, bool) override {}
-    void doBeforeGLSynchronizing() override
-    {
-        ++before;
-        if (isThrowing)
-            throw std::runtime_error("no usable display");
-    }
-    void releaseGLResources() override
-    {
-        ++released;
-        hadContext = QOpenGLContext::currentContext() != nullptr;
-        if (isThrowing)
-            throw std::runtime_error("no usable display to release on");
-    }
-    void requestVideo(long long) override {}
-    void requestImage(long long) override {}
-    void requestAudio(long long) override {}
-    void requestVideoAudio(long long) override {}
-    void requestImageAudio(long long) override {}
-
-    std::atomic<int> before{0}, released{0};
-    std::atomic<bool> hadContext{false}, isThrowing{false};
-};
 
 class Hooks : public testing::Test
 {
@@ -118,7 +55,7 @@ TEST_F(Hooks, resourcesAreReleasedAfterDetaching)
     EXPECT_EQ(source->released, 0) << "in another thread than the renderer's";
     synchronize();
     EXPECT_EQ(source->released, 1);
-    EXPECT_EQ(source->hadContext, withOpenGl);
+    EXPECT_EQ(source->hadContextAtRelease, withOpenGl());
     synchronize();
     EXPECT_EQ(source->released, 1);
 }
@@ -130,7 +67,7 @@ TEST_F(Hooks, resourcesAreReleasedWithTheWindow)
     synchronize();
     window.reset();
     EXPECT_EQ(source->released, 1);
-    EXPECT_EQ(source->hadContext, withOpenGl);
+    EXPECT_EQ(source->hadContextAtRelease, withOpenGl());
 }
 
 // As a QQuickView does: its items go first.
@@ -142,7 +79,7 @@ TEST_F(Hooks, resourcesAreReleasedWithTheWindowAlsoAfterDetaching)
     hooks.detach();
     window.reset();
     EXPECT_EQ(source->released, 1);
-    EXPECT_EQ(source->hadContext, withOpenGl);
+    EXPECT_EQ(source->hadContextAtRelease, withOpenGl());
 }
 
 TEST_F(Hooks, whatWasNeverPreparedIsNotReleased)
@@ -233,7 +170,7 @@ TEST_F(Hooks, aHookThatThrewIsReleasedQuietlyAndTriedInANewSceneGraph)
     synchronize();
     ASSERT_TRUE(waitUntil([&] { return !messages.isEmpty(); }));
     EXPECT_EQ(source->before, 1);
-    EXPECT_TRUE(hints.first().contains(withOpenGl ? "EGL" : "OpenGL")) << hints.first().toStdString();
+    EXPECT_TRUE(hints.first().contains(withOpenGl() ? "EGL" : "OpenGL")) << hints.first().toStdString();
 
     window->setPersistentOpenGLContext(false);
     window->setPersistentSceneGraph(false);
@@ -298,8 +235,8 @@ TEST_F(CameraItem, withoutEglTheReasonIsTold)
     provider->enableVideoFrames();
     window->grabWindow();
     ASSERT_TRUE(waitUntil([&] { return !item->problem().isEmpty(); }));
-    const QString hint = withOpenGl ? QStringLiteral("the window's OpenGL does not come through EGL")
-                                    : QStringLiteral("the scene graph does not draw with OpenGL");
+    const QString hint = withOpenGl() ? QStringLiteral("the window's OpenGL does not come through EGL")
+                                      : QStringLiteral("the scene graph does not draw with OpenGL");
     EXPECT_TRUE(item->problem().startsWith(hint)) << item->problem().toStdString();
     EXPECT_TRUE(item->problem().contains("V4L2MediaSource::doBeforeGLSynchronizing: display or functions"));
     EXPECT_EQ(told.size(), 1);
@@ -371,20 +308,6 @@ TEST_F(CameraItem, aProviderThatGoesBeforeItsItemIsLetGo)
 
 int main(int argc, char **argv)
 {
-    testing::InitGoogleTest(&argc, argv);
-    withOpenGl = argc > 1 && qstrcmp(argv[1], "--opengl") == 0;
-    const XvfbServer server;
-    if (server.display().isEmpty()) {
-        std::puts("skipped: Xvfb did not start");
-        return 77;
-    }
-    qputenv("DISPLAY", server.display());
-    qputenv("QT_QPA_PLATFORM", "xcb");
     qunsetenv("QT_XCB_GL_INTEGRATION");
-    if (withOpenGl)
-        qunsetenv("QT_QUICK_BACKEND");
-    else
-        qputenv("QT_QUICK_BACKEND", "software");
-    QGuiApplication application(argc, argv);
-    return RUN_ALL_TESTS();
+    return runOnDisplay(argc, argv);
 }

@@ -9,7 +9,7 @@ endforeach()
 
 # The same program twice, on a display of its own: the software scene graph, and OpenGL.
 zev_test(tst_livevideo
-    SOURCES unit/tst_livevideo.cpp integration/xvfbserver.cpp
+    SOURCES unit/tst_livevideo.cpp unit/scenegraph_testing.cpp unit/scenegraph_testing.h integration/xvfbserver.cpp
     LIBRARIES Zev::items GTest::gtest
     LABEL integration)
 target_include_directories(tst_livevideo PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/integration)
@@ -21,7 +21,8 @@ endif()
 
 # The same for sources whose frames are in the GPU, over a capture library of the test's own.
 zev_test(tst_livevideocamera
-    SOURCES unit/tst_livevideocamera.cpp unit/fake_zevmm.cpp unit/fake_zevmm.h integration/xvfbserver.cpp
+    SOURCES unit/tst_livevideocamera.cpp unit/fake_zevmm.cpp unit/fake_zevmm.h unit/scenegraph_testing.cpp
+        unit/scenegraph_testing.h integration/xvfbserver.cpp
     LIBRARIES Zev::items GTest::gtest
     LABEL integration)
 target_include_directories(tst_livevideocamera PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/integration
