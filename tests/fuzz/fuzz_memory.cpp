@@ -3,6 +3,7 @@
 // The reader is the library's own, on memory of its own making. Each load of the index, of the control page
 // and of the audio's head is answered by the input for as long as there is any: with what lies there, with a
 // value near to it, or with anything. The input also says what the reader is asked to do.
+#include "../unit/shm_connection.h"
 #include "reader.h"
 #include "steps.h"
 #include "writer_store.h"
@@ -105,40 +106,13 @@ public:
 
     std::unique_ptr<shm_reader> reader(HostileMemory *memory)
     {
-        StoreConnection connection;
-        WelcomeMessage &layout = connection.layout;
+        StoreConnection connection = testing_shm::connectTo(store, control);
         const StorePolicy &policy = store.policy;
-        layout.session = policy.session;
-        layout.slotBytes = policy.slotBytes;
-        layout.planeCount = policy.frame.planeCount;
-        for (uint32_t p = 0; p < policy.frame.planeCount; ++p) {
-            layout.offsets[p] = policy.frame.planes[p].offset;
-            layout.strides[p] = policy.frame.planes[p].stride;
-        }
-        layout.width = policy.width;
-        layout.height = policy.height;
-        layout.pixelFormat = policy.pixelFormat;
-        layout.historyFrames = policy.historyFrames;
-        layout.historyRing = store.index.ring;
-        layout.slotCapacity = policy.slotCapacity;
-        layout.sampleRate = policy.audio.sampleRate;
-        layout.channels = policy.audio.channels;
-        layout.audioStreams = policy.audioStreams;
-        layout.audioCapacity = policy.audio.capacity;
-        layout.audioHistory = policy.audio.history;
-        layout.audioBytes = policy.audioBytes;
-        connection.index.map(store.indexMemory.fd.get(), policy.indexBytes, false);
-        connection.control.map(control.fd.get(), sizeof(ControlPage), true);
-        connection.audio.map(store.audioMemory.fd.get(), policy.audioBytes, false);
         memory->ranges[0] = {connection.index.data(), policy.indexBytes};
         memory->ranges[1] = {connection.control.data(), sizeof(ControlPage)};
         memory->ranges[2] = {connection.audio.data(), policy.audioBytes};
-        connection.slots.resize(policy.slotCapacity);
-        for (uint32_t s = 0; s < policy.slotCount; ++s) {
-            connection.slots[s].mapping.map(store.slots[s].memory.fd.get(), policy.slotBytes, true);
-            connection.slots[s].memoryGeneration = store.slots[s].memoryGeneration;
+        for (uint32_t s = 0; s < policy.slotCount; ++s)
             slots.push_back({connection.slots[s].mapping.data(), policy.slotBytes});
-        }
         return std::make_unique<shm_reader>(std::move(connection), 4, 0);
     }
 

@@ -11,12 +11,13 @@
 // Once through every step, or as often as fits into N minutes, with up to 16 readers. --strict also holds
 // what was measured to what is promised for a quiet machine: death noticed within 20 ms (99 of 100), readers
 // back within 1 s.
+#include "../unit/store_directory.h"
+#include "shm_processes.h"
 #include "steps.h"
 
 #include <shm/shm_reader.h>
 #include <shm/shm_writer.h>
 
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -38,6 +39,8 @@
 #include <thread>
 #include <unistd.h>
 #include <vector>
+
+using namespace shm_processes;
 
 namespace {
 
@@ -81,19 +84,6 @@ constexpr Format kFormats[] = {{256, 16, SHM_PIXEL_FORMAT_NV12, 0},
                                {1, 1, SHM_PIXEL_FORMAT_NV12, 8000}};
 constexpr int kHistory = 4;
 constexpr int kSpare = 3;
-
-int64_t nowUs()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
-}
-
-void pauseUs(long us)
-{
-    const timespec time = {us / 1000000, us % 1000000 * 1000};
-    nanosleep(&time, nullptr);
-}
 
 // Which step of which process kills it, and how often it is passed before.
 const char *fatalStep = nullptr;
@@ -378,40 +368,6 @@ void readUntilGone(shm_reader_t *reader, ReaderState &state, bool pins, std::mt1
     }
 }
 
-template <class Role>
-pid_t spawn(Role &&role)
-{
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        role();
-        _exit(0);
-    }
-    return child;
-}
-
-void killAndReap(pid_t *child)
-{
-    if (*child > 0) {
-        kill(*child, SIGKILL);
-        waitpid(*child, nullptr, 0);
-    }
-    *child = -1;
-}
-
-template <class Condition>
-bool waitFor(Condition &&condition, int seconds = 40)
-{
-    const int64_t deadline = nowUs() + int64_t{seconds} * 1000000;
-    while (!condition()) {
-        if (nowUs() > deadline)
-            return false;
-        pauseUs(1000);
-    }
-    return true;
-}
-
 #define CHECK(condition, about)                                                                              \
     do {                                                                                                     \
         if (!(condition)) {                                                                                  \
@@ -662,16 +618,8 @@ int main(int argc, char **argv)
             return 2;
         }
     }
-    std::string directory = "/tmp/zev-faults-XXXXXX";
-    if (mkdtemp(directory.data()) == nullptr) {
-        std::perror("mkdtemp");
-        return 2;
-    }
-    setenv("ZEV_SHM_DIR", directory.c_str(), 1);
-    void *memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED)
-        return 2;
-    shared = new (memory) Shared();
+    const testing_shm::StoreDirectory directory;
+    shared = sharedWithChildren<Shared>();
 
     const int64_t start = nowUs();
     const auto end = start + static_cast<int64_t>(minutes * 60e6);
@@ -704,7 +652,6 @@ int main(int argc, char **argv)
         (unsigned long long)measured.blocked, static_cast<double>(percentile(measured.noticedUs, 50)) / 1e3,
         static_cast<double>(noticed) / 1e3, static_cast<double>(percentile(measured.backUs, 50)) / 1e3,
         static_cast<double>(back) / 1e3);
-    std::filesystem::remove_all(directory);
     if (good && shared->survived.load() == 0) {
         std::fprintf(stderr, "no frame was held when its writer died: the run proves too little\n");
         good = false;

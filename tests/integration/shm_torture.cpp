@@ -10,28 +10,25 @@
 //
 // What this does not prove: that no ordering is missing on a processor with a weaker memory model than the
 // one it runs on; and a clean run says little on a machine with a single core.
+#include "../unit/store_directory.h"
 #include "reader.h"
+#include "shm_processes.h"
 
 #include <shm/shm_reader.h>
 #include <shm/shm_writer.h>
 
 #include <signal.h>
-#include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <random>
-#include <string>
 #include <vector>
+
+using namespace shm_processes;
 
 namespace {
 
@@ -62,13 +59,6 @@ struct Shared
     std::atomic<int32_t> held[kReaders];
 };
 Shared *shared = nullptr;
-
-int64_t nowUs()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
-}
 
 void fill(uint8_t *plane, size_t bytes, uint64_t stamp)
 {
@@ -235,8 +225,7 @@ void readUntilGone(shm_reader_t *reader, int index, bool edge, std::mt19937 &ran
     while (true) {
         shm_reader_t *reader = shm_reader_open_with("torture", &options, nullptr);
         if (reader == nullptr) {
-            const timespec pause = {0, 500000};
-            nanosleep(&pause, nullptr);
+            pauseUs(500);
             continue;
         }
         shared->opened.fetch_add(1, std::memory_order_relaxed);
@@ -245,45 +234,9 @@ void readUntilGone(shm_reader_t *reader, int index, bool edge, std::mt19937 &ran
     }
 }
 
-template <class Role>
-pid_t spawn(Role &&role)
-{
-    const pid_t child = fork();
-    if (child == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        role();
-        _exit(0);
-    }
-    if (child < 0) {
-        std::perror("fork");
-        std::exit(2);
-    }
-    return child;
-}
-
-void killAndReap(pid_t child)
-{
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-}
-
-template <class Condition>
-bool waitFor(Condition &&condition, int seconds = 30)
-{
-    const int64_t deadline = nowUs() + int64_t{seconds} * 1000000;
-    while (!condition()) {
-        if (nowUs() > deadline)
-            return false;
-        const timespec pause = {0, 1000000};
-        nanosleep(&pause, nullptr);
-    }
-    return true;
-}
-
 void dwell(std::mt19937 &random, int maxUs)
 {
-    const timespec pause = {0, static_cast<long>(random() % static_cast<unsigned>(maxUs)) * 1000};
-    nanosleep(&pause, nullptr);
+    pauseUs(static_cast<long>(random() % static_cast<unsigned>(maxUs)));
 }
 
 struct Torture
@@ -312,8 +265,7 @@ struct Torture
         shared->heldWhenKilled.fetch_add(
             static_cast<uint64_t>(shared->held[i].load(std::memory_order_relaxed)),
             std::memory_order_relaxed);
-        killAndReap(readers[i]);
-        readers[i] = -1;
+        killAndReap(&readers[i]);
         ++readerKills;
     }
     bool writerPublishes()
@@ -338,7 +290,8 @@ bool duel(Torture &torture, int64_t us)
     torture.startReader(0);
     CHECK(torture.writerPublishes());
     const int64_t end = nowUs() + us;
-    CHECK(waitFor([end] { return nowUs() > end || shared->torn.load() != 0; }));
+    while (nowUs() < end && shared->torn.load() == 0)
+        pauseUs(1000);
     return shared->torn.load() == 0;
 }
 
@@ -364,7 +317,7 @@ bool killWriters(Torture &torture, int kills)
 {
     for (int i = 0; i < kills; ++i) {
         dwell(torture.random, 20000);
-        killAndReap(torture.writer);
+        killAndReap(&torture.writer);
         ++torture.writerKills;
         torture.startWriter();
         // A new life without an error, and somebody reads it.
@@ -410,16 +363,8 @@ bool killReaders(Torture &torture, int kills)
 int main(int argc, char **argv)
 {
     const double scale = argc > 1 ? std::atof(argv[1]) : 1.0;
-    std::string directory = "/tmp/zev-torture-XXXXXX";
-    if (mkdtemp(directory.data()) == nullptr) {
-        std::perror("mkdtemp");
-        return 2;
-    }
-    setenv("ZEV_SHM_DIR", directory.c_str(), 1);
-    void *memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED)
-        return 2;
-    shared = new (memory) Shared();
+    const testing_shm::StoreDirectory directory;
+    shared = sharedWithChildren<Shared>();
 
     Torture torture;
     const int64_t start = nowUs();
@@ -427,12 +372,9 @@ int main(int argc, char **argv)
                       overrun(torture, static_cast<int64_t>(6e6 * scale)) &&
                       killWriters(torture, static_cast<int>(210 * scale)) &&
                       killReaders(torture, static_cast<int>(200 * scale));
-    for (const pid_t reader : torture.readers) {
-        if (reader > 0)
-            killAndReap(reader);
-    }
-    if (torture.writer > 0)
-        killAndReap(torture.writer);
+    for (pid_t &reader : torture.readers)
+        killAndReap(&reader);
+    killAndReap(&torture.writer);
     std::printf(
         "%.1f s: %llu frames published, %llu locks (%llu at the edge, %llu missed), %llu torn; %d stops, "
         "%d writers killed, %d readers killed with %llu frames held, %llu opens, %llu frames outlived their "
@@ -443,7 +385,6 @@ int main(int argc, char **argv)
         (unsigned long long)shared->torn.load(), torture.stops, torture.writerKills, torture.readerKills,
         (unsigned long long)shared->heldWhenKilled.load(), (unsigned long long)shared->opened.load(),
         (unsigned long long)shared->survived.load(), shared->writerSlots.load(), shared->writerLocks.load());
-    std::filesystem::remove_all(directory);
     // A run in which nothing was in danger proves nothing.
     const bool meaningful =
         shared->edgeLocks.load() > 0 && shared->missed.load() > 0 && shared->survived.load() > 0;

@@ -4,6 +4,7 @@
 // joins, takes frames by the history and is killed somewhere, and the service thread's part of listing and
 // unmapping. Some thousand runs without a fault have to find nothing; with each fault put in, some run has to
 // find it. Seeds are fixed, so a run that finds something is found again: --seed=N --runs=1.
+#include "../unit/shm_connection.h"
 #include "interleaver.h"
 #include "publisher.h"
 #include "reader.h"
@@ -83,34 +84,7 @@ public:
 
     ControlPage *page(size_t reader) { return reinterpret_cast<ControlPage *>(pages[reader].mapping.data()); }
 
-    // What a handshake would have made.
-    StoreConnection connect(size_t reader)
-    {
-        StoreConnection connection;
-        WelcomeMessage &layout = connection.layout;
-        const StorePolicy &policy = store.policy;
-        layout.session = policy.session;
-        layout.slotBytes = policy.slotBytes;
-        layout.planeCount = policy.frame.planeCount;
-        for (uint32_t p = 0; p < policy.frame.planeCount; ++p) {
-            layout.offsets[p] = policy.frame.planes[p].offset;
-            layout.strides[p] = policy.frame.planes[p].stride;
-        }
-        layout.width = policy.width;
-        layout.height = policy.height;
-        layout.pixelFormat = policy.pixelFormat;
-        layout.historyFrames = policy.historyFrames;
-        layout.historyRing = store.index.ring;
-        layout.slotCapacity = policy.slotCapacity;
-        connection.index.map(store.indexMemory.fd.get(), policy.indexBytes, false);
-        connection.control.map(pages[reader].fd.get(), sizeof(ControlPage), true);
-        connection.slots.resize(policy.slotCapacity);
-        for (uint32_t s = 0; s < kSlots; ++s) {
-            connection.slots[s].mapping.map(store.slots[s].memory.fd.get(), policy.slotBytes, true);
-            connection.slots[s].memoryGeneration = store.slots[s].memoryGeneration;
-        }
-        return connection;
-    }
+    StoreConnection connect(size_t reader) { return testing_shm::connectTo(store, pages[reader]); }
 
     void reset()
     {

@@ -2,6 +2,8 @@
 #ifndef SHM_TESTING_H
 #define SHM_TESTING_H
 
+#include "store_directory.h"
+
 #include <shm/shm_reader.h>
 #include <shm/shm_writer.h>
 
@@ -25,35 +27,6 @@
 #include <vector>
 
 namespace testing_shm {
-
-// A fresh store directory, removed at the end.
-class StoreDirectory
-{
-public:
-    StoreDirectory()
-    {
-        if (mkdtemp(m_path.data()) == nullptr)
-            std::abort();
-        setenv("ZEV_SHM_DIR", m_path.c_str(), 1);
-    }
-    ~StoreDirectory()
-    {
-        unsetenv("ZEV_SHM_DIR");
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    const std::string &path() const { return m_path; }
-    std::vector<std::string> files() const
-    {
-        std::vector<std::string> names;
-        for (const auto &entry : std::filesystem::directory_iterator(m_path))
-            names.push_back(entry.path().filename());
-        return names;
-    }
-
-private:
-    std::string m_path = "/tmp/zev-shm-XXXXXX";
-};
 
 // Looks at `condition` until it holds; false when it does not within a generous time.
 template <class Condition>
