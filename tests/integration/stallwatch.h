@@ -37,6 +37,16 @@ public:
                 worst = std::max(worst, stall.ms);
         return worst;
     }
+    /*! Of the same, all together. */
+    double totalMs(double fromUs, double toUs)
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        double total = 0;
+        for (const Stall &stall : stalls)
+            if (stall.end >= fromUs && stall.end <= toUs)
+                total += stall.ms;
+        return total;
+    }
 
 private:
     struct Stall

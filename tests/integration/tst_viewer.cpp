@@ -1,5 +1,6 @@
 // The viewer as a person uses it: real processes, a store, a virtual display looked at from outside.
 
+#include "stallwatch.h"
 #include "viewerrig.h"
 
 #include <gtest/gtest.h>
@@ -9,14 +10,23 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonValue>
+#include <QThread>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 
 namespace {
 
 constexpr shm_color_t bt709{SHM_MATRIX_BT709, SHM_RANGE_FULL, 0, 0};
 constexpr TestPattern plain{320, 180, SHM_PIXEL_FORMAT_YUV420P, bt709};
+
+double nowUs()
+{
+    return double(std::chrono::duration_cast<std::chrono::microseconds>(
+                      std::chrono::system_clock::now().time_since_epoch())
+                      .count());
+}
 
 // A fresh store directory and files to write to.
 class ViewerTest : public testing::Test
@@ -357,36 +367,63 @@ TEST_P(ViewerWindowTest, drawsTheRightColors)
     }
 }
 
+#if defined __SANITIZE_ADDRESS__ || defined __SANITIZE_THREAD__
+constexpr int instrumentedMs = 1000; // such programs take their time to start and to draw
+#else
+constexpr int instrumentedMs = 0;
+#endif
+
+// Three times: with another size, and back. What the machine itself held up is allowed on top.
 TEST_P(ViewerWindowTest, aDeadPublisherIsNoSignalAndItsReturnIsLive)
 {
+    const TestPattern larger{640, 360, SHM_PIXEL_FORMAT_NV12, bt709};
+    const QImage noSignal = QImage(QStringLiteral(NO_SIGNAL_PICTURE))
+                                .scaled(320, 180, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+    const QImage bars = expectedPicture(plain, 0);
+    const int numberTop = plain.numberTop();
+    const auto shows = [&](const QImage &picture) {
+        return meanDifference(shot({320, 180}), picture, numberTop) <= 8.0;
+    };
     auto publisher = std::make_unique<Publisher>(directory.path(), plain, 25.0);
     ASSERT_TRUE(publisher->isReady());
     ViewerRun run(window(), {"shm:///cam0", "--size", "320x180", "--report", file("r.json")});
     ASSERT_LE(waitForBars(plain), 3.0);
+    keep(QStringLiteral("live"), {320, 180});
 
-    // A busy machine may keep one return waiting for its turn, not three.
-    const TestPattern larger{640, 360, SHM_PIXEL_FORMAT_NV12, bt709};
-    qint64 fastest = 1000000;
-    int deaths = 0;
-    for (; deaths < attempts && fastest > 1500; ++deaths) {
+    StallWatch stalls;
+    constexpr int deaths = 3;
+    for (int i = 0; i < deaths; ++i) {
         QElapsedTimer clock;
+        double from = nowUs();
         publisher->killNow();
         clock.start();
-        // The picture stays at first, then the middle of the no-signal picture is dark where a bar was green.
-        ASSERT_TRUE(waitUntil([&] { return qGreen(shot({320, 180}).pixel(140, 20)) < 80; }));
-        std::printf("no-signal picture %lld ms after the publisher's death\n", clock.elapsed());
-        EXPECT_GE(clock.elapsed(), 4500);
+        // The last picture stays for five seconds, to which a coarse timer may add or take away 5 %.
+        while (clock.elapsed() < 4500) {
+            ASSERT_TRUE(shows(bars)) << clock.elapsed() << " ms after the death";
+            if (clock.elapsed() > 2000 && clock.elapsed() < 2500)
+                keep(QStringLiteral("idle"), {320, 180});
+            QThread::msleep(100);
+        }
+        ASSERT_TRUE(waitUntil([&] { return !shows(bars); }));
+        const qint64 noSignalMs = clock.elapsed();
+        ASSERT_TRUE(waitUntil([&] { return shows(noSignal); }));
+        const double heldUpMs = stalls.totalMs(from + 4.9e6, nowUs());
+        std::printf("no-signal picture %lld ms after the publisher's death (stalls %.0f ms)\n", noSignalMs,
+                    heldUpMs);
+        EXPECT_LE(noSignalMs, 5600 + instrumentedMs + heldUpMs);
         keep(QStringLiteral("nosignal"), {320, 180});
 
+        from = nowUs();
         clock.start();
-        publisher = std::make_unique<Publisher>(directory.path(), larger, 25.0);
+        publisher = std::make_unique<Publisher>(directory.path(), i % 2 == 0 ? larger : plain, 25.0);
         ASSERT_TRUE(publisher->isReady());
-        ASSERT_TRUE(waitUntil([&] { return qGreen(shot({320, 180}).pixel(140, 20)) > 200; }));
-        std::printf("live %lld ms after its return\n", clock.elapsed());
-        fastest = std::min(fastest, clock.elapsed());
+        ASSERT_TRUE(waitUntil([&] { return shows(bars); }));
+        const qint64 liveMs = clock.elapsed();
+        const double stalledMs = stalls.totalMs(from, nowUs());
+        std::printf("live %lld ms after its return (stalls %.0f ms)\n", liveMs, stalledMs);
+        EXPECT_LE(liveMs, 1500 + instrumentedMs + stalledMs);
+        keep(QStringLiteral("returned"), {320, 180});
     }
-    EXPECT_LE(fastest, 1500);
-    keep(QStringLiteral("returned"), {320, 180});
     run.terminate();
     EXPECT_EQ(run.wait(), 0) << run.errors().toStdString();
     const QJsonObject r = readJson(file("r.json"));

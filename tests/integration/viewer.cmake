@@ -23,6 +23,7 @@ if(ZEV_BUILD_EXAMPLES AND ZEV_BUILD_QML)
         VIEWER="$<TARGET_FILE:zevqt-viewer>"
         PUBLISHER="$<TARGET_FILE:zevqt-testpublisher>"
         PROJECT_VERSION="${PROJECT_VERSION}"
+        NO_SIGNAL_PICTURE="${PROJECT_SOURCE_DIR}/examples/viewer/nosignal.png"
         ARTIFACTS_DIR="${PROJECT_BINARY_DIR}/artifacts")
     if(TARGET zevshm)
         target_compile_definitions(tst_viewer PRIVATE ZEVSHM="$<TARGET_FILE:zevshm>")
