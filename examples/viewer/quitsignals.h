@@ -7,8 +7,9 @@
  * for.
  *
  * Usage: block() first thing in main(), before any thread is started (threads inherit the mask); then create
- * one object once there is an event loop. The same signal again ends the program at
- * once.
+ * one object once there is an event loop. The same signal again ends the program at once.
+ *
+ * Threads: the one whose event loop it is.
  */
 class QuitSignals : public QObject
 {

@@ -23,6 +23,8 @@ const qint64 checkIntervalMs = 1000;
 const qint64 coarseLagMs = 50; // more than the coarse clock is behind, a late tick included
 const int microsecondsPerMillisecond = 1000;
 
+using Lock = std::lock_guard<QBasicMutex>; // whose lock() is inline, unlike QMutex's
+
 // CLOCK_MONOTONIC, what QElapsedTimer reads, as of the kernel's last tick: up to 10 ms ago, for a third of
 // the cost.
 qint64 coarseMs()
@@ -98,13 +100,13 @@ ShmemReader::~ShmemReader()
 
 bool ShmemReader::open()
 {
-    const std::lock_guard<QBasicMutex> lock(mutex);
+    const Lock lock(mutex);
     return reopen();
 }
 
 void ShmemReader::close()
 {
-    const std::lock_guard<QBasicMutex> lock(mutex);
+    const Lock lock(mutex);
     reader = nullptr;
     lockedFrames.reset();
     readerRef.reset();
@@ -181,7 +183,7 @@ void ShmemReader::openDmabufs()
 
 void ShmemReader::setRealtimeSyncRange(int min, int max)
 {
-    const std::lock_guard<QBasicMutex> lock(mutex);
+    const Lock lock(mutex);
     realtimeSyncMin = wrapping::multiply(min, microsecondsPerMillisecond);
     realtimeSyncMax = wrapping::multiply(max, microsecondsPerMillisecond);
 }
@@ -196,7 +198,7 @@ bool ShmemReader::checkRealtimeSync(long long ts) const
 
 void ShmemReader::setVideoFrameRate(unsigned int numerator, unsigned int denominator)
 {
-    const std::lock_guard<QBasicMutex> lock(mutex);
+    const Lock lock(mutex);
     fpsNumerator = numerator;
     fpsDenominator = denominator;
     if (format.valid && format.has_video)
@@ -219,7 +221,7 @@ void ShmemReader::applyVideoFrameRate()
 shm_video_status_t ShmemReader::getVideoStatus()
 {
     shm_video_status_t status = {};
-    const std::lock_guard<QBasicMutex> lock(mutex);
+    const Lock lock(mutex);
     if (hasVideo()) {
         shm_reader_get_video_status(reader, &status);
         if (!status.live)
@@ -230,13 +232,13 @@ shm_video_status_t ShmemReader::getVideoStatus()
 
 QSize ShmemReader::getVideoFrameSize()
 {
-    const std::lock_guard<QBasicMutex> lock(mutex);
+    const Lock lock(mutex);
     return hasVideo() ? QSize(format.width, format.height) : QSize(-1, -1);
 }
 
 QVector<long long> ShmemReader::getVideoTimestamps()
 {
-    const std::lock_guard<QBasicMutex> lock(mutex);
+    const Lock lock(mutex);
     if (!hasVideo())
         return {};
     QVector<long long> timestamps(qMax(0, format.frame_count));
@@ -259,7 +261,7 @@ QVideoFrame ShmemReader::grabVideo(long long ts, shm_video_lookup_mode_t mode)
 
 QVideoFrame ShmemReader::grabVideoInternal(long long ts, shm_video_lookup_mode_t *mode)
 {
-    const std::lock_guard<QBasicMutex> lock(mutex);
+    const Lock lock(mutex);
     if (!hasVideo())
         return {};
 
@@ -314,7 +316,7 @@ QAudioBuffer ShmemReader::grabAudio(int stream, unsigned long frames, long long 
 {
     if (frames == 0)
         return {};
-    const std::lock_guard<QBasicMutex> lock(mutex);
+    const Lock lock(mutex);
     if (!hasAudio())
         return {};
     shm_audio_status_t status = {};
@@ -350,7 +352,7 @@ QAudioBuffer ShmemReader::grabAudio(int stream, unsigned long frames, long long 
 
 long long ShmemReader::grabAudio(int stream, unsigned long frames, void *dst, long long ts)
 {
-    const std::lock_guard<QBasicMutex> lock(mutex);
+    const Lock lock(mutex);
     if (!hasAudio())
         return 0;
     // A writer that came back with more channels would write past the end of a buffer sized for fewer.
@@ -362,7 +364,7 @@ long long ShmemReader::grabAudio(int stream, unsigned long frames, void *dst, lo
 
 QAudioFormat ShmemReader::getAudioFormat()
 {
-    const std::lock_guard<QBasicMutex> lock(mutex);
+    const Lock lock(mutex);
     const QAudioFormat current = currentAudioFormat();
     if (current.isValid())
         reportedChannels = current.channelCount();
@@ -371,7 +373,7 @@ QAudioFormat ShmemReader::getAudioFormat()
 
 QAudioFormat ShmemReader::peekAudioFormat()
 {
-    const std::lock_guard<QBasicMutex> lock(mutex);
+    const Lock lock(mutex);
     return currentAudioFormat();
 }
 
@@ -386,7 +388,7 @@ QAudioFormat ShmemReader::currentAudioFormat()
 
 long long ShmemReader::getAudioLastTimestamp()
 {
-    const std::lock_guard<QBasicMutex> lock(mutex);
+    const Lock lock(mutex);
     if (!hasAudio())
         return 0;
     shm_audio_status_t status = {};

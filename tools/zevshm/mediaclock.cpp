@@ -20,11 +20,6 @@ int64_t MediaClock::dueAt(int64_t mediaUs) const
     return m_monotonicUs + std::llround(static_cast<long double>(mediaUs - m_mediaUs) / m_speed);
 }
 
-int64_t MediaClock::mediaAt(int64_t monotonicUs) const
-{
-    return m_mediaUs + std::llround(static_cast<long double>(monotonicUs - m_monotonicUs) * m_speed);
-}
-
 int64_t MediaClock::observe(int64_t monotonicUs, int64_t wallUs)
 {
     const int64_t offset = wallUs - monotonicUs;

@@ -35,8 +35,6 @@ public:
     void anchor(int64_t mediaUs, int64_t monotonicUs);
 
     int64_t dueAt(int64_t mediaUs) const;
-    // The media time that is due at a monotonic instant.
-    int64_t mediaAt(int64_t monotonicUs) const;
 
     void release() { m_anchored = false; } // the next arrival anchors anew
 

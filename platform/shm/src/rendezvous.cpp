@@ -119,27 +119,21 @@ std::vector<std::string> readerDirectories()
 int checkSearchable(const std::string &directory, shm_error_t *error)
 {
     struct stat status = {};
-    if (stat(directory.c_str(), &status) != 0) {
-        if (errno == ENOENT && environment("ZEV_SHM_DIR").empty())
-            return 0;
-        if (errno == ENOENT) {
-            return fail(error, ENOENT, "directory %s does not exist: create it or correct ZEV_SHM_DIR",
+    if (stat(directory.c_str(), &status) == 0) {
+        if (!S_ISDIR(status.st_mode)) {
+            return fail(error, ENOTDIR, "%s is not a directory: correct ZEV_SHM_DIR or make it one",
                         directory.c_str());
         }
-        return fail(error, errno,
-                    "directory %s cannot be searched: %s; correct ZEV_SHM_DIR or its permissions",
-                    directory.c_str(), std::strerror(errno));
-    }
-    if (!S_ISDIR(status.st_mode)) {
-        return fail(error, ENOTDIR, "%s is not a directory: correct ZEV_SHM_DIR or make it one",
+        if (access(directory.c_str(), X_OK) == 0)
+            return 0;
+    } else if (errno == ENOENT) {
+        if (environment("ZEV_SHM_DIR").empty())
+            return 0;
+        return fail(error, ENOENT, "directory %s does not exist: create it or correct ZEV_SHM_DIR",
                     directory.c_str());
     }
-    if (access(directory.c_str(), X_OK) != 0) {
-        return fail(error, errno,
-                    "directory %s cannot be searched: %s; correct ZEV_SHM_DIR or its permissions",
-                    directory.c_str(), std::strerror(errno));
-    }
-    return 0;
+    return fail(error, errno, "directory %s cannot be searched: %s; correct ZEV_SHM_DIR or its permissions",
+                directory.c_str(), std::strerror(errno));
 }
 
 int writerDirectory(const char *asked, bool shared, std::string *directory, shm_error_t *error)

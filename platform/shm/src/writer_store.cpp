@@ -14,11 +14,10 @@
 namespace shm {
 namespace {
 
-// Which memory the frames lie in, and what can be said about its export before there is any.
-// Of the record's first version, the smallest there is, and beyond any that is to come.
-constexpr uint32_t kFirstParamsSize = offsetof(shm_writer_params_t, memory) + sizeof(const char *);
-constexpr uint32_t kParamsSizeMax = 4096;
+constexpr uint32_t kFirstParamsSize = offsetof(shm_writer_params_t, memory) + sizeof(const char *); // bytes
+constexpr uint32_t kParamsSizeMax = 4096; // bytes; beyond any record that is to come
 
+// Which memory the frames lie in, and what can be said about its export before there is any.
 int memoryPolicy(const shm_writer_params_t &params, StorePolicy *policy, shm_error_t *error)
 {
     const std::string heapPrefix = "dma-heap:";
