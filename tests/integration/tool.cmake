@@ -2,7 +2,7 @@
 if(ZEV_BUILD_TOOLS)
     pkg_check_modules(FFMPEG_MEDIA REQUIRED IMPORTED_TARGET
         libavformat libavcodec libswscale libswresample libavutil)
-    foreach(name errors publish memory media network)
+    foreach(name errors info publish memory media network)
         zev_test(tst_zevshm_${name}
             SOURCES
                 integration/tst_zevshm_${name}.cpp

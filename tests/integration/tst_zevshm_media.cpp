@@ -88,6 +88,39 @@ void expectSameBars(const std::vector<uint8_t> &got, const std::vector<uint8_t> 
     }
 }
 
+// Overwrites the video packets [first, end) and leaves the container as it is. How many there were.
+int damageVideo(const std::string &path, int first, int end)
+{
+    struct Place
+    {
+        int64_t at;
+        int size;
+    };
+    std::vector<Place> places;
+    {
+        AVFormatContext *opened = nullptr;
+        if (avformat_open_input(&opened, path.c_str(), nullptr, nullptr) < 0)
+            return 0;
+        const AvPtr<AVFormatContext> format(opened);
+        const int video = av_find_best_stream(opened, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+        const AvPtr<AVPacket> packet(av_packet_alloc());
+        for (int number = 0; av_read_frame(opened, packet.get()) == 0; av_packet_unref(packet.get())) {
+            if (packet->stream_index != video)
+                continue;
+            if (number >= first && number < end && packet->pos >= 0)
+                places.push_back({packet->pos, packet->size});
+            ++number;
+        }
+    }
+    std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
+    for (const Place &place : places) {
+        // A block's header comes before its payload.
+        file.seekp(place.at + 16);
+        file << std::string(static_cast<size_t>(place.size - 16), '\xff');
+    }
+    return file ? static_cast<int>(places.size()) : 0;
+}
+
 } // namespace
 
 TEST_F(ZevshmMedia, colorsAreThoseOfFfmpegsOwnDecode)
@@ -322,6 +355,55 @@ TEST_F(ZevshmMedia, truncatedFileEndsWithItsLastFrame)
     const Reader reader = openStore("cam");
     ASSERT_TRUE(reader && waitForFrames(reader.get(), 3)) << publisher.errors();
     EXPECT_EQ(publisher.wait(), 0);
+}
+
+// What is damaged is left out, the rest is published, and it is said once.
+TEST_F(ZevshmMedia, damagedPartsOfAFileAreSkipped)
+{
+    MediaPlan plan;
+    plan.frames = 30;
+    const std::string path = media(plan);
+    ASSERT_EQ(damageVideo(path, 10, 15), 5);
+    const std::string message =
+        "zevshm: " + path + ": parts are damaged and are skipped; check it with 'ffprobe'\n";
+    {
+        Zevshm publisher({"publish", "cam", path, "--loop"});
+        const Reader reader = openStore("cam");
+        ASSERT_TRUE(reader) << publisher.errors();
+        // Beyond the damage, and round again.
+        std::set<uint32_t> numbers;
+        int rounds = 0;
+        uint32_t last = 0;
+        EXPECT_TRUE(waitFor([&] {
+            const Frame frame(reader.get());
+            const auto read = frame ? code(*frame) : std::nullopt;
+            if (read) {
+                numbers.insert(read->frameNumber);
+                rounds += read->frameNumber < last ? 1 : 0;
+                last = read->frameNumber;
+            }
+            return rounds >= 2 && numbers.count(29);
+        })) << publisher.errors();
+        EXPECT_TRUE(publisher.running());
+        for (uint32_t number = 10; number < 15; ++number)
+            EXPECT_EQ(numbers.count(number), 0u) << number;
+        EXPECT_GE(numbers.size(), 10u); // those up to the next key frame are lost, too
+        publisher.signal(SIGTERM);
+        EXPECT_EQ(publisher.wait(), 0);
+        EXPECT_EQ(publisher.errors(), message);
+    }
+    const Result once = run({"publish", "cam", path});
+    EXPECT_EQ(once.code, 0);
+    EXPECT_EQ(once.errors, message);
+
+    // A container that is whole around pictures of which none is.
+    plan.withAudio = false;
+    const std::string hollow = media(plan);
+    ASSERT_EQ(damageVideo(hollow, 0, 30), 30);
+    const Result nothing = run({"publish", "cam", hollow});
+    EXPECT_EQ(nothing.code, 9);
+    EXPECT_NE(nothing.errors.find("nothing in it could be decoded"), std::string::npos) << nothing.errors;
+    EXPECT_FALSE(stores.hasSocket("cam"));
 }
 
 TEST_F(ZevshmMedia, changedSizeOpensTheStoreAnew)
