@@ -36,6 +36,32 @@ function(zev_library target)
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endfunction()
 
+# zev_objects_library(NAME VERSION major.minor.patch SOURCES ...): a library of platform/NAME with include/NAME, whose
+# sources are compiled once, as NAME_objects: for the library and for NAME_testable, which tests of what it hides link to.
+function(zev_objects_library target)
+    cmake_parse_arguments(arg "" "VERSION" "SOURCES" ${ARGN})
+    add_library(${target}_objects OBJECT ${arg_SOURCES})
+    zev_target(${target}_objects)
+    target_include_directories(${target}_objects PRIVATE include)
+    target_link_libraries(${target}_objects PRIVATE Threads::Threads)
+
+    add_library(${target} SHARED $<TARGET_OBJECTS:${target}_objects>)
+    zev_library(${target} VERSION ${arg_VERSION})
+    set_target_properties(${target} PROPERTIES LINKER_LANGUAGE CXX)
+    target_include_directories(${target} PUBLIC
+        $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+    target_link_libraries(${target} PRIVATE Threads::Threads)
+    install(DIRECTORY include/${target} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+    if(ZEV_BUILD_TESTS)
+        add_library(${target}_testable STATIC EXCLUDE_FROM_ALL $<TARGET_OBJECTS:${target}_objects>)
+        zev_target(${target}_testable)
+        set_target_properties(${target}_testable PROPERTIES LINKER_LANGUAGE CXX)
+        target_include_directories(${target}_testable PUBLIC include src)
+        target_link_libraries(${target}_testable PUBLIC Threads::Threads)
+    endif()
+endfunction()
+
 # zev_platform_library(NAME): the target Zev::NAME, of platform/NAME or, with the option ZEV_SYSTEM_NAME, of an installed
 # libNAME that pkg-config finds.
 function(zev_platform_library name)
