@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """run_script.py SOURCE ZEVSHM VIEWER: what a person sees of ./run and of what it calls. The script runs from a tree of its
 own, in which nothing is installed or built: the programs are those given."""
+import ctypes
 import json
 import os
 import pathlib
@@ -12,6 +13,74 @@ import tempfile
 import time
 
 LIMIT_S = 60
+
+
+class ClientMessage(ctypes.Structure):
+    _fields_ = [("type", ctypes.c_int), ("serial", ctypes.c_ulong), ("send_event", ctypes.c_int),
+                ("display", ctypes.c_void_p), ("window", ctypes.c_ulong), ("message_type", ctypes.c_ulong),
+                ("format", ctypes.c_int), ("data", ctypes.c_long * 5), ("padding", ctypes.c_long * 24)]
+
+
+class Screen:
+    """A virtual display, on which a window can be closed as a person's click on its frame would."""
+
+    CLIENT_MESSAGE = 33
+    # Windows may go while they are looked at, of which Xlib would end this program.
+    IGNORE = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_void_p)(lambda *_: 0)
+
+    def __enter__(self):
+        reading, writing = os.pipe()
+        self.server = subprocess.Popen(["Xvfb", "-displayfd", str(writing), "-screen", "0", "640x480x24", "-nolisten", "tcp"],
+                                       pass_fds=[writing], stderr=subprocess.DEVNULL)
+        os.close(writing)
+        with os.fdopen(reading) as number:
+            self.name = ":" + number.readline().strip()
+        x = self.x = ctypes.CDLL("libX11.so.6")
+        pointer, number = ctypes.c_void_p, ctypes.c_ulong
+        x.XOpenDisplay.restype = pointer
+        x.XDefaultRootWindow.restype = x.XInternAtom.restype = number
+        x.XDefaultRootWindow.argtypes = x.XFlush.argtypes = x.XCloseDisplay.argtypes = [pointer]
+        x.XInternAtom.argtypes = [pointer, ctypes.c_char_p, ctypes.c_int]
+        x.XQueryTree.argtypes = [pointer, number] + [pointer] * 4
+        x.XGetWMProtocols.argtypes = [pointer, number, pointer, pointer]
+        x.XSendEvent.argtypes = [pointer, number, ctypes.c_int, ctypes.c_long, pointer]
+        x.XFree.argtypes = [pointer]
+        x.XSetErrorHandler(self.IGNORE)
+        self.display = x.XOpenDisplay(self.name.encode())
+        check(self.display, "Xvfb did not start")
+        self.protocols = x.XInternAtom(self.display, b"WM_PROTOCOLS", 0)
+        self.delete = x.XInternAtom(self.display, b"WM_DELETE_WINDOW", 0)
+        return self
+
+    def __exit__(self, *_):
+        self.x.XCloseDisplay(self.display)
+        self.server.terminate()
+        self.server.wait()
+
+    def takes_closing(self, window):
+        atoms, count = ctypes.POINTER(ctypes.c_ulong)(), ctypes.c_int()
+        if not self.x.XGetWMProtocols(self.display, window, ctypes.byref(atoms), ctypes.byref(count)):
+            return False
+        taken = self.delete in atoms[:count.value]
+        self.x.XFree(atoms)
+        return taken
+
+    def window(self):
+        """The one that can be closed, or None."""
+        root, parent = ctypes.c_ulong(), ctypes.c_ulong()
+        children, count = ctypes.POINTER(ctypes.c_ulong)(), ctypes.c_uint()
+        self.x.XQueryTree(self.display, self.x.XDefaultRootWindow(self.display), ctypes.byref(root),
+                          ctypes.byref(parent), ctypes.byref(children), ctypes.byref(count))
+        windows = children[:count.value]
+        if windows:
+            self.x.XFree(children)
+        return next(filter(self.takes_closing, windows), None)
+
+    def close(self, window):
+        message = ClientMessage(type=self.CLIENT_MESSAGE, window=window, message_type=self.protocols, format=32)
+        message.data[0] = self.delete
+        self.x.XSendEvent(self.display, window, 0, 0, ctypes.byref(message))
+        self.x.XFlush(self.display)
 
 
 class Tree:
@@ -112,6 +181,25 @@ def test_an_interrupt_ends_both_cleanly(tree):
     wait_for(lambda: session_is_empty(process.pid), "everything that was started to end")
 
 
+def test_closing_the_window_ends_both_cleanly(tree):
+    with Screen() as screen:
+        tree.environment.update(DISPLAY=screen.name, QT_QPA_PLATFORM="xcb", QT_QUICK_BACKEND="software")
+        process = tree.start("test:", "--size", "320x180", "--audio-device", "none", "--report", "closed.json")
+        wait_for(lambda: process.poll() is not None or screen.window(), "the window")
+        check(process.poll() is None, "ended before it had a window")
+        time.sleep(1)  # pictures; how many does not matter
+        check(tree.has_store(), "no store beside the window")
+        screen.close(screen.window())
+        output, errors = process.communicate(timeout=LIMIT_S)
+        check(process.returncode == 0, f"exit {process.returncode} after its window was closed: {errors!r}")
+        check(not errors and "no display" not in output, f"complains: {output!r} {errors!r}")
+        check(json.loads((tree.work / "closed.json").read_text())["frames"] > 0, "no report after the window was closed")
+        check(not tree.has_store(), "the store is left behind after the window was closed")
+        wait_for(lambda: session_is_empty(process.pid), "everything that was started to end")
+        for name in ("DISPLAY", "QT_QPA_PLATFORM", "QT_QUICK_BACKEND"):
+            del tree.environment[name]
+
+
 def test_help(tree):
     code, output, _ = tree.run("--help")
     check(code == 0 and "./run [INPUT] [viewer options]" in output, f"--help: {code} {output!r}")
@@ -137,6 +225,7 @@ def main():
         test_options_are_the_viewers(tree)
         test_failures_are_those_of_the_programs(tree)
         test_an_interrupt_ends_both_cleanly(tree)
+        test_closing_the_window_ends_both_cleanly(tree)
         test_a_build_folder_that_cannot_be_written(tree, source)
 
 
