@@ -100,10 +100,12 @@ int Demuxer::interrupted(void *self)
 
 void Demuxer::open()
 {
+    const AVInputFormat *camera = nullptr;
     if (m_name.isCamera) {
         const std::string problem = cameraProblem(m_name.url);
         if (!problem.empty())
             throw Failure(ExitInput, m_name.display + ": " + problem);
+        camera = cameraDemuxer();
     }
     AVFormatContext *format = avformat_alloc_context();
     if (!format || !m_packet)
@@ -131,9 +133,7 @@ void Demuxer::open()
         av_dict_set(&options, "reconnect_streamed", "1", 0);
         av_dict_set(&options, "reconnect_delay_max", "8", 0);
     }
-    const AVInputFormat *camera = nullptr;
-    if (m_name.isCamera) {
-        camera = cameraDemuxer();
+    if (camera) {
         // A driver that delivers nothing would not hear that we are to end.
         format->flags |= AVFMT_FLAG_NONBLOCK;
         m_lastPacketUs = monotonicUs();

@@ -90,8 +90,25 @@ int StoreConnection::applyDmabufs(Message &message, bool *complete, const char *
 
 int Handshake::reject(int code, const char *why, shm_error_t *error)
 {
-    return fail(error, code, "store \"%s\" in %s cannot be used: %s", m_name.c_str(),
-                m_connection.directory.c_str(), why);
+    // What has no cause but a damaged or a different writer has one remedy.
+    const char *remedy = code == EPROTO ? "; start its writer again, with the libshm of this program" : "";
+    return fail(error, code, "store \"%s\" in %s cannot be used: %s%s", m_name.c_str(),
+                m_connection.directory.c_str(), why, remedy);
+}
+
+int Handshake::failDead(shm_error_t *error) const
+{
+    return fail(error, ECONNREFUSED, "the writer of store \"%s\" in %s is dead: start it again",
+                m_name.c_str(), m_connection.directory.c_str());
+}
+
+int Handshake::failSilent(shm_error_t *error) const
+{
+    return fail(
+        error, ETIMEDOUT,
+        "the writer of store \"%s\" does not answer: it is stopped or overloaded; continue it or start "
+        "it again",
+        m_name.c_str());
 }
 
 int Handshake::begin(const std::string &directory, const std::string &name, int timeoutMs, uint32_t maxLocks,
@@ -109,15 +126,13 @@ int Handshake::begin(const std::string &directory, const std::string &name, int 
         return fail(error, ENOENT, "no store \"%s\" in %s: start its writer", name.c_str(),
                     directory.c_str());
     case -ECONNREFUSED:
-        return fail(error, ECONNREFUSED, "the writer of store \"%s\" in %s is dead: start it again",
-                    name.c_str(), directory.c_str());
+        return failDead(error);
     case -EACCES:
         return fail(error, EACCES,
                     "store \"%s\" in %s may not be read by this user: join the group it is shared with",
                     name.c_str(), directory.c_str());
     case -EAGAIN:
-        return fail(error, ETIMEDOUT,
-                    "the writer of store \"%s\" does not answer: it is stopped or overloaded", name.c_str());
+        return failSilent(error);
     default:
         return fail(error, -result, "store \"%s\" in %s cannot be opened: %s", name.c_str(),
                     directory.c_str(), std::strerror(-result));
@@ -127,11 +142,11 @@ int Handshake::begin(const std::string &directory, const std::string &name, int 
     // Whoever owns the socket file made it; a socket that somebody else serves has been put there.
     const unsigned uid = m_connection.peer.uid;
     if (uid != m_file.owner && uid != 0)
-        return reject(EACCES, "its writer is not the user who owns it", error);
+        return reject(
+            EACCES, "its writer is not the user who owns it; remove its socket or name another store", error);
     if (peerPidfd(m_connection.socket.get(), m_connection.peer, &m_connection.pidfd) != 0) {
         // A child of the dead writer keeps the listening socket open.
-        return fail(error, ECONNREFUSED, "the writer of store \"%s\" in %s is dead: start it again",
-                    name.c_str(), directory.c_str());
+        return failDead(error);
     }
     auto hello = makeMessage<HelloMessage>(kHello);
     hello.maxLocks = maxLocks;
@@ -155,16 +170,11 @@ int Handshake::wait(int64_t deadlineUs, shm_error_t *error)
             continue;
         if (count < 0)
             return reject(errno, std::strerror(errno), error);
-        if (count == 0) {
-            return fail(error, ETIMEDOUT,
-                        "the writer of store \"%s\" does not answer: it is stopped or overloaded",
-                        m_name.c_str());
-        }
+        if (count == 0)
+            return failSilent(error);
         // What it sent before it died is of no use.
-        if ((fds[1].revents & POLLIN) != 0) {
-            return fail(error, ECONNREFUSED, "the writer of store \"%s\" in %s is dead: start it again",
-                        m_name.c_str(), m_connection.directory.c_str());
-        }
+        if ((fds[1].revents & POLLIN) != 0)
+            return failDead(error);
         return 0;
     }
 }
@@ -181,7 +191,7 @@ int Handshake::advance(int64_t deadlineUs, shm_error_t *error)
             continue;
         }
         if (result == -EPIPE)
-            return reject(ECONNREFUSED, "its writer hung up", error);
+            return reject(ECONNREFUSED, "its writer hung up; try again", error);
         if (result != 0)
             return reject(EPROTO, "a message is damaged", error);
         result = handle(message, error);

@@ -84,6 +84,8 @@ private:
     int handle(Message &message, shm_error_t *error);
     int handleWelcome(Message &message, shm_error_t *error);
     int reject(int code, const char *why, shm_error_t *error);
+    int failDead(shm_error_t *error) const;
+    int failSilent(shm_error_t *error) const;
 
     std::string m_name;
     SocketFile m_file;

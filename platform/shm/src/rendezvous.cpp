@@ -222,7 +222,9 @@ int Publication::claim(const std::string &directory, const std::string &name, sh
         }
         UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
         if (!fd) {
-            return fail(error, errno, "lock file %s cannot be opened: %s; it may belong to another user",
+            return fail(error, errno,
+                        "lock file %s cannot be opened: %s; it may belong to another user: use another name "
+                        "or directory",
                         path.c_str(), std::strerror(errno));
         }
         struct flock lock = {};
@@ -230,8 +232,9 @@ int Publication::claim(const std::string &directory, const std::string &name, sh
         lock.l_whence = SEEK_SET;
         if (fcntl(fd.get(), F_SETLK, &lock) != 0) {
             if (errno != EACCES && errno != EAGAIN)
-                return fail(error, errno, "lock file %s cannot be locked: %s", path.c_str(),
-                            std::strerror(errno));
+                return fail(error, errno,
+                            "lock file %s cannot be locked: %s; use a directory of a local file system",
+                            path.c_str(), std::strerror(errno));
             struct flock holder = {};
             holder.l_type = F_WRLCK;
             holder.l_whence = SEEK_SET;
@@ -269,12 +272,17 @@ int Publication::listen(long group, shm_error_t *error)
     ::unlink(temporaryPath.c_str());
     UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd)
-        return fail(error, errno, "no socket for store \"%s\": %s", m_name.c_str(), std::strerror(errno));
+        return fail(error, errno,
+                    "no socket for store \"%s\": %s; close some files or raise the limit (ulimit -n)",
+                    m_name.c_str(), std::strerror(errno));
     sockaddr_un address;
     UniqueFd holder;
     const int result = makeAddress(m_directory, temporary, &address, &holder);
     if (result != 0)
-        return fail(error, -result, "directory name %s is too long for a socket", m_directory.c_str());
+        return fail(
+            error, -result,
+            "directory %s cannot be opened: %s; give it a shorter name or raise the limit (ulimit -n)",
+            m_directory.c_str(), std::strerror(-result));
     // The mode is set before anybody can connect: there is no listener until the rename.
     if (bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         return failDirectory(m_directory, errno, kUsual, error);
@@ -286,8 +294,10 @@ int Publication::listen(long group, shm_error_t *error)
     if (!ready) {
         const int code = errno;
         ::unlink(temporaryPath.c_str());
-        return fail(error, code, "store \"%s\" cannot be made visible in %s: %s", m_name.c_str(),
-                    m_directory.c_str(), std::strerror(code));
+        return fail(error, code, "store \"%s\" cannot be made visible in %s: %s; %s", m_name.c_str(),
+                    m_directory.c_str(), std::strerror(code),
+                    code == EPERM && group >= 0 ? "join the group that it is shared with"
+                                                : "make the directory yours or name another one");
     }
     m_socket = std::move(fd);
     m_visible = true;

@@ -40,7 +40,8 @@ int WriterService::start(int listenSocket, shm_error_t *error)
     m_epoll = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
     m_event = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!m_epoll || !m_event)
-        return fail(error, errno, "no descriptors for the service thread: %s", std::strerror(errno));
+        return fail(error, errno, "no descriptors for the service thread: %s; raise the limit (ulimit -n)",
+                    std::strerror(errno));
     epoll_event event = {};
     event.events = EPOLLIN;
     event.data.u64 = eventData(kPoke, 0, 0);
@@ -192,11 +193,11 @@ void WriterService::accept()
             m_store.policy.group >= 0 &&
             peerHasGroup(connection->socket.get(), peer, static_cast<unsigned>(m_store.policy.group));
         if (!connection->trusted && peer.uid != 0 && !inGroup) {
-            refuse(*connection, EACCES, "this user may not read the store");
+            refuse(*connection, EACCES, "this user may not read the store: join the group it is shared with");
             continue;
         }
         if (free == m_connections.end()) {
-            refuse(*connection, EMFILE, "the store has as many readers as it can serve");
+            refuse(*connection, EMFILE, "the store has as many readers as it can serve: close one");
             continue;
         }
         if (peerPidfd(connection->socket.get(), peer, &connection->pidfd) != 0)
@@ -252,7 +253,8 @@ bool WriterService::receive(Connection &connection)
             return false;
         const MessageHeader header = message.header();
         if (header.version != kProtocolVersion) {
-            refuse(connection, EPROTONOSUPPORT, "the writer speaks another version of the protocol");
+            refuse(connection, EPROTONOSUPPORT,
+                   "the writer speaks another version of the protocol: use one libshm for both");
             return false;
         }
         // One hello, and one wish for DMA-bufs. A reader brings no descriptors.
@@ -283,12 +285,13 @@ bool WriterService::welcome(Connection &connection)
     const StorePolicy &policy = m_store.policy;
     if (policy.memoryKind == kDmaHeap && !mayHaveDmabufs(connection)) {
         refuse(connection, EACCES,
-               "its frames are in memory of a DMA heap, which the publisher does not share with other users");
+               "its frames are in memory of a DMA heap, which the publisher does not share with other users: "
+               "publish in memory of the kind memfd");
         return false;
     }
     if (createSharedMemory(&connection.control, "shm-control", sizeof(ControlPage), kMemfd,
                            sealsForShared()) != 0) {
-        refuse(connection, ENOMEM, "the writer has no memory for another reader");
+        refuse(connection, ENOMEM, "the writer has no memory for another reader: end other programs");
         return false;
     }
     SHM_STEP("serve: control page made");
@@ -296,7 +299,7 @@ bool WriterService::welcome(Connection &connection)
     connection.listed = m_store.readers.add(
         reinterpret_cast<ControlPage *>(connection.control.mapping.data()), connection.maxLocks);
     if (connection.listed < 0) {
-        refuse(connection, EMFILE, "the store has as many readers as it can serve");
+        refuse(connection, EMFILE, "the store has as many readers as it can serve: close one");
         return false;
     }
     SHM_STEP("serve: listed");

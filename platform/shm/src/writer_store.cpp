@@ -170,7 +170,8 @@ int makePolicy(const shm_writer_params_t &params, StorePolicy *policy, shm_error
         return result;
     constexpr uint32_t known = SHM_WRITER_SEALED | SHM_WRITER_DMABUF_OTHERS | SHM_WRITER_HUGE_PAGES;
     if ((params.flags & ~known) != 0)
-        return fail(error, EINVAL, "writer flags 0x%x are unknown", params.flags & ~known);
+        return fail(error, EINVAL, "writer flags 0x%x are unknown: shm_writer.h has those that exist",
+                    params.flags & ~known);
     policy->name = params.name;
     policy->flags = params.flags;
     if (params.group != nullptr) {
@@ -257,7 +258,8 @@ int Store::create(shm_error_t *error)
         return result;
 
     const auto failed = [&](const char *what, int code) {
-        return fail(error, -code, "store \"%s\": no memory for %s (%llu bytes in all): %s",
+        return fail(error, -code,
+                    "store \"%s\": no memory for %s (%llu bytes in all): %s; keep fewer or smaller frames",
                     policy.name.c_str(), what, static_cast<unsigned long long>(bytesWith(policy.slotCount)),
                     std::strerror(-code));
     };
