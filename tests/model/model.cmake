@@ -46,6 +46,16 @@ if(NOT ZEV_SANITIZE)
     endforeach()
 endif()
 
+# What the deciding accesses become on a machine that reorders more than this one.
+find_program(ZEV_AARCH64_CXX aarch64-linux-gnu-g++)
+find_package(Python3 COMPONENTS Interpreter)
+if(ZEV_AARCH64_CXX AND Python3_FOUND AND NOT ZEV_SANITIZE)
+    set(accesses COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/aarch64_accesses.py ${PROJECT_SOURCE_DIR} ${ZEV_AARCH64_CXX})
+    add_test(NAME model_aarch64_accesses ${accesses})
+    add_test(NAME model_aarch64_accesses_relaxed ${accesses} --break)
+    set_tests_properties(model_aarch64_accesses model_aarch64_accesses_relaxed PROPERTIES LABELS model TIMEOUT 120)
+endif()
+
 # The library once more, with its atomics and named steps in the hands of tests.
 if(NOT TARGET shm_objects)
     return() # an installed libshm is used, whose sources are not here
