@@ -32,16 +32,20 @@ def lines_of(path, text):
     return found
 
 
-def instructions(compiler, tree, unit, header, lines):
-    """Mnemonics that the debug information puts on these lines."""
+def disassembly(compiler, tree, unit):
+    """With source lines, inlined ones included."""
     shm = tree / "platform/shm"
     with tempfile.TemporaryDirectory() as scratch:
         made = pathlib.Path(scratch) / "unit.o"
         subprocess.run([compiler, "-std=c++17", "-O2", "-g", "-fPIC", "-DNDEBUG", "-DSHM_BUILDING", f"-I{shm}/include",
                         f"-I{shm}/src", "-c", str(shm / "src" / unit), "-o", str(made)], check=True)
         objdump = re.sub(r"(g\+\+|clang\+\+)([-0-9.]*)$", "objdump", compiler)
-        listing = subprocess.run([objdump, "-dl", "--inlines", "--no-show-raw-insn", str(made)], check=True, capture_output=True,
-                                 text=True).stdout
+        return subprocess.run([objdump, "-dl", "--inlines", "--no-show-raw-insn", str(made)], check=True, capture_output=True,
+                              text=True).stdout
+
+
+def instructions(listing, header, lines):
+    """Mnemonics that the debug information puts on these lines."""
     # An access is inlined from <atomic>: the line is further up in the chain that comes before its instructions.
     here = False
     in_chain = False
@@ -61,9 +65,12 @@ def instructions(compiler, tree, unit, header, lines):
 
 def weak_accesses(compiler, tree):
     weak = []
+    listings = {}
     for name, (header, unit, text) in ACCESSES.items():
         lines = lines_of(tree / "platform/shm/src" / header, text.replace("seq_cst", ORDER.get(name, "seq_cst")))
-        found = instructions(compiler, tree, unit, header, lines)
+        if unit not in listings:
+            listings[unit] = disassembly(compiler, tree, unit)
+        found = instructions(listings[unit], header, lines)
         wanted = STRONG["store" if ".store(" in text else "load"]
         if wanted not in found:
             weak.append(name)
