@@ -56,6 +56,7 @@ private Q_SLOTS:
     void invalidFramesAreIdleFirst();
     void neverAFrameShowsThePictureAtOnce();
     void pictureAfterTheDelay();
+    void pictureAfterFiveSecondsByDefault();
     void imagesHaveNoIdleSignal();
     void endlessDelay_data();
     void endlessDelay();
@@ -548,6 +549,38 @@ void tst_MediaProvider::pictureAfterTheDelay()
     QCOMPARE(frames.at(2).at(0).value<QVideoFrame>().size(), QSize(100, 50));
     provider.emitVideoFrame(QVideoFrame(QImage(16, 16, QImage::Format_RGB32)));
     QCOMPARE(frames.at(3).at(0).value<QVideoFrame>().size(), QSize(16, 16)); // and the source is back
+}
+
+// In real time, since the deadline knows no other; a coarse one may be off by 5 %.
+void tst_MediaProvider::pictureAfterFiveSecondsByDefault()
+{
+    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
+    provider.setNoSignalImage(picture, seconds(5));
+    QSignalSpy frames(&provider, &MediaProvider::videoReady);
+    QSignalSpy idle(&provider, &MediaProvider::videoIdle);
+    provider.emitVideoFrame(QVideoFrame());
+    QCOMPARE(frames.count(), 1); // another delay would have armed the deadline
+    frames.clear();
+    QElapsedTimer clock;
+    clock.start();
+    provider.emitVideoFrame(QVideoFrame(QImage(16, 16, QImage::Format_RGB32)));
+    const qint64 armedBy = clock.elapsed();
+    int asked = 0;
+    for (; frames.count() == 1; ++asked) {
+        const qint64 now = clock.elapsed();
+        provider.emitVideoFrame(QVideoFrame());
+        QVERIFY(frames.count() == 2 || now < armedBy + 5250);
+        if (now > 2500)
+            provider.setNoSignalImage(picture, seconds(5)); // nothing new: the deadline stays
+        QThread::msleep(20);
+    }
+    QVERIFY2(clock.elapsed() >= 4750, qPrintable(QString::number(clock.elapsed())));
+    QCOMPARE(idle.count(), asked - 1); // each of them, but the last
+    for (int i = 0; i < 3; ++i)
+        provider.emitVideoFrame(QVideoFrame());
+    QCOMPARE(frames.count(), 5);
+    QCOMPARE(idle.count(), asked - 1);
+    QCOMPARE(frames.at(4).at(0).value<QVideoFrame>().size(), QSize(100, 50));
 }
 
 void tst_MediaProvider::imagesHaveNoIdleSignal()

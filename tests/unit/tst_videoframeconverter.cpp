@@ -403,6 +403,10 @@ void tst_VideoFrameConverter::unmappableFrameGivesNull()
     QVERIFY(converter.convert(QVideoFrame(new UnmappableBuffer, QSize(64, 36), QVideoFrame::Format_NV12))
                 .isNull());
     QCOMPARE(converter.calls, QStringList({"cached -1", "allocate 64x36"})); // nothing to remember
+    QVERIFY(VideoFrameConverter::convert(
+                QVideoFrame(new UnmappableBuffer, QSize(64, 36), QVideoFrame::Format_NV12), QSize(),
+                QImage::Format_RGB32, true, true)
+                .isNull());
 }
 
 void tst_VideoFrameConverter::imageThatCannotBeAllocatedGivesNull()
