@@ -9,6 +9,7 @@
 #include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QImageReader>
+#include <QImageWriter>
 #include <QJsonDocument>
 #include <QLoggingCategory>
 #include <QSaveFile>
@@ -128,18 +129,19 @@ int writeResults(const Viewer &viewer, const ViewerWindow *window, const Options
         file.setDirectWriteFallback(true); // a folder may be closed and the file in it open
         const QJsonDocument document(reportOf(viewer.figures(), options.video.toString(), seconds));
         if (!file.open(QIODevice::WriteOnly) || file.write(document.toJson()) < 0 || !file.commit())
-            code = complain(OutputFailed,
-                            QStringLiteral("cannot write '%1': %2").arg(options.report, file.errorString()));
+            code = complain(OutputFailed, cannotWrite(options.report, file.errorString()));
     }
     if (!options.snapshot.isEmpty()) {
         QImage picture = viewer.snapshot();
         if (picture.isNull() && window)
             picture = window->pictureOnScreen();
         if (picture.isNull())
-            code = complain(OutputFailed, QStringLiteral("no picture came from %1, '%2' is not written")
-                                              .arg(options.video.toString(), options.snapshot));
-        else if (!picture.save(options.snapshot, "PNG"))
-            code = complain(OutputFailed, QStringLiteral("cannot write '%1'").arg(options.snapshot));
+            code = complain(OutputFailed,
+                            QStringLiteral("no picture came from %1, '%2' is not written; start its "
+                                           "publisher, or wait longer (--seconds)")
+                                .arg(options.video.toString(), options.snapshot));
+        else if (QImageWriter writer(options.snapshot, "PNG"); !writer.write(picture))
+            code = complain(OutputFailed, cannotWrite(options.snapshot, writer.errorString()));
     }
     return code;
 }

@@ -80,6 +80,12 @@ QJsonObject reportOf(const ViewerFigures &figures, const QString &url, double se
     };
 }
 
+QString cannotWrite(const QString &path, const QString &reason)
+{
+    return QStringLiteral("cannot write '%1': %2; check the path, its permissions and the space there")
+        .arg(path, reason);
+}
+
 QString whyNotWritable(const QString &path)
 {
     QFile file(path);
@@ -87,7 +93,7 @@ QString whyNotWritable(const QString &path)
     if (existed && !QFileInfo(path).isFile())
         return QStringLiteral("cannot write '%1': it is not a file; name one").arg(path);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Append))
-        return QStringLiteral("cannot write '%1': %2").arg(path, file.errorString());
+        return cannotWrite(path, file.errorString());
     file.close();
     if (!existed)
         file.remove();
