@@ -169,14 +169,19 @@ TEST_F(ViewerTest, aSignalEndsItCleanlyWithReportAndSnapshot)
 {
     const Publisher publisher(directory.path(), plain, 25.0);
     ASSERT_TRUE(publisher.isReady());
-    ViewerRun run(headless(),
-                  {"shm:///cam0", "--headless", "--report", file("r.json"), "--snapshot", file("s.png")});
-    QElapsedTimer clock;
-    clock.start();
-    ASSERT_TRUE(waitUntil([&] { return clock.hasExpired(2000); }));
-    ASSERT_TRUE(run.isRunning());
-    run.terminate();
-    EXPECT_EQ(run.wait(), 0) << run.errors().toStdString();
+    // Nothing tells from outside that it shows: a busy machine gets longer, anew.
+    for (int showsMs = 2000; showsMs <= 16000 && !QFile::exists(file("s.png")); showsMs *= 2) {
+        ViewerRun run(headless(),
+                      {"shm:///cam0", "--headless", "--report", file("r.json"), "--snapshot", file("s.png")});
+        QElapsedTimer clock;
+        clock.start();
+        ASSERT_TRUE(waitUntil([&] { return clock.hasExpired(showsMs); }));
+        ASSERT_TRUE(run.isRunning());
+        run.terminate();
+        const int code = run.wait();
+        const bool shown = readJson(file("r.json"))["frames"].toInt() > 0;
+        EXPECT_EQ(code, shown ? 0 : 1) << run.errors().toStdString();
+    }
     EXPECT_GT(readJson(file("r.json"))["frames"].toInt(), 0);
     EXPECT_FALSE(QImage(file("s.png")).isNull());
 }
