@@ -17,7 +17,7 @@ namespace zevshm {
 
 namespace {
 
-// The encoding that V4L2 says a colour space has when the driver names none.
+// The encoding that V4L2 says a color space has when the driver names none.
 std::uint32_t encodingOf(std::uint32_t colorspace, std::uint32_t encoding)
 {
     if (encoding != V4L2_YCBCR_ENC_DEFAULT)

@@ -23,11 +23,10 @@ struct CapturedFrame
 //
 //     put     1  2  3        4           5        6
 //     take             3           4        5           6
-//     done             -           -           3           4     (to the driver: what two newer ones
-//     followed)
+//     done             -           -           3           4
 //
-// 1 and 2 are answered by put() at once. Indexes are those of the current generation; frames of an earlier
-// one go back to nobody.
+// put() answers 1 and 2 at once, done() what two newer ones have followed: these go back to the driver.
+// Indexes are those of the current generation; frames of an earlier one go back to nobody.
 class Mailbox
 {
 public:

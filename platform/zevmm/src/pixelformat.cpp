@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::uint32_t largestSide = 32768;
 
-// The encoding that V4L2 says a colour space has when the driver names none; what EGL has no hint for takes
+// The encoding that V4L2 says a color space has when the driver names none; what EGL has no hint for takes
 // the nearest.
 ColorEncoding encodingOf(std::uint32_t colorspace, std::uint32_t encoding)
 {

@@ -1,4 +1,4 @@
-// V4L2's pixel formats and colour spaces as capture uses them.
+// V4L2's pixel formats and color spaces as capture uses them.
 #ifndef ZEVMM_PIXELFORMAT_H
 #define ZEVMM_PIXELFORMAT_H
 
