@@ -126,6 +126,22 @@ if(ZEV_BUILD_EXAMPLES AND ZEV_BUILD_QML)
         set_tests_properties(tst_viewerplayback_devices PROPERTIES LABELS integration TIMEOUT 120)
         zev_test_environment(tst_viewerplayback_devices)
 
+        add_library(zev-clockshift MODULE integration/clockshift.c)
+        zev_target(zev-clockshift)
+        zev_test(tst_viewerclock
+            SOURCES integration/tst_viewerclock.cpp integration/viewerrig.cpp integration/testpattern.cpp
+                integration/toolpublisher.cpp integration/xvfbserver.cpp integration/pulseserver.cpp
+                integration/pulseserver.h
+            LIBRARIES Zev::shm Qt5::Gui PkgConfig::FFMPEG GTest::gtest
+            LABEL integration)
+        target_compile_definitions(tst_viewerclock PRIVATE
+            VIEWER="$<TARGET_FILE:zevqt-viewer>"
+            PUBLISHER="$<TARGET_FILE:zevqt-testpublisher>"
+            ZEVSHM="$<TARGET_FILE:zevshm>"
+            CLOCK_SHIFT="$<TARGET_FILE:zev-clockshift>"
+            ARTIFACTS_DIR="${PROJECT_BINARY_DIR}/artifacts")
+        add_dependencies(tst_viewerclock zevqt-viewer zevshm zev-clockshift)
+
         # Flash and beep. The recorder asks the sound server when what it recorded is heard.
         pkg_check_modules(PULSE IMPORTED_TARGET libpulse)
         if(PULSE_FOUND)
