@@ -50,11 +50,13 @@ bool PictureFollower::update(qint64 now, qint64 soundAge, const Store &store)
     const qint64 shown = std::max<qint64>(std::min(soundAge, oldest), 1);
     m_shortfall = soundAge - shown;
 
-    if (m_isNew) {
+    // The oldest picture comes and goes, so that being there is not the same age every time.
+    const qint64 allowed = m_shortfall > 0 ? 2 * store.interval : store.interval / 2 + leftAloneUs;
+    // Then the last move was right, and is no reason to wait.
+    const bool hasSoundMoved = std::abs(shown - m_shownThen) > allowed;
+    if (m_isNew || hasSoundMoved)
         m_apart = offForUs; // the sound's age may not have been quite settled
-    } else {
-        // The oldest picture comes and goes, so that being there is not the same age every time.
-        const qint64 allowed = m_shortfall > 0 ? 2 * store.interval : store.interval / 2 + leftAloneUs;
+    if (!m_isNew) {
         if (!isOff(now, shown, allowed)) {
             m_offSince = 0;
             if (now - m_told > movesApartUs)
@@ -65,10 +67,12 @@ bool PictureFollower::update(qint64 now, qint64 soundAge, const Store &store)
             m_offSince = now;
         if (now - m_offSince < offForUs || now - m_told < m_apart)
             return false;
-        m_apart = std::min(2 * m_apart, longestApartUs);
+        if (!hasSoundMoved)
+            m_apart = std::min(2 * m_apart, longestApartUs);
     }
     m_isNew = false;
     m_offSince = 0;
+    m_shownThen = shown;
     m_target = shown + store.interval / 2;
     m_told = now;
     m_pictures.clear();

@@ -14,7 +14,8 @@
  * were handed out have been farther than that from their sound for three seconds: clocks differ, and 200 ppm
  * are a frame of 25 a second in less than four minutes. The picture moves then, so the moves are ten seconds
  * apart after the first one, and farther and farther while they do not help (pictures that are not shown at
- * their source's rate may not come to it).
+ * their source's rate may not come to it). Sound whose age has changed by as much since the last move (after
+ * a gap, a jump) is followed after those three seconds, whenever that move was.
  *
  * A picture cannot be older than what the store holds: beyond that it is as old as there are frames, two of
  * them kept as a margin, and shortfall() says by how much its sound comes later.
@@ -58,6 +59,7 @@ private:
 
     bool m_isNew = true;
     qint64 m_target = 0;
+    qint64 m_shownThen = 0; // the age that the target was made of
     qint64 m_shortfall = 0;
     qint64 m_told = 0;     // when the target was set
     qint64 m_apart = 0;    // how long to leave it then

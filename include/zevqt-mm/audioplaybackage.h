@@ -24,11 +24,7 @@
  *                                position of just before
  *
  * So the position is sampled often, and whenever the device takes something, the time between the samples
- * around that less the position of the earlier one is the age. The lower quartile of three seconds counts.
- *
- * A sound server asks the output for 20 ms or more at a time and keeps to itself what it took beyond that, so
- * an age found is too large by up to 20 ms, never too small, and by how much changes slowly. So the least of
- * the last minute is told, and a larger one only if it is larger by more than that.
+ * around that less the position of the earlier one is the age. The median of three seconds counts.
  *
  * Usage: begin() when playing was started; sample() every few milliseconds while it plays; age() when
  * isKnown(). It knows no clock and no player.
@@ -44,8 +40,9 @@
  *
  * Threads: reentrant. Units: microseconds, on the wall clock, which the timestamps are on.
  *
- * Limits: latency that the device has beyond its portions is not seen: nobody reports it. A device whose
- * portions are always smaller than 20 ms is taken to be later than it is by up to the difference.
+ * Limits: latency that the device has beyond its portions is not seen: nobody reports it. A sound server asks
+ * the output for a period at a time and keeps to itself what it took beyond that; the player's position tells
+ * what is made of it.
  */
 class ZEVQTMM_EXPORT AudioPlaybackAge
 {
@@ -74,10 +71,9 @@ private:
         qint64 at;
         qint64 age;
     };
-    void judge(qint64 now);
+    void judge();
 
     std::deque<Portion> portions; // of the last seconds
-    std::deque<Portion> lowest;   // what they said, once a second of the last minute
     qint64 lastNow = 0;
     qint64 lastPosition = 0;
     qint64 told = 0;

@@ -79,6 +79,10 @@ public:
      * Source timestamp of the next sample that the device takes out of the output's buffer; 0 when there is
      * none. It is heard after what the device has taken before. Unlike the played time it knows of silence
      * and of jumps, once what was read before them has left the buffer.
+     *
+     * A sound server asks for sound a period at a time. One that plays at another rate than the output's has
+     * taken up to a period more than that, mostly nearly all of it, and does not tell: three quarters are added
+     * for it.
      */
     qint64 getDevicePosition() const;
     /*! Where sound was missing, in all that was played so far. */
@@ -139,6 +143,7 @@ private:
     double correction;
     int fixedSampleRate_;
     bool isOutputEmitting;
+    bool isRateConverted; // by the device's system
 };
 
 #endif

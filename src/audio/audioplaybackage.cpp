@@ -12,9 +12,6 @@ const qint64 longestSampleUs = 15000; // half of it is how wrong an age can be
 const qint64 leastPortionUs = 1000;   // less is rounding
 const qint64 agreementUs = 20000;
 const size_t leastPortions = 5;
-const qint64 rememberedUs = 60000000;
-const qint64 rememberEveryUs = 1000000;
-const qint64 excessUs = 22000; // of an output's account: what it is asked for at a time, and a little
 
 } // namespace
 
@@ -36,12 +33,12 @@ void AudioPlaybackAge::sample(qint64 now, qint64 devicePosition)
     while (!portions.empty() && now - portions.front().at > windowUs)
         portions.pop_front();
     if (isTaken || portions.size() != before)
-        judge(now);
+        judge();
     lastNow = now;
     lastPosition = devicePosition;
 }
 
-void AudioPlaybackAge::judge(qint64 now)
+void AudioPlaybackAge::judge()
 {
     if (portions.size() < leastPortions) {
         spread = agreementUs + 1;
@@ -56,21 +53,10 @@ void AudioPlaybackAge::judge(qint64 now)
         std::nth_element(ages.begin(), place, ages.end());
         return *place;
     };
-    const qint64 quartile = at(1);
-    spread = at(3) - quartile;
+    spread = at(3) - at(1);
     if (spread > agreementUs || portions.back().at - portions.front().at < knownAfterUs)
         return;
-
-    while (!lowest.empty() && now - lowest.front().at > rememberedUs)
-        lowest.pop_front();
-    if (told > 0 && quartile > told + excessUs)
-        lowest.clear();
-    if (lowest.empty() || now - lowest.back().at >= rememberEveryUs)
-        lowest.push_back({now, quartile});
-    lowest.back().age = std::min(lowest.back().age, quartile);
-    told = std::min_element(lowest.begin(), lowest.end(), [](const Portion &a, const Portion &b) {
-               return a.age < b.age;
-           })->age;
+    told = at(2);
 }
 
 bool AudioPlaybackAge::isKnown(qint64 now) const

@@ -43,7 +43,7 @@ void AudioPlayer::teardown()
 
 AudioPlayer::AudioPlayer()
     : output(nullptr), volume_(1.0), muted_(false), timeBase(0), correction(0.0), fixedSampleRate_(-1),
-      isOutputEmitting(false)
+      isOutputEmitting(false), isRateConverted(false)
 {
     SoundServerReturn::watch();
 }
@@ -105,8 +105,10 @@ qint64 AudioPlayer::getDevicePosition() const
 {
     if (!isActive() || getReadPosition() == 0)
         return 0;
+    const QAudioFormat format = output->format();
     const int held = qMax(0, output->bufferSize() - output->bytesFree());
-    return getReadPosition() - reader.readAhead() - output->format().durationForBytes(held);
+    const qint64 untold = isRateConverted ? 3 * format.durationForBytes(output->periodSize()) / 4 : 0;
+    return getReadPosition() - reader.readAhead() - format.durationForBytes(held) + untold;
 }
 
 bool AudioPlayer::setDevice(QString name)
@@ -151,6 +153,7 @@ bool AudioPlayer::start(MediaSource *source, double fps, bool requireAudio)
     }
 
     prepareOutput(format);
+    isRateConverted = device.preferredFormat().sampleRate() != format.sampleRate();
     output->setVolume(muted_ ? 0.0 : volume_);
     if (fps > 0)
         output->setNotifyInterval(notifyIntervalMs(fps));

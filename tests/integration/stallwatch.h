@@ -27,13 +27,13 @@ public:
     }
 
     double worstMs() { return worstMs(0, 1e18); }
-    /*! Of the naps that ended between two times. */
+    /*! Of the naps that were going on at a time between two. */
     double worstMs(double fromUs, double toUs)
     {
         const std::lock_guard<std::mutex> lock(mutex);
         double worst = 0;
         for (const Stall &stall : stalls)
-            if (stall.end >= fromUs && stall.end <= toUs)
+            if (stall.end >= fromUs && stall.end - 1000 * stall.ms <= toUs)
                 worst = std::max(worst, stall.ms);
         return worst;
     }

@@ -36,7 +36,7 @@ zev_test(tst_audiolevelsrecorded
 target_compile_definitions(tst_audiolevelsrecorded PRIVATE TEST_DATA="${PROJECT_SOURCE_DIR}/tests/data")
 
 # The player over devices of the test's own and a clock that is set at will.
-foreach(test tst_audioplayer tst_audioplayerclock tst_audioplayerlifetime)
+foreach(test tst_audioplayer tst_audioplayerclock tst_audioplayerlifetime tst_audioplayerposition)
     zev_test(${test}
         SOURCES ${audio_unit}/${test}.cpp ${audio_store} ${audio_unit}/audioplayer_testing.cpp
             ${audio_unit}/audioplayer_testing.h ${audio_unit}/fake_audiosystem.cpp ${audio_unit}/fake_audiosystem.h

@@ -52,7 +52,7 @@ public:
     void reset() override { ++resets; }
     void suspend() override {}
     void resume() override {}
-    int bytesFree() const override { return 0; }
+    int bytesFree() const override { return free; }
     int periodSize() const override { return period; }
     void setBufferSize(int value) override { bufferSizes.append(value); }
     int bufferSize() const override { return buffer; }
@@ -69,6 +69,7 @@ public:
 
     int period = 3840;
     int buffer = 48000;
+    int free = 0;
     int interval = 1000;
     qint64 processed = 0;
     int resets = 0;
