@@ -123,7 +123,8 @@ std::string ExpectedSeams::judge(const std::vector<double> &samples, int rate, d
     if (!seams.empty() && seams.back() + window + filterReach > samples.size())
         tail = seams.back() - window - filterReach;
     const double lag = sourceRate * lagBetween(samples, rate, frequency, head, tail, window);
-    if (std::abs(lag - total) > 0.2)
-        return "the end is " + std::to_string(lag) + " samples late, the seams " + std::to_string(total);
+    if (std::abs(std::remainder(lag - total, sourceRate / frequency)) > 0.2)
+        return "the end is " + std::to_string(lag) + " samples late but for whole periods, the seams " +
+               std::to_string(total);
     return {};
 }
