@@ -239,8 +239,7 @@ void tst_AudioPlayer::readerThatCannotBeOpened()
     takeLog();
     const QAudioFormat nearest =
         QAudioDeviceInfo::defaultOutputDevice().nearestFormat(source->getAudioFormat());
-    if (nearest == source->getAudioFormat())
-        QSKIP("this Qt finds no format that cannot be had");
+    QVERIFY(nearest != source->getAudioFormat()); // or there would be nothing to convert
     QVERIFY(!player()->start(source.get(), 25));
     const QStringList messages = takeLog();
     QVERIFY2(messages.contains(QStringLiteral("2 Error in creating resampler")),
