@@ -81,8 +81,8 @@ public:
      * and of jumps, once what was read before them has left the buffer.
      *
      * A sound server asks for sound a period at a time. One that plays at another rate than the output's has
-     * taken up to a period more than that, mostly nearly all of it, and does not tell: three quarters are added
-     * for it.
+     * taken up to a period more than that, mostly nearly all of it, and does not tell: three quarters are
+     * added for it.
      */
     qint64 getDevicePosition() const;
     /*! Where sound was missing, in all that was played so far. */

@@ -69,10 +69,10 @@ public:
      */
     long long grabAudio(int stream, unsigned long frames, short *dst, long long ts);
     /*!
-     * Of the store as it is now; invalid without audio. The grab into a buffer is bounded by the channels that
-     * this reported last, to whomever: call it only in the thread that grabs that way (while an AudioPlayer
-     * plays the source, the player's), or a thread that is told of more channels lets a grab in another one
-     * write them into a buffer that was made for fewer. The other operations do not count.
+     * Of the store as it is now; invalid without audio. The grab into a buffer is bounded by the channels
+     * that this reported last, to whomever: call it only in the thread that grabs that way (while an
+     * AudioPlayer plays the source, the player's), or a thread that is told of more channels lets a grab in
+     * another one write them into a buffer that was made for fewer. The other operations do not count.
      */
     QAudioFormat getAudioFormat();
     /*! End of the newest audio of stream 0, 0 without. */
