@@ -18,7 +18,7 @@ foreach(row equal resampled second third)
     zev_test_environment(tst_audiotone_${row})
 endforeach()
 zev_test(tst_audiorestarts SOURCES ${audio_integration}/tst_audiorestarts.cpp ${audio_playback}
-    LIBRARIES ${audio_playback_libraries} LABEL integration TIMEOUT 240)
+    LIBRARIES ${audio_playback_libraries} LABEL integration)
 zev_test(tst_audioevents SOURCES ${audio_integration}/tst_audioevents.cpp ${audio_playback}
     LIBRARIES ${audio_playback_libraries} LABEL integration)
 zev_test(tst_audionoserver
