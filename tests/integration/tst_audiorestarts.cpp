@@ -13,7 +13,7 @@ const TonePublisher::Tone tone{441.0, 8000};
 #if defined(__SANITIZE_ADDRESS__)
 // Instrumented, a thousand take more minutes than a test has.
 const int settled = 100;
-const int starts = 300;
+const int starts = 200;
 #else
 const int settled = 200;
 const int starts = 1000;
