@@ -134,7 +134,10 @@ TEST_P(ViewerBlocked, isLiveAgainAtOnceAndHasQueuedLittle)
 
         const auto live = std::find_if(handOuts.begin(), handOuts.end(),
                                        [&](const HandOut &handOut) { return handOut.age <= usualUs; });
-        ASSERT_NE(live, handOuts.end());
+        if (live == handOuts.end()) {
+            liveAfterMs = 1e18;
+            continue;
+        }
         queued = int(live - handOuts.begin());
         liveAfterMs = (live->at - freeAt) / 1000;
         const double stalledMs = stalls.worstMs(freeAt - 50000, live->at + 50000);
@@ -145,7 +148,7 @@ TEST_P(ViewerBlocked, isLiveAgainAtOnceAndHasQueuedLittle)
                     queued, liveAfterMs, stalledMs, (usualUs - intervalUs) / 1000, ageAt(after, 0.9) / 1000,
                     double(memoryCost) / 1048576);
     }
-    EXPECT_LE(liveAfterMs, allowedMs);
+    ASSERT_LE(liveAfterMs, allowedMs);
     EXPECT_LE(ageAt(after, 0.9), usualUs);
     EXPECT_GT(after.size(), 50u); // of 75
     EXPECT_LE(queued, 12);        // what the store lets one reader hold, or the few images that are asked for
