@@ -62,6 +62,8 @@ private Q_SLOTS:
     void refusedImageIsLogged();
     void destroyHandle();
     void refusedDestructionIsLoggedAndKeepsTheImage();
+    void messagesAreOfTheDefaultCategory();
+    void refusedDestructionGivesTheFrameBackAllTheSame();
     void imageGoesBeforeTheFrame();
     void bufferWithoutImageNeedsNoContext();
     void cannotBeMapped();
@@ -209,6 +211,8 @@ void tst_ShmemDmaVideoBuffer::refusedImageIsLogged_data()
     QTest::newRow("no known store format")
         << 0 << 0x3009 << "create fourcc 0"
         << QByteArray("eglCreateImageKHR failed: \"Inconsistent arguments\"");
+    QTest::newRow("an error of no list")
+        << 3 << 7 << "create fourcc 3231564e" << QByteArray("eglCreateImageKHR failed: \"Unknown error 7\"");
 }
 
 void tst_ShmemDmaVideoBuffer::refusedImageIsLogged()
@@ -251,6 +255,46 @@ void tst_ShmemDmaVideoBuffer::refusedDestructionIsLoggedAndKeepsTheImage()
     buffer.destroyHandle();
     QCOMPARE(buffer.handle().value<void *>(), static_cast<void *>(&imageMemory));
     destroyResult = 1;
+}
+
+void tst_ShmemDmaVideoBuffer::messagesAreOfTheDefaultCategory()
+{
+    static QStringList messages;
+    messages.clear();
+    const QtMessageHandler before =
+        qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &context, const QString &text) {
+            messages << QStringLiteral("%1 %2 %3").arg(type).arg(QLatin1String(context.category), text);
+        });
+    errorToReturn = 0x300E;
+    {
+        LockedFrame frame = makeFrame();
+        ShmemDmaVideoBuffer buffer(SHM_PIXEL_FORMAT_NV12, 5, frame);
+        imageToReturn = nullptr;
+        buffer.createHandle();
+        imageToReturn = &imageMemory;
+        buffer.createHandle();
+        destroyResult = 0;
+        buffer.destroyHandle();
+        destroyResult = 1;
+    }
+    qInstallMessageHandler(before);
+    const QString critical = QString::number(QtCriticalMsg) + QStringLiteral(" default ");
+    QCOMPARE(messages,
+             QStringList({critical + QStringLiteral("eglCreateImageKHR failed: \"Context lost\""),
+                          critical + QStringLiteral("eglDestroyImageKHR failed: \"Context lost\"")}));
+}
+
+void tst_ShmemDmaVideoBuffer::refusedDestructionGivesTheFrameBackAllTheSame()
+{
+    errorToReturn = 0x300C;
+    destroyResult = 0;
+    QTest::ignoreMessage(QtCriticalMsg, "eglDestroyImageKHR failed: \"Invalid argument\"");
+    {
+        LockedFrame frame = makeFrame();
+        ShmemDmaVideoBuffer buffer(SHM_PIXEL_FORMAT_NV12, 5, frame);
+        QVERIFY(buffer.createHandle());
+    }
+    QCOMPARE(events, QStringList({"create fourcc 3231564e", "destroy", "unlock"})); // and no second try
 }
 
 void tst_ShmemDmaVideoBuffer::imageGoesBeforeTheFrame()
