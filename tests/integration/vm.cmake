@@ -1,6 +1,7 @@
 # What needs real DMA-bufs and a real EGL, on machines that have neither (tests/vm/README.md). Every program runs twice:
-# fast_NAME on this machine's kernel with a stand-in for the device nodes, vm_NAME under the rig's kernel. Without the
-# rig, because its packages cannot be fetched or there is no QEMU, they are skipped and say so.
+# fast_NAME on this machine's kernel with a stand-in for the device nodes, and under the rig's kernel, where several share
+# a virtual machine: vm_MACHINE. Without the rig, because its packages cannot be fetched or there is no QEMU, they are
+# skipped and say so; with ZEV_REQUIRE_RIG=1 packages that cannot be fetched are a failure.
 set(rig ${PROJECT_SOURCE_DIR}/tests/vm)
 
 add_test(NAME rig_setup COMMAND ${rig}/setup)
@@ -16,13 +17,14 @@ zev_target(pbufferwindow)
 target_link_libraries(pbufferwindow PRIVATE ${CMAKE_DL_LIBS})
 set_target_properties(pbufferwindow PROPERTIES PREFIX "" C_EXTENSIONS ON)
 
-# zev_rig_test(NAME SOURCES ... LIBRARIES ... [ARGUMENTS ...] [MODULE "NAME=PARAMETERS"]
-#              [VM_PARTS PART=FUNCTION[,FUNCTION]... ...]):
-# builds a program, registers fast_NAME and vm_NAME. What needs a kernel module has no fast tier. With parts there is a
-# vm_NAME_PART that runs these functions of the program for each of them: emulated on a busy machine a boot and half a
-# minute of work take minutes.
+add_test(NAME rig_scripts COMMAND ${rig}/check-scripts)
+set_tests_properties(rig_scripts PROPERTIES LABELS unit TIMEOUT 60)
+
+# zev_rig_test(NAME SOURCES ... LIBRARIES ... MACHINE MACHINE [ARGUMENTS ...] [VM_FUNCTIONS FUNCTION...] [ONLY_VM]):
+# builds a program, registers fast_NAME, and has it run by vm_MACHINE, with these functions of it alone if they are
+# given. What needs a kernel module has no fast tier.
 function(zev_rig_test name)
-    cmake_parse_arguments(arg "" "MODULE" "SOURCES;LIBRARIES;ARGUMENTS;VM_PARTS" ${ARGN})
+    cmake_parse_arguments(arg "ONLY_VM" "MACHINE" "SOURCES;LIBRARIES;ARGUMENTS;VM_FUNCTIONS" ${ARGN})
     add_executable(${name} ${arg_SOURCES})
     zev_target(${name})
     target_link_libraries(${name} PRIVATE ${arg_LIBRARIES})
@@ -34,7 +36,7 @@ function(zev_rig_test name)
     if(ZEV_SANITIZE STREQUAL "thread")
         return()
     endif()
-    if(NOT arg_MODULE)
+    if(NOT arg_ONLY_VM)
         add_test(NAME fast_${name}
             COMMAND ${rig}/with-gl --preload $<TARGET_FILE:fakedmabuf> $<TARGET_FILE:${name}> ${arg_ARGUMENTS})
         set_tests_properties(fast_${name} PROPERTIES
@@ -42,69 +44,67 @@ function(zev_rig_test name)
         zev_test_environment(fast_${name})
     endif()
     if(ZEV_SANITIZE)
-        if(NOT arg_MODULE)
+        if(NOT arg_ONLY_VM)
             set_property(TEST fast_${name} APPEND PROPERTY
                 ENVIRONMENT "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0")
         endif()
         return() # emulated and instrumented at once takes too long
     endif()
+    set_property(GLOBAL APPEND PROPERTY zev_rig_${arg_MACHINE}
+        -- ${rig}/with-gl $<TARGET_FILE:${name}> ${arg_ARGUMENTS} ${arg_VM_FUNCTIONS})
+endfunction()
+
+# zev_rig_machine(MACHINE [MODULE "NAME=PARAMETERS"]): registers vm_MACHINE, which boots once and runs the programs given
+# to it one after the other. A boot takes longer than many a program. On a quiet machine none takes longer than 100 s; the
+# limits are those of a busy one.
+function(zev_rig_machine machine)
+    cmake_parse_arguments(arg "" "MODULE" "" ${ARGN})
+    get_property(programs GLOBAL PROPERTY zev_rig_${machine})
+    if(NOT programs)
+        return()
+    endif()
     set(module)
     if(arg_MODULE)
         set(module --module "${arg_MODULE}")
     endif()
-    if(NOT arg_VM_PARTS)
-        set(arg_VM_PARTS "=")
-    endif()
-    foreach(part IN LISTS arg_VM_PARTS)
-        string(REGEX MATCH "^([^=]*)=(.*)$" part "${part}")
-        set(test vm_${name})
-        if(CMAKE_MATCH_1)
-            string(APPEND test _${CMAKE_MATCH_1})
-        endif()
-        string(REPLACE "," ";" functions "${CMAKE_MATCH_2}")
-        # Emulated on a busy machine: a minute is normal, and only one at a time is fair to the others.
-        add_test(NAME ${test}
-            COMMAND ${rig}/boot ${module} ${rig}/with-gl $<TARGET_FILE:${name}> ${arg_ARGUMENTS} ${functions})
-        set_tests_properties(${test} PROPERTIES
-            LABELS vm TIMEOUT 300 SKIP_RETURN_CODE 77 FIXTURES_REQUIRED rig RESOURCE_LOCK vm PROCESSORS 2)
-        zev_test_environment(${test})
-        set_property(TEST ${test} APPEND PROPERTY ENVIRONMENT "RIG_ARTIFACTS=${PROJECT_BINARY_DIR}/artifacts")
-    endforeach()
+    add_test(NAME vm_${machine} COMMAND ${rig}/boot ${module} ${rig}/series 200 ${programs})
+    set_tests_properties(vm_${machine} PROPERTIES # emulated, only one at a time is fair to the others
+        LABELS vm TIMEOUT 500 SKIP_RETURN_CODE 77 FIXTURES_REQUIRED rig RESOURCE_LOCK vm PROCESSORS 2)
+    zev_test_environment(vm_${machine})
+    set_property(TEST vm_${machine} APPEND PROPERTY
+        ENVIRONMENT "RIG_ARTIFACTS=${PROJECT_BINARY_DIR}/artifacts" "ZEV_RIG_TIMEOUT=450")
 endfunction()
 
 set(rig_sources ${rig}/dmamemory.cpp ${rig}/dmamemory.h ${rig}/externaltexture.cpp ${rig}/externaltexture.h
     ${rig}/testpicture.cpp ${rig}/testpicture.h)
-zev_rig_test(tst_dmabufimages
+zev_rig_test(tst_dmabufimages MACHINE memory
     SOURCES ${rig}/tst_dmabufimages.cpp ${rig_sources}
     LIBRARIES Zev::zevqt-mm Qt5::Gui Qt5::Multimedia Qt5::Test)
-zev_rig_test(tst_dmabufstore SOURCES ${rig}/tst_dmabufstore.cpp LIBRARIES Zev::shm GTest::gtest_main)
+zev_rig_test(tst_dmabufstore MACHINE memory SOURCES ${rig}/tst_dmabufstore.cpp LIBRARIES Zev::shm GTest::gtest_main)
 if(TARGET Zev::items)
     set(item_sources ${rig}/itemrenderer.cpp ${rig}/itemrenderer.h ${rig}/dmapublisher.cpp ${rig}/dmapublisher.h
         ${rig_sources})
     set(recorded_egl ${rig}/recordedegl.cpp ${rig}/recordedegl.h)
-    zev_rig_test(tst_publishedframes
+    zev_rig_test(tst_publishedframes MACHINE frames
         SOURCES ${rig}/tst_publishedframes.cpp ${rig}/payloadguard.cpp ${rig}/payloadguard.h ${recorded_egl}
             ${item_sources}
-        LIBRARIES Zev::items Qt5::Test ${CMAKE_DL_LIBS}
-        VM_PARTS colors=publishedFrames,plainMemoryIsUploadedAndSaysWhy
-            untouched=noByteOfAFrameIsTouched,goesWhileFramesAreInFlight
-            nosignal=standsInBetweenTwoPublishers)
+        LIBRARIES Zev::items Qt5::Test ${CMAKE_DL_LIBS})
     # In the virtual machine without what the kernel has no part in: where the picture is placed.
-    zev_rig_test(tst_eglimageitem SOURCES ${rig}/tst_eglimageitem.cpp ${recorded_egl} ${item_sources}
+    zev_rig_test(tst_eglimageitem MACHINE item SOURCES ${rig}/tst_eglimageitem.cpp ${recorded_egl} ${item_sources}
         LIBRARIES Zev::items Qt5::Test ${CMAKE_DL_LIBS}
-        VM_PARTS
-            images=attributesAreTheFrames,refusedImageIsUploadedAndSaysWhy,aFreshPublisherIsTriedAgain,imagesCanBeSwitchedOff,aHiddenItemImportsNothing
-            life=holdsTheShownFrameAndNoOther,copiesMayGoWithoutAContext,anImageOfTheApplicationsOwnIsLeftToIt,survivesTheLossOfItsContext,survivesAnotherWindow,goesWithAFrameShownAndOneToCome)
-    zev_rig_test(tst_eglimageleaks SOURCES ${rig}/tst_eglimageleaks.cpp ${recorded_egl} ${item_sources}
-        LIBRARIES Zev::items Qt5::Test ${CMAKE_DL_LIBS}
-        VM_PARTS frames=nothingIsLeftAfter500Frames restarts=nothingIsLeftAfter100Restarts)
+        VM_FUNCTIONS attributesAreTheFrames refusedImageIsUploadedAndSaysWhy aFrameWithoutStridesIsRefused
+            aFreshPublisherIsTriedAgain imagesCanBeSwitchedOff aHiddenItemImportsNothing holdsTheShownFrameAndNoOther
+            copiesMayGoWithoutAContext anImageOfTheApplicationsOwnIsLeftToIt survivesTheLossOfItsContext
+            survivesAnotherWindow goesWithAFrameShownAndOneToCome)
+    zev_rig_test(tst_eglimageleaks MACHINE item SOURCES ${rig}/tst_eglimageleaks.cpp ${recorded_egl} ${item_sources}
+        LIBRARIES Zev::items Qt5::Test ${CMAKE_DL_LIBS})
     # They stand before EGL where entry points are looked up, so their symbols have to be seen.
     set_target_properties(tst_publishedframes tst_eglimageitem tst_eglimageleaks PROPERTIES ENABLE_EXPORTS ON)
     if(ZEV_BUILD_EXAMPLES)
-        zev_rig_test(tst_viewerframepath
+        zev_rig_test(tst_viewerframepath MACHINE frames
             SOURCES ${rig}/tst_viewerframepath.cpp integration/xvfbserver.cpp
             LIBRARIES Qt5::Gui Qt5::Test
-            VM_PARTS udmabuf=imported:udmabuf dma-heap=imported:dma-heap)
+            VM_FUNCTIONS imported:udmabuf imported:dma-heap)
         target_include_directories(tst_viewerframepath PRIVATE integration)
         target_compile_definitions(tst_viewerframepath PRIVATE
             VIEWER="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/zevqt-viewer"
@@ -115,10 +115,9 @@ if(TARGET Zev::items)
 endif()
 
 if(ZEV_BUILD_TOOLS)
-    zev_rig_test(tst_dmabufpublish
+    zev_rig_test(tst_dmabufpublish MACHINE memory
         SOURCES ${rig}/tst_dmabufpublish.cpp integration/zevshm_driver.cpp
-        LIBRARIES Zev::shm GTest::gtest_main
-        VM_PARTS kinds=--gtest_filter=*info*:*huge users=--gtest_filter=*otherUsers*)
+        LIBRARIES Zev::shm GTest::gtest_main)
     target_include_directories(tst_dmabufpublish PRIVATE integration)
     target_compile_definitions(tst_dmabufpublish PRIVATE
         ZEVSHM_PROGRAM="$<TARGET_FILE:zevshm>" ZEVSHM_DRIVER_LIMIT_MS=60000)
@@ -130,31 +129,28 @@ set(rig_cameras "vivid=n_devs=2 node_types=0x1,0x1 multiplanar=1,2")
 set(camera_sources ${rig}/camerafixture.cpp ${rig}/camerafixture.h ${rig}/virtualcamera.cpp ${rig}/virtualcamera.h
     ${rig}/externaltexture.cpp ${rig}/externaltexture.h)
 foreach(test tst_cameracapture tst_camerabuffers tst_camerarecovery)
-    zev_rig_test(${test} MODULE ${rig_cameras}
+    zev_rig_test(${test} ONLY_VM MACHINE cameras
         SOURCES ${rig}/${test}.cpp ${camera_sources}
         LIBRARIES Zev::zevqt-mm Zev::zevmm Qt5::Gui Qt5::Test)
 endforeach()
 if(ZEV_BUILD_TOOLS)
-    zev_rig_test(tst_camerapublish MODULE ${rig_cameras}
+    zev_rig_test(tst_camerapublish ONLY_VM MACHINE cameras
         SOURCES ${rig}/tst_camerapublish.cpp ${rig}/virtualcamera.cpp ${rig}/virtualcamera.h
         LIBRARIES Zev::shm Qt5::Core Qt5::Test)
     target_compile_definitions(tst_camerapublish PRIVATE ZEVSHM_PROGRAM="$<TARGET_FILE:zevshm>")
     add_dependencies(tst_camerapublish zevshm)
 endif()
 if(TARGET Zev::items)
-    zev_rig_test(tst_cameraitem MODULE ${rig_cameras}
+    zev_rig_test(tst_cameraitem ONLY_VM MACHINE pictures
         SOURCES ${rig}/tst_cameraitem.cpp ${rig}/colorbars.cpp ${rig}/colorbars.h ${recorded_egl} ${camera_sources}
             ${rig}/itemrenderer.cpp ${rig}/itemrenderer.h
-        LIBRARIES Zev::items Zev::zevmm Qt5::Test ${CMAKE_DL_LIBS}
-        VM_PARTS hooks=opensBetweenTheHooks,startsAHundredTimes,deliversTheNewest
-            picture=showsTheColors,survivesTheLossOfItsContext,isStoppedWhenNobodyShowsIt,goneAndBack)
+        LIBRARIES Zev::items Zev::zevmm Qt5::Test ${CMAKE_DL_LIBS})
     set_target_properties(tst_cameraitem PROPERTIES ENABLE_EXPORTS ON)
     if(ZEV_BUILD_EXAMPLES)
-        zev_rig_test(tst_viewerofcamera MODULE ${rig_cameras}
+        zev_rig_test(tst_viewerofcamera ONLY_VM MACHINE pictures
             SOURCES ${rig}/tst_viewerofcamera.cpp ${rig}/colorbars.cpp ${rig}/colorbars.h ${rig}/virtualcamera.cpp
                 ${rig}/virtualcamera.h integration/xvfbserver.cpp
-            LIBRARIES Zev::zevmm Qt5::Gui Qt5::Test
-            VM_PARTS picture=showsIt return=outlivesDisconnection refusal=aBusyOneEndsIt,listsThem)
+            LIBRARIES Zev::zevmm Qt5::Gui Qt5::Test)
         target_include_directories(tst_viewerofcamera PRIVATE integration)
         target_compile_definitions(tst_viewerofcamera PRIVATE
             VIEWER="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/zevqt-viewer"
@@ -162,3 +158,10 @@ if(TARGET Zev::items)
         add_dependencies(tst_viewerofcamera zevqt-viewer pbufferwindow)
     endif()
 endif()
+
+foreach(machine memory frames item)
+    zev_rig_machine(${machine})
+endforeach()
+foreach(machine cameras pictures)
+    zev_rig_machine(${machine} MODULE ${rig_cameras})
+endforeach()

@@ -1,6 +1,7 @@
 #include "camerafixture.h"
 
-#include <QtCore/QDir>
+#include "opendescriptors.h"
+
 #include <QtTest/QtTest>
 
 #include <linux/videodev2.h>
@@ -74,9 +75,7 @@ void *CameraFixture::next()
     return image;
 }
 
-int CameraFixture::openDescriptors()
+int CameraFixture::descriptorsLeft()
 {
-    return QDir(QStringLiteral("/proc/self/fd"))
-        .entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System)
-        .size();
+    return settledDescriptors([this] { renderer.drawNothing(); });
 }

@@ -51,7 +51,8 @@ public:
     /*! The next frame's image; null when none comes. */
     void *next();
     QImage draw(void *image) { return renderer.draw(image, size); }
-    static int openDescriptors();
+    /*! Open in this process when the driver has nothing more to do. */
+    int descriptorsLeft();
 
     ExternalTexture renderer;
     zevgl::EGLImageContext egl;

@@ -97,3 +97,12 @@ QImage ExternalTexture::draw(void *eglImage, const QSize &size)
     target.release();
     return gl->glGetError() == GL_NO_ERROR ? image : QImage();
 }
+
+void ExternalTexture::drawNothing()
+{
+    QOpenGLFramebufferObject target(QSize(1, 1));
+    target.bind();
+    glContext.functions()->glClear(GL_COLOR_BUFFER_BIT);
+    glContext.functions()->glFinish();
+    target.release();
+}

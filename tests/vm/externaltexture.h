@@ -31,6 +31,8 @@ public:
     bool canBind(void *eglImage);
     /*! The image drawn at its own size, first line first; null when GL refuses. */
     QImage draw(void *eglImage, const QSize &size);
+    /*! An empty picture: what the driver kept for the one before it goes. */
+    void drawNothing();
 
 private:
     void build();

@@ -109,13 +109,6 @@ bool presentNewest(MediaSource &source, LiveVideo *item)
     return newest.isValid();
 }
 
-int openDescriptors()
-{
-    return QDir(QStringLiteral("/proc/self/fd"))
-        .entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System)
-        .size();
-}
-
 int locksHeld(const QString &store)
 {
     shm_reader_t *reader = shm_reader_open(store.toUtf8().constData(), 5000);

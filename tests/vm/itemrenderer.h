@@ -64,9 +64,6 @@ private:
 /*! The newest frame of a source, presented; false when it has none. */
 bool presentNewest(MediaSource &source, LiveVideo *item);
 
-/*! Of this process. */
-int openDescriptors();
-
 /*! Frames of a store that readers hold; -1 when it is not there. */
 int locksHeld(const QString &store);
 
