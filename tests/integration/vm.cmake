@@ -69,10 +69,10 @@ function(zev_rig_machine machine)
     endif()
     add_test(NAME vm_${machine} COMMAND ${rig}/boot ${module} ${rig}/series 200 ${programs})
     set_tests_properties(vm_${machine} PROPERTIES # emulated, only one at a time is fair to the others
-        LABELS vm TIMEOUT 500 SKIP_RETURN_CODE 77 FIXTURES_REQUIRED rig RESOURCE_LOCK vm PROCESSORS 2)
+        LABELS vm TIMEOUT 600 SKIP_RETURN_CODE 77 FIXTURES_REQUIRED rig RESOURCE_LOCK vm PROCESSORS 2)
     zev_test_environment(vm_${machine})
     set_property(TEST vm_${machine} APPEND PROPERTY
-        ENVIRONMENT "RIG_ARTIFACTS=${PROJECT_BINARY_DIR}/artifacts" "ZEV_RIG_TIMEOUT=450")
+        ENVIRONMENT "RIG_ARTIFACTS=${PROJECT_BINARY_DIR}/artifacts" "ZEV_RIG_TIMEOUT=560")
 endfunction()
 
 set(rig_sources ${rig}/dmamemory.cpp ${rig}/dmamemory.h ${rig}/externaltexture.cpp ${rig}/externaltexture.h
