@@ -55,8 +55,8 @@ function(zev_rig_test name)
 endfunction()
 
 # zev_rig_machine(MACHINE [MODULE "NAME=PARAMETERS"]): registers vm_MACHINE, which boots once and runs the programs given
-# to it one after the other. A boot takes longer than many a program. On a quiet machine none takes longer than 100 s; the
-# limits are those of a busy one.
+# to it one after the other. A boot takes longer than many a program. They have taken two to six minutes each at a load
+# average of 15 on two processors; the limits are for that.
 function(zev_rig_machine machine)
     cmake_parse_arguments(arg "" "MODULE" "" ${ARGN})
     get_property(programs GLOBAL PROPERTY zev_rig_${machine})
