@@ -24,6 +24,8 @@ using zevqml::YuvNode;
 namespace {
 
 constexpr qint64 cameraPauseMs = 500;
+constexpr qint64 cameraPauseIntervals = 5;
+constexpr qint64 longestIntervalMs = 2000; // more is no interval
 
 zevqml::FillGeometry geometryOf(LiveVideo::FillMode mode, const QSizeF &item, const QSizeF &video)
 {
@@ -87,7 +89,8 @@ void LiveVideo::setSource(QObject *source)
         };
         connect(provider, &MediaProvider::videoIdle, this, [this, becomeIdle] {
             // A camera has nothing new for every tick between two of its frames.
-            if (!EglImageTexture::isBorrowed(m_frame) || m_sinceFrame.hasExpired(cameraPauseMs))
+            if (!EglImageTexture::isBorrowed(m_frame) ||
+                m_sinceFrame.hasExpired(qMax(cameraPauseMs, cameraPauseIntervals * m_intervalMs)))
                 becomeIdle();
         });
         connect(provider, &QObject::destroyed, this, [this, becomeIdle] {
@@ -163,6 +166,7 @@ void LiveVideo::take(const QVideoFrame &frame)
     if (m_hooks->areFramesStale() && EglImageTexture::isBorrowed(frame))
         return;
     m_frame = frame;
+    m_intervalMs = m_sinceFrame.isValid() ? qMin(m_sinceFrame.elapsed(), longestIntervalMs) : 0;
     m_sinceFrame.start();
     m_frameGeneration = m_hooks->generation();
     m_image = QImage();

@@ -35,7 +35,8 @@ class SourceHooks;
  * What is to be seen is told by videoState (`state` is an item's already):
  *   Waiting    no picture has come yet
  *   Live       the newest picture is the source's, or was handed over by present() or presentImage()
- *   Idle       the source has nothing new, a camera for half a second, or is gone; its last picture stays
+ *   Idle       the source has nothing new (a camera: for half a second and five of its intervals) or is gone;
+ *              its last picture stays
  *   NoSignal   the source has had nothing new for the provider's delay: the picture that stands in for it is
  *              shown, its last one where the provider has none
  * A provider of images tells no idleness: Live is followed by NoSignal there.
@@ -153,6 +154,7 @@ private:
     // The newest picture: one of the two. The serial tells the scene graph's node whether it has it already.
     QVideoFrame m_frame;
     QElapsedTimer m_sinceFrame;
+    qint64 m_intervalMs = 0; // between the last two
     quint64 m_frameGeneration = 0; // of the source's GL resources, when the frame came
     QImage m_image;
     quint64 m_serial = 0;

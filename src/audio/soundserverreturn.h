@@ -11,7 +11,7 @@ class QAudioDeviceInfo;
  * Brings Qt's PulseAudio backend back to a sound server that was away for long. When the backend loses its
  * server it looks for it once, three seconds later; was that too early, every output of the process fails
  * from then on, and there is no interface to make it look again. This does, by the name of the backend's own
- * slot. Where that is not found, with another backend or another Qt, nothing is done.
+ * slot, which Qt 5.15 has. Where that is not found, with another backend or another Qt, nothing is done.
  *
  * Usage: watch() before the first output is made; started() after each that could be started; lookAgain()
  * after one that could not, and when that is true, start it once more.

@@ -17,6 +17,7 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QQuickWindow>
+#include <QThread>
 
 #include <memory>
 
@@ -287,6 +288,42 @@ TEST_F(CameraItem, betweenTwoFramesItIsNotIdle)
     const auto state = item->videoState();
     const bool isOver = clock.elapsed() >= 400; // on a machine that is very busy half a second may be
     EXPECT_TRUE(state == LiveVideo::Live || isOver);
+    EXPECT_TRUE(waitUntil([&] {
+        provider->getTimeline()->externalTick(0);
+        return item->videoState() == LiveVideo::Idle;
+    }));
+    EXPECT_GE(clock.elapsed(), 500);
+}
+
+TEST_F(CameraItem, betweenTwoFramesOfASlowCameraItIsNotIdle)
+{
+    provider->enableVideoFrames();
+    item->setSource(provider.get());
+    char images[3];
+    FakeZevmm::instance().offer(&images[0]);
+    provider->getTimeline()->externalTick(0);
+    QThread::msleep(800);
+    FakeZevmm::instance().offer(&images[1]);
+    provider->getTimeline()->externalTick(0);
+    QElapsedTimer clock;
+    clock.start();
+    QThread::msleep(800);
+    provider->getTimeline()->externalTick(0); // for which there is no frame
+    EXPECT_EQ(item->videoState(), LiveVideo::Live);
+    EXPECT_TRUE(waitUntil([&] {
+        provider->getTimeline()->externalTick(0);
+        return item->videoState() == LiveVideo::Idle;
+    }));
+    EXPECT_GE(clock.elapsed(), 4000);
+
+    // Nor does a long pause make the next one longer than that of a camera that slow.
+    QThread::msleep(100);
+    for (int i = 0; i < 2; ++i) {
+        FakeZevmm::instance().offer(&images[i]);
+        provider->getTimeline()->externalTick(0);
+        EXPECT_EQ(item->videoState(), LiveVideo::Live);
+    }
+    clock.start();
     EXPECT_TRUE(waitUntil([&] {
         provider->getTimeline()->externalTick(0);
         return item->videoState() == LiveVideo::Idle;
