@@ -154,7 +154,7 @@ private:
     // The newest picture: one of the two. The serial tells the scene graph's node whether it has it already.
     QVideoFrame m_frame;
     QElapsedTimer m_sinceFrame;
-    qint64 m_intervalMs = 0; // between the last two
+    qint64 m_intervalMs = 0;       // between the last two
     quint64 m_frameGeneration = 0; // of the source's GL resources, when the frame came
     QImage m_image;
     quint64 m_serial = 0;
