@@ -37,13 +37,13 @@ public:
                 worst = std::max(worst, stall.ms);
         return worst;
     }
-    /*! Of the same, all together. */
-    double totalMs(double fromUs, double toUs)
+    /*! Of the same, all together; those of `leastMs` and more. */
+    double totalMs(double fromUs, double toUs, double leastMs = 0)
     {
         const std::lock_guard<std::mutex> lock(mutex);
         double total = 0;
         for (const Stall &stall : stalls)
-            if (stall.end >= fromUs && stall.end <= toUs)
+            if (stall.end >= fromUs && stall.end <= toUs && stall.ms >= leastMs)
                 total += stall.ms;
         return total;
     }
