@@ -424,9 +424,12 @@ QString Viewer::statisticsText() const
         << QStringLiteral("invalid %1   idle %2   no signal %3").arg(now.invalid).arg(f.idle).arg(f.noSignal);
     lines << QStringLiteral("latency %1 ms   p95 %2   max %3")
                  .arg(fixed(f.latencyP50Ms, 1), fixed(f.latencyP95Ms, 1), fixed(f.latencyMaxMs, 1));
+    QString reason = now.framePathReason;
+    if (reason.startsWith(QLatin1String("no: "))) // a store's answer to whether it has DMA-bufs
+        reason.remove(0, 4);
     lines << QStringLiteral("path %1").arg(now.framePath);
-    if (!now.framePathReason.isEmpty())
-        lines.last() += QStringLiteral(": ") + now.framePathReason;
+    if (!reason.isEmpty())
+        lines.last() += QStringLiteral(": ") + reason;
     if (now.camera)
         lines << QStringLiteral("camera %1   replaced %2   damaged %3   restarts %4   returns %5")
                      .arg(now.camera->captured)
