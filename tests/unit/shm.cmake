@@ -5,6 +5,7 @@ zev_test(tst_shm_history SOURCES unit/tst_shm_history.cpp LIBRARIES shm_testable
 zev_test(tst_shm_interval_estimator SOURCES unit/tst_shm_interval_estimator.cpp LIBRARIES shm_testable GTest::gtest_main)
 zev_test(tst_shm_lock_words SOURCES unit/tst_shm_lock_words.cpp LIBRARIES shm_testable GTest::gtest_main)
 zev_test(tst_shm_frame_order SOURCES unit/tst_shm_frame_order.cpp LIBRARIES shm_testable GTest::gtest_main)
+zev_test(tst_shm_publisher SOURCES unit/tst_shm_publisher.cpp LIBRARIES shm_testable GTest::gtest_main)
 zev_test(tst_shm_audio_ring SOURCES unit/tst_shm_audio_ring.cpp LIBRARIES shm_testable GTest::gtest_main)
 zev_test(tst_shm_handshake_check SOURCES unit/tst_shm_handshake_check.cpp LIBRARIES shm_testable GTest::gtest_main)
 zev_test(tst_shm_memory_check SOURCES unit/tst_shm_memory_check.cpp LIBRARIES shm_testable GTest::gtest_main)

@@ -56,9 +56,13 @@ Publisher::Use Publisher::tryUse(ReaderList::Scan &scan, uint32_t slot)
     return Use::Free;
 }
 
-// One slot at a time of those that were added while readers pinned others.
+// One slot at a time of those that were added while readers pinned others, and never one of the original
+// number: the service thread may have counted one that was given up before it said how many are too many.
 void Publisher::giveUpSurplus(ReaderList::Scan &scan)
 {
+    const uint32_t found = 1; // to be filled now
+    if (m_free.size() + m_history.size() + found <= m_store.policy.slotCount)
+        return;
     uint32_t surplus = m_store.surplusSlots.load(std::memory_order_relaxed);
     // The service thread may set it to 0 meanwhile.
     if (surplus == 0 ||
