@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <set>
+#include <sstream>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -357,6 +358,17 @@ TEST_F(ZevshmMedia, truncatedFileEndsWithItsLastFrame)
     EXPECT_EQ(publisher.wait(), 0);
 }
 
+// A machine that is busy makes the publisher say that it came late, too.
+std::string withoutLateness(const std::string &errors)
+{
+    std::istringstream lines(errors);
+    std::string rest;
+    for (std::string line; std::getline(lines, line);)
+        if (line.find("the input is slower than real time") == std::string::npos)
+            rest += line + '\n';
+    return rest;
+}
+
 // What is damaged is left out, the rest is published, and it is said once.
 TEST_F(ZevshmMedia, damagedPartsOfAFileAreSkipped)
 {
@@ -390,11 +402,11 @@ TEST_F(ZevshmMedia, damagedPartsOfAFileAreSkipped)
         EXPECT_GE(numbers.size(), 10u); // those up to the next key frame are lost, too
         publisher.signal(SIGTERM);
         EXPECT_EQ(publisher.wait(), 0);
-        EXPECT_EQ(publisher.errors(), message);
+        EXPECT_EQ(withoutLateness(publisher.errors()), message);
     }
     const Result once = run({"publish", "cam", path});
     EXPECT_EQ(once.code, 0);
-    EXPECT_EQ(once.errors, message);
+    EXPECT_EQ(withoutLateness(once.errors), message);
 
     // A container that is whole around pictures of which none is.
     plan.withAudio = false;
