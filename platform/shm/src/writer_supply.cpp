@@ -2,7 +2,8 @@
 //
 // A slot is free when it is not in the history and no reader locks it. Below half the spare slots, fresh ones
 // are added until twice the original number; there the reader that pins most is cut off. Above, what was
-// added is taken back. A pinned slot is never written: its readers keep it as long as they like.
+// added is taken back. What was lost with such a reader is replaced, so that there are as many as at first. A
+// pinned slot is never written: its readers keep it as long as they like.
 #include "atomic.h"
 #include "memory_check.h"
 #include "writer_service.h"
@@ -148,7 +149,7 @@ void WriterService::supplySlots()
         return;
     }
     const uint32_t low = std::max<uint32_t>(2, m_store.policy.spareFrames / 2);
-    while (now.freeSlots < low && addSlot()) {
+    while ((now.freeSlots < low || now.populated < m_store.policy.slotCount) && addSlot()) {
         ++now.freeSlots;
         ++now.populated;
     }
