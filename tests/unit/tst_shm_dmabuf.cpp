@@ -260,15 +260,16 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(ShmDmabuf, AHeapIsAskedByNameAndItsRefusalIsTold)
 {
-    params.memory = "dma-heap:linux,cma";
-    EXPECT_EQ(open(), -EINVAL);
-    params.memory = "dma-heap:reserved";
     device.allocateResult = -EACCES;
-    EXPECT_EQ(open(), -EACCES);
-    EXPECT_EQ(device.heaps, std::vector<std::string>{"reserved"});
-    EXPECT_STREQ(error.message,
-                 "store \"cam\": this user may not open /dev/dma_heap/reserved; give it access, or "
-                 "choose the memory kind memfd");
+    for (const char *heap : {"reserved", "linux,cma", "reserved@80000000"}) {
+        device.heaps.clear();
+        const std::string memory = std::string("dma-heap:") + heap;
+        params.memory = memory.c_str();
+        EXPECT_EQ(open(), -EACCES) << heap;
+        EXPECT_EQ(device.heaps, std::vector<std::string>{heap});
+        EXPECT_EQ(error.message, std::string("store \"cam\": this user may not open /dev/dma_heap/") + heap +
+                                     "; give it access, or choose the memory kind memfd");
+    }
 }
 
 TEST_F(ShmDmabuf, KindsThatCannotBeAreRefused)
@@ -285,6 +286,14 @@ TEST_F(ShmDmabuf, KindsThatCannotBeAreRefused)
          "memory kind \"dma-heap:\" is unknown: memfd, udmabuf, dma-heap:NAME and huge exist"},
         {"dma-heap:../sda", 0,
          "memory kind \"dma-heap:../sda\" is unknown: memfd, udmabuf, dma-heap:NAME and huge exist"},
+        {"dma-heap:a/b", 0,
+         "memory kind \"dma-heap:a/b\" is unknown: memfd, udmabuf, dma-heap:NAME and huge exist"},
+        {"dma-heap:a b", 0,
+         "memory kind \"dma-heap:a b\" is unknown: memfd, udmabuf, dma-heap:NAME and huge exist"},
+        {"dma-heap:a-name-of-23-characters", 0,
+         "memory kind \"dma-heap:a-name-of-23-characters\" is unknown: memfd, udmabuf, dma-heap:NAME and "
+         "huge "
+         "exist"},
         {"udmabuf", SHM_WRITER_HUGE_PAGES, "frames cannot lie in huge pages and in udmabuf: choose one"},
         {"dma-heap:system", SHM_WRITER_SEALED,
          "memory of a DMA heap cannot be sealed: choose the memory kind memfd"},

@@ -131,11 +131,9 @@ std::string heapFailure(int code, const std::string &heap)
 
 bool isHeapName(const std::string &name)
 {
+    // As drivers and device trees name them: "system", "linux,cma", "reserved@80000000".
     return !name.empty() && name.size() <= 22 && name[0] != '.' &&
-           std::all_of(name.begin(), name.end(), [](char c) {
-               return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-                      c == '.' || c == '_' || c == '-';
-           });
+           std::all_of(name.begin(), name.end(), [](char c) { return c > ' ' && c <= '~' && c != '/'; });
 }
 
 int checkDmabuf(int fd, uint64_t bytes, uint64_t *inode, const char **why)
