@@ -1,6 +1,7 @@
 #include <zevqt-mm/audioplayer.h>
 
 #include "audio/audiologging.h"
+#include "audio/soundserver.h"
 #include "audio/soundserverreturn.h"
 #include "wrapping.h"
 
@@ -142,6 +143,11 @@ bool AudioPlayer::start(MediaSource *source, double fps, bool requireAudio)
     const QString name = source->name();
     qCDebug(audio).nospace() << "Audio playback starting for " << name;
 
+    if (soundserver::lacks(device)) {
+        qCCritical(audio) << "Audio playback failed for" << name
+                          << "The device is gone:" << device.deviceName();
+        return false;
+    }
     QAudioFormat format;
     if (!negotiateFormat(source, requireAudio, &format)) {
         qCCritical(audio) << "Source" << name << "does not have audio";
@@ -164,7 +170,8 @@ bool AudioPlayer::start(MediaSource *source, double fps, bool requireAudio)
         qCCritical(audio) << "Audio playback failed for" << name << "Error code:" << error;
         stop();
         reader.close(); // a backend may fail without a change of its state
-        return SoundServerReturn::lookAgain(device) && start(source, fps, requireAudio);
+        return error == QAudio::FatalError && SoundServerReturn::lookAgain(device) &&
+               start(source, fps, requireAudio);
     }
     SoundServerReturn::started(device);
     // A source that dies in another thread has to wait until nobody reads from it any more.

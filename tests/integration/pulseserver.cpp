@@ -18,7 +18,7 @@ PulseServer::~PulseServer()
     kill();
 }
 
-bool PulseServer::start()
+bool PulseServer::start(Sinks sinks)
 {
     if (QStandardPaths::findExecutable(QStringLiteral("pulseaudio")).isEmpty())
         return false;
@@ -35,22 +35,26 @@ bool PulseServer::start()
 
     const QString sink = QStringLiteral("module-null-sink sink_name=%1 rate=%2 channels=%3");
     server.setProcessChannelMode(QProcess::MergedChannels);
-    server.start(QStringLiteral("pulseaudio"),
-                 {QStringLiteral("-n"), QStringLiteral("--daemonize=no"),
-                  QStringLiteral("--exit-idle-time=-1"), QStringLiteral("--use-pid-file=no"),
-                  QStringLiteral("-L"),
-                  QStringLiteral("module-native-protocol-unix auth-anonymous=1 socket=") +
-                      path(QStringLiteral("native")),
-                  QStringLiteral("-L"), sink.arg(QLatin1String("a")).arg(48000).arg(2), QStringLiteral("-L"),
-                  sink.arg(QLatin1String("b")).arg(44100).arg(2), QStringLiteral("-L"),
-                  sink.arg(QLatin1String("c")).arg(44100).arg(1)});
+    QStringList arguments{QStringLiteral("-n"),
+                          QStringLiteral("--daemonize=no"),
+                          QStringLiteral("--exit-idle-time=-1"),
+                          QStringLiteral("--use-pid-file=no"),
+                          QStringLiteral("-L"),
+                          QStringLiteral("module-native-protocol-unix auth-anonymous=1 socket=") +
+                              path(QStringLiteral("native")),
+                          QStringLiteral("-L"),
+                          sink.arg(QLatin1String("a")).arg(48000).arg(2)};
+    if (sinks == Sinks::All)
+        arguments << QStringLiteral("-L") << sink.arg(QLatin1String("b")).arg(44100).arg(2);
+    arguments << QStringLiteral("-L") << sink.arg(QLatin1String("c")).arg(44100).arg(1);
+    server.start(QStringLiteral("pulseaudio"), arguments);
     if (!server.waitForStarted(patienceMs))
         return false;
     QElapsedTimer waiting;
     waiting.start();
     while (!waiting.hasExpired(patienceMs) && server.state() == QProcess::Running) {
         if (control({QStringLiteral("list"), QStringLiteral("short"), QStringLiteral("sinks")}).count('\n') ==
-            3)
+            (sinks == Sinks::All ? 3 : 2))
             return true;
         server.waitForFinished(50);
     }

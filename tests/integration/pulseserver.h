@@ -18,7 +18,8 @@ public:
     ~PulseServer();
 
     /*! False when the server is not installed or does not come up. */
-    bool start();
+    enum class Sinks { All, WithoutB };
+    bool start(Sinks sinks = Sinks::All);
     /*! As after a crash; start() brings it back in the same place, without its clients. */
     void kill();
     /*! pactl's output, or an empty string on failure. */

@@ -327,6 +327,9 @@ void tst_AudioEvents::sinkIsTakenAway()
     QSignalSpy played(player(), &AudioPlayer::audioPlayed);
     QTRY_VERIFY_WITH_TIMEOUT(played.count() > 5, patienceMs);
     QVERIFY(server.removeSink(QStringLiteral("b")));
+    player()->stop();
+    QTRY_VERIFY_WITH_TIMEOUT(!player()->start(&source, 25), patienceMs); // once Qt has heard of it
+    QVERIFY(!player()->isActive());
     // The application lives, and can play elsewhere.
     SinkRecorder recorder;
     QVERIFY(recorder.start(QStringLiteral("a"), 48000, 2));

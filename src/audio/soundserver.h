@@ -1,0 +1,26 @@
+#ifndef ZEVQTMM_SOUNDSERVER_H
+#define ZEVQTMM_SOUNDSERVER_H
+
+class QAudioDeviceInfo;
+
+/*!
+ * What only the sound server itself knows, where Qt's PulseAudio backend is in use: the backend keeps devices
+ * in its list that are gone, and waits for ever for an output on one of them.
+ *
+ * The client library is looked up at run time: it is loaded by Qt's plugin, or by nobody, and linking to it
+ * would bind everybody else to it.
+ *
+ * Threads: any. Errors: a server that does not answer is no server; without the library all is false.
+ * Cost: a connection to the server, for at most a quarter of a second; a few milliseconds when it is well.
+ */
+namespace soundserver {
+
+/*! True for the devices of the PulseAudio backend. */
+bool isItsDevice(const QAudioDeviceInfo &device);
+bool isAnswering();
+/*! True when the server says that it has no such sink. */
+bool lacks(const QAudioDeviceInfo &device);
+
+} // namespace soundserver
+
+#endif
