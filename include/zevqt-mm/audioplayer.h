@@ -36,8 +36,8 @@ class QAudioOutput;
  *
  * Units: timestamps and delays in wall-clock microseconds; rates in Hz; volume linear, 0 to 1.
  *
- * Errors: false from setDevice() and start(), with a message in the category "zevqt.audio"; start() without a
- * device or source says nothing.
+ * Errors: false from setDevice() and start(), with a message in the category "zevqt.audio", also for a device
+ * that the sound server has no longer; start() without a device or source says nothing.
  *
  * Cost: start() opens the device and may wait for a sound server; the rest does not wait.
  */

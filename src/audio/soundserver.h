@@ -11,7 +11,8 @@ class QAudioDeviceInfo;
  * would bind everybody else to it.
  *
  * Threads: any. Errors: a server that does not answer is no server; without the library all is false.
- * Cost: a connection to the server, for at most a quarter of a second; a few milliseconds when it is well.
+ * Cost: a connection to the server, a few milliseconds when it is well; else at most a quarter of a second to
+ * connect, and another one for lacks() to be answered.
  */
 namespace soundserver {
 
