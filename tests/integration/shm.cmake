@@ -2,6 +2,7 @@
 zev_test(shm_torture SOURCES integration/shm_torture.cpp LIBRARIES shm_testable LABEL integration)
 zev_test(tst_shm_params SOURCES integration/tst_shm_params.cpp LIBRARIES Zev::shm GTest::gtest LABEL integration)
 zev_test(tst_shm_store SOURCES integration/tst_shm_store.cpp LIBRARIES Zev::shm GTest::gtest_main LABEL integration)
+zev_test(tst_shm_lent SOURCES integration/tst_shm_lent.cpp LIBRARIES Zev::shm GTest::gtest_main LABEL integration)
 zev_test(tst_shm_processes SOURCES integration/tst_shm_processes.cpp LIBRARIES Zev::shm GTest::gtest_main
     LABEL integration)
 zev_test(shm_faults SOURCES integration/shm_faults.cpp LIBRARIES shm_stepped LABEL integration)

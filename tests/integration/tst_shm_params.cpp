@@ -66,12 +66,23 @@ TEST_F(ShmParams, ARecordOfANewerProgramIsUnderstoodUnlessItAsksForMore)
 
 TEST_F(ShmParams, ARecordThatWasNeverInitialisedIsRefused)
 {
-    for (const uint32_t size : {0u, 8u, uint32_t(sizeof(shm_writer_params_t)) - 1u, 0xffffffffu}) {
+    const auto first = uint32_t(offsetof(shm_writer_params_t, lent_frames)); // of the first version's record
+    for (const uint32_t size : {0u, 8u, first - 1u, 0xffffffffu}) {
         shm_writer_params_t params = smallVideo("a");
         params.size = size;
         EXPECT_NE(refusal(params).find("shm_writer_params_init"), std::string::npos) << size;
         EXPECT_EQ(result, -EINVAL);
     }
+}
+
+TEST_F(ShmParams, ARecordOfAnOlderProgramEndsWhereItEnds)
+{
+    shm_writer_params_t params = smallVideo("a");
+    params.size = offsetof(shm_writer_params_t, lent_frames);
+    params.lent_frames = SHM_LENT_MAX + 1; // not that program's
+    const Writer writer = openWriter(params);
+    ASSERT_TRUE(writer);
+    EXPECT_EQ(statsOf(writer.get()).slot_count, 12);
 }
 
 TEST_F(ShmParams, ADirectoryThatWillNotDoIsNamedWithTheRemedy)

@@ -212,7 +212,7 @@ private:
         Publisher publisher(m_scene.store, m_clock);
         for (int n = 0; n < 10; ++n) {
             shm_writer_frame_t frame;
-            if (publisher.acquire(&frame) != 0) {
+            if (publisher.acquire(&frame, Publisher::Filler::Processor) != 0) {
                 ++m_totals->dropped;
                 continue;
             }

@@ -154,6 +154,25 @@ TEST_F(ShmDmabuf, WritesAreBracketed)
     EXPECT_EQ(device.events, "ibe");
 }
 
+// The processor's caches have nothing of what a device writes: to bracket that as the processor's would write
+// them over it.
+TEST_F(ShmDmabuf, ADevicesWritesAreNotBracketed)
+{
+    params.lent_frames = 3;
+    ASSERT_EQ(open(), 0) << error.message;
+    shm_writer_frame_t first = {}, second = {}, own = {};
+    ASSERT_EQ(shm_writer_acquire_for_device(writer, &first), 0);
+    ASSERT_EQ(shm_writer_acquire_for_device(writer, &second), 0);
+    EXPECT_EQ(device.events, "ii") << "a device that still reads is waited for all the same";
+    ASSERT_EQ(shm_writer_acquire(writer, &own), 0);
+    EXPECT_EQ(device.events, "iiib");
+    ASSERT_EQ(shm_writer_publish(writer, &second, 1000), 0);
+    shm_writer_abandon(writer, &first);
+    EXPECT_EQ(device.events, "iiib");
+    ASSERT_EQ(shm_writer_publish(writer, &own, 2000), 0);
+    EXPECT_EQ(device.events, "iiibe");
+}
+
 TEST_F(ShmDmabuf, PlainMemoryCostsNoCalls)
 {
     params.memory = "memfd";

@@ -32,7 +32,7 @@ protected:
     {
         for (int i = 0; i < frames; ++i) {
             shm_writer_frame_t frame;
-            ASSERT_EQ(publisher->acquire(&frame), 0);
+            ASSERT_EQ(publisher->acquire(&frame, Publisher::Filler::Processor), 0);
             ASSERT_EQ(publisher->publish(&frame, timestamp += 40000), 0);
         }
     }

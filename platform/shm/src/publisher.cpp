@@ -14,7 +14,7 @@ namespace shm {
 
 Publisher::Publisher(Store &store, const ClockSource &clock)
     : m_store(store), m_clock(clock), m_free(std::max<uint32_t>(store.policy.slotCapacity, 1)),
-      m_history(std::max<uint32_t>(store.policy.slotCapacity, 1))
+      m_history(std::max<uint32_t>(store.policy.slotCapacity, 1)), m_lent(store.policy.slotCapacity, Lent::No)
 {}
 
 void Publisher::takeReadySlots()
@@ -61,7 +61,7 @@ Publisher::Use Publisher::tryUse(ReaderList::Scan &scan, uint32_t slot)
 void Publisher::giveUpSurplus(ReaderList::Scan &scan)
 {
     const uint32_t found = 1; // to be filled now
-    if (m_free.size() + m_history.size() + found <= m_store.policy.slotCount)
+    if (m_free.size() + m_history.size() + m_lentCount + found <= m_store.policy.slotCount)
         return;
     uint32_t surplus = m_store.surplusSlots.load(std::memory_order_relaxed);
     // The service thread may set it to 0 meanwhile.
@@ -103,30 +103,41 @@ int Publisher::pickSlot()
     return found;
 }
 
-int Publisher::acquireSlot()
+int Publisher::acquireSlot(Filler filler, uint32_t *slot)
 {
     if (!m_store.policy.hasVideo())
         return -EINVAL;
-    if (m_acquired >= 0)
+    if (m_lentCount >= m_store.policy.lentFrames)
         return -EBUSY;
-    m_acquired = pickSlot();
+    const int found = pickSlot();
     SHM_STEP("publish: slot chosen");
-    if (m_acquired < 0) {
+    if (found < 0) {
         m_store.index.head->dropped.fetch_add(1, std::memory_order_relaxed);
         m_store.poke();
         return -EAGAIN;
     }
-    const UniqueFd &dmabuf = m_store.slots[static_cast<uint32_t>(m_acquired)].memory.dmabuf;
-    if (dmabuf)
+    *slot = static_cast<uint32_t>(found);
+    m_lent[*slot] = filler == Filler::Device ? Lent::ToDevice : Lent::ToProcessor;
+    m_store.lentSlots.store(++m_lentCount, std::memory_order_relaxed);
+    const UniqueFd &dmabuf = m_store.slots[*slot].memory.dmabuf;
+    if (dmabuf && filler == Filler::Processor)
         m_store.dmabufDevice->beginWrite(dmabuf.get());
     return 0;
 }
 
-void Publisher::endWrite(uint32_t slot)
+bool Publisher::isLent(const shm_writer_frame_t &frame) const
+{
+    return frame.slot >= 0 && static_cast<size_t>(frame.slot) < m_lent.size() &&
+           m_lent[static_cast<size_t>(frame.slot)] != Lent::No;
+}
+
+void Publisher::takeBack(uint32_t slot)
 {
     const UniqueFd &dmabuf = m_store.slots[slot].memory.dmabuf;
-    if (dmabuf)
+    if (dmabuf && m_lent[slot] == Lent::ToProcessor)
         m_store.dmabufDevice->endWrite(dmabuf.get());
+    m_lent[slot] = Lent::No;
+    m_store.lentSlots.store(--m_lentCount, std::memory_order_relaxed);
 }
 
 void Publisher::describe(uint32_t slot, shm_writer_frame_t *frame) const
@@ -145,24 +156,25 @@ void Publisher::describe(uint32_t slot, shm_writer_frame_t *frame) const
     frame->memory_fd = memory.dmabuf ? memory.dmabuf.get() : memory.fd.get();
 }
 
-int Publisher::acquire(shm_writer_frame_t *frame)
+int Publisher::acquire(shm_writer_frame_t *frame, Filler filler)
 {
     *frame = shm_writer_frame_t{};
     frame->memory_fd = -1;
     frame->slot = -1;
-    const int result = acquireSlot();
+    uint32_t slot = 0;
+    const int result = acquireSlot(filler, &slot);
     if (result == 0)
-        describe(static_cast<uint32_t>(m_acquired), frame);
+        describe(slot, frame);
     return result;
 }
 
 void Publisher::abandon(shm_writer_frame_t *frame)
 {
-    if (m_acquired < 0 || frame->slot != m_acquired)
+    if (!isLent(*frame))
         return;
-    endWrite(static_cast<uint32_t>(m_acquired));
-    m_free.push(static_cast<uint32_t>(m_acquired));
-    m_acquired = -1;
+    const auto slot = static_cast<uint32_t>(frame->slot);
+    takeBack(slot);
+    m_free.push(slot);
     *frame = shm_writer_frame_t{};
     frame->memory_fd = -1;
     frame->slot = -1;
@@ -170,7 +182,7 @@ void Publisher::abandon(shm_writer_frame_t *frame)
 
 int Publisher::publish(shm_writer_frame_t *frame, int64_t timestamp)
 {
-    if (m_acquired < 0 || frame->slot != m_acquired)
+    if (!isLent(*frame))
         return -EINVAL;
     const ClockReading now = m_clock.read();
     const FrameOrder::Verdict verdict = m_order.judge(timestamp, now);
@@ -179,9 +191,7 @@ int Publisher::publish(shm_writer_frame_t *frame, int64_t timestamp)
         abandon(frame);
         return -EEXIST;
     }
-    const auto slot = static_cast<uint32_t>(m_acquired);
-    m_acquired = -1;
-    commit(slot, timestamp, verdict, now);
+    commit(static_cast<uint32_t>(frame->slot), timestamp, verdict, now);
     *frame = shm_writer_frame_t{};
     frame->memory_fd = -1;
     frame->slot = -1;
@@ -205,11 +215,10 @@ int Publisher::publishCopy(const uint8_t *const planes[4], const int32_t strides
         m_store.index.head->refused.fetch_add(1, std::memory_order_relaxed);
         return -EEXIST;
     }
-    const int result = acquireSlot();
+    uint32_t slot = 0;
+    const int result = acquireSlot(Filler::Processor, &slot);
     if (result != 0)
         return result;
-    const auto slot = static_cast<uint32_t>(m_acquired);
-    m_acquired = -1;
     uint8_t *const base = m_store.slots[slot].memory.mapping.data();
     for (uint32_t p = 0; p < layout.planeCount; ++p) {
         const PlaneLayout &plane = layout.planes[p];
@@ -228,7 +237,7 @@ int Publisher::publishCopy(const uint8_t *const planes[4], const int32_t strides
 
 void Publisher::commit(uint32_t slot, int64_t timestamp, FrameOrder::Verdict verdict, const ClockReading &now)
 {
-    endWrite(slot);
+    takeBack(slot);
     IndexHead &head = *m_store.index.head;
     const uint64_t generation = ++m_generation;
     SlotMeta &meta = m_store.index.metas[slot];

@@ -18,7 +18,10 @@ class Publisher
 public:
     Publisher(Store &store, const ClockSource &clock);
 
-    int acquire(shm_writer_frame_t *frame);
+    // Who writes into a slot: a processor's writes into a DMA-buf are bracketed, a device's are its driver's.
+    enum class Filler : uint8_t { Processor, Device };
+
+    int acquire(shm_writer_frame_t *frame, Filler filler);
     int publish(shm_writer_frame_t *frame, int64_t timestamp);
     void abandon(shm_writer_frame_t *frame);
     int publishCopy(const uint8_t *const planes[4], const int32_t strides[4], int64_t timestamp);
@@ -49,8 +52,11 @@ private:
         uint32_t m_size = 0;
     };
 
-    int acquireSlot();
-    void endWrite(uint32_t slot);
+    enum class Lent : uint8_t { No, ToProcessor, ToDevice };
+    int acquireSlot(Filler filler, uint32_t *slot);
+    bool isLent(const shm_writer_frame_t &frame) const;
+    // The slot is no longer lent; processor's writes are at their end.
+    void takeBack(uint32_t slot);
     int pickSlot();
     enum class Use { Free, Locked, Gone };
     Use tryUse(ReaderList::Scan &scan, uint32_t slot);
@@ -66,8 +72,11 @@ private:
     const ClockSource &m_clock;
     SlotQueue m_free;    // not in the history; some of them may be locked by readers
     SlotQueue m_history; // oldest first
+    // By slot. A lent slot is in neither queue and its generation is 0, so that no reader finds it: for the
+    // protocol it is a slot whose publication takes long.
+    std::vector<Lent> m_lent;
+    uint32_t m_lentCount = 0;
     uint32_t m_readySeen = 0;
-    int m_acquired = -1;
     uint64_t m_generation = 0;
     FrameOrder m_order;
     IntervalEstimator m_estimator;

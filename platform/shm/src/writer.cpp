@@ -180,11 +180,41 @@ void shm_writer_close(shm_writer_t *writer)
     });
 }
 
+int shm_writer_describe_frame(int32_t width, int32_t height, int32_t pixel_format, shm_writer_frame_t *frame,
+                              int64_t *bytes)
+{
+    if (frame == nullptr || width < 1 || height < 1)
+        return -EINVAL;
+    *frame = shm_writer_frame_t{};
+    frame->memory_fd = -1;
+    frame->slot = -1;
+    const FrameLayout layout = frameLayout(static_cast<uint32_t>(width), static_cast<uint32_t>(height),
+                                           static_cast<uint32_t>(pixel_format));
+    if (layout.planeCount == 0)
+        return -EINVAL;
+    for (uint32_t p = 0; p < layout.planeCount; ++p) {
+        frame->strides[p] = static_cast<int32_t>(layout.planes[p].stride);
+        frame->plane_offsets[p] = static_cast<int64_t>(layout.planes[p].offset);
+    }
+    frame->width = width;
+    frame->height = height;
+    if (bytes != nullptr)
+        *bytes = static_cast<int64_t>(layout.bytes);
+    return 0;
+}
+
 int shm_writer_acquire(shm_writer_t *writer, shm_writer_frame_t *frame)
 {
     if (writer == nullptr || frame == nullptr || !writer->mine())
         return -EINVAL;
-    return writer->publisher()->acquire(frame);
+    return writer->publisher()->acquire(frame, Publisher::Filler::Processor);
+}
+
+int shm_writer_acquire_for_device(shm_writer_t *writer, shm_writer_frame_t *frame)
+{
+    if (writer == nullptr || frame == nullptr || !writer->mine())
+        return -EINVAL;
+    return writer->publisher()->acquire(frame, Publisher::Filler::Device);
 }
 
 int shm_writer_publish(shm_writer_t *writer, shm_writer_frame_t *frame, int64_t timestamp)

@@ -94,11 +94,17 @@ int videoPolicy(const shm_writer_params_t &params, StorePolicy *policy, shm_erro
         return fail(error, EINVAL, "history of %u frames is too long: %d at most", policy->historyFrames,
                     SHM_FRAMES_MAX);
     }
-    if (policy->spareFrames < 2 || policy->spareFrames > kSlotsMax - policy->historyFrames) {
-        return fail(error, EINVAL, "%u spare frames do not fit: 2 to %u beside this history",
-                    policy->spareFrames, kSlotsMax - policy->historyFrames);
+    policy->lentFrames = params.lent_frames != 0 ? params.lent_frames : 1;
+    if (policy->lentFrames > SHM_LENT_MAX) {
+        return fail(error, EINVAL, "%u lent frames are too many: %d at most", policy->lentFrames,
+                    SHM_LENT_MAX);
     }
-    policy->slotCount = policy->historyFrames + policy->spareFrames;
+    const uint32_t spareMost = kSlotsMax - policy->historyFrames - (policy->lentFrames - 1);
+    if (policy->spareFrames < 2 || policy->spareFrames > spareMost) {
+        return fail(error, EINVAL, "%u spare frames do not fit: 2 to %u beside this history",
+                    policy->spareFrames, spareMost);
+    }
+    policy->slotCount = policy->historyFrames + policy->spareFrames + policy->lentFrames - 1;
     policy->slotCapacity = 2 * policy->slotCount;
     return 0;
 }

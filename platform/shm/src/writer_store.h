@@ -38,7 +38,8 @@ struct StorePolicy
     uint32_t rateDenominator = 0;
     uint32_t historyFrames = 0;
     uint32_t spareFrames = 0;
-    uint32_t slotCount = 0;    // history and spare
+    uint32_t lentFrames = 1;   // slots that may be filled at once
+    uint32_t slotCount = 0;    // history, spare, and those lent beyond the first
     uint32_t slotCapacity = 0; // twice that: room for what replaces pinned slots
 
     AudioFormat audio;
@@ -96,6 +97,7 @@ struct Store
     DmabufDevice *dmabufDevice = &systemDmabufDevice();
     StoreCounters counters;
 
+    Atomic<uint32_t> lentSlots{0};    // that are being filled now
     Atomic<uint32_t> readySlots{0};   // rises with every slot that becomes Ready
     Atomic<uint32_t> surplusSlots{0}; // how many the publisher may give up
     int pokeFd = -1;                  // borrowed: wakes the service thread

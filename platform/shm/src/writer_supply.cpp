@@ -1,9 +1,9 @@
 // The service thread's care for free slots: fresh memory before readers pin the last one.
 //
-// A slot is free when it is not in the history and no reader locks it. Below half the spare slots, fresh ones
-// are added until twice the original number; there the reader that pins most is cut off. Above, what was
-// added is taken back. What was lost with such a reader is replaced, so that there are as many as at first. A
-// pinned slot is never written: its readers keep it as long as they like.
+// A slot is free when it is not in the history, no reader locks it and it is not being filled. Below half the
+// spare slots, fresh ones are added until twice the original number; there the reader that pins most is cut
+// off. Above, what was added is taken back. What was lost with such a reader is replaced, so that there are
+// as many as at first. A pinned slot is never written: its readers keep it as long as they like.
 #include "atomic.h"
 #include "memory_check.h"
 #include "writer_service.h"
@@ -70,6 +70,10 @@ WriterService::Census WriterService::census() const
         if (poisoned && !locked[s] && owner != SlotOwner::Empty)
             ++census.comingSlots;
     }
+    // Neither in the history nor locked are those that are being filled, too. One of them has its place among
+    // the spare ones, what is lent beyond it does not.
+    const uint32_t lent = m_store.lentSlots.load(std::memory_order_relaxed);
+    census.freeSlots -= std::min(census.freeSlots, lent > 1 ? lent - 1 : 0);
     return census;
 }
 

@@ -66,6 +66,7 @@ enum {
     SHM_CHANNELS_MAX = 8,      /* audio channels of a stream */
     SHM_STREAMS_MAX = 8,       /* audio streams of a store */
     SHM_FRAMES_MAX = 200,      /* history of a store, frames */
+    SHM_LENT_MAX = 32,         /* slots that a writer may fill at once */
     SHM_DIMENSION_MAX = 16384, /* width and height of a frame, pixels */
     SHM_ERROR_MAX = 256        /* bytes of an error message with its terminator */
 };

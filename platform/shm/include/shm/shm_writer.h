@@ -8,7 +8,8 @@
  *
  * Publishing never waits for a reader and makes no blocking system call. Either let the store copy a frame
  * (shm_writer_publish_video), or fill a slot in place: shm_writer_acquire, write the planes,
- * shm_writer_publish (or shm_writer_abandon).
+ * shm_writer_publish (or shm_writer_abandon). A device that writes by itself is given several slots ahead
+ * (lent_frames, shm_writer_acquire_for_device), which come back in any order.
  *
  * Threads: one thread at a time may use the video calls of a handle and one the audio calls, which may be
  * different threads; shm_writer_get_stats may be called from any. After fork() the child's handle does
@@ -63,6 +64,12 @@ typedef struct shm_writer_params
      * SHM_WRITER_DMABUF_OTHERS only.
      */
     const char *memory;
+
+    /*
+     * Slots that may be acquired at once, 1 to SHM_LENT_MAX; 0: 1. The first is taken from the spare frames,
+     * the others come on top of them, so that readers may pin as many however many are lent.
+     */
+    uint32_t lent_frames;
 } shm_writer_params_t;
 
 /* Zeroes `size` bytes at `params`, sets the field `size`, and the color to BT.709 full range. */
@@ -83,7 +90,10 @@ static inline void shm_writer_params_init(shm_writer_params_t *params)
  */
 SHM_API int shm_writer_open(const shm_writer_params_t *params, shm_writer_t **writer, shm_error_t *error);
 
-/* Removes the store; readers see it as gone at once and may keep the frames they hold. Null is fine. */
+/*
+ * Removes the store; readers see it as gone at once and may keep the frames they hold. Null is fine. Slots
+ * that are still acquired are gone, too: a device that writes into one has to be stopped before.
+ */
 SHM_API void shm_writer_close(shm_writer_t *writer);
 
 /* A slot being filled. `planes` are Y, U, V (or Y, UV); valid until publish or abandon. */
@@ -98,19 +108,36 @@ typedef struct shm_writer_frame
 } shm_writer_frame_t;
 
 /*
+ * Where the planes of such frames lie in a slot of any store: fills strides, plane_offsets, width and height
+ * of `frame` (whose memory is none), and with `bytes` given the size of a slot in plain memory, so that a
+ * device can be asked for this layout before there is a store. Returns 0, or EINVAL (size or format).
+ */
+SHM_API int shm_writer_describe_frame(int32_t width, int32_t height, int32_t pixel_format,
+                                      shm_writer_frame_t *frame, int64_t *bytes);
+
+/*
  * Takes a free slot to write into. Returns 0, or a negative errno: EAGAIN (every slot is held by readers: the
- * frame is to be dropped, and is counted), EBUSY (a slot is acquired already), EINVAL (no video).
+ * frame is to be dropped, and is counted), EBUSY (as many are acquired already as lent_frames says), EINVAL
+ * (no video).
  */
 SHM_API int shm_writer_acquire(shm_writer_t *writer, shm_writer_frame_t *frame);
 
 /*
- * Publishes the acquired slot under `timestamp`. Returns 0, or a negative errno, the slot given back: EEXIST
- * when `timestamp` is not later than the newest frame's (unless the wall clock was stepped back, which starts
- * the history anew).
+ * The same for a slot that a device writes and this process does not: a DMA-buf of it is not bracketed as
+ * written by the processor, whose caches could else be written over what the device wrote. Whoever hands the
+ * memory to the device's driver leaves its coherence to that driver.
+ */
+SHM_API int shm_writer_acquire_for_device(shm_writer_t *writer, shm_writer_frame_t *frame);
+
+/*
+ * Publishes an acquired slot under `timestamp`; of several any, in any order, the one published last being
+ * the newest frame. Returns 0, or a negative errno, the slot given back: EEXIST when `timestamp` is not later
+ * than the newest frame's (unless the wall clock was stepped back, which starts the history anew). EINVAL
+ * with the slot left alone when `frame` is none that is acquired.
  */
 SHM_API int shm_writer_publish(shm_writer_t *writer, shm_writer_frame_t *frame, int64_t timestamp);
 
-/* Gives the acquired slot back unpublished. */
+/* Gives an acquired slot back unpublished. */
 SHM_API void shm_writer_abandon(shm_writer_t *writer, shm_writer_frame_t *frame);
 
 /* Copies a frame in and publishes it: planes in the order Y, U, V (or Y, UV). Errors as above. */
