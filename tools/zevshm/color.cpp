@@ -87,6 +87,25 @@ shm_color_t colorOf(const AVFrame &frame)
     return color;
 }
 
+void setColor(AVFrame &frame, const shm_color_t &color)
+{
+    static constexpr AVColorSpace matrices[] = {AVCOL_SPC_UNSPECIFIED, AVCOL_SPC_SMPTE170M, AVCOL_SPC_BT709,
+                                                AVCOL_SPC_BT2020_NCL};
+    static constexpr AVColorPrimaries primaries[] = {AVCOL_PRI_UNSPECIFIED, AVCOL_PRI_UNSPECIFIED,
+                                                     AVCOL_PRI_BT709, AVCOL_PRI_BT2020};
+    static constexpr AVColorTransferCharacteristic transfers[] = {AVCOL_TRC_UNSPECIFIED, AVCOL_TRC_BT709,
+                                                                  AVCOL_TRC_IEC61966_2_1, AVCOL_TRC_SMPTE2084,
+                                                                  AVCOL_TRC_ARIB_STD_B67};
+    static constexpr AVChromaLocation sitings[] = {AVCHROMA_LOC_UNSPECIFIED, AVCHROMA_LOC_LEFT,
+                                                   AVCHROMA_LOC_CENTER, AVCHROMA_LOC_TOPLEFT};
+    const int matrix = color.matrix <= SHM_MATRIX_BT2020 ? color.matrix : 0;
+    frame.colorspace = matrices[matrix];
+    frame.color_primaries = primaries[matrix];
+    frame.color_trc = transfers[color.transfer <= SHM_TRANSFER_HLG ? color.transfer : 0];
+    frame.chroma_location = sitings[color.siting <= SHM_SITING_TOPLEFT ? color.siting : 0];
+    frame.color_range = color.range == SHM_RANGE_LIMITED ? AVCOL_RANGE_MPEG : AVCOL_RANGE_JPEG;
+}
+
 const int *swsCoefficients(int matrix)
 {
     switch (matrix) {

@@ -12,6 +12,9 @@ namespace zevshm {
 // limited range (full for RGB and JPEG), chroma sited left; the transfer stays unknown.
 shm_color_t colorOf(const AVFrame &frame);
 
+// Writes a store's colors into a frame, for an encoder; what is unknown stays unspecified.
+void setColor(AVFrame &frame, const shm_color_t &color);
+
 // BT.601 up to 576 lines, BT.709 above.
 shm_matrix defaultMatrix(int height);
 

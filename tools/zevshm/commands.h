@@ -14,6 +14,7 @@ int publishCommand(const std::vector<std::string> &words);
 int listCommand(const std::vector<std::string> &words);
 int infoCommand(const std::vector<std::string> &words);
 int snapshotCommand(const std::vector<std::string> &words);
+int recordCommand(const std::vector<std::string> &words);
 
 // Names are checked before anything is opened, so that a bad name has its own exit code.
 void checkStoreName(const std::string &name);

@@ -5,6 +5,7 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libavutil/audio_fifo.h>
 #include <libavutil/avutil.h>
 #include <libavutil/display.h>
 #include <libavutil/frame.h>
@@ -28,7 +29,18 @@ struct AvDelete
     void operator()(AVFormatContext *format) const { avformat_close_input(&format); }
     void operator()(SwsContext *scaler) const { sws_freeContext(scaler); }
     void operator()(SwrContext *resampler) const { swr_free(&resampler); }
+    void operator()(AVAudioFifo *fifo) const { av_audio_fifo_free(fifo); }
 };
+struct OutputDelete // of a context made by avformat_alloc_output_context2()
+{
+    void operator()(AVFormatContext *format) const
+    {
+        if (format->pb && !(format->oformat->flags & AVFMT_NOFILE))
+            avio_closep(&format->pb);
+        avformat_free_context(format);
+    }
+};
+using OutputPtr = std::unique_ptr<AVFormatContext, OutputDelete>;
 template <typename T>
 using AvPtr = std::unique_ptr<T, AvDelete>;
 

@@ -20,7 +20,8 @@ void printHelp()
         "  publish NAME INPUT       publish a file, a stream, a pipe or a test picture\n"
         "  list                     show the stores that can be read from here\n"
         "  info NAME                show what a store carries and how it is doing\n"
-        "  snapshot NAME FILE.png   write a frame as a picture\n\n"
+        "  snapshot NAME FILE.png   write a frame as a picture\n"
+        "  record NAME FILE         record video and sound\n\n"
         "Every command has --help (-h). --version shows the version.\n\n"
         "Stores are looked for in $ZEV_SHM_DIR alone when that is set, else in $XDG_RUNTIME_DIR/zev-shm and\n"
         "/run/zev-shm.\n\n"
@@ -36,23 +37,22 @@ void printHelp()
         "   8  the input is missing, unreadable or unreachable\n"
         "   9  the input holds nothing that can be decoded\n"
         "  10  the output file cannot be written\n"
-        "  11  the store holds no such frame\n\n"
+        "  11  the store holds no such frame, or nothing of what was asked for\n\n"
         "Examples:\n"
         "  zevshm publish cam1 test:\n"
         "  zevshm publish cam1 movie.mp4 --loop\n"
         "  zevshm list\n"
         "  zevshm info cam1 --json\n"
-        "  zevshm snapshot cam1 cam1.png\n",
+        "  zevshm snapshot cam1 cam1.png\n"
+        "  zevshm record cam1 minute.mkv --seconds 60\n",
         stdout);
 }
 
 int run(const std::vector<std::string> &words)
 {
     static const std::map<std::string, int (*)(const std::vector<std::string> &)> commands = {
-        {"publish", publishCommand},
-        {"list", listCommand},
-        {"info", infoCommand},
-        {"snapshot", snapshotCommand},
+        {"publish", publishCommand},   {"list", listCommand},     {"info", infoCommand},
+        {"snapshot", snapshotCommand}, {"record", recordCommand},
     };
     if (words.empty())
         throw Failure(ExitUsage, "a command is missing; see 'zevshm --help'");

@@ -7,16 +7,12 @@
 #include "messages.h"
 #include "publisher.h"
 #include "testinput.h"
+#include "wakeups.h"
 
 #include <cmath>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <poll.h>
 #include <random>
-#include <sys/eventfd.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 namespace zevshm {
 
@@ -198,51 +194,6 @@ PublishPlan makePlan(const Options &options)
         plan.media.latencyUs = millisecondsToUs(*latency);
     return plan;
 }
-
-// Ctrl-C and SIGTERM as a descriptor, and an event with which threads wake the main one.
-class Wakeups
-{
-public:
-    Wakeups()
-    {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGINT);
-        sigaddset(&signals, SIGTERM);
-        sigaddset(&signals, SIGHUP);
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr); // inherited by the threads that are started after this
-        std::signal(SIGPIPE, SIG_IGN);
-        m_signals = signalfd(-1, &signals, SFD_CLOEXEC);
-        m_event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        if (m_signals < 0 || m_event < 0)
-            throw Failure(ExitResources, "no descriptors left; raise 'ulimit -n'");
-    }
-    ~Wakeups()
-    {
-        close(m_signals);
-        close(m_event);
-    }
-    Wakeups(const Wakeups &) = delete;
-    Wakeups &operator=(const Wakeups &) = delete;
-
-    void wake() const { eventfd_write(m_event, 1); }
-
-    // True when a signal asked to end.
-    bool wait(int timeoutMs) const
-    {
-        pollfd descriptors[2] = {{m_signals, POLLIN, 0}, {m_event, POLLIN, 0}};
-        if (poll(descriptors, 2, timeoutMs) <= 0)
-            return false;
-        eventfd_t count;
-        if (descriptors[1].revents)
-            eventfd_read(m_event, &count);
-        return descriptors[0].revents != 0;
-    }
-
-private:
-    int m_signals = -1;
-    int m_event = -1;
-};
 
 std::string progressLine(const std::string &name, const Publisher::Counters &counters,
                          const shm_writer_stats_t &stats, double framesPerSecond)

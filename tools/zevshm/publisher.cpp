@@ -15,6 +15,7 @@ namespace {
 constexpr int64_t startDelayUs = 30000;    // time to convert the first frame
 constexpr int64_t moveOnUs = 200000;       // a file that is later than this is moved on
 constexpr int64_t audioGiveUpUs = 1000000; // live sound older than this is left out
+constexpr int64_t lastSoundUs = 100000;    // the store stays for so long after the last of it
 constexpr int lateInRowMost = 4;           // then one is published all the same: a slow picture beats none
 
 int64_t blockEndUs(const AudioBlock &block, int sampleRate)
@@ -243,6 +244,8 @@ void Publisher::audioLoop()
         m_input.fillAudio(block, labelUs);
         m_store.publishAudio(block, labelUs);
     }
+    // Nothing wakes those who read sound: they look now and then, and are to find the last of it, too.
+    m_stopToken.waitUntil(monotonicUs() + lastSoundUs);
 }
 
 } // namespace zevshm

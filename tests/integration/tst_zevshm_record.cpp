@@ -1,0 +1,588 @@
+// Recordings: every frame with its time, sound with its picture, and nothing half done that looks whole.
+#include "zevshm_driver.h"
+#include "zevshm_media.h"
+#include "zevshm_recording.h"
+
+#include <shm/shm_writer.h>
+
+#include <zevshm-pattern/testpattern.h>
+#include <zevshm-pattern/tones.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace driver;
+using namespace zevshm;
+
+namespace {
+
+constexpr int64_t intervalUs = 40000;
+constexpr int sampleRate = 48000;
+constexpr int samplesAFrame = sampleRate / 25;
+
+// A store whose every frame and sample is known, and that goes on only when it is told to.
+class OwnStore
+{
+public:
+    OwnStore(const std::string &name, int width, int height, bool withVideo = true, bool withAudio = true,
+             int audioStreams = 1)
+        : m_withVideo(withVideo), m_withAudio(withAudio), m_streams(audioStreams),
+          m_pattern(PatternKind::Moving, width, height, Matrix::Bt601), m_tones(sampleRate, 2)
+    {
+        shm_writer_params_t params;
+        shm_writer_params_init(&params);
+        params.name = name.c_str();
+        if (withVideo) {
+            params.width = width;
+            params.height = height;
+            params.pixel_format = SHM_PIXEL_FORMAT_YUV420P;
+            params.color.matrix = SHM_MATRIX_BT601;
+            params.rate_numerator = 25;
+            params.rate_denominator = 1;
+        }
+        if (withAudio) {
+            params.sample_rate = sampleRate;
+            params.channels = 2;
+            params.audio_streams = audioStreams;
+        }
+        shm_error_t error{};
+        EXPECT_EQ(shm_writer_open(&params, &m_writer, &error), 0) << error.message;
+        m_nowUs = std::chrono::duration_cast<std::chrono::microseconds>(
+                      std::chrono::system_clock::now().time_since_epoch())
+                      .count();
+    }
+    ~OwnStore() { shm_writer_close(m_writer); }
+    OwnStore(const OwnStore &) = delete;
+    OwnStore &operator=(const OwnStore &) = delete;
+
+    // The next frame and the sound that belongs to it.
+    void publish()
+    {
+        if (m_withVideo) {
+            shm_writer_frame_t slot{};
+            ASSERT_EQ(shm_writer_acquire(m_writer, &slot), 0);
+            PlaneSet planes;
+            planes.width = slot.width;
+            planes.height = slot.height;
+            for (int i = 0; i < 3; ++i) {
+                planes.planes[i] = slot.planes[i];
+                planes.strides[i] = slot.strides[i];
+            }
+            m_pattern.draw(planes, static_cast<uint32_t>(m_number), m_nowUs, 0);
+            ASSERT_EQ(shm_writer_publish(m_writer, &slot, m_nowUs), 0);
+        }
+        for (int stream = 0; m_withAudio && stream < m_streams; ++stream) {
+            std::vector<int16_t> samples(2 * samplesAFrame);
+            m_tones.tones(samples.data(), samplesAFrame, m_number * samplesAFrame);
+            for (int16_t &sample : samples)
+                sample = static_cast<int16_t>(sample / (stream + 1));
+            ASSERT_EQ(shm_writer_publish_audio(m_writer, stream, samples.data(), samplesAFrame, m_nowUs), 0);
+        }
+        ++m_number;
+        m_nowUs += intervalUs;
+    }
+    void skip(int64_t us) { m_nowUs += us; }
+    int number() const { return m_number; }
+    shm_writer_stats_t stats() const
+    {
+        shm_writer_stats_t stats{};
+        stats.size = sizeof stats;
+        shm_writer_get_stats(m_writer, &stats);
+        return stats;
+    }
+    // At the pace of a camera that is in no hurry.
+    void publish(int frames, int paceMs = 10)
+    {
+        for (int i = 0; i < frames; ++i) {
+            publish();
+            waitFor([] { return false; }, paceMs);
+        }
+    }
+
+private:
+    const bool m_withVideo;
+    const bool m_withAudio;
+    const int m_streams;
+    TestPattern m_pattern;
+    ToneGenerator m_tones;
+    shm_writer_t *m_writer = nullptr;
+    int64_t m_nowUs = 0;
+    int m_number = 0;
+};
+
+const std::vector<std::string> lossless = {"--video-codec", "ffv1", "--audio-codec", "pcm_s16le"};
+
+std::vector<std::string> operator+(std::vector<std::string> words, const std::vector<std::string> &more)
+{
+    words.insert(words.end(), more.begin(), more.end());
+    return words;
+}
+
+class ZevshmRecord : public testing::Test
+{
+protected:
+    StoreDirectory stores;
+    std::string file(const std::string &name) const { return stores.file(name); }
+    bool isThere(const std::string &name) const { return access(file(name).c_str(), F_OK) == 0; }
+    Recording read(const std::string &name) const
+    {
+        const auto recording = readRecording(file(name));
+        EXPECT_TRUE(recording) << name;
+        return recording.value_or(Recording());
+    }
+    static bool waitForReader(const OwnStore &store)
+    {
+        return waitFor([&] { return store.stats().readers > 0; });
+    }
+    // Waits until the recorder has fetched all that is published now: until it has looked for more a few
+    // times, each of which it waits a little for.
+    static bool waitForCapture(const Zevshm &recorder)
+    {
+        const std::optional<long> before = waitsOfCapture(recorder);
+        return waitFor([&] { return waitsOfCapture(recorder).value_or(0) > before.value_or(0) + 5; });
+    }
+    static std::optional<long> waitsOfCapture(const Zevshm &recorder)
+    {
+        std::error_code ignored;
+        for (const auto &task : std::filesystem::directory_iterator(
+                 "/proc/" + std::to_string(recorder.pid()) + "/task", ignored)) {
+            std::ifstream status(task.path() / "status");
+            bool isCapture = false;
+            for (std::string line; std::getline(status, line);) {
+                isCapture = isCapture || line == "Name:\tcapture";
+                if (isCapture && line.rfind("voluntary_ctxt_switches:", 0) == 0)
+                    return std::atol(line.c_str() + line.find(':') + 1);
+            }
+        }
+        return std::nullopt;
+    }
+    // Waits until the recorder has the newest frame as its first.
+    bool waitForFile(const std::string &name) const
+    {
+        return waitFor([&] { return isThere(name); });
+    }
+};
+
+// Every picture's code says the time that it has in the file, and the sound at that time is that frame's.
+void expectExact(const Recording &recording, int first)
+{
+    ASSERT_FALSE(recording.pictures.empty());
+    ASSERT_TRUE(recording.pictures[0].code);
+    const int64_t originUs = recording.pictures[0].code->timestampUs;
+    EXPECT_EQ(recording.pictures[0].us, 0);
+    const ToneGenerator tones(sampleRate, 2);
+    for (size_t i = 0; i < recording.pictures.size(); ++i) {
+        const auto &picture = recording.pictures[i];
+        ASSERT_TRUE(picture.code) << i;
+        EXPECT_EQ(picture.code->frameNumber, static_cast<uint32_t>(first) + i);
+        EXPECT_EQ(picture.us, picture.code->timestampUs - originUs);
+        EXPECT_TRUE(picture.isFullRange);
+    }
+    ASSERT_EQ(recording.sampleRate, sampleRate);
+    ASSERT_EQ(recording.channels, 2);
+    EXPECT_EQ(recording.soundUs, 0);
+    std::vector<int16_t> wanted(recording.samples.size());
+    tones.tones(wanted.data(), static_cast<int>(wanted.size() / 2),
+                static_cast<int64_t>(first) * samplesAFrame);
+    EXPECT_EQ(recording.samples, wanted);
+}
+
+} // namespace
+
+TEST_F(ZevshmRecord, everyFrameAndSampleHasItsTime)
+{
+    OwnStore store("cam", 320, 240);
+    store.publish(5); // before it is recorded
+    Zevshm recorder(std::vector<std::string>{"record", "cam", file("out.mkv")} + lossless);
+    ASSERT_TRUE(waitForFile("out.mkv.part")) << recorder.errors();
+    store.publish(100);
+    recorder.signal(SIGINT);
+    EXPECT_EQ(recorder.wait(), 0) << recorder.errors();
+    EXPECT_EQ(recorder.errors(), "");
+    const Recording recording = read("out.mkv");
+    EXPECT_EQ(recording.pictures.size(), 101u); // with the newest at the start
+    expectExact(recording, 4);
+    EXPECT_EQ(recording.samples.size(), 101u * samplesAFrame * 2);
+    EXPECT_EQ(recording.originUs, recording.pictures.at(0).code->timestampUs);
+    EXPECT_NE(recorder.output().find("out.mkv: 101 frames, 00:00:04.040 of sound, 00:00:04.040"),
+              std::string::npos)
+        << recorder.output();
+    EXPECT_NE(recorder.output().find(" 0 lost"), std::string::npos) << recorder.output();
+    EXPECT_FALSE(isThere("out.mkv.part"));
+    EXPECT_EQ(store.stats().frames_dropped, 0u);
+}
+
+TEST_F(ZevshmRecord, aPublishedFileIsRecordedWhole)
+{
+    MediaPlan plan;
+    plan.frames = 60;
+    const std::string media = file("media.mkv");
+    ASSERT_TRUE(writeMedia(media, plan));
+    Zevshm recorder(
+        std::vector<std::string>{"record", "cam", file("out.mkv"), "--wait", "60", "--return", "0"} +
+        lossless);
+    Zevshm publisher({"publish", "cam", media});
+    const Reader reader = openStore("cam");
+    ASSERT_TRUE(reader) << publisher.errors();
+    // A machine that is not in time for a frame publishes one less: what counts is what the store had.
+    uint64_t published = 0;
+    waitFor([&] {
+        shm_video_status_t status{};
+        shm_reader_get_video_status(reader.get(), &status);
+        if (!status.live)
+            return true;
+        published = status.frames_published;
+        return false;
+    });
+    EXPECT_EQ(publisher.wait(), 0) << publisher.errors();
+    EXPECT_EQ(recorder.wait(), 0) << recorder.errors();
+    const Recording recording = read("out.mkv");
+    EXPECT_GT(published, 30u);
+    EXPECT_EQ(recording.pictures.size(), published);
+    ASSERT_FALSE(recording.pictures.empty());
+    const ToneGenerator tones(sampleRate, 2);
+    const bool isUndisturbed = publisher.errors().empty();
+    for (const auto &picture : recording.pictures) {
+        ASSERT_TRUE(picture.code);
+        // A file's frame n is at n times 40 ms, less what the machine came late in all.
+        const int64_t number = picture.code->frameNumber;
+        if (isUndisturbed) {
+            EXPECT_NEAR(static_cast<double>(picture.us), static_cast<double>(number * intervalUs), 1000);
+            const int64_t sample = picture.us * sampleRate / 1000000;
+            if (sample * 2 + 200 > static_cast<int64_t>(recording.samples.size()))
+                continue;
+            const std::vector<int16_t> got(recording.samples.begin() + sample * 2,
+                                           recording.samples.begin() + sample * 2 + 200);
+            bool isFound = false; // timestamps are rounded to milliseconds, and to samples
+            for (int shift = -50; shift <= 50 && !isFound; ++shift) {
+                std::vector<int16_t> wanted(200);
+                tones.tones(wanted.data(), 100, number * samplesAFrame + shift);
+                isFound = got == wanted;
+            }
+            EXPECT_TRUE(isFound) << "the sound of frame " << number << " is not there";
+        }
+    }
+}
+
+TEST_F(ZevshmRecord, theBeepIsWithTheFlash)
+{
+    // The second has its sound late: what is measured can be told from what is not.
+    for (const auto &[name, offset, container] :
+         {std::tuple("cam", 0, ".mkv"), std::tuple("late", 200, ".mp4")}) {
+        Zevshm publisher(
+            {"publish", name, "test:avsync", "--size", "320x240", "--av-offset", std::to_string(offset)});
+        ASSERT_TRUE(openStore(name)) << publisher.errors();
+        const std::string out = std::string("out") + container;
+        Zevshm recorder({"record", name, file(out), "--seconds", "3.5"});
+        EXPECT_EQ(recorder.wait(60000), 0) << recorder.errors();
+        const Recording recording = read(out);
+        const std::vector<int64_t> flashes = recording.flashes();
+        const std::vector<int64_t> beeps = recording.beeps();
+        int matched = 0;
+        for (const int64_t flash : flashes) {
+            for (const int64_t beep : beeps) {
+                if (std::abs(beep - flash) > 450000)
+                    continue;
+                ++matched;
+                EXPECT_NEAR(static_cast<double>(beep - flash) / 1000, offset, 40) << out;
+            }
+        }
+        EXPECT_GE(matched, 2) << out << ": " << flashes.size() << " flashes, " << beeps.size() << " beeps";
+        EXPECT_LE(recording.pictures.size(), 88u);
+        const double soundSeconds =
+            static_cast<double>(recording.samples.size()) / recording.channels / recording.sampleRate;
+        EXPECT_NEAR(soundSeconds, 3.5, 0.1) << out;
+        EXPECT_GT(recording.originUs, 0) << out;
+    }
+}
+
+TEST_F(ZevshmRecord, theWriterIsNotDisturbed)
+{
+    OwnStore store("cam", 640, 480);
+    store.publish();
+    Zevshm recorder(std::vector<std::string>{"record", "cam", file("out.mkv")} + lossless);
+    ASSERT_TRUE(waitForFile("out.mkv.part")) << recorder.errors();
+    int most = 0;
+    for (int i = 0; i < 100; ++i) {
+        store.publish(1, 5);
+        most = std::max(most, store.stats().locks_held);
+    }
+    EXPECT_LE(most, 1);
+    // Stopped in the middle of anything, it holds one frame at most.
+    recorder.signal(SIGSTOP);
+    store.publish(60, 2);
+    EXPECT_LE(store.stats().locks_held, 1);
+    EXPECT_EQ(store.stats().frames_dropped, 0u);
+    EXPECT_EQ(store.stats().slots_replaced, 0u);
+    recorder.signal(SIGCONT);
+    store.publish(20, 5);
+    recorder.signal(SIGINT);
+    EXPECT_EQ(recorder.wait(), 0) << recorder.errors();
+    // What it slept through is counted as lost, and what it has is right.
+    const Recording recording = read("out.mkv");
+    std::set<uint32_t> numbers;
+    const int64_t originUs = recording.pictures.at(0).code->timestampUs;
+    for (const auto &picture : recording.pictures) {
+        ASSERT_TRUE(picture.code);
+        numbers.insert(picture.code->frameNumber);
+        EXPECT_EQ(picture.us, picture.code->timestampUs - originUs);
+    }
+    const size_t lost = static_cast<size_t>(store.number()) - numbers.size();
+    EXPECT_GT(lost, 0u);
+    EXPECT_NE(recorder.output().find(", " + std::to_string(lost) + " lost"), std::string::npos)
+        << recorder.output() << numbers.size();
+    EXPECT_NE(recorder.errors().find(std::to_string(lost) + " frames lost"), std::string::npos)
+        << recorder.errors();
+}
+
+TEST_F(ZevshmRecord, aWriterThatComesBackIsInTheNextFile)
+{
+    auto store = std::make_unique<OwnStore>("cam", 320, 240);
+    store->publish();
+    Zevshm recorder(std::vector<std::string>{"record", "cam", file("out.mkv"), "--return", "60"} + lossless);
+    ASSERT_TRUE(waitForFile("out.mkv.part")) << recorder.errors();
+    store->publish(20);
+    ASSERT_TRUE(waitForCapture(recorder)); // what goes with the store
+    store.reset();
+    store = std::make_unique<OwnStore>("cam", 160, 120);
+    store->publish(15);
+    ASSERT_TRUE(waitForReader(*store));
+    store->publish(5);
+    ASSERT_TRUE(waitForFile("out-2.mkv.part")) << recorder.errors();
+    recorder.signal(SIGTERM);
+    EXPECT_EQ(recorder.wait(), 0) << recorder.errors();
+    EXPECT_NE(recorder.errors().find("cam: goes on in " + file("out-2.mkv")), std::string::npos)
+        << recorder.errors();
+    const Recording first = read("out.mkv");
+    EXPECT_EQ(first.pictures.size(), 21u);
+    expectExact(first, 0);
+    const Recording second = read("out-2.mkv");
+    EXPECT_EQ(second.pictures.size(), 20u); // from its beginning on
+    expectExact(second, 0);
+    EXPECT_EQ(second.pictures.at(0).width, 160);
+}
+
+TEST_F(ZevshmRecord, aJumpOfTheTimestampsBeginsANewFile)
+{
+    OwnStore store("cam", 320, 240);
+    store.publish();
+    Zevshm recorder(std::vector<std::string>{"record", "cam", file("out.mkv")} + lossless);
+    ASSERT_TRUE(waitForFile("out.mkv.part")) << recorder.errors();
+    store.publish(10);
+    ASSERT_TRUE(waitForCapture(recorder)); // the sound, which is out of its ring after this
+    store.skip(60000000);
+    store.publish(10);
+    ASSERT_TRUE(waitForFile("out-2.mkv.part")) << recorder.errors();
+    recorder.signal(SIGINT);
+    EXPECT_EQ(recorder.wait(), 0) << recorder.errors();
+    const Recording first = read("out.mkv");
+    EXPECT_EQ(first.pictures.size(), 11u);
+    const Recording second = read("out-2.mkv");
+    ASSERT_EQ(second.pictures.size(), 10u);
+    expectExact(second, 11);
+    EXPECT_EQ(second.originUs - first.originUs, 11 * intervalUs + 60000000);
+    // A shorter one is a gap: the picture stands still and the sound is silent.
+    EXPECT_NE(recorder.errors().find("jumped"), std::string::npos) << recorder.errors();
+}
+
+TEST_F(ZevshmRecord, aGapIsSilent)
+{
+    OwnStore store("cam", 320, 240);
+    store.publish();
+    Zevshm recorder(std::vector<std::string>{"record", "cam", file("out.mkv")} + lossless);
+    ASSERT_TRUE(waitForFile("out.mkv.part")) << recorder.errors();
+    store.publish(10);
+    ASSERT_TRUE(waitForCapture(recorder)); // the sound, which is out of its ring after this
+    store.skip(5000000);
+    store.publish(10);
+    recorder.signal(SIGINT);
+    EXPECT_EQ(recorder.wait(), 0) << recorder.errors();
+    EXPECT_FALSE(isThere("out-2.mkv"));
+    const Recording recording = read("out.mkv");
+    ASSERT_EQ(recording.pictures.size(), 21u);
+    EXPECT_EQ(recording.pictures[11].us, 11 * intervalUs + 5000000);
+    const size_t before = size_t{11} * samplesAFrame * 2;
+    const size_t gap = size_t{5} * sampleRate * 2;
+    ASSERT_EQ(recording.samples.size(), before + gap + size_t{10} * samplesAFrame * 2);
+    std::vector<int16_t> wanted(size_t{21} * samplesAFrame * 2);
+    ToneGenerator(sampleRate, 2).tones(wanted.data(), 21 * samplesAFrame, 0);
+    wanted.insert(wanted.begin() + static_cast<ptrdiff_t>(before), gap, 0);
+    EXPECT_EQ(recording.samples, wanted);
+}
+
+TEST_F(ZevshmRecord, everyStreamOfSoundIsATrack)
+{
+    OwnStore store("cam", 320, 240, true, true, 3);
+    store.publish();
+    Zevshm recorder(std::vector<std::string>{"record", "cam", file("out.mkv")} + lossless);
+    ASSERT_TRUE(waitForFile("out.mkv.part")) << recorder.errors();
+    store.publish(20);
+    recorder.signal(SIGINT);
+    EXPECT_EQ(recorder.wait(), 0) << recorder.errors();
+    const Recording recording = read("out.mkv");
+    EXPECT_EQ(recording.tracks, 3);
+    expectExact(recording, 0);
+}
+
+TEST_F(ZevshmRecord, soundAlone)
+{
+    OwnStore store("radio", 0, 0, false, true);
+    store.publish();
+    Zevshm recorder({"record", "radio", file("out.wav"), "--seconds", "1"});
+    ASSERT_TRUE(waitForReader(store)) << recorder.errors();
+    for (int i = 0; i < 1000 && recorder.running(); ++i)
+        store.publish(1);
+    EXPECT_EQ(recorder.wait(), 0) << recorder.errors();
+    const Recording recording = read("out.wav");
+    EXPECT_TRUE(recording.pictures.empty());
+    ASSERT_EQ(recording.samples.size(), size_t{sampleRate} * 2);
+    // It is the store's, from some sample on.
+    const ToneGenerator tones(sampleRate, 2);
+    bool isFound = false;
+    for (int first = 0; first < store.number() * samplesAFrame && !isFound; ++first) {
+        int16_t wanted[64];
+        tones.tones(wanted, 32, first);
+        if (!std::equal(wanted, wanted + 64, recording.samples.begin()))
+            continue;
+        std::vector<int16_t> all(recording.samples.size());
+        tones.tones(all.data(), sampleRate, first);
+        isFound = all == recording.samples;
+    }
+    EXPECT_TRUE(isFound);
+}
+
+TEST_F(ZevshmRecord, whatIsKilledDoesNotLookComplete)
+{
+    OwnStore store("cam", 320, 240);
+    store.publish();
+    Zevshm recorder({"record", "cam", file("out.mkv")});
+    ASSERT_TRUE(waitForFile("out.mkv.part")) << recorder.errors();
+    store.publish(20);
+    recorder.signal(SIGKILL);
+    EXPECT_EQ(recorder.wait(), 128 + SIGKILL);
+    EXPECT_FALSE(isThere("out.mkv"));
+    EXPECT_TRUE(isThere("out.mkv.part"));
+    ASSERT_TRUE(waitFor([&] { return store.stats().readers == 0 && store.stats().locks_held == 0; }));
+    // It may be all that there is of something: the next one leaves it alone.
+    const Result again = run({"record", "cam", file("out.mkv")});
+    EXPECT_EQ(again.code, 10);
+    EXPECT_NE(again.errors.find("out.mkv.part: is there from a recording"), std::string::npos)
+        << again.errors;
+    Zevshm replacing(std::vector<std::string>{"record", "cam", file("out.mkv"), "--overwrite"} + lossless);
+    ASSERT_TRUE(waitForReader(store));
+    waitFor([&] { return !replacing.running() || store.stats().readers > 0; });
+    store.publish(30);
+    replacing.signal(SIGHUP);
+    EXPECT_EQ(replacing.wait(), 0) << replacing.errors();
+    EXPECT_FALSE(isThere("out.mkv.part"));
+    EXPECT_GT(read("out.mkv").pictures.size(), 1u);
+}
+
+TEST_F(ZevshmRecord, aFullDiskIsToldAndNothingClaimed)
+{
+    OwnStore store("cam", 320, 240);
+    store.publish();
+    Zevshm recorder({"record", "cam", file("out.mkv"), "--video-codec", "rawvideo"});
+    const rlimit limit = {400000, 400000};
+    ASSERT_EQ(prlimit(recorder.pid(), RLIMIT_FSIZE, &limit, nullptr), 0);
+    ASSERT_TRUE(waitForReader(store)) << recorder.errors();
+    for (int i = 0; i < 2000 && recorder.running(); ++i)
+        store.publish(1, 5);
+    EXPECT_EQ(recorder.wait(), 10);
+    EXPECT_NE(recorder.errors().find("out.mkv: cannot be written (File too large); raise 'ulimit -f'"),
+              std::string::npos)
+        << recorder.errors();
+    EXPECT_NE(recorder.errors().find("what was recorded until then is in " + file("out.mkv.part")),
+              std::string::npos)
+        << recorder.errors();
+    EXPECT_EQ(recorder.output(), "");
+    EXPECT_FALSE(isThere("out.mkv"));
+    EXPECT_TRUE(isThere("out.mkv.part"));
+}
+
+TEST_F(ZevshmRecord, whatCannotBeIsRefusedAtOnce)
+{
+    const auto expectFailure = [](const Result &result, int code, const std::string &mentions) {
+        EXPECT_EQ(result.code, code) << result.errors;
+        EXPECT_EQ(result.output, "");
+        EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), 1) << result.errors;
+        EXPECT_NE(result.errors.find(mentions), std::string::npos) << result.errors;
+    };
+    OwnStore store("cam", 321, 241);
+    store.publish(3);
+    expectFailure(run({"record", "cam"}), 2, "FILE is missing");
+    expectFailure(run({"record", "cam", file("x.mkv"), "--seconds", "0"}), 2, "--seconds");
+    expectFailure(run({"record", "cam", file("x.mkv"), "--no-video", "--no-audio"}), 2, "--no-video");
+    expectFailure(run({"record", "cam", file("x.xyz")}), 2, "name it .mkv or .mp4");
+    expectFailure(run({"record", "cam", file("x.mkv"), "--container", "nothing"}), 2, "'nothing'");
+    expectFailure(run({"record", "cam", file("x.mkv"), "--video-codec", "nothing"}), 2, "'nothing'");
+    expectFailure(run({"record", "cam", file("x.mkv"), "--video-codec", "aac"}), 2, "'aac'");
+    expectFailure(run({"record", "cam", file("x.mkv"), "--video-options", "fast"}), 2, "--video-options");
+    expectFailure(run({"record", "cam", file("x.mkv"), "--video-codec", "ffv1", "--video-options", "fast=1"}),
+                  2, "'fast'");
+    expectFailure(run({"record", "cam", file("x.mkv")}), 2, "--video-codec ffv1"); // x264 takes even sizes
+    expectFailure(run({"record", "cam", file("x.avi")}), 2, "time of every frame");
+    expectFailure(run({"record", "cam", file("x.wav")}), 2, "--no-video");
+    expectFailure(run({"record", "a/b", file("x.mkv")}), 3, "store name");
+    expectFailure(run({"record", "nobody", file("x.mkv")}), 4, "nobody");
+    expectFailure(run({"record", "cam", file("no/such/folder.mkv")}), 10, "folder.mkv");
+    expectFailure(run({"record", "cam", stores.path()}), 2, "name it .mkv");
+    ASSERT_EQ(mkdir(file("folder.mkv").c_str(), 0700), 0);
+    expectFailure(run({"record", "cam", file("folder.mkv")}), 10, "name a file");
+    std::ofstream(file("old.mkv")) << "precious";
+    expectFailure(run({"record", "cam", file("old.mkv")}), 10, "--overwrite");
+    EXPECT_EQ(std::filesystem::file_size(file("old.mkv")), 8u);
+    for (const auto &entry : std::filesystem::directory_iterator(stores.path()))
+        EXPECT_NE(entry.path().extension(), ".part") << entry.path();
+}
+
+TEST_F(ZevshmRecord, aStoreThatPublishesNothingLeavesNoFile)
+{
+    OwnStore store("cam", 320, 240);
+    const Result result = run({"record", "cam", file("out.mkv"), "--seconds", "0.1"});
+    EXPECT_EQ(result.code, 11);
+    EXPECT_NE(result.errors.find("published nothing"), std::string::npos) << result.errors;
+    EXPECT_FALSE(isThere("out.mkv"));
+    EXPECT_FALSE(isThere("out.mkv.part"));
+    OwnStore mute("mute", 320, 240, true, false);
+    mute.publish();
+    EXPECT_EQ(run({"record", "mute", file("out.mkv"), "--no-video"}).code, 11);
+}
+
+TEST_F(ZevshmRecord, aTerminalShowsHowFarItIs)
+{
+    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(grantpt(master), 0);
+    ASSERT_EQ(unlockpt(master), 0);
+    const int slave = open(ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(slave, 0);
+    fcntl(master, F_SETFL, O_NONBLOCK);
+    OwnStore store("cam", 320, 240);
+    store.publish();
+    Zevshm recorder({"record", "cam", file("out.mkv")}, -1, slave);
+    std::string shown;
+    EXPECT_TRUE(waitFor([&] {
+        store.publish(1, 5);
+        char text[1000];
+        const ssize_t got = ::read(master, text, sizeof text);
+        if (got > 0)
+            shown.append(text, static_cast<size_t>(got));
+        return shown.find(" frames, 0 lost, ") != std::string::npos;
+    })) << shown;
+    recorder.signal(SIGINT);
+    EXPECT_EQ(recorder.wait(), 0);
+    close(slave);
+    close(master);
+}
