@@ -102,8 +102,11 @@ void readAudio(benchmark::State &state, int outputRate)
         reader.readDataInternal(data.data(), readBytes);
         benchmark::ClobberMemory();
     }
-    state.counters["allocations"] = static_cast<double>(bench::allocations().count - before.count);
-    if (reader.getReadPosition() - reader.getFirstTimestamp() < 70000)
+    const auto allocations = bench::allocations().count - before.count;
+    state.counters["allocations"] = static_cast<double>(allocations);
+    if (allocations > 0)
+        state.SkipWithError("reading allocates memory");
+    else if (reader.getReadPosition() - reader.getFirstTimestamp() < 70000)
         state.SkipWithError("the reads were short");
 }
 
