@@ -89,33 +89,44 @@ double ExpectedSeams::intervalSeconds() const
     return 1e6 / cut * framesPerRead / sourceRate;
 }
 
-std::string ExpectedSeams::judge(const std::vector<double> &samples, int rate, double frequency,
-                                 const std::vector<size_t> &seams) const
+std::vector<ToneFault> ExpectedSeams::judge(const std::vector<double> &samples, int rate, double frequency,
+                                            const std::vector<size_t> &seams) const
 {
     const auto window = static_cast<size_t>(rate / 10);
-    const double readSeconds = static_cast<double>(framesPerRead) / sourceRate;
+    const double spread = static_cast<double>(framesPerRead) / sourceRate + 0.002;
+    std::vector<ToneFault> faults;
+    double total = 0;
+    bool isAfterFault = false;
+    for (size_t i = 0; i < seams.size(); ++i) {
+        const double at = static_cast<double>(seams[i]) / rate;
+        const double distance = i > 0 ? at - static_cast<double>(seams[i - 1]) / rate : 0;
+        const bool isEarly = i > 0 && !isAfterFault && distance < intervalSeconds() - spread;
+        isAfterFault = false;
+        std::string what;
+        if (isEarly || distance > intervalSeconds() + spread) {
+            what = "is " + std::to_string(distance) + " s after the one before";
+        } else if (seams[i] >= window + filterReach && seams[i] + window + filterReach <= samples.size()) {
+            const double lag =
+                sourceRate * lagBetween(samples, rate, frequency, seams[i] - window - filterReach,
+                                        seams[i] + filterReach, window);
+            if (std::abs(lag - 1) > 0.1)
+                what = "is of " + std::to_string(lag) + " samples";
+            total += 1;
+        } // else too near to an end to be measured
+        if (!what.empty()) {
+            faults.push_back({"seam at " + std::to_string(at) + " s " + what, at});
+            isAfterFault = true;
+        }
+    }
+    if (!faults.empty())
+        return faults;
+
     const double seconds = static_cast<double>(samples.size()) / rate;
     const auto found = static_cast<double>(seams.size());
-    if (std::abs(found - seconds / intervalSeconds()) > 1 + readSeconds / intervalSeconds())
-        return std::to_string(seams.size()) + " seams instead of one in " +
-               std::to_string(intervalSeconds()) + " s";
-
-    double total = 0;
-    for (size_t i = 0; i < seams.size(); ++i) {
-        const std::string name = "seam at " + std::to_string(static_cast<double>(seams[i]) / rate) + " s ";
-        if (i > 0) {
-            const double distance = static_cast<double>(seams[i] - seams[i - 1]) / rate;
-            if (std::abs(distance - intervalSeconds()) > readSeconds + 0.002)
-                return name + "is " + std::to_string(distance) + " s after the one before";
-        }
-        if (seams[i] < window + filterReach || seams[i] + window + filterReach > samples.size())
-            continue; // too near to an end to be measured
-        const double lag = sourceRate * lagBetween(samples, rate, frequency, seams[i] - window - filterReach,
-                                                   seams[i] + filterReach, window);
-        if (std::abs(lag - 1) > 0.1)
-            return name + "is of " + std::to_string(lag) + " samples";
-        total += 1;
-    }
+    if (std::abs(found - seconds / intervalSeconds()) > 1 + spread / intervalSeconds())
+        faults.push_back({std::to_string(seams.size()) + " seams instead of one in " +
+                              std::to_string(intervalSeconds()) + " s",
+                          -1});
     // What came and went without a seam would show here.
     const size_t head =
         seams.empty() || seams.front() >= window + filterReach ? 0 : seams.front() + filterReach;
@@ -124,7 +135,8 @@ std::string ExpectedSeams::judge(const std::vector<double> &samples, int rate, d
         tail = seams.back() - window - filterReach;
     const double lag = sourceRate * lagBetween(samples, rate, frequency, head, tail, window);
     if (std::abs(std::remainder(lag - total, sourceRate / frequency)) > 0.2)
-        return "the end is " + std::to_string(lag) + " samples late but for whole periods, the seams " +
-               std::to_string(total);
-    return {};
+        faults.push_back({"the end is " + std::to_string(lag) +
+                              " samples late but for whole periods, the seams " + std::to_string(total),
+                          -1});
+    return faults;
 }

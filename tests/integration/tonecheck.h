@@ -31,6 +31,13 @@ std::vector<size_t> seamsOf(const std::vector<double> &samples, int rate, double
 double lagBetween(const std::vector<double> &samples, int rate, double frequency, size_t first, size_t second,
                   size_t length);
 
+/*! What is wrong with a tone, and how many seconds from the beginning; less than 0: nowhere in particular. */
+struct ToneFault
+{
+    std::string what;
+    double at;
+};
+
 /*!
  * The seams that the read positions bring by design. A read of `framesPerRead` moves the position by its
  * duration, cut to microseconds; what is cut adds up, and when it has come to a sample, that sample is read
@@ -45,10 +52,11 @@ struct ExpectedSeams
     /*!
      * Empty when the seams are these and nothing else: each a single sample that came twice, as far apart as
      * computed but for a read, as many as fit, and the tone as late at the end as they make it. Otherwise
-     * what is wrong.
+     * what is wrong. After a fault the positions begin at another fraction of a sample, so that the next seam
+     * may come at any time up to the interval.
      */
-    std::string judge(const std::vector<double> &samples, int rate, double frequency,
-                      const std::vector<size_t> &seams) const;
+    std::vector<ToneFault> judge(const std::vector<double> &samples, int rate, double frequency,
+                                 const std::vector<size_t> &seams) const;
 };
 
 #endif
