@@ -90,7 +90,8 @@ public:
 
     /*!
      * From now on also writes what the device gets to a file, raw, in the device's format. A file that cannot
-     * be opened ends that; an empty path does nothing.
+     * be opened ends that; an empty path does nothing. Each time it stops, the file also has what was read
+     * ahead for the device, up to 16384 bytes, and goes on with what is read first after the next start.
      */
     void setWaveformFile(const QString &path);
 

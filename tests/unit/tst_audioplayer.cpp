@@ -38,6 +38,7 @@ private Q_SLOTS:
     void muteAndVolume();
     void delaysAreTheReaders();
     void waveformFile();
+    void waveformFileGoesOnThroughAStop();
     void anotherWaveformFile();
     void waveformFileThatCannotBeOpened();
     void startThroughTheMetaObject();
@@ -527,6 +528,46 @@ void tst_AudioPlayer::waveformFile()
     // QIODevice reads ahead: the file has that much more.
     QVERIFY(dumped.size() >= heard.size() && dumped.size() < heard.size() + 16384);
     QCOMPARE(dumped.left(heard.size()), heard);
+}
+
+// What was read ahead when it stopped is in the file, whole blocks of QIODevice's, and nothing else that the
+// output did not get; no byte of what it gets after that is missing.
+void tst_AudioPlayer::waveformFileGoesOnThroughAStop()
+{
+    const int block = 16384;
+    QTemporaryDir directory;
+    const QString path = directory.filePath(QStringLiteral("dump.pcm"));
+    player()->setWaveformFile(path);
+    player()->setDevice(QStringLiteral("default"));
+    QByteArray expected;
+    for (const int pulls : {13, 1, 5}) {
+        QVERIFY(player()->start(source.get(), 25));
+        QByteArray heard;
+        for (int i = 0; i < pulls; ++i) {
+            heard += output()->pull(3840);
+            store().pass(20000);
+        }
+        QCOMPARE(heard.size(), pulls * 3840);
+        player()->stop();
+        QVERIFY(output()->pull(3840).isEmpty());
+        // The samples that follow in the source, up to a whole block.
+        const int surplus = (block - heard.size() % block) % block;
+        const auto *last = reinterpret_cast<const qint16 *>(heard.constData() + heard.size() - 4);
+        const qint64 next = last[0]; // of the sample after that one, in the first channel
+        for (int i = 0; i < surplus / 4; ++i) {
+            for (int channel = 0; channel < 2; ++channel) {
+                const qint16 sample = FakeAudioStore::sample(next + i, channel);
+                heard.append(reinterpret_cast<const char *>(&sample), 2);
+            }
+        }
+        expected += heard;
+    }
+    AudioPlayer::teardown();
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QByteArray dumped = file.readAll();
+    QCOMPARE(dumped.size(), expected.size());
+    QVERIFY(dumped == expected);
 }
 
 void tst_AudioPlayer::anotherWaveformFile()
