@@ -2,7 +2,7 @@
 if(ZEV_BUILD_TOOLS)
     pkg_check_modules(FFMPEG_MEDIA REQUIRED IMPORTED_TARGET
         libavformat libavcodec libswscale libswresample libavutil)
-    foreach(name errors info publish memory media network record)
+    foreach(name errors info publish memory media network record dump)
         zev_test(tst_zevshm_${name}
             SOURCES
                 integration/tst_zevshm_${name}.cpp
@@ -16,7 +16,7 @@ if(ZEV_BUILD_TOOLS)
     find_package(Python3 COMPONENTS Interpreter)
     if(Python3_FOUND)
         set(help "$<TARGET_FILE:zevshm>,--help")
-        foreach(command publish list info snapshot record)
+        foreach(command publish list info snapshot record dump)
             list(APPEND help "$<TARGET_FILE:zevshm>,${command},--help")
         endforeach()
         add_test(NAME manpage_zevshm COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/manpages.py
@@ -24,6 +24,9 @@ if(ZEV_BUILD_TOOLS)
         set_tests_properties(manpage_zevshm PROPERTIES LABELS integration TIMEOUT 60)
         zev_test_environment(manpage_zevshm)
     endif()
-    target_sources(tst_zevshm_record PRIVATE integration/zevshm_recording.cpp)
+    foreach(name record dump)
+        target_sources(tst_zevshm_${name} PRIVATE
+            integration/zevshm_ownstore.cpp integration/zevshm_recording.cpp)
+    endforeach()
     target_sources(tst_zevshm_network PRIVATE integration/rtspserver.cpp integration/streamsender.cpp)
 endif()

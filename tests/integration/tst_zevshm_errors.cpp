@@ -258,7 +258,7 @@ TEST_F(ZevshmErrors, snapshots)
 
 TEST_F(ZevshmErrors, helpAndVersion)
 {
-    for (const char *command : {"publish", "list", "info", "snapshot", "record"}) {
+    for (const char *command : {"publish", "list", "info", "snapshot", "record", "dump"}) {
         const Result help = run({command, "--help"});
         EXPECT_EQ(help.code, 0);
         EXPECT_EQ(help.errors, "");
@@ -269,7 +269,8 @@ TEST_F(ZevshmErrors, helpAndVersion)
     const Result help = run({"--help"});
     EXPECT_EQ(help.code, 0);
     EXPECT_EQ(run({"-h"}).output, help.output);
-    for (const char *command : {"publish", "list", "info", "snapshot", "record", "Exit codes:", "Examples:"})
+    for (const char *command :
+         {"publish", "list", "info", "snapshot", "record", "dump", "Exit codes:", "Examples:"})
         EXPECT_NE(help.output.find(command), std::string::npos);
     const Result version = run({"--version"});
     EXPECT_EQ(version.code, 0);

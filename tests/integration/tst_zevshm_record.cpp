@@ -1,9 +1,8 @@
 // Recordings: every frame with its time, sound with its picture, and nothing half done that looks whole.
 #include "zevshm_driver.h"
 #include "zevshm_media.h"
+#include "zevshm_ownstore.h"
 #include "zevshm_recording.h"
-
-#include <shm/shm_writer.h>
 
 #include <zevshm-pattern/testpattern.h>
 #include <zevshm-pattern/tones.h>
@@ -26,100 +25,6 @@ using namespace driver;
 using namespace zevshm;
 
 namespace {
-
-constexpr int64_t intervalUs = 40000;
-constexpr int sampleRate = 48000;
-constexpr int samplesAFrame = sampleRate / 25;
-
-// A store whose every frame and sample is known, and that goes on only when it is told to.
-class OwnStore
-{
-public:
-    OwnStore(const std::string &name, int width, int height, bool withVideo = true, bool withAudio = true,
-             int audioStreams = 1)
-        : m_withVideo(withVideo), m_withAudio(withAudio), m_streams(audioStreams),
-          m_pattern(PatternKind::Moving, width, height, Matrix::Bt601), m_tones(sampleRate, 2)
-    {
-        shm_writer_params_t params;
-        shm_writer_params_init(&params);
-        params.name = name.c_str();
-        if (withVideo) {
-            params.width = width;
-            params.height = height;
-            params.pixel_format = SHM_PIXEL_FORMAT_YUV420P;
-            params.color.matrix = SHM_MATRIX_BT601;
-            params.rate_numerator = 25;
-            params.rate_denominator = 1;
-        }
-        if (withAudio) {
-            params.sample_rate = sampleRate;
-            params.channels = 2;
-            params.audio_streams = audioStreams;
-        }
-        shm_error_t error{};
-        EXPECT_EQ(shm_writer_open(&params, &m_writer, &error), 0) << error.message;
-        m_nowUs = std::chrono::duration_cast<std::chrono::microseconds>(
-                      std::chrono::system_clock::now().time_since_epoch())
-                      .count();
-    }
-    ~OwnStore() { shm_writer_close(m_writer); }
-    OwnStore(const OwnStore &) = delete;
-    OwnStore &operator=(const OwnStore &) = delete;
-
-    // The next frame and the sound that belongs to it.
-    void publish()
-    {
-        if (m_withVideo) {
-            shm_writer_frame_t slot{};
-            ASSERT_EQ(shm_writer_acquire(m_writer, &slot), 0);
-            PlaneSet planes;
-            planes.width = slot.width;
-            planes.height = slot.height;
-            for (int i = 0; i < 3; ++i) {
-                planes.planes[i] = slot.planes[i];
-                planes.strides[i] = slot.strides[i];
-            }
-            m_pattern.draw(planes, static_cast<uint32_t>(m_number), m_nowUs, 0);
-            ASSERT_EQ(shm_writer_publish(m_writer, &slot, m_nowUs), 0);
-        }
-        for (int stream = 0; m_withAudio && stream < m_streams; ++stream) {
-            std::vector<int16_t> samples(2 * samplesAFrame);
-            m_tones.tones(samples.data(), samplesAFrame, m_number * samplesAFrame);
-            for (int16_t &sample : samples)
-                sample = static_cast<int16_t>(sample / (stream + 1));
-            ASSERT_EQ(shm_writer_publish_audio(m_writer, stream, samples.data(), samplesAFrame, m_nowUs), 0);
-        }
-        ++m_number;
-        m_nowUs += intervalUs;
-    }
-    void skip(int64_t us) { m_nowUs += us; }
-    int number() const { return m_number; }
-    shm_writer_stats_t stats() const
-    {
-        shm_writer_stats_t stats{};
-        stats.size = sizeof stats;
-        shm_writer_get_stats(m_writer, &stats);
-        return stats;
-    }
-    // At the pace of a camera that is in no hurry.
-    void publish(int frames, int paceMs = 10)
-    {
-        for (int i = 0; i < frames; ++i) {
-            publish();
-            waitFor([] { return false; }, paceMs);
-        }
-    }
-
-private:
-    const bool m_withVideo;
-    const bool m_withAudio;
-    const int m_streams;
-    TestPattern m_pattern;
-    ToneGenerator m_tones;
-    shm_writer_t *m_writer = nullptr;
-    int64_t m_nowUs = 0;
-    int m_number = 0;
-};
 
 const std::vector<std::string> lossless = {"--video-codec", "ffv1", "--audio-codec", "pcm_s16le"};
 
@@ -181,7 +86,7 @@ void expectExact(const Recording &recording, int first)
     ASSERT_TRUE(recording.pictures[0].code);
     const int64_t originUs = recording.pictures[0].code->timestampUs;
     EXPECT_EQ(recording.pictures[0].us, 0);
-    const ToneGenerator tones(sampleRate, 2);
+    const ToneGenerator tones(OwnStore::sampleRate, 2);
     for (size_t i = 0; i < recording.pictures.size(); ++i) {
         const auto &picture = recording.pictures[i];
         ASSERT_TRUE(picture.code) << i;
@@ -189,12 +94,12 @@ void expectExact(const Recording &recording, int first)
         EXPECT_EQ(picture.us, picture.code->timestampUs - originUs);
         EXPECT_TRUE(picture.isFullRange);
     }
-    ASSERT_EQ(recording.sampleRate, sampleRate);
+    ASSERT_EQ(recording.sampleRate, OwnStore::sampleRate);
     ASSERT_EQ(recording.channels, 2);
     EXPECT_EQ(recording.soundUs, 0);
     std::vector<int16_t> wanted(recording.samples.size());
     tones.tones(wanted.data(), static_cast<int>(wanted.size() / 2),
-                static_cast<int64_t>(first) * samplesAFrame);
+                static_cast<int64_t>(first) * OwnStore::samplesAFrame);
     EXPECT_EQ(recording.samples, wanted);
 }
 
@@ -213,7 +118,7 @@ TEST_F(ZevshmRecord, everyFrameAndSampleHasItsTime)
     const Recording recording = read("out.mkv");
     EXPECT_EQ(recording.pictures.size(), 101u); // with the newest at the start
     expectExact(recording, 4);
-    EXPECT_EQ(recording.samples.size(), 101u * samplesAFrame * 2);
+    EXPECT_EQ(recording.samples.size(), 101u * OwnStore::samplesAFrame * 2);
     EXPECT_EQ(recording.originUs, recording.pictures.at(0).code->timestampUs);
     EXPECT_NE(recorder.output().find("out.mkv: 101 frames, 00:00:04.040 of sound, 00:00:04.040"),
               std::string::npos)
@@ -251,15 +156,16 @@ TEST_F(ZevshmRecord, aPublishedFileIsRecordedWhole)
     EXPECT_GT(published, 30u);
     EXPECT_EQ(recording.pictures.size(), published);
     ASSERT_FALSE(recording.pictures.empty());
-    const ToneGenerator tones(sampleRate, 2);
+    const ToneGenerator tones(OwnStore::sampleRate, 2);
     const bool isUndisturbed = publisher.errors().empty();
     for (const auto &picture : recording.pictures) {
         ASSERT_TRUE(picture.code);
         // A file's frame n is at n times 40 ms, less what the machine came late in all.
         const int64_t number = picture.code->frameNumber;
         if (isUndisturbed) {
-            EXPECT_NEAR(static_cast<double>(picture.us), static_cast<double>(number * intervalUs), 1000);
-            const int64_t sample = picture.us * sampleRate / 1000000;
+            EXPECT_NEAR(static_cast<double>(picture.us), static_cast<double>(number * OwnStore::intervalUs),
+                        1000);
+            const int64_t sample = picture.us * OwnStore::sampleRate / 1000000;
             if (sample * 2 + 200 > static_cast<int64_t>(recording.samples.size()))
                 continue;
             const std::vector<int16_t> got(recording.samples.begin() + sample * 2,
@@ -267,7 +173,7 @@ TEST_F(ZevshmRecord, aPublishedFileIsRecordedWhole)
             bool isFound = false; // timestamps are rounded to milliseconds, and to samples
             for (int shift = -50; shift <= 50 && !isFound; ++shift) {
                 std::vector<int16_t> wanted(200);
-                tones.tones(wanted.data(), 100, number * samplesAFrame + shift);
+                tones.tones(wanted.data(), 100, number * OwnStore::samplesAFrame + shift);
                 isFound = got == wanted;
             }
             EXPECT_TRUE(isFound) << "the sound of frame " << number << " is not there";
@@ -391,7 +297,7 @@ TEST_F(ZevshmRecord, aJumpOfTheTimestampsBeginsANewFile)
     const Recording second = read("out-2.mkv");
     ASSERT_EQ(second.pictures.size(), 10u);
     expectExact(second, 11);
-    EXPECT_EQ(second.originUs - first.originUs, 11 * intervalUs + 60000000);
+    EXPECT_EQ(second.originUs - first.originUs, 11 * OwnStore::intervalUs + 60000000);
     // A shorter one is a gap: the picture stands still and the sound is silent.
     EXPECT_NE(recorder.errors().find("jumped"), std::string::npos) << recorder.errors();
 }
@@ -411,19 +317,19 @@ TEST_F(ZevshmRecord, aGapIsSilent)
     EXPECT_FALSE(isThere("out-2.mkv"));
     const Recording recording = read("out.mkv");
     ASSERT_EQ(recording.pictures.size(), 21u);
-    EXPECT_EQ(recording.pictures[11].us, 11 * intervalUs + 5000000);
-    const size_t before = size_t{11} * samplesAFrame * 2;
-    const size_t gap = size_t{5} * sampleRate * 2;
-    ASSERT_EQ(recording.samples.size(), before + gap + size_t{10} * samplesAFrame * 2);
-    std::vector<int16_t> wanted(size_t{21} * samplesAFrame * 2);
-    ToneGenerator(sampleRate, 2).tones(wanted.data(), 21 * samplesAFrame, 0);
+    EXPECT_EQ(recording.pictures[11].us, 11 * OwnStore::intervalUs + 5000000);
+    const size_t before = size_t{11} * OwnStore::samplesAFrame * 2;
+    const size_t gap = size_t{5} * OwnStore::sampleRate * 2;
+    ASSERT_EQ(recording.samples.size(), before + gap + size_t{10} * OwnStore::samplesAFrame * 2);
+    std::vector<int16_t> wanted(size_t{21} * OwnStore::samplesAFrame * 2);
+    ToneGenerator(OwnStore::sampleRate, 2).tones(wanted.data(), 21 * OwnStore::samplesAFrame, 0);
     wanted.insert(wanted.begin() + static_cast<ptrdiff_t>(before), gap, 0);
     EXPECT_EQ(recording.samples, wanted);
 }
 
 TEST_F(ZevshmRecord, everyStreamOfSoundIsATrack)
 {
-    OwnStore store("cam", 320, 240, true, true, 3);
+    OwnStore store("cam", 320, 240, {true, 3});
     store.publish();
     Zevshm recorder(std::vector<std::string>{"record", "cam", file("out.mkv")} + lossless);
     ASSERT_TRUE(waitForFile("out.mkv.part")) << recorder.errors();
@@ -437,7 +343,7 @@ TEST_F(ZevshmRecord, everyStreamOfSoundIsATrack)
 
 TEST_F(ZevshmRecord, soundAlone)
 {
-    OwnStore store("radio", 0, 0, false, true);
+    OwnStore store("radio", 0, 0, {false, 1});
     store.publish();
     Zevshm recorder({"record", "radio", file("out.wav"), "--seconds", "1"});
     ASSERT_TRUE(waitForReader(store)) << recorder.errors();
@@ -446,17 +352,17 @@ TEST_F(ZevshmRecord, soundAlone)
     EXPECT_EQ(recorder.wait(), 0) << recorder.errors();
     const Recording recording = read("out.wav");
     EXPECT_TRUE(recording.pictures.empty());
-    ASSERT_EQ(recording.samples.size(), size_t{sampleRate} * 2);
+    ASSERT_EQ(recording.samples.size(), size_t{OwnStore::sampleRate} * 2);
     // It is the store's, from some sample on.
-    const ToneGenerator tones(sampleRate, 2);
+    const ToneGenerator tones(OwnStore::sampleRate, 2);
     bool isFound = false;
-    for (int first = 0; first < store.number() * samplesAFrame && !isFound; ++first) {
+    for (int first = 0; first < store.number() * OwnStore::samplesAFrame && !isFound; ++first) {
         int16_t wanted[64];
         tones.tones(wanted, 32, first);
         if (!std::equal(wanted, wanted + 64, recording.samples.begin()))
             continue;
         std::vector<int16_t> all(recording.samples.size());
-        tones.tones(all.data(), sampleRate, first);
+        tones.tones(all.data(), OwnStore::sampleRate, first);
         isFound = all == recording.samples;
     }
     EXPECT_TRUE(isFound);
@@ -555,7 +461,7 @@ TEST_F(ZevshmRecord, aStoreThatPublishesNothingLeavesNoFile)
     EXPECT_NE(result.errors.find("published nothing"), std::string::npos) << result.errors;
     EXPECT_FALSE(isThere("out.mkv"));
     EXPECT_FALSE(isThere("out.mkv.part"));
-    OwnStore mute("mute", 320, 240, true, false);
+    OwnStore mute("mute", 320, 240, {true, 0});
     mute.publish();
     EXPECT_EQ(run({"record", "mute", file("out.mkv"), "--no-video"}).code, 11);
 }

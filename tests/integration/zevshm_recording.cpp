@@ -39,7 +39,8 @@ void addPicture(Recording &recording, const AVFrame &frame, int64_t us)
     picture.width = frame.width;
     picture.height = frame.height;
     picture.isFullRange = frame.color_range == AVCOL_RANGE_JPEG;
-    picture.code = decodeBlockCode(frame.data[0], frame.linesize[0], frame.width, frame.height);
+    picture.code = decodeBlockCode(frame.data[0], frame.linesize[0], frame.width, frame.height,
+                                   frame.format == AV_PIX_FMT_RGB24 ? 3 : 1);
     for (int y = 0; y < frame.height / 2; ++y) {
         for (int x = 0; x < frame.width; ++x)
             picture.luma += frame.data[0][y * frame.linesize[0] + x];

@@ -3,6 +3,7 @@
 #include "failure.h"
 #include "messages.h"
 
+#include <csignal>
 #include <cstdio>
 #include <map>
 #include <new>
@@ -21,7 +22,8 @@ void printHelp()
         "  list                     show the stores that can be read from here\n"
         "  info NAME                show what a store carries and how it is doing\n"
         "  snapshot NAME FILE.png   write a frame as a picture\n"
-        "  record NAME FILE         record video and sound\n\n"
+        "  record NAME FILE         record video and sound\n"
+        "  dump NAME DIR            write all that a store holds as pictures and sound\n\n"
         "Every command has --help (-h). --version shows the version.\n\n"
         "Stores are looked for in $ZEV_SHM_DIR alone when that is set, else in $XDG_RUNTIME_DIR/zev-shm and\n"
         "/run/zev-shm.\n\n"
@@ -36,7 +38,7 @@ void printHelp()
         "   7  too little memory or too few descriptors\n"
         "   8  the input is missing, unreadable or unreachable\n"
         "   9  the input holds nothing that can be decoded\n"
-        "  10  the output file cannot be written\n"
+        "  10  the output file or folder cannot be written\n"
         "  11  the store holds no such frame, or nothing of what was asked for\n\n"
         "Examples:\n"
         "  zevshm publish cam1 test:\n"
@@ -44,7 +46,8 @@ void printHelp()
         "  zevshm list\n"
         "  zevshm info cam1 --json\n"
         "  zevshm snapshot cam1 cam1.png\n"
-        "  zevshm record cam1 minute.mkv --seconds 60\n",
+        "  zevshm record cam1 minute.mkv --seconds 60\n"
+        "  zevshm dump cam1 glitch --last 200\n",
         stdout);
 }
 
@@ -52,7 +55,7 @@ int run(const std::vector<std::string> &words)
 {
     static const std::map<std::string, int (*)(const std::vector<std::string> &)> commands = {
         {"publish", publishCommand},   {"list", listCommand},     {"info", infoCommand},
-        {"snapshot", snapshotCommand}, {"record", recordCommand},
+        {"snapshot", snapshotCommand}, {"record", recordCommand}, {"dump", dumpCommand},
     };
     if (words.empty())
         throw Failure(ExitUsage, "a command is missing; see 'zevshm --help'");
@@ -75,6 +78,7 @@ int run(const std::vector<std::string> &words)
 
 int main(int argc, char **argv)
 {
+    std::signal(SIGXFSZ, SIG_IGN); // a file beyond `ulimit -f` is an error of write()
     try {
         const int code = run({argv + 1, argv + argc});
         // What could not be written was not done (a full disk, a closed pipe).

@@ -19,7 +19,6 @@ Wakeups::Wakeups()
     sigaddset(&signals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr); // inherited by the threads that are started after this
     std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGXFSZ, SIG_IGN); // a file beyond `ulimit -f` is an error of write() then
     m_signals = signalfd(-1, &signals, SFD_CLOEXEC);
     m_event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (m_signals < 0 || m_event < 0)
