@@ -11,13 +11,10 @@ zev_test(tst_audiotone
     LIBRARIES ${audio_playback_libraries} LABEL integration
     ARGUMENTS checkFindsASingleSample checkAllowsOnlyTheSeamsOfThePositions checkForgivesOnlyWhatSomebodyWasLateFor
         checkFindsASampleThatIsLostOnTheWay)
-# 65 s each; up to 105 when a loaded machine makes it begin anew. Who measures in milliseconds has two processors
-# to itself.
-foreach(row equal resampled second third)
-    add_test(NAME tst_audiotone_${row} COMMAND tst_audiotone tones:${row})
-    set_tests_properties(tst_audiotone_${row} PROPERTIES LABELS integration TIMEOUT 120 PROCESSORS 2)
-    zev_test_environment(tst_audiotone_${row})
-endforeach()
+# 65 s; up to 105 when a loaded machine makes one begin anew. Each takes a twentieth of a processor; two are to themselves,
+# for somebody who is late for 15 ms may be heard.
+zev_side_by_side(tst_audiotone_rows tst_audiotone tones:equal tones:resampled tones:second tones:third)
+set_tests_properties(tst_audiotone_rows PROPERTIES PROCESSORS 2)
 zev_test(tst_audiorestarts SOURCES ${audio_integration}/tst_audiorestarts.cpp ${audio_playback}
     LIBRARIES ${audio_playback_libraries} LABEL integration)
 zev_test(tst_audioevents SOURCES ${audio_integration}/tst_audioevents.cpp ${audio_playback}

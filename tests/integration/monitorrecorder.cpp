@@ -79,6 +79,8 @@ struct MonitorRecorder::Streams
     static void onTimer(pa_mainloop_api *, pa_time_event *event, const timeval *, void *data)
     {
         auto *self = static_cast<Streams *>(data);
+        if (!self->ticker)
+            return; // stop() has been here
         if (pa_operation *operation = pa_stream_update_timing_info(self->ticker, &Streams::onTiming, self))
             pa_operation_unref(operation);
         pa_context_rttime_restart(self->context, event, pa_rtclock_now() + accountIntervalUs);
@@ -183,6 +185,8 @@ void MonitorRecorder::stop()
         pa_stream_disconnect(stream);
         pa_stream_unref(stream);
     }
+    streams->recorder = nullptr;
+    streams->ticker = nullptr;
     pa_context_disconnect(streams->context);
     pa_context_unref(streams->context);
     pa_threaded_mainloop_unlock(streams->loop);

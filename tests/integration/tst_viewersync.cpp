@@ -33,6 +33,7 @@ constexpr int portionMs = 20; // in which the sink is to work, as a sound card d
 constexpr int measuredS = 30;
 constexpr int longestS = 75;
 constexpr int fewestPairs = 20;
+constexpr int mostUnpaired = 3;
 // Whoever waits so long for a processor hands out late, whatever the program does.
 constexpr double stalledMs = 8.0;
 constexpr double justThenUs = 60000;
@@ -303,9 +304,9 @@ TEST_P(ViewerSync, theFlashComesWithItsBeep)
     EXPECT_NEAR(figures.offsetP95Ms, percentileOf(accountedSizes, 0.95), 1.0);
     if (unspoiled < fewestPairs)
         GTEST_SKIP() << "this machine let nobody be in time for long enough";
-    ASSERT_GE(offsets.size(), std::size_t(fewestPairs - 3));
+    // All but those at the ends, whose beep may not be in the recording.
+    ASSERT_GE(offsets.size(), std::size_t(unspoiled - mostUnpaired));
     EXPECT_LE(p95, intervalUs / 2000.0 + 10.0);
-    // Where the server converts the rate, what it keeps to itself varies by up to 20 ms.
     // Where the server converts the rate, it keeps to itself up to 20 ms, of which 15 are reckoned with.
     EXPECT_LE(percentileOf(accountErrors, 0.95), c.rate == 48000 ? 8.0 : 18.0);
 }
