@@ -39,6 +39,12 @@ YuvColors frameColors(const QVideoFrame &frame)
     return colors;
 }
 
+bool isStandIn(const QVideoFrame &frame)
+{
+    return !frame.isValid() || (frame.handleType() == QAbstractVideoBuffer::NoHandle &&
+                                !isPlanarYuv(frame.pixelFormat()) && StoreFrame::of(frame).planeCount == 0);
+}
+
 bool hasReadablePlanes(const QVideoFrame &frame)
 {
     return frame.handleType() == QAbstractVideoBuffer::NoHandle || StoreFrame::of(frame).planeCount > 0;

@@ -12,6 +12,10 @@ bool isPlanarYuv(QVideoFrame::PixelFormat format);
 /* The frame's matrix and range as its store recorded them; unknown for frames from elsewhere. */
 YuvColors frameColors(const QVideoFrame &frame);
 
+/* A provider's picture for a source that gives none: neither of a store nor of the GPU, and an image. Also
+ * when it is invalid, for want of one. */
+bool isStandIn(const QVideoFrame &frame);
+
 /* The planes of this frame can be read by the CPU: mapped, or, of a frame that lives in a DMA buffer, where
  * the store has them in memory. */
 bool hasReadablePlanes(const QVideoFrame &frame);

@@ -1,4 +1,4 @@
-#include "camera.h"
+#include "cameralist.h"
 #include "options.h"
 #include "quitsignals.h"
 #include "report.h"

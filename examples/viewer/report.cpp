@@ -17,12 +17,12 @@ QJsonValue soundOf(const ViewerFigures &figures)
         {"device", sound.starts > 0 ? QJsonValue(sound.device) : QJsonValue()},
         {"rate", known(sound.rate > 0, sound.rate)},
         {"delay_ms", known(sound.delayUs >= 0, double(sound.delayUs) / 1000.0)},
-        {"underrun_episodes", sound.silenceEpisodes},
-        {"silence_ms", double(sound.silenceUs) / 1000.0},
+        {"underrun_episodes", figures.live.audioUnderruns},
+        {"silence_ms", figures.live.audioSilenceMs},
         {"jumps", sound.jumps},
         {"restarts", sound.starts > 0 ? sound.starts - 1 : 0},
-        {"av_offset_ms", QJsonObject{{"p50", known(figures.offsets > 0, figures.offsetP50Ms)},
-                                     {"p95", known(figures.offsets > 0, figures.offsetP95Ms)}}},
+        {"av_offset_ms", QJsonObject{{"p50", known(figures.live.avOffsets > 0, figures.live.avOffsetMs)},
+                                     {"p95", known(figures.live.avOffsets > 0, figures.live.avOffsetP95Ms)}}},
         {"history_short_ms", double(figures.historyShortUs) / 1000.0},
         {"problem", sound.problem},
     };
@@ -48,7 +48,7 @@ QJsonValue cameraOf(const ViewerFigures &figures)
 
 QJsonObject reportOf(const ViewerFigures &figures, const QString &url, double seconds)
 {
-    const FrameStatistics::Figures &f = figures.frames;
+    const LiveStatistics &f = figures.live;
     const auto count = [](quint64 value) { return QJsonValue(qint64(value)); };
     return {
         {"url", url},
@@ -57,24 +57,28 @@ QJsonObject reportOf(const ViewerFigures &figures, const QString &url, double se
         {"distinct", count(f.distinct)},
         {"repeated", count(f.repeated)},
         {"skipped", count(f.skipped)},
+        {"lapped", count(f.lapped)},
         {"backward", count(f.backward)},
-        {"invalid", count(figures.invalid)},
-        {"invalid_before_first", count(figures.invalidBeforeFirst)},
+        {"invalid", count(f.unanswered)},
+        {"invalid_before_first", count(f.unansweredBeforeFirst)},
         {"idle_events", count(f.idle)},
         {"no_signal_frames", count(f.noSignal)},
         {"images_withheld", count(figures.withheld)},
         {"audio_buffers", count(figures.audioBuffers)},
-        {"fps", f.fps},
-        {"tick_fps", figures.tickRate},
+        {"fps", f.meanRate},
+        {"tick_fps", f.tickRate},
         {"source_interval_us", f.sourceIntervalUs},
         {"latency_ms",
-         QJsonObject{{"p50", f.latencyP50Ms}, {"p95", f.latencyP95Ms}, {"max", f.latencyMaxMs}}},
-        {"size", figures.size.isValid() ? QJsonValue(QJsonObject{{"width", figures.size.width()},
-                                                                 {"height", figures.size.height()}})
-                                        : QJsonValue()},
-        {"pixel_format", figures.pixelFormat},
-        {"frame_path", figures.framePath},
-        {"frame_path_reason", figures.framePathReason},
+         QJsonObject{{"p50", f.ageP50Ms}, {"p95", f.ageP95Ms}, {"p99", f.ageP99Ms}, {"max", f.ageMaxMs}}},
+        {"source_fps", f.sourceRate},
+        {"jitter_ms", f.jitterMs},
+        {"locks_held", f.locksHeld},
+        {"size", f.size.isValid()
+                     ? QJsonValue(QJsonObject{{"width", f.size.width()}, {"height", f.size.height()}})
+                     : QJsonValue()},
+        {"pixel_format", f.pixelFormat},
+        {"frame_path", f.framePath},
+        {"frame_path_reason", f.framePathReason},
         {"audio", soundOf(figures)},
         {"camera", cameraOf(figures)},
     };

@@ -55,6 +55,11 @@ public:
 
     /*! Drops the connection; a later grab opens it again. */
     void close();
+    /*!
+     * Frames of the store that are in use, each of them locked. Those of a writer that has gone do not count.
+     * Never waits, any thread.
+     */
+    int getHeldFrames() const;
     QVideoFrame grabVideo(long long ts);
     QImage grabImage(long long ts);
     /*!

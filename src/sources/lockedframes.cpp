@@ -57,6 +57,11 @@ LockedFrames::Lease LockedFrames::take()
     return Lease(frame);
 }
 
+int LockedFrames::outCount() const
+{
+    return static_cast<int>(taken - (ownersShare - uses.load(std::memory_order_relaxed)));
+}
+
 LockedFrames::Record LockedFrames::recordOf(Lease lease)
 {
     Frame *const frame = lease.release();

@@ -68,6 +68,8 @@ public:
 
     static Owner create(const QSharedPointer<shm_reader_t> &handle);
 
+    /*! Frames that have not come back. In the thread that takes them. */
+    int outCount() const;
     /*! Give the frame to a QVideoFrame, or let the lease end. */
     Lease take();
     /*! The record alone, for another kind of buffer. */

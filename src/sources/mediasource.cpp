@@ -53,6 +53,11 @@ MediaSourceBase::VideoStatus MediaSource::getVideoStatus()
     return result;
 }
 
+int MediaSource::getHeldFrames() const
+{
+    return reader->getHeldFrames();
+}
+
 QSize MediaSource::getVideoFrameSize()
 {
     return reader->getVideoFrameSize();

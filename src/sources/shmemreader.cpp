@@ -249,6 +249,15 @@ QVector<long long> ShmemReader::getVideoTimestamps()
     return timestamps;
 }
 
+int ShmemReader::getHeldFrames()
+{
+    if (mutex.tryLock()) {
+        heldFrames = lockedFrames ? lockedFrames->outCount() : 0;
+        mutex.unlock();
+    }
+    return heldFrames;
+}
+
 QVideoFrame ShmemReader::grabVideo(long long ts)
 {
     return grabVideoInternal(ts, nullptr);

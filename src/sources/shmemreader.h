@@ -16,6 +16,8 @@
 
 #include <shm/shm_reader.h>
 
+#include <atomic>
+
 /*!
  * The only client of the frame store: keeps the connection to one store healthy and fetches from it.
  *
@@ -59,6 +61,10 @@ public:
     QVector<long long> getVideoTimestamps();
     QVideoFrame grabVideo(long long ts);
     QVideoFrame grabVideo(long long ts, shm_video_lookup_mode_t mode);
+
+    /*! Frames of the open handle that are still in use. Waits for nobody: as last known while a call is under
+     * way. */
+    int getHeldFrames();
 
     /*! `frames` frames from `ts` on, all of them or none; `ts` <= 0 counts back from the newest. */
     QAudioBuffer grabAudio(int stream, unsigned long frames, long long ts);
@@ -104,6 +110,7 @@ private:
     QAudioFormat mappedFormat; // of a store with audio, kept because QAudioFormat allocates when it is made
     QString noDmabufReason;    // empty unless DMA-bufs were asked for in vain
     LockedFrames::Owner lockedFrames; // through `reader`; null when it has no video
+    std::atomic<int> heldFrames{0};   // as getHeldFrames() found it last
     QVariant nameEntry;               // "shmname" of every frame
     qint64 recentUntilMs;             // coarse clock: checkTimer cannot have expired before
 };

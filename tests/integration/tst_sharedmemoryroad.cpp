@@ -105,6 +105,7 @@ private Q_SLOTS:
     void absentStoreIsFoundWhenItAppears();
     void writerRestartIsPickedUp();
     void lockedFramesSurviveTheRestart();
+    void framesInUseAreCounted();
     void deadWriterEndsInEmptyStatus();
     void realtimeRangeDropsOldFrames();
     void audioBlocks();
@@ -186,6 +187,28 @@ void tst_SharedMemoryRoad::colorTravelsWithTheFrame()
     // The same memory serves again: its identity is what an image may be cached by.
     QCOMPARE(StoreFrame::of(source.grabVideo(0)).slot, description.slot);
     QCOMPARE(StoreFrame::of(source.grabVideo(0)).generation, description.generation);
+}
+
+void tst_SharedMemoryRoad::framesInUseAreCounted()
+{
+    MediaSource source(QStringLiteral("held"), 5000);
+    QCOMPARE(source.getHeldFrames(), 0); // and nothing is opened for it
+    const Writer writer = openWriter("held");
+    QVERIFY(writer);
+    for (int i = 0; i < 3; ++i)
+        QVERIFY(publish(writer.get(), av_gettime() + i, 50));
+    QVERIFY(source.open());
+    QVideoFrame first = source.grabVideo(0);
+    const QVideoFrame second = source.grabVideo(0);
+    QCOMPARE(source.getHeldFrames(), 2);
+    QVideoFrame copy = first;
+    first = QVideoFrame();
+    QCOMPARE(source.getHeldFrames(), 2);
+    copy = QVideoFrame();
+    QCOMPARE(source.getHeldFrames(), 1);
+    source.close();
+    QCOMPARE(source.getHeldFrames(), 0); // that of a connection that is no more does not count
+    QVERIFY(second.isValid());
 }
 
 void tst_SharedMemoryRoad::absentStoreIsFoundWhenItAppears()

@@ -111,7 +111,7 @@ protected:
                          [this, viewer](const QVideoFrame &frame) {
                              const qint64 now = wallClockUs();
                              const AudioPlaybackAge &heard = viewer->sound()->heardAge();
-                             const quint64 counted = viewer->figures().offsets;
+                             const quint64 counted = viewer->figures().live.avOffsets;
                              handOuts.push_back({double(now), double(frame.startTime()), isFlash(frame),
                                                  heard.isKnown(now) ? double(heard.age()) : 0.0,
                                                  counted > countedBefore, waits.sinceLastMs()});
@@ -225,7 +225,7 @@ TEST_P(ViewerSync, theFlashComesWithItsBeep)
     watch(viewer.get());
     viewer->start();
     // From when the picture follows on, and the correction that may come after three seconds was made.
-    ASSERT_TRUE(run(20000, [&] { return viewer->figures().offsets > 0; }));
+    ASSERT_TRUE(run(20000, [&] { return viewer->figures().live.avOffsets > 0; }));
     run(8000);
     const double from = double(wallClockUs());
     run(measuredS * 1000);

@@ -79,6 +79,38 @@ TEST(FrameStatistics, gapsBeyondTheHistoryCountByTheNominalInterval)
     EXPECT_EQ(s.figures().skipped, 99u);
 }
 
+TEST(FrameStatistics, aSourceThatHasGoneRoundIsTold)
+{
+    Stream s;
+    s.show(0);
+    s.show(6); // the history begins at frame 1, after the one that was shown
+    EXPECT_EQ(s.figures().lapped, 1u);
+    s.show(7);
+    s.show(12); // back to frame 7
+    EXPECT_EQ(s.figures().lapped, 1u);
+    s.show(100);
+    EXPECT_EQ(s.figures().lapped, 2u);
+    s.statistics.idle();
+    s.show(200); // after an interruption it is none
+    EXPECT_EQ(s.figures().lapped, 2u);
+}
+
+TEST(FrameStatistics, aPauseIsAnInterruptionThatIsNotCounted)
+{
+    Stream s;
+    for (int i = 0; i < 10; ++i)
+        s.show(i);
+    s.statistics.paused();
+    for (int i = 1000; i < 1010; ++i)
+        s.show(i);
+    const auto f = s.figures();
+    EXPECT_EQ(f.skipped, 0u);
+    EXPECT_EQ(f.lapped, 0u);
+    EXPECT_EQ(f.idle, 0u);
+    EXPECT_EQ(f.noSignal, 0u);
+    EXPECT_NEAR(f.fps, 25.0, 1e-9);
+}
+
 TEST(FrameStatistics, framesThatTheSourceNeverMadeAreNotSkipped)
 {
     // The source paused for three intervals: its history has a hole there.
@@ -191,6 +223,7 @@ TEST(FrameStatistics, latencyPercentilesAreOfTheHandOuts)
     const auto f = s.figures(start);
     EXPECT_NEAR(f.latencyP50Ms, 50.0, 0.1);
     EXPECT_NEAR(f.latencyP95Ms, 95.0, 0.1);
+    EXPECT_NEAR(f.latencyP99Ms, 99.0, 0.1);
     EXPECT_NEAR(f.latencyMaxMs, 100.0, 0.001);
 }
 

@@ -52,6 +52,7 @@ private Q_SLOTS:
     void handleClosesWithTheOwner();
     void handleClosesWithTheLastFrame_data();
     void handleClosesWithTheLastFrame();
+    void framesThatAreOutAreCounted();
     void failedLockIsNotGivenBack();
     void recordsAreZeroWhenTaken();
     void usedBufferIsAsNew();
@@ -73,6 +74,24 @@ void tst_LockedFrames::handleClosesWithTheOwner()
     QVERIFY(store.isOpen); // the owner may lock again
     frames.reset();
     QVERIFY(!store.isOpen);
+}
+
+void tst_LockedFrames::framesThatAreOutAreCounted()
+{
+    const LockedFrames::Owner frames = LockedFrames::create(handleOf(&store));
+    QCOMPARE(frames->outCount(), 0);
+    std::vector<LockedFrames::Lease> held;
+    for (int i = 1; i <= LockedFrames::pooledCount + 3; ++i) {
+        held.push_back(lockOne(frames));
+        QCOMPARE(frames->outCount(), i);
+    }
+    frames->take().reset(); // in vain
+    QCOMPARE(frames->outCount(), LockedFrames::pooledCount + 3);
+    const LockedFrames::Record record = LockedFrames::recordOf(std::move(held.back()));
+    held.pop_back();
+    QCOMPARE(frames->outCount(), LockedFrames::pooledCount + 3);
+    held.clear();
+    QCOMPARE(frames->outCount(), 1);
 }
 
 void tst_LockedFrames::handleClosesWithTheLastFrame_data()

@@ -1,5 +1,6 @@
 // What the viewer does with a capture device; the capture library is a fake.
 #include "camera.h"
+#include "cameralist.h"
 #include "fake_zevmm.h"
 #include "report.h"
 #include "viewer.h"
@@ -103,19 +104,19 @@ TEST_F(ViewerCamera, colorsAreTheDrivers)
 TEST_F(ViewerCamera, framesAreCounted)
 {
     Viewer viewer(options, 60.0);
-    EXPECT_DOUBLE_EQ(viewer.figures().tickRate, 50.0);
+    EXPECT_DOUBLE_EQ(viewer.figures().live.tickRate, 50.0);
     viewer.start();
     for (quint64 i = 1; i <= 5; ++i) {
         library.statistics.lastTimestamp = 0;
         library.offer(&image);
-        ASSERT_TRUE(waitFor([&] { return viewer.figures().frames.frames == i; }));
+        ASSERT_TRUE(waitFor([&] { return viewer.figures().live.frames == i; }));
     }
     viewer.stop();
     const ViewerFigures figures = viewer.figures();
-    EXPECT_EQ(figures.pixelFormat, "nv12");
-    EXPECT_EQ(figures.size, QSize(64, 36));
-    EXPECT_EQ(figures.framePath, "gpu");
-    EXPECT_EQ(figures.frames.sourceIntervalUs, 40000);
+    EXPECT_EQ(figures.live.pixelFormat, "nv12");
+    EXPECT_EQ(figures.live.size, QSize(64, 36));
+    EXPECT_EQ(figures.live.framePath, "gpu");
+    EXPECT_EQ(figures.live.sourceIntervalUs, 40000);
     EXPECT_FALSE(figures.sound.isWanted);
     EXPECT_TRUE(viewer.snapshot().isNull());
 }
@@ -127,10 +128,10 @@ TEST_F(ViewerCamera, ticksBetweenTwoFramesAreNoPause)
     Viewer viewer(options, 60.0);
     viewer.start();
     library.offer(&image);
-    ASSERT_TRUE(waitFor([&] { return viewer.figures().invalid > 20; }));
+    ASSERT_TRUE(waitFor([&] { return viewer.figures().live.unanswered > 20; }));
     viewer.stop();
-    EXPECT_EQ(viewer.figures().frames.frames, 1u);
-    EXPECT_EQ(viewer.figures().frames.idle, 0u);
+    EXPECT_EQ(viewer.figures().live.frames, 1u);
+    EXPECT_EQ(viewer.figures().live.idle, 0u);
     EXPECT_TRUE(viewer.statisticsText().contains("live"));
 }
 
@@ -144,7 +145,7 @@ TEST_F(ViewerCamera, soundBesideItIsASourceOfItsOwn)
     EXPECT_TRUE(viewer.figures().sound.isWanted);
     viewer.provider()->setRunning(true);
     library.offer(&image);
-    EXPECT_TRUE(waitFor([&] { return viewer.figures().frames.frames == 1; }));
+    EXPECT_TRUE(waitFor([&] { return viewer.figures().live.frames == 1; }));
     viewer.stop();
 }
 
@@ -155,20 +156,20 @@ TEST_F(ViewerCamera, goneAndBack)
     QObject::connect(&viewer, &Viewer::problem, &viewer, [&](const QString &text) { told << text; });
     viewer.start();
     library.offer(&image);
-    ASSERT_TRUE(waitFor([&] { return viewer.figures().frames.frames == 1; }));
+    ASSERT_TRUE(waitFor([&] { return viewer.figures().live.frames == 1; }));
     EXPECT_TRUE(viewer.cameraTrouble().isEmpty());
 
     library.setTrouble("/dev/video0: the device has gone");
     ASSERT_TRUE(waitFor([&] { return !viewer.cameraTrouble().isEmpty(); }));
-    EXPECT_EQ(viewer.figures().frames.idle, 1u);
+    EXPECT_EQ(viewer.figures().live.idle, 1u);
     EXPECT_EQ(told, QStringList{"/dev/video0: the device has gone (waiting)"});
     EXPECT_TRUE(viewer.statisticsText().contains("the device has gone"));
-    ASSERT_TRUE(waitFor([&] { return viewer.figures().frames.noSignal > 0; }));
+    ASSERT_TRUE(waitFor([&] { return viewer.figures().live.noSignal > 0; }));
     EXPECT_EQ(viewer.cameraTrouble(), "/dev/video0: the device has gone");
 
     library.setTrouble({});
     library.offer(&image);
-    ASSERT_TRUE(waitFor([&] { return viewer.figures().frames.frames == 2; }));
+    ASSERT_TRUE(waitFor([&] { return viewer.figures().live.frames == 2; }));
     EXPECT_TRUE(viewer.cameraTrouble().isEmpty());
     viewer.stop();
     EXPECT_EQ(told.size(), 1);

@@ -179,8 +179,8 @@ TEST_F(ViewerWindowKeys, theNoSignalPictureIsNoPictureOfTheSource)
 {
     viewer.provider()->emitVideoFrame(QVideoFrame());
     EXPECT_EQ(video()->videoSize(), QSize(1280, 720)); // the built-in picture
-    EXPECT_EQ(viewer.figures().frames.frames, 0u);
-    EXPECT_EQ(viewer.figures().frames.noSignal, 1u);
+    EXPECT_EQ(viewer.figures().live.frames, 0u);
+    EXPECT_EQ(viewer.figures().live.noSignal, 1u);
     EXPECT_TRUE(viewer.snapshot().isNull());
 }
 

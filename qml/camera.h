@@ -1,19 +1,17 @@
 #pragma once
 
-#include <zevmm/v4l2/cameras.h>
 #include <zevmm/v4l2/capturebase.h>
 
 #include <QSharedPointer>
 #include <QString>
 
 #include <memory>
-#include <vector>
 
 class MediaSourceBase;
 class V4L2MediaSource;
 
 /*
- * What the viewer tells of a capture device. Its source has no history and its frames no timestamps, so this
+ * What there is to tell of a capture device. Its source has no history and its frames no timestamps, so this
  * comes from the capture itself.
  *
  * Threads: any. Ownership: shares the source. Units: microseconds; `now` on the wall clock. Errors: none.
@@ -44,6 +42,3 @@ private:
 
     const QSharedPointer<V4L2MediaSource> m_source;
 };
-
-/* For a person: devices with what they offer. */
-QString cameraListText(const std::vector<zevmm::v4l2::Camera> &cameras);

@@ -22,14 +22,13 @@
  *               source's history where that reaches back far enough, else by its nominal interval. One of
  *               them is the second picture; when ticks are slower than the source, a tick step explains as
  *               many as fit into it, rounded up (25 ticks of a 60 fps source explain 3). The rest is skipped.
- *   backward    pictures older than the one before
- *   idle        how often pictures stopped coming and the last one was kept: one for each time, however many
- *               requests go unanswered meanwhile
- *   noSignal    no-signal pictures handed out
- *   fps         pictures per second while pictures came: over all stretches between two interruptions
- *   recentFps   the same over the last two seconds
- *   latency     clock at the hand-out minus the frame's timestamp; for the percentiles in steps of 0.1 ms,
- *               everything above 2 s counts as the maximum
+ *   lapped      how often the source had gone round meanwhile: its history begins after the picture handed
+ * out before, so that what came in between was overwritten before it could be asked for backward    pictures
+ * older than the one before idle        how often pictures stopped coming and the last one was kept: one for
+ * each time, however many requests go unanswered meanwhile noSignal    no-signal pictures handed out fps
+ * pictures per second while pictures came: over all stretches between two interruptions recentFps   the same
+ * over the last two seconds latency     clock at the hand-out minus the frame's timestamp; for the
+ * percentiles in steps of 0.1 ms, everything above 2 s counts as the maximum
  *
  * An idle report or a no-signal picture is an interruption: what the source did meanwhile is neither skipped
  * nor part of fps.
@@ -46,6 +45,7 @@ public:
         quint64 distinct = 0;
         quint64 repeated = 0;
         quint64 skipped = 0;
+        quint64 lapped = 0;
         quint64 backward = 0;
         quint64 idle = 0;
         quint64 noSignal = 0;
@@ -54,6 +54,7 @@ public:
         long long sourceIntervalUs = 0;
         double latencyP50Ms = 0.0;
         double latencyP95Ms = 0.0;
+        double latencyP99Ms = 0.0;
         double latencyMaxMs = 0.0;
     };
 
@@ -68,6 +69,8 @@ public:
                    long long sourceIntervalUs);
     void idle(); // for every request without an answer, or only for the first
     void noSignal();
+    /* Nobody asks for pictures from now on: an interruption, of which nothing is counted. */
+    void paused();
 
     Figures figures(long long now) const;
 

@@ -52,6 +52,8 @@ void FrameStatistics::countSkipped(long long timestamp, const QVector<long long>
 {
     long long passed = 1;
     const double interval = double(m_figures.sourceIntervalUs);
+    if (!history.isEmpty() && history.first() > m_lastTimestamp)
+        ++m_figures.lapped;
     if (!history.isEmpty() && history.first() <= m_lastTimestamp) {
         const auto after = std::upper_bound(history.begin(), history.end(), m_lastTimestamp);
         passed = std::upper_bound(after, history.end(), timestamp) - after;
@@ -80,6 +82,12 @@ void FrameStatistics::noSignal()
     m_continuing = false;
 }
 
+void FrameStatistics::paused()
+{
+    m_isIdle = false;
+    m_continuing = false;
+}
+
 FrameStatistics::Figures FrameStatistics::figures(long long now) const
 {
     Figures result = m_figures;
@@ -92,6 +100,7 @@ FrameStatistics::Figures FrameStatistics::figures(long long now) const
         result.recentFps = double(steps) * 1e6 / double(m_recent.back() - *first);
     result.latencyP50Ms = latencyPercentileMs(0.50);
     result.latencyP95Ms = latencyPercentileMs(0.95);
+    result.latencyP99Ms = latencyPercentileMs(0.99);
     result.latencyMaxMs = double(m_latencyMaxUs) / 1000.0;
     return result;
 }
