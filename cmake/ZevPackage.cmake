@@ -13,9 +13,11 @@ if(ZEVQTMM_SYSTEM_LIBRARIES)
     string(PREPEND ZEVQTMM_SYSTEM_LIBRARIES "find_dependency(PkgConfig)\n")
 endif()
 
+set(ZEV_PACKAGE_QML_DIR ${ZEV_INSTALL_QMLDIR})
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/zevqt-mm)
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/zevqt-mm-config.cmake.in
-    ${PROJECT_BINARY_DIR}/zevqt-mm-config.cmake INSTALL_DESTINATION ${package_folder})
+    ${PROJECT_BINARY_DIR}/zevqt-mm-config.cmake INSTALL_DESTINATION ${package_folder}
+    PATH_VARS ZEV_PACKAGE_QML_DIR)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/zevqt-mm-config-version.cmake
     VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/zevqt-mm-config.cmake ${PROJECT_BINARY_DIR}/zevqt-mm-config-version.cmake

@@ -5,6 +5,7 @@
 #include "fillgeometry.h"
 #include "frameimage.h"
 #include "frameplanes.h"
+#include "livesource.h"
 #include "sourcehooks.h"
 #include "yuvnode.h"
 #include "yuvtextures.h"
@@ -12,9 +13,12 @@
 #include <zevqt-mm/mediaprovider.h>
 #include <zevqt-mm/storeframe.h>
 
+#include <QMetaEnum>
 #include <QOpenGLContext>
+#include <QQuickRenderControl>
 #include <QQuickWindow>
 #include <QSGImageNode>
+#include <QSGRectangleNode>
 #include <QSGRendererInterface>
 
 using zevqml::EglImageNode;
@@ -63,23 +67,46 @@ LiveVideo::LiveVideo(QQuickItem *parent) : QQuickItem(parent), m_hooks(new zevqm
 LiveVideo::~LiveVideo()
 {
     m_hooks->detach();
+    if (m_liveSource)
+        m_liveSource->setShown(this, false);
 }
 
 QObject *LiveVideo::source() const
 {
-    return m_source;
+    return m_liveSource ? static_cast<QObject *>(m_liveSource) : m_provider;
 }
 
 void LiveVideo::setSource(QObject *source)
 {
     auto *provider = qobject_cast<MediaProvider *>(source);
-    if (source && !provider)
-        qWarning("LiveVideo: source is a %s; a MediaProvider is needed", source->metaObject()->className());
-    if (provider == m_source)
+    auto *liveSource = qobject_cast<LiveSource *>(source);
+    if (source && !provider && !liveSource)
+        qWarning("LiveVideo: source is a %s; a LiveSource or a MediaProvider is needed",
+                 source->metaObject()->className());
+    if (liveSource == m_liveSource && (liveSource || provider == m_provider))
         return;
-    if (m_source)
-        disconnect(m_source, nullptr, this, nullptr);
-    m_source = provider;
+    if (m_liveSource) {
+        disconnect(m_liveSource, nullptr, this, nullptr);
+        m_liveSource->setShown(this, false);
+    }
+    m_liveSource = liveSource;
+    if (liveSource) {
+        connect(liveSource, &LiveSource::providerChanged, this,
+                [this] { setProvider(m_liveSource->provider()); });
+        connect(liveSource, &QObject::destroyed, this, &LiveVideo::sourceChanged);
+        provider = liveSource->provider();
+        m_isShown = false; // tell it anew
+    }
+    setProvider(provider);
+    updateShown();
+    emit sourceChanged();
+}
+
+void LiveVideo::setProvider(MediaProvider *provider)
+{
+    if (m_provider)
+        disconnect(m_provider, nullptr, this, nullptr);
+    m_provider = provider;
     if (provider) {
         connect(provider, &MediaProvider::videoReady, this, &LiveVideo::takeFromSource);
         connect(provider, &MediaProvider::imageReady, this, &LiveVideo::takeImageFromSource);
@@ -101,14 +128,31 @@ void LiveVideo::setSource(QObject *source)
     }
     clear();
     attachHooks();
-    emit sourceChanged();
+}
+
+// What a LiveSource runs for.
+void LiveVideo::updateShown()
+{
+    const auto isOnScreen = [](QQuickWindow *shownIn) {
+        return QQuickRenderControl::renderWindowFor(shownIn) ||
+               (shownIn->visibility() != QWindow::Hidden && shownIn->visibility() != QWindow::Minimized);
+    };
+    const bool isShown = isVisible() && window() && isOnScreen(window());
+    if (isShown == m_isShown)
+        return;
+    m_isShown = isShown;
+    if (!m_liveSource)
+        return;
+    if (!isShown)
+        clear();
+    m_liveSource->setShown(this, isShown);
 }
 
 void LiveVideo::attachHooks()
 {
     m_hookError.clear();
     updateProblem();
-    m_hooks->attach(window(), m_source ? m_source->getVideoSource() : QSharedPointer<MediaSourceBase>());
+    m_hooks->attach(window(), m_provider ? m_provider->getVideoSource() : QSharedPointer<MediaSourceBase>());
 }
 
 void LiveVideo::setFillMode(FillMode mode)
@@ -118,6 +162,17 @@ void LiveVideo::setFillMode(FillMode mode)
     m_fillMode = mode;
     update();
     emit fillModeChanged();
+}
+
+void LiveVideo::setNoSignalPolicy(NoSignalPolicy policy)
+{
+    if (policy == m_noSignalPolicy)
+        return;
+    m_noSignalPolicy = policy;
+    if (m_videoState == NoSignal)
+        admitStandIn(); // the picture itself comes with the next tick
+    update();
+    emit noSignalPolicyChanged();
 }
 
 void LiveVideo::setEglImages(bool enabled)
@@ -143,20 +198,39 @@ void LiveVideo::presentImage(const QImage &image)
     take(image);
 }
 
-// The picture that stands in for a source is an ordinary one: neither of a store nor of the GPU.
+// True when the picture that stands in for the source is to be shown.
+bool LiveVideo::admitStandIn()
+{
+    if (m_noSignalPolicy == Picture)
+        return true;
+    if (m_noSignalPolicy != HoldLast || m_isStandIn)
+        dropPicture();
+    return false;
+}
+
 void LiveVideo::takeFromSource(const QVideoFrame &frame)
 {
-    const bool isStandIn =
-        frame.handleType() == QAbstractVideoBuffer::NoHandle && StoreFrame::of(frame).planeCount == 0;
+    if (m_liveSource && !m_isShown)
+        return; // it was on its way
+    const bool isStandIn = zevqml::isStandIn(frame);
     setVideoState(isStandIn ? NoSignal : Live);
+    if (isStandIn && !admitStandIn())
+        return;
     take(frame);
+    if (frame.isValid())
+        m_isStandIn = isStandIn;
 }
 
 // The converter writes the frame's time into the images of a source.
 void LiveVideo::takeImageFromSource(const QImage &image)
 {
-    setVideoState(image.text(QStringLiteral("pts")).isEmpty() ? NoSignal : Live);
+    const bool isStandIn = image.text(QStringLiteral("pts")).isEmpty();
+    setVideoState(isStandIn ? NoSignal : Live);
+    if (isStandIn && !admitStandIn())
+        return;
     take(image);
+    if (!image.isNull())
+        m_isStandIn = isStandIn;
 }
 
 void LiveVideo::take(const QVideoFrame &frame)
@@ -185,11 +259,20 @@ void LiveVideo::take(const QImage &image)
 
 void LiveVideo::clear()
 {
-    m_frame = QVideoFrame();
-    m_image = QImage();
     m_mappingFailed = false;
     m_eglImageFailure.clear();
     setVideoState(Waiting);
+    dropPicture();
+    update();
+}
+
+void LiveVideo::dropPicture()
+{
+    if (!m_frame.isValid() && m_image.isNull())
+        return;
+    m_frame = QVideoFrame();
+    m_image = QImage();
+    m_isStandIn = false;
     pictureChanged(QSize(0, 0));
 }
 
@@ -198,6 +281,8 @@ void LiveVideo::setVideoState(VideoState state)
     if (state == m_videoState)
         return;
     m_videoState = state;
+    if (m_noSignalPolicy == Black && isVisible())
+        update();
     emit videoStateChanged();
 }
 
@@ -217,8 +302,14 @@ void LiveVideo::itemChange(ItemChange change, const ItemChangeData &value)
     if (change == ItemSceneChange) {
         m_eglImageFailure.clear(); // another window, another context
         attachHooks();
+        disconnect(m_windowVisibility);
+        if (value.window)
+            m_windowVisibility =
+                connect(value.window, &QWindow::visibilityChanged, this, &LiveVideo::updateShown);
+        updateShown();
     } else if (change == ItemVisibleHasChanged) {
         update(); // hidden: to let go of what was drawn
+        updateShown();
     }
     QQuickItem::itemChange(change, value);
 }
@@ -292,8 +383,16 @@ QSGNode *LiveVideo::updatePaintNode(QSGNode *oldNode, UpdatePaintNodeData *)
         delete oldNode;
         oldNode = nullptr;
         m_nodePath = NoPath;
+        m_isNodeBlack = false;
         if (!isVisible())
             return nullptr;
+    }
+    if (m_videoState == NoSignal && m_noSignalPolicy == Black)
+        return updateBlackNode(oldNode);
+    if (m_isNodeBlack) {
+        delete oldNode;
+        oldNode = nullptr;
+        m_isNodeBlack = false;
     }
     if (m_nodePath == Mapped && static_cast<YuvNode *>(oldNode)->failed())
         m_mappingFailed = true;
@@ -323,6 +422,21 @@ QSGNode *LiveVideo::updatePaintNode(QSGNode *oldNode, UpdatePaintNodeData *)
     }
     reportPath(choice);
     return nullptr;
+}
+
+QSGNode *LiveVideo::updateBlackNode(QSGNode *oldNode)
+{
+    auto *node = static_cast<QSGRectangleNode *>(m_isNodeBlack ? oldNode : nullptr);
+    if (!node) {
+        delete oldNode;
+        node = window()->createRectangleNode();
+        node->setColor(Qt::black);
+    }
+    m_isNodeBlack = true;
+    m_nodePath = NoPath;
+    node->setRect(boundingRect());
+    reportPath({NoPath, QString()});
+    return node;
 }
 
 // When the frame cannot be imported, `choice` becomes the next best path and the old node stays as it is.
@@ -417,6 +531,11 @@ void LiveVideo::setPath(const Choice &choice)
     m_framePath = choice.path;
     m_framePathReason = choice.reason;
     m_pathProblem = choice.isProblem ? choice.reason : QString();
+    if (m_liveSource) {
+        const auto paths = QMetaEnum::fromType<FramePath>();
+        m_liveSource->setFramePath(QString::fromLatin1(paths.valueToKey(m_framePath)).toLower(),
+                                   m_framePathReason);
+    }
     emit framePathChanged();
     updateProblem();
 }

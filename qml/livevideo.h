@@ -7,6 +7,7 @@
 #include <QSize>
 #include <QVideoFrame>
 
+class LiveSource;
 class MediaProvider;
 
 namespace zevqml {
@@ -14,12 +15,14 @@ class SourceHooks;
 } // namespace zevqml
 
 /*
- * Shows live video: the frames or images of a MediaProvider, or those handed to present() and presentImage().
+ * Shows live video: of a LiveSource, the frames or images of a MediaProvider, or those handed to present()
+ * and presentImage().
  *
  * Usage, in QML:
- *     LiveVideo { anchors.fill: parent; source: provider; fillMode: LiveVideo.PreserveAspectFit }
- * The provider decides between frames and images (enableVideoFrames(), enableImageFrames()) and runs on its
- * own; the item calls the GL hooks of its video source.
+ *     LiveVideo { anchors.fill: parent; source: camera; fillMode: LiveVideo.PreserveAspectFit }
+ * A LiveSource runs while an item shows it. A MediaProvider decides between frames and images
+ * (enableVideoFrames(), enableImageFrames()) and runs on its own. The item calls the GL hooks of the video
+ * source.
  *
  * Frames take one of these paths, readable as framePath, with the reason in framePathReason when it is not
  * the best one:
@@ -37,15 +40,17 @@ class SourceHooks;
  *   Live       the newest picture is the source's, or was handed over by present() or presentImage()
  *   Idle       the source has nothing new (a camera: for half a second and five of its intervals) or is gone;
  *              its last picture stays
- *   NoSignal   the source has had nothing new for the provider's delay: the picture that stands in for it is
- *              shown, its last one where the provider has none
- * A provider of images tells no idleness: Live is followed by NoSignal there.
+ *   NoSignal   the source has had nothing new for the provider's delay; noSignalPolicy says what is shown
+ * then: Picture      the one that stands in for it; its last one where the provider has none HoldLast     the
+ * source's last picture stays Black        the whole item is black Transparent  nothing is drawn, what is
+ * below the item is seen A provider of images tells no idleness: Live is followed by NoSignal there.
  *
  * Threads: an item lives in the GUI thread like all others; present() is called there.
  * Ownership: keeps exactly the newest frame, so that one frame of the store stays locked while it is on
  * screen, and no other once the scene graph has taken it over. A hidden item keeps the newest frame, draws
  * nothing and does nothing with the frames that come; it is drawn again once it is shown. clear() lets go of
- * the frame. No frame carries an EGL image when it leaves the render thread, so copies of it may go in any
+ * the frame. Of a LiveSource, which does nothing while nobody sees it, a hidden item keeps no frame either.
+ * No frame carries an EGL image when it leaves the render thread, so copies of it may go in any
  * thread. The source's GL resources are released when no item shows it any more, and with the scene graph; a
  * camera's frame is not drawn again after that. Errors: none are thrown; a frame that cannot be drawn leaves
  * the item empty, with framePathReason saying why. Cost: Mapped is one copy into textures per new frame, in
@@ -56,6 +61,8 @@ class LiveVideo : public QQuickItem
     Q_OBJECT
     Q_PROPERTY(QObject *source READ source WRITE setSource NOTIFY sourceChanged)
     Q_PROPERTY(FillMode fillMode READ fillMode WRITE setFillMode NOTIFY fillModeChanged)
+    Q_PROPERTY(NoSignalPolicy noSignalPolicy READ noSignalPolicy WRITE setNoSignalPolicy NOTIFY
+                   noSignalPolicyChanged)
     Q_PROPERTY(bool eglImages READ eglImages WRITE setEglImages NOTIFY eglImagesChanged)
     Q_PROPERTY(QSize videoSize READ videoSize NOTIFY videoSizeChanged)
     Q_PROPERTY(FramePath framePath READ framePath NOTIFY framePathChanged)
@@ -66,6 +73,8 @@ class LiveVideo : public QQuickItem
 public:
     enum FillMode { Stretch, PreserveAspectFit, PreserveAspectCrop };
     Q_ENUM(FillMode)
+    enum NoSignalPolicy { Picture, HoldLast, Black, Transparent };
+    Q_ENUM(NoSignalPolicy)
     enum FramePath { NoPath, Mapped, Converted, EglImage };
     Q_ENUM(FramePath)
     enum VideoState { Waiting, Live, Idle, NoSignal };
@@ -74,12 +83,16 @@ public:
     explicit LiveVideo(QQuickItem *parent = nullptr);
     ~LiveVideo() override;
 
-    /* A MediaProvider; anything else is refused with a warning. Borrowed: null again once it is destroyed. */
+    /* A LiveSource or a MediaProvider; anything else is refused with a warning. Borrowed: null again once it
+     * is destroyed. */
     QObject *source() const;
     void setSource(QObject *source);
 
     FillMode fillMode() const { return m_fillMode; }
     void setFillMode(FillMode mode);
+
+    NoSignalPolicy noSignalPolicy() const { return m_noSignalPolicy; }
+    void setNoSignalPolicy(NoSignalPolicy policy);
 
     /* Whether frames in DMA buffers are imported (the default) or uploaded like others. */
     bool eglImages() const { return m_eglImages; }
@@ -105,6 +118,7 @@ public Q_SLOTS:
 Q_SIGNALS:
     void sourceChanged();
     void fillModeChanged();
+    void noSignalPolicyChanged();
     void eglImagesChanged();
     void videoSizeChanged();
     void framePathChanged();
@@ -126,11 +140,16 @@ private:
     Choice chooseBorrowed() const;
     QString whyNoEglImage() const;
     QSGNode *updateEglImageNode(QSGNode *oldNode, Choice *choice);
+    QSGNode *updateBlackNode(QSGNode *oldNode);
     QSGNode *updateYuvNode(QSGNode *oldNode, const Choice &choice);
     QSGNode *updateImageNode(QSGNode *oldNode, const Choice &choice);
     void reportPath(const Choice &choice);
     void setPath(const Choice &choice);
     void updateProblem();
+    void setProvider(MediaProvider *provider);
+    void updateShown();
+    bool admitStandIn();
+    void dropPicture();
     void takeFromSource(const QVideoFrame &frame);
     void takeImageFromSource(const QImage &image);
     void take(const QVideoFrame &frame);
@@ -139,12 +158,17 @@ private:
     void setVideoState(VideoState state);
     void attachHooks();
 
-    QPointer<MediaProvider> m_source;
+    QPointer<MediaProvider> m_provider;
+    QPointer<LiveSource> m_liveSource; // whose provider it is; null: the application's own
+    QMetaObject::Connection m_windowVisibility;
+    bool m_isShown = false;
     zevqml::SourceHooks *m_hooks; // child
     QString m_hookError;          // the GUI thread's; read by the render thread while that waits
     QString m_pathProblem;
     QString m_problem;
     FillMode m_fillMode = PreserveAspectFit;
+    NoSignalPolicy m_noSignalPolicy = Picture;
+    bool m_isStandIn = false; // the picture is
     bool m_eglImages = true;
     QSize m_videoSize{0, 0};
     FramePath m_framePath = NoPath;
@@ -161,6 +185,7 @@ private:
 
     // The render thread's while it synchronizes, when the GUI thread waits.
     FramePath m_nodePath = NoPath;
+    bool m_isNodeBlack = false; // then there is no path
     quint64 m_nodeSerial = 0;
     Choice m_reported{NoPath, QString()};
     bool m_mappingFailed = false; // until clear()

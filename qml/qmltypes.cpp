@@ -1,5 +1,6 @@
 #include "qmltypes.h"
 
+#include "livesource.h"
 #include "livevideo.h"
 
 #include <QtQml>
@@ -8,6 +9,8 @@ namespace zevqml {
 
 void registerQmlTypes(const char *uri)
 {
+    qRegisterMetaType<LiveStatistics>();
+    qmlRegisterType<LiveSource>(uri, 1, 0, "LiveSource");
     qmlRegisterType<LiveVideo>(uri, 1, 0, "LiveVideo");
 }
 

@@ -14,7 +14,7 @@
 ViewerWindow::ViewerWindow(Viewer *viewer, const Options &options, QObject *parent)
     : QObject(parent), m_viewer(viewer)
 {
-    zevqml::registerQmlTypes("ZevQt.Multimedia");
+    zevqml::registerStaticQmlTypes();
     m_view = std::make_unique<QQuickView>();
     m_view->setTitle(QStringLiteral("%1 - zevqt-viewer").arg(options.video.toString()));
     m_view->setResizeMode(QQuickView::SizeRootObjectToView);

@@ -171,10 +171,25 @@ endif()
 # With OpenGL the leak check sees what Mesa's driver, unloaded by then, and Qt Quick's offscreen surface keep: neither can
 # be told by name any more. The software scene graph's run of tst_livevideo, and headless viewers, have the check.
 if(ZEV_SANITIZE MATCHES "address")
-    foreach(name tst_livevideo_opengl tst_livevideocamera_opengl tst_viewerwindow tst_viewer_window tst_viewer_blocked tst_viewer_colors)
+    foreach(name tst_livevideo_opengl tst_livevideocamera_opengl tst_livesource_opengl tst_viewerwindow tst_viewer_window tst_viewer_blocked tst_viewer_colors)
         if(TEST ${name})
             set_property(TEST ${name} APPEND PROPERTY ENVIRONMENT
                 "ASAN_OPTIONS=detect_stack_use_after_return=1:detect_leaks=0")
         endif()
     endforeach()
+endif()
+
+# The module's plugin: its description, and how a stranger has it.
+find_package(Python3 COMPONENTS Interpreter)
+find_program(QMLPLUGINDUMP NAMES qmlplugindump)
+if(Python3_FOUND AND QMLPLUGINDUMP AND NOT ZEV_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
+    add_test(NAME qml_types COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/qml_types.py ${QMLPLUGINDUMP}
+        ${PROJECT_BINARY_DIR}/qml ${PROJECT_SOURCE_DIR}/qml/plugins.qmltypes)
+    set_tests_properties(qml_types PROPERTIES LABELS integration TIMEOUT 120)
+    zev_test_environment(qml_types)
+endif()
+if(Python3_FOUND AND NOT ZEV_SANITIZE AND TARGET zevshm)
+    add_test(NAME installed_qml COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/installed_qml.py
+        ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER} $<TARGET_FILE:zevshm>)
+    set_tests_properties(installed_qml PROPERTIES LABELS integration TIMEOUT 120)
 endif()

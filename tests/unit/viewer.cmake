@@ -31,6 +31,20 @@ add_test(NAME tst_livevideocamera_opengl COMMAND tst_livevideocamera --opengl)
 set_tests_properties(tst_livevideocamera_opengl PROPERTIES LABELS integration TIMEOUT 120 SKIP_RETURN_CODE 77)
 zev_test_environment(tst_livevideocamera_opengl)
 
+# Sources by URL on real stores, twice likewise.
+zev_test(tst_livesource
+    SOURCES unit/tst_livesource.cpp unit/scenegraph_testing.cpp unit/scenegraph_testing.h unit/storepublisher.cpp
+        unit/storepublisher.h integration/xvfbserver.cpp
+    LIBRARIES Zev::items Zev::shm GTest::gtest
+    LABEL integration)
+target_include_directories(tst_livesource PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/integration)
+add_test(NAME tst_livesource_opengl COMMAND tst_livesource --opengl)
+set_tests_properties(tst_livesource_opengl PROPERTIES LABELS integration TIMEOUT 120 SKIP_RETURN_CODE 77)
+zev_test_environment(tst_livesource_opengl)
+# The plugin is in its way: the program's own types are the ones to be found.
+add_dependencies(tst_livesource zevqt-mm-qmlplugin)
+set_property(TEST tst_livesource tst_livesource_opengl APPEND PROPERTY ENVIRONMENT "QML2_IMPORT_PATH=${PROJECT_BINARY_DIR}/qml")
+
 zev_test(tst_viewerwindow
     SOURCES unit/tst_viewerwindow.cpp integration/xvfbserver.cpp
         ${PROJECT_SOURCE_DIR}/examples/viewer/viewer.qrc
