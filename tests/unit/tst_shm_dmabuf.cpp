@@ -13,12 +13,14 @@
 #include <linux/memfd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #ifndef F_SEAL_FUTURE_WRITE
@@ -37,7 +39,7 @@ public:
     {
         const std::lock_guard<std::mutex> lock(mutex);
         sealsAtExport.push_back(fcntl(memfd, F_GET_SEALS));
-        if (exportResult != 0)
+        if (exportResult != 0 && sealsAtExport.size() > exportsBefore)
             return exportResult;
         dmabuf->reset(fcntl(memfd, F_DUPFD_CLOEXEC, 0));
         memfds.push_back(memfd);
@@ -65,6 +67,7 @@ public:
     }
 
     int exportResult = 0;
+    size_t exportsBefore = 0; // that it does not refuse
     int allocateResult = -ENOMEM;
     bool allBusy = false;
     int busy = -1;
@@ -277,10 +280,104 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{-EINVAL, "no: udmabuf refuses frames of 12288 bytes; raise its parameter size_limit_mb"},
         Refusal{-EMFILE, "no: /dev/udmabuf does not export frames: Too many open files"}));
 
+// A store whose frames take one way to the screen now and another then is worse than one without.
+TEST_F(ShmDmabuf, ARefusalBeforeAnybodyReadsIsOneOfAllFrames)
+{
+    device.exportsBefore = 3;
+    device.exportResult = -EMFILE;
+    ASSERT_EQ(open(), 0) << error.message;
+    EXPECT_EQ(device.sealsAtExport.size(), 4u) << "asked no more";
+    EXPECT_STREQ(stats().memory, "memfd");
+    EXPECT_STREQ(stats().dmabuf, "no: /dev/udmabuf does not export frames: Too many open files");
+    for (int i = 1; i <= 12; ++i) {
+        shm_writer_frame_t frame = {};
+        ASSERT_EQ(shm_writer_acquire(writer, &frame), 0);
+        ASSERT_EQ(shm_writer_publish(writer, &frame, i * 1000), 0);
+    }
+    EXPECT_EQ(device.events, "") << "some slot has kept its DMA-buf";
+    shm_reader_t *reader = shm_reader_open("cam", 2000);
+    ASSERT_NE(reader, nullptr);
+    EXPECT_EQ(shm_reader_open_dmabuf_fd(reader), -ENOTSUP);
+    shm_reader_close(reader);
+}
+
+// Memory that is added because readers pin frames: better without a DMA-buf than not at all.
+TEST_F(ShmDmabuf, ARefusalOfMemoryThatIsAddedIsToldForAsLongAsItServes)
+{
+    const auto told = [] {
+        shm_reader_t *fresh = shm_reader_open("cam", 2000);
+        shm_store_info_t info = {};
+        info.size = sizeof info;
+        const std::string text = shm_reader_get_info(fresh, &info) == 0 ? info.dmabuf : "no info";
+        shm_reader_close(fresh);
+        return text;
+    };
+    ASSERT_EQ(open(), 0) << error.message;
+    EXPECT_EQ(told(), "yes");
+    {
+        const std::lock_guard<std::mutex> lock(device.mutex);
+        device.exportResult = -EMFILE;
+    }
+    shm_reader_t *reader = shm_reader_open("cam", 2000);
+    ASSERT_NE(reader, nullptr);
+    std::vector<shm_video_frame_t> kept;
+    int64_t timestamp = 0;
+    const auto publish = [&] {
+        shm_writer_frame_t frame = {};
+        timestamp += 1000;
+        return shm_writer_acquire(writer, &frame) == 0 && shm_writer_publish(writer, &frame, timestamp) == 0;
+    };
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const auto isInTime = [&limit] { return std::chrono::steady_clock::now() < limit; };
+    while (stats().slots_replaced == 0 && isInTime()) {
+        shm_video_frame_t frame = {};
+        if (publish() && kept.size() < 5 && shm_reader_lock_video(reader, &frame, SHM_VIDEO_NEWEST) == 0)
+            kept.push_back(frame);
+        std::this_thread::yield();
+    }
+    const std::string reason = "yes, but not for memory that was added: /dev/udmabuf does not export frames: "
+                               "Too many open files";
+    EXPECT_EQ(stats().dmabuf, reason);
+    EXPECT_STREQ(stats().memory, "udmabuf");
+    EXPECT_EQ(told(), reason);
+    // The memory serves all the same.
+    bool isServing = false;
+    while (!isServing && isInTime()) {
+        shm_video_frame_t frame = {};
+        if (publish() && shm_reader_lock_video(reader, &frame, SHM_VIDEO_NEWEST) == 0) {
+            isServing = frame.slot >= 6;
+            shm_reader_unlock_video(reader, &frame);
+        }
+    }
+    EXPECT_TRUE(isServing);
+
+    for (shm_video_frame_t &frame : kept)
+        shm_reader_unlock_video(reader, &frame);
+    while (std::string(stats().dmabuf) != "yes" && isInTime()) { // given back as frames come
+        publish();
+        std::this_thread::yield();
+    }
+    EXPECT_STREQ(stats().dmabuf, "yes");
+    EXPECT_EQ(told(), "yes");
+    shm_reader_close(reader);
+}
+
+TEST(ShmDmabufTexts, AllFitTheirFields)
+{
+    shm_store_info_t info;
+    for (const int code : {-ENOENT, -EACCES, -EINVAL, -EMFILE, -ENOMEM})
+        EXPECT_LT(lateExportFailure(code, kSlotBytesMax).size(), sizeof info.dmabuf) << code;
+    EXPECT_LT(std::string("dma-heap:").size() + kHeapNameMax, sizeof info.memory);
+    EXPECT_TRUE(saysExported("yes"));
+    EXPECT_TRUE(saysExported(lateExportFailure(-ENOMEM, 4096).c_str()));
+    EXPECT_FALSE(saysExported(exportFailure(-ENOMEM, 4096).c_str()));
+    EXPECT_FALSE(saysExported("yesterday"));
+}
+
 TEST_F(ShmDmabuf, AHeapIsAskedByNameAndItsRefusalIsTold)
 {
     device.allocateResult = -EACCES;
-    for (const char *heap : {"reserved", "linux,cma", "reserved@80000000"}) {
+    for (const char *heap : {"reserved", "linux,cma", "reserved@80000000", "one-of-22-characters-x"}) {
         device.heaps.clear();
         const std::string memory = std::string("dma-heap:") + heap;
         params.memory = memory.c_str();
@@ -310,9 +407,11 @@ TEST_F(ShmDmabuf, KindsThatCannotBeAreRefused)
         {"dma-heap:a b", 0,
          "memory kind \"dma-heap:a b\" is unknown: memfd, udmabuf, dma-heap:NAME and huge exist"},
         {"dma-heap:a-name-of-23-characters", 0,
-         "memory kind \"dma-heap:a-name-of-23-characters\" is unknown: memfd, udmabuf, dma-heap:NAME and "
-         "huge "
-         "exist"},
+         "DMA heap name \"a-name-of-23-characters\" is too long: 22 characters at most; have the device tree "
+         "name it shorter, or choose another heap"},
+        {"dma-heap:bad/and-of-23-character", 0,
+         "DMA heap name \"bad/and-of-23-character\" is too long: 22 characters at most; have the device tree "
+         "name it shorter, or choose another heap"},
         {"udmabuf", SHM_WRITER_HUGE_PAGES, "frames cannot lie in huge pages and in udmabuf: choose one"},
         {"dma-heap:system", SHM_WRITER_SEALED,
          "memory of a DMA heap cannot be sealed: choose the memory kind memfd"},

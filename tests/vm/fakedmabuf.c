@@ -7,14 +7,16 @@
 // with the descriptor from process to process, fstatfs() knows them and says that they are DMA-bufs.
 //
 // It refuses what the kernel refuses: memory that is not sealed against shrinking or is sealed against
-// writing, sizes that are not whole pages or above 64 MiB. Offsets into the memory, which nothing here uses,
-// are refused too.
+// writing, sizes that are not whole pages or above 64 MiB, or what $FAKE_UDMABUF_LIMIT_FILE says instead,
+// like the kernel's parameter size_limit_mb. Offsets into the memory, which nothing here uses, are refused
+// too.
 #define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
@@ -39,7 +41,7 @@
 
 #define FAKE __attribute__((visibility("default")))
 
-enum { pageSize = 4096, udmabufLimit = 64 << 20 };
+enum { pageSize = 4096, usualLimitMb = 64 };
 
 static int openAt(int folder, const char *path, int flags, mode_t mode)
 {
@@ -119,6 +121,18 @@ static int isMarked(int fd)
 DEFINE_FSTATFS(fstatfs, statfs)
 DEFINE_FSTATFS(fstatfs64, statfs64) // the same record on 64-bit systems
 
+static uint64_t udmabufLimit(void)
+{
+    char text[16] = "";
+    const char *file = getenv("FAKE_UDMABUF_LIMIT_FILE");
+    const int fd = file ? (int)syscall(SYS_openat, AT_FDCWD, file, O_RDONLY | O_CLOEXEC, 0) : -1;
+    const ssize_t length = fd < 0 ? -1 : read(fd, text, sizeof text - 1);
+    if (fd >= 0)
+        close(fd);
+    const long megabytes = length > 0 ? strtol(text, NULL, 10) : usualLimitMb;
+    return (uint64_t)megabytes << 20;
+}
+
 static int createUdmabuf(const struct udmabuf_create *create)
 {
     const int seals = fcntl((int)create->memfd, F_GET_SEALS);
@@ -127,7 +141,7 @@ static int createUdmabuf(const struct udmabuf_create *create)
         return fail(EBADF);
     if (!(seals & F_SEAL_SHRINK) || seals & (F_SEAL_WRITE | F_SEAL_FUTURE_WRITE))
         return fail(EINVAL);
-    if (create->offset || !create->size || create->size % pageSize || create->size > udmabufLimit ||
+    if (create->offset || !create->size || create->size % pageSize || create->size > udmabufLimit() ||
         create->size > (uint64_t)status.st_size)
         return fail(EINVAL);
     return mark((int)create->memfd);

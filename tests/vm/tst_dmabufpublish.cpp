@@ -1,5 +1,6 @@
 // The command-line tool's memory kinds as real processes: the kernel's DMA-bufs and huge pages in the virtual
 // machine, stand-ins for the former in the fast tier.
+#include "udmabuflimit.h"
 #include "zevshm_driver.h"
 
 #include <gtest/gtest.h>
@@ -130,6 +131,47 @@ TEST_P(EveryExport, otherUsersImportWithThePublishersLeaveOnly)
 }
 
 INSTANTIATE_TEST_SUITE_P(Memory, EveryExport, testing::Values("udmabuf", "dma-heap:system"));
+
+TEST_F(DmabufPublish, tellsWhyOnceWhenFramesAreBeyondTheKernelsLimit)
+{
+    const UdmabufLimit limit;
+    ASSERT_TRUE(limit.set(0));
+    Zevshm publisher(publishing("udmabuf"));
+    const Reader reader = openStore("cam");
+    ASSERT_TRUE(reader && waitForFrames(reader.get(), 2)) << publisher.errors();
+    publisher.signal(SIGINT);
+    EXPECT_EQ(publisher.wait(), 0);
+    EXPECT_EQ(publisher.errors(),
+              "zevshm: frames have no DMA-buf: udmabuf refuses frames of 188416 bytes; raise "
+              "its parameter size_limit_mb\n");
+}
+
+// A reader that pins frames makes the publisher add memory, which the kernel does not export any more.
+TEST_F(DmabufPublish, tellsOnceOfMemoryThatIsAddedWithoutOne)
+{
+    const UdmabufLimit limit;
+    Zevshm publisher(publishing("udmabuf"));
+    const Reader reader = openStore("cam");
+    ASSERT_TRUE(reader && waitForFrames(reader.get(), 1)) << publisher.errors();
+    ASSERT_TRUE(limit.set(0));
+    std::vector<std::unique_ptr<Frame>> kept;
+    const std::string expected =
+        "zevshm: some frames have no DMA-buf: udmabuf refuses frames of 188416 bytes; raise "
+        "its parameter size_limit_mb\n";
+    EXPECT_TRUE(waitFor([&] {
+        auto newest = std::make_unique<Frame>(reader.get());
+        if (kept.size() < 7 && (kept.empty() || (*kept.back())->timestamp != (*newest)->timestamp))
+            kept.push_back(std::move(newest));
+        return !publisher.errors().empty();
+    }));
+    const Result text = run({"info", "cam"});
+    EXPECT_TRUE(contains(text.output, "  DMA-buf   yes, but not for memory that was added: udmabuf refuses "))
+        << text.output;
+    kept.clear();
+    publisher.signal(SIGINT);
+    EXPECT_EQ(publisher.wait(), 0);
+    EXPECT_EQ(publisher.errors(), expected);
+}
 
 // Sets aside huge pages, so it is for a kernel that nobody else uses.
 TEST_F(DmabufPublish, huge)

@@ -2,6 +2,8 @@
 #include <shm/shm_reader.h>
 #include <shm/shm_writer.h>
 
+#include "udmabuflimit.h"
+
 #include <gtest/gtest.h>
 
 #include <dirent.h>
@@ -242,8 +244,17 @@ TEST_P(EveryExport, FreshMemoryComesWithFreshDescriptors)
         publish();
         shm_video_frame_t frame = {};
         ASSERT_EQ(shm_reader_lock_video(reader.get(), &frame, SHM_VIDEO_NEWEST), 0);
-        descriptors.insert(shm_reader_get_dmabuf_fd(reader.get()));
         kept.push_back(frame);
+        // That of added memory comes a moment after it.
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        int dmabuf = shm_reader_get_dmabuf_fd(reader.get());
+        while (dmabuf < 0 && frame.slot >= 8 && std::chrono::steady_clock::now() < limit) {
+            std::this_thread::yield();
+            shm_reader_is_ready(reader.get());
+            dmabuf = shm_reader_get_dmabuf_fd(reader.get());
+        }
+        ASSERT_GE(dmabuf, 0) << "slot " << frame.slot;
+        descriptors.insert(dmabuf);
         for (int k = 0; k < 4; ++k)
             publish();
     }
@@ -436,6 +447,72 @@ TEST_P(EveryExport, APublisherThatIsStoppedIsNotWaitedForForEver)
     EXPECT_EQ(shm_reader_open_dmabuf_fd(reader.get()), 0);
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
+}
+
+TEST_F(DmabufStore, FramesBeyondTheKernelsLimitAreThereWithoutAndNameIt)
+{
+    const UdmabufLimit limit;
+    ASSERT_TRUE(limit.set(1));
+    params.width = 1024;
+    params.height = 512; // 0.75 MiB
+    openWriter();
+    publish();
+    {
+        Reader reader = openReader();
+        ASSERT_TRUE(reader);
+        EXPECT_EQ(dmabufText(reader.get()), "yes");
+        EXPECT_EQ(shm_reader_open_dmabuf_fd(reader.get()), 0);
+    }
+    writer.reset();
+    params.height = 1024; // 1.5 MiB
+    frameNumber = 0;
+    openWriter();
+    publish();
+    Reader reader = openReader();
+    ASSERT_TRUE(reader);
+    EXPECT_EQ(dmabufText(reader.get()),
+              "no: udmabuf refuses frames of 1572864 bytes; raise its parameter size_limit_mb");
+    EXPECT_EQ(memoryText(reader.get()), "memfd");
+    EXPECT_EQ(shm_reader_open_dmabuf_fd(reader.get()), -ENOTSUP);
+    shm_video_frame_t frame = {};
+    ASSERT_EQ(shm_reader_lock_video(reader.get(), &frame, SHM_VIDEO_NEWEST), 0);
+    EXPECT_EQ(shm_reader_get_dmabuf_fd(reader.get()), -1);
+    EXPECT_EQ(frame.planes[1][0], sampleOf(1));
+    shm_reader_unlock_video(reader.get(), &frame);
+}
+
+// The limit is lowered under a publisher that needs more memory because a reader pins frames.
+TEST_F(DmabufStore, AddedMemoryThatIsNotExportedServesWithoutAndSaysWhy)
+{
+    const UdmabufLimit limit;
+    openWriter();
+    Reader reader = openReader();
+    ASSERT_TRUE(reader);
+    ASSERT_EQ(shm_reader_open_dmabuf_fd(reader.get()), 0);
+    ASSERT_TRUE(limit.set(0));
+    std::vector<shm_video_frame_t> kept;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    bool isServing = false;
+    while (!isServing && std::chrono::steady_clock::now() < end) {
+        publish();
+        shm_video_frame_t frame = {};
+        if (shm_reader_lock_video(reader.get(), &frame, SHM_VIDEO_NEWEST) != 0)
+            continue;
+        const int dmabuf = shm_reader_get_dmabuf_fd(reader.get());
+        EXPECT_EQ(dmabuf >= 0, frame.slot < 8) << "slot " << frame.slot;
+        EXPECT_EQ(frame.planes[0][0], sampleOf(frameNumber));
+        isServing = frame.slot >= 8;
+        if (!isServing && kept.size() < 6)
+            kept.push_back(frame);
+        else
+            shm_reader_unlock_video(reader.get(), &frame);
+    }
+    EXPECT_TRUE(isServing);
+    EXPECT_EQ(dmabufText(openReader().get()),
+              "yes, but not for memory that was added: udmabuf refuses frames of "
+              "143360 bytes; raise its parameter size_limit_mb");
+    for (shm_video_frame_t &frame : kept)
+        shm_reader_unlock_video(reader.get(), &frame);
 }
 
 TEST_F(DmabufStore, AHeapThatIsNotThereIsRefused)

@@ -207,8 +207,7 @@ std::string progressLine(const std::string &name, const Publisher::Counters &cou
     return line;
 }
 
-void watch(const Wakeups &wakeups, const Publisher &publisher, const StoreWriter &store,
-           const std::string &name)
+void watch(const Wakeups &wakeups, const Publisher &publisher, StoreWriter &store, const std::string &name)
 {
     constexpr int progressMs = 500;
     int64_t lastUs = monotonicUs();
@@ -225,6 +224,7 @@ void watch(const Wakeups &wakeups, const Publisher &publisher, const StoreWriter
             lastUs = nowUs;
             lastFrames = counters.frames;
         }
+        store.reportExport();
         showProgress(progressLine(name, counters, store.stats(), rate));
     }
 }

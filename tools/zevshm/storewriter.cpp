@@ -71,11 +71,18 @@ void StoreWriter::open(const InputFormat &format)
                                                               : m_settings.name + ": cannot be published (" +
                                                                     std::strerror(-rc) + ")");
     m_format = format;
-    reportExport();
+    tellOfExport();
+}
+
+void StoreWriter::reportExport()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_writer)
+        tellOfExport();
 }
 
 // Asked for and not to be had is worth a line; once, however often the store is opened anew.
-void StoreWriter::reportExport()
+void StoreWriter::tellOfExport()
 {
     const std::string &memory = m_settings.memory;
     const bool isAskedFor = memory == "udmabuf" || memory.rfind("dma-heap:", 0) == 0;
@@ -86,8 +93,11 @@ void StoreWriter::reportExport()
     if (shm_writer_get_stats(m_writer, &now) != 0 || std::strcmp(now.dmabuf, "yes") == 0)
         return;
     m_exportReported = true;
-    const std::string reason = now.dmabuf; // "no: " and why
-    say("frames have no DMA-buf: " + reason.substr(reason.rfind("no: ", 0) == 0 ? 4 : 0));
+    const std::string text = now.dmabuf; // "no: " or "yes, but ...: ", and why
+    const bool areSome = text.rfind("yes", 0) == 0;
+    const size_t colon = text.find(": ");
+    say((areSome ? "some frames have no DMA-buf: " : "frames have no DMA-buf: ") +
+        text.substr(colon == std::string::npos ? 0 : colon + 2));
 }
 
 int StoreWriter::publishAudio(const AudioBlock &block, int64_t labelUs)

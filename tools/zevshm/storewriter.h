@@ -28,7 +28,7 @@ ExitCode exitCodeForWriter(int negativeErrno);
 
 // Owns a shm_writer_t and can replace it by one of another format: readers see the store go and come.
 //
-// Threads: video calls and open() in one thread, publishAudio() in one, stats() in any.
+// Threads: video calls and open() in one thread, publishAudio() in one, stats() and reportExport() in any.
 // Errors: Failure out of open(); the rest answers as libshm does.
 class StoreWriter
 {
@@ -51,9 +51,12 @@ public:
     int publishAudio(const AudioBlock &block, int64_t labelUs);
 
     shm_writer_stats_t stats() const;
+    // Says why frames that were to have DMA-bufs have none; open() does, and memory that is added later may
+    // lack them too.
+    void reportExport();
 
 private:
-    void reportExport();
+    void tellOfExport();
 
     const StoreSettings m_settings;
     bool m_exportReported = false;

@@ -113,6 +113,17 @@ std::string exportFailure(int code, uint64_t bytes)
     }
 }
 
+std::string lateExportFailure(int code, uint64_t bytes)
+{
+    return "yes, but not for memory that was added: " +
+           exportFailure(code, bytes).substr(std::strlen("no: "));
+}
+
+bool saysExported(const char *text)
+{
+    return std::strcmp(text, "yes") == 0 || std::strncmp(text, "yes,", 4) == 0;
+}
+
 std::string heapFailure(int code, const std::string &heap)
 {
     switch (-code) {
@@ -132,7 +143,7 @@ std::string heapFailure(int code, const std::string &heap)
 bool isHeapName(const std::string &name)
 {
     // As drivers and device trees name them: "system", "linux,cma", "reserved@80000000".
-    return !name.empty() && name.size() <= 22 && name[0] != '.' &&
+    return !name.empty() && name.size() <= kHeapNameMax && name[0] != '.' &&
            std::all_of(name.begin(), name.end(), [](char c) { return c > ' ' && c <= '~' && c != '/'; });
 }
 

@@ -8,6 +8,7 @@
 
 #include "fd.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -37,9 +38,14 @@ DmabufDevice &systemDmabufDevice();
 
 // Why exportMemfd() failed with `code` (negative errno) for slots of `bytes`: one line that fits a welcome.
 std::string exportFailure(int code, uint64_t bytes);
+// The same when only memory that was added later is without.
+std::string lateExportFailure(int code, uint64_t bytes);
+// Whether such a line says that there are DMA-bufs at all.
+bool saysExported(const char *text);
 std::string heapFailure(int code, const std::string &heap);
 
-// A heap's name: it becomes part of a path.
+// A heap's name: it becomes part of a path, and with "dma-heap:" before it of a field of 32 bytes.
+constexpr size_t kHeapNameMax = 22;
 bool isHeapName(const std::string &name);
 
 // Checks a descriptor that a peer sent: a DMA-buf (whose size cannot change) of exactly this size. Anything

@@ -268,7 +268,7 @@ struct WelcomeMessage
     uint32_t audioCapacity; // audio frames in the ring
     uint32_t audioHistory;  // of which a reader may count on
     uint32_t reserved;
-    char dmabuf[128]; // "yes", else why frames have no DMA-buf
+    char dmabuf[128]; // "yes", "yes, but ...", else why frames have no DMA-buf
     char memory[32];  // the kind in words: "memfd", "dma-heap:system"
 };
 static_assert(std::is_trivially_copyable_v<WelcomeMessage> && sizeof(WelcomeMessage) == 336);

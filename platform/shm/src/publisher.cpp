@@ -70,6 +70,11 @@ void Publisher::giveUpSurplus(ReaderList::Scan &scan)
         return;
     }
     const uint32_t slot = m_free.pop();
+    // While some memory is without a DMA-buf, that is what there is too much of.
+    if (m_store.slots[slot].memory.dmabuf && m_store.lateExportError.load(std::memory_order_relaxed) != 0) {
+        m_free.push(slot);
+        return;
+    }
     const Use use = tryUse(scan, slot);
     if (use == Use::Free)
         giveUp(slot);

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 using namespace shm;
 
@@ -21,7 +20,7 @@ constexpr uint64_t kSpareDescriptors = 32;
 int shm_reader::openDmabufs()
 {
     const WelcomeMessage &layout = m_connection.layout;
-    if (!hasVideo() || std::strcmp(layout.dmabuf, "yes") != 0)
+    if (!hasVideo() || !saysExported(layout.dmabuf))
         return -ENOTSUP;
     if (m_wantsDmabufs)
         return 0;

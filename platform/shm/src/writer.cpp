@@ -117,7 +117,7 @@ void shm_writer::statistics(shm_writer_stats_t *stats) const
     now.slots_replaced = m_store.counters.replaced.load(std::memory_order_relaxed);
     std::snprintf(now.memory, sizeof now.memory, "%s", m_store.policy.memory.c_str());
     std::snprintf(now.dmabuf, sizeof now.dmabuf, "%s",
-                  m_store.policy.hasVideo() ? m_store.policy.dmabuf.c_str() : "no video");
+                  m_store.policy.hasVideo() ? m_store.dmabufText().c_str() : "no video");
     // A program that was built with an older record gets what it has room for.
     const uint32_t size = stats->size;
     now.size = size;

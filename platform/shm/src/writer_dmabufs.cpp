@@ -24,7 +24,7 @@ void WriterService::describeMemory(const Connection &connection, WelcomeMessage 
     std::snprintf(message->dmabuf, sizeof message->dmabuf, "%s",
                   isWithheld
                       ? "no: the publisher does not share DMA-bufs, which can be written, with other users"
-                      : policy.dmabuf.c_str());
+                      : m_store.dmabufText().c_str());
 }
 
 // Takes a wish for DMA-bufs; false when the message is none, or comes from a reader that may have none.

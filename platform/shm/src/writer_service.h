@@ -84,6 +84,7 @@ private:
     struct Census
     {
         uint32_t populated = 0;
+        uint32_t unexported = 0; // of those, without a DMA-buf
         uint32_t freeSlots = 0;
         uint32_t comingSlots = 0; // poisoned, and nobody who is listed locks them
         uint32_t locks = 0;

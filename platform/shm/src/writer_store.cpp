@@ -36,6 +36,13 @@ int memoryPolicy(const shm_writer_params_t &params, StorePolicy *policy, shm_err
         policy->memoryKind = kDmaHeap;
         policy->heap = policy->memory.substr(heapPrefix.size());
         policy->dmabuf = "yes";
+    } else if (policy->memory.compare(0, heapPrefix.size(), heapPrefix) == 0 &&
+               policy->memory.size() > heapPrefix.size() + kHeapNameMax) {
+        return fail(
+            error, EINVAL,
+            "DMA heap name \"%.64s\" is too long: %zu characters at most; have the device tree name it "
+            "shorter, or choose another heap",
+            params.memory + heapPrefix.size(), kHeapNameMax);
     } else {
         return fail(error, EINVAL,
                     "memory kind \"%s\" is unknown: memfd, udmabuf, dma-heap:NAME and huge exist",
@@ -222,6 +229,27 @@ uint64_t Store::bytesWith(uint32_t slotsInUse) const
     return policy.indexBytes + policy.audioBytes + slotsInUse * policy.slotBytes;
 }
 
+std::string Store::dmabufText() const
+{
+    const int late = lateExportError.load(std::memory_order_relaxed);
+    return late == 0 ? policy.dmabuf : lateExportFailure(late, policy.slotBytes);
+}
+
+// Before any reader is told, all or nothing: frames would take one way to the screen now and another then.
+// Memory that is added later serves without a DMA-buf rather than not at all.
+void Store::refuseExport(int code)
+{
+    if (readySlots.load(std::memory_order_relaxed) != 0) {
+        lateExportError.store(code, std::memory_order_relaxed);
+        return;
+    }
+    policy.memoryKind = kMemfd;
+    policy.memory = "memfd";
+    policy.dmabuf = exportFailure(code, policy.slotBytes);
+    for (Slot &slot : slots)
+        slot.memory.dmabuf.reset();
+}
+
 int Store::createSlot(uint32_t slot)
 {
     const bool isSealed = (policy.flags & SHM_WRITER_SEALED) != 0;
@@ -238,12 +266,8 @@ int Store::createSlot(uint32_t slot)
         result = createSharedMemory(&memory, "shm-frame", policy.slotBytes, policy.memoryKind, seals);
     if (result != 0)
         return result;
-    // The first one decides, before any reader is told; a later one that fails is a slot without a DMA-buf.
-    if (exported != 0 && slot == 0 && slots[slot].memoryGeneration == 0) {
-        policy.memoryKind = kMemfd;
-        policy.memory = "memfd";
-        policy.dmabuf = exportFailure(exported, policy.slotBytes);
-    }
+    if (exported != 0)
+        refuseExport(exported);
     slots[slot].memory = std::move(memory);
     slots[slot].poisoned.store(false, std::memory_order_relaxed);
     ++slots[slot].memoryGeneration;

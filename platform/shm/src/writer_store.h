@@ -24,7 +24,7 @@ struct StorePolicy
     MemoryKind memoryKind = kMemfd;
     std::string memory = "memfd"; // the kind in words
     std::string heap;             // of kDmaHeap
-    std::string dmabuf;           // "yes", else why frames have no DMA-buf
+    std::string dmabuf;           // "yes", else why frames have no DMA-buf; Store::dmabufText() says it
     uint64_t session = 0;
     int64_t startedUs = 0; // wall clock
 
@@ -102,6 +102,7 @@ struct Store
     Atomic<uint32_t> surplusSlots{0}; // how many the publisher may give up
     int pokeFd = -1;                  // borrowed: wakes the service thread
     Atomic<bool> poked{false};
+    Atomic<int> lateExportError{0}; // why memory in use is without a DMA-buf although others have one
 
     // Wakes the service thread; never waits.
     void poke();
@@ -109,10 +110,16 @@ struct Store
     // Bytes of all shared memory with `slots` slots.
     uint64_t bytesWith(uint32_t slotsInUse) const;
 
+    // "yes", else why frames, or those in some of the memory, have no DMA-buf. Any thread.
+    std::string dmabufText() const;
+
     // Creates index, audio and the first slots. Returns 0 or a negative errno with `error` filled.
     int create(shm_error_t *error);
     // Gives `slot` memory. Service thread's, or before there is one.
     int createSlot(uint32_t slot);
+
+private:
+    void refuseExport(int code);
 };
 
 } // namespace shm

@@ -61,8 +61,10 @@ WriterService::Census WriterService::census() const
     }
     for (uint32_t s = 0; s < m_store.policy.slotCapacity; ++s) {
         const SlotOwner owner = m_store.slots[s].owner.load(std::memory_order_acquire);
-        if (m_store.slots[s].memory.fd)
+        if (m_store.slots[s].memory.fd) {
             ++census.populated;
+            census.unexported += m_store.slots[s].memory.dmabuf ? 0 : 1;
+        }
         const bool usable = owner == SlotOwner::Ready || owner == SlotOwner::Pool;
         const bool poisoned = m_store.slots[s].poisoned.load(std::memory_order_relaxed);
         if (usable && outside[s] && !locked[s] && !poisoned)
@@ -152,6 +154,8 @@ void WriterService::supplySlots()
         publishStatistics(now);
         return;
     }
+    if (now.unexported == 0) // what could not be exported has been given back
+        m_store.lateExportError.store(0, std::memory_order_relaxed);
     const uint32_t low = std::max<uint32_t>(2, m_store.policy.spareFrames / 2);
     while ((now.freeSlots < low || now.populated < m_store.policy.slotCount) && addSlot()) {
         ++now.freeSlots;

@@ -212,7 +212,7 @@ typedef struct shm_store_info
     int64_t started_timestamp;       /* wall clock when the writer opened the store */
     int32_t sealed;                  /* non-zero: nobody but the writer can write pixels */
     char memory[32];                 /* "memfd", "huge", ... */
-    char dmabuf[128];                /* "yes", else why frames have no DMA-buf */
+    char dmabuf[128];                /* "yes", "yes, but ...", else why frames have no DMA-buf */
     char directory[128];             /* where the store's socket lies */
 } shm_store_info_t;
 

@@ -169,7 +169,7 @@ typedef struct shm_writer_stats
     uint64_t readers_disconnected; /* that pinned the last slots */
     uint64_t slots_replaced;       /* by fresh memory because readers pinned them */
     char memory[32];               /* "memfd", "udmabuf", ... */
-    char dmabuf[128];              /* "yes", else why frames have no DMA-buf */
+    char dmabuf[128];              /* "yes", "yes, but ...", else why frames have no DMA-buf */
 } shm_writer_stats_t;
 
 /* Any thread. Returns 0 or a negative errno. */
