@@ -80,7 +80,10 @@ set(rig_sources ${rig}/dmamemory.cpp ${rig}/dmamemory.h ${rig}/externaltexture.c
 zev_rig_test(tst_dmabufimages MACHINE memory
     SOURCES ${rig}/tst_dmabufimages.cpp ${rig_sources}
     LIBRARIES Zev::zevqt-mm Qt5::Gui Qt5::Multimedia Qt5::Test)
-zev_rig_test(tst_dmabufstore MACHINE memory SOURCES ${rig}/tst_dmabufstore.cpp LIBRARIES Zev::shm GTest::gtest_main)
+zev_rig_test(tst_dmabufstore MACHINE memory SOURCES ${rig}/tst_dmabufstore.cpp ${rig}/udmabuflimit.h
+    LIBRARIES Zev::shm GTest::gtest_main)
+zev_rig_test(tst_dmabufguards MACHINE memory SOURCES ${rig}/tst_dmabufguards.cpp
+    LIBRARIES shm_testable GTest::gtest_main)
 if(TARGET Zev::items)
     set(item_sources ${rig}/itemrenderer.cpp ${rig}/itemrenderer.h ${rig}/dmapublisher.cpp ${rig}/dmapublisher.h
         ${rig_sources})
@@ -89,12 +92,13 @@ if(TARGET Zev::items)
         SOURCES ${rig}/tst_publishedframes.cpp ${rig}/payloadguard.cpp ${rig}/payloadguard.h ${recorded_egl}
             ${item_sources}
         LIBRARIES Zev::items Qt5::Test ${CMAKE_DL_LIBS})
-    # In the virtual machine without what the kernel has no part in: where the picture is placed.
+    # In the virtual machine without what the kernel has no part in: where the picture is placed, more windows, shaders.
     zev_rig_test(tst_eglimageitem MACHINE item SOURCES ${rig}/tst_eglimageitem.cpp ${recorded_egl} ${item_sources}
         LIBRARIES Zev::items Qt5::Test ${CMAKE_DL_LIBS}
         VM_FUNCTIONS attributesAreTheFrames refusedImageIsUploadedAndSaysWhy aFrameWithoutStridesIsRefused
-            aFreshPublisherIsTriedAgain imagesCanBeSwitchedOff aHiddenItemImportsNothing holdsTheShownFrameAndNoOther
-            copiesMayGoWithoutAContext anImageOfTheApplicationsOwnIsLeftToIt survivesTheLossOfItsContext
+            aTextureThatIsRefusedIsSaidSo aFreshPublisherIsTriedAgain imagesCanBeSwitchedOff aHiddenItemImportsNothing
+            holdsTheShownFrameAndNoOther imageAndTextureGoBeforeTheLock copiesMayGoWithoutAContext
+            anImageOfTheApplicationsOwnIsLeftToIt survivesTheLossOfItsContext
             survivesAnotherWindow goesWithAFrameShownAndOneToCome)
     zev_rig_test(tst_eglimageleaks MACHINE item SOURCES ${rig}/tst_eglimageleaks.cpp ${recorded_egl} ${item_sources}
         LIBRARIES Zev::items Qt5::Test ${CMAKE_DL_LIBS})
