@@ -17,6 +17,9 @@ extern "C" {
 #include <libavutil/time.h>
 }
 
+// The one function of libshm that is called here and that a device's own may lack.
+extern "C" __attribute__((weak)) int shm_reader_get_info(shm_reader_t *reader, shm_store_info_t *info);
+
 namespace {
 
 const qint64 checkIntervalMs = 1000;
@@ -169,14 +172,17 @@ bool ShmemReader::reopen()
     return format.valid;
 }
 
+// Frames are there in any case; who shows them can say why they take the longer way.
 void ShmemReader::openDmabufs()
 {
-    if (shm_reader_open_dmabuf_fd(reader) == 0)
+    if (shm_reader_open_dmabuf_fd(reader) == 0) {
+        noDmabufReason = QStringLiteral("the store has no DMA-buf of this frame's memory, see zevshm info");
         return;
-    // Frames are there all the same; who shows them can say why they take the longer way.
+    }
+    noDmabufReason = QStringLiteral("no: the store exports no DMA-bufs");
     shm_store_info_t info = {};
     info.size = sizeof info;
-    if (shm_reader_get_info(reader, &info) == 0)
+    if (shm_reader_get_info && shm_reader_get_info(reader, &info) == 0)
         noDmabufReason =
             QString::fromUtf8(info.dmabuf, static_cast<int>(qstrnlen(info.dmabuf, sizeof info.dmabuf)));
 }

@@ -108,7 +108,7 @@ private:
     int reportedChannels; // that getAudioFormat() reported last: what callers' buffers are sized for; 0 =
                           // none yet
     QAudioFormat mappedFormat; // of a store with audio, kept because QAudioFormat allocates when it is made
-    QString noDmabufReason;    // empty unless DMA-bufs were asked for in vain
+    QString noDmabufReason;    // of frames without one; empty unless DMA-bufs were asked for
     LockedFrames::Owner lockedFrames; // through `reader`; null when it has no video
     std::atomic<int> heldFrames{0};   // as getHeldFrames() found it last
     QVariant nameEntry;               // "shmname" of every frame

@@ -9,6 +9,9 @@ foreach(test tst_shmemreader tst_shmemreaderaudio)
     zev_test(${test} SOURCES ${unit}/${test}.cpp ${unit}/shmemreader_probe.h ${fake_store} LIBRARIES ${core_libraries})
 endforeach()
 zev_test(tst_shmemreaderdma SOURCES ${unit}/tst_shmemreaderdma.cpp ${fake_store} LIBRARIES ${core_libraries})
+# Over a store that has but what the library cannot do without: that it links is part of the test.
+zev_test(tst_shmemreaderdma_bare SOURCES ${unit}/tst_shmemreaderdma.cpp ${fake_store} LIBRARIES ${core_libraries})
+target_compile_definitions(tst_shmemreaderdma_bare PRIVATE FAKE_SHM_WITHOUT_INFO)
 zev_test(tst_mediasourcebase SOURCES ${unit}/tst_mediasourcebase.cpp ${unit}/fake_source.h ${fake_store}
     LIBRARIES ${core_libraries})
 zev_test(tst_shmemvideobuffer SOURCES ${unit}/tst_shmemvideobuffer.cpp ${fake_store} LIBRARIES ${core_libraries})

@@ -134,12 +134,14 @@ int shm_reader_open_dmabuf_fd(shm_reader_t *)
     return fake().openDmabufResult;
 }
 
+#ifndef FAKE_SHM_WITHOUT_INFO
 int shm_reader_get_info(shm_reader_t *, shm_store_info_t *info)
 {
     fake().record(QStringLiteral("get_info"));
     qstrncpy(info->dmabuf, fake().dmabufText.constData(), sizeof info->dmabuf);
     return 0;
 }
+#endif
 
 int shm_reader_get_dmabuf_fd(shm_reader_t *)
 {

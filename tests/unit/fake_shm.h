@@ -8,8 +8,9 @@
 #include <QtCore/QVector>
 
 /*!
- * A frame store for tests: defines every shm_reader_* function that the library calls. What they answer is
- * set beforehand in the fields below, what they were asked is read from `calls` afterwards.
+ * A frame store for tests: defines every shm_reader_* function that the library calls, with
+ * FAKE_SHM_WITHOUT_INFO only those that it cannot do without. What they answer is set beforehand in the
+ * fields below, what they were asked is read from `calls` afterwards.
  *
  * Threads: the functions may be called from any thread; fields are set while nobody calls.
  */
