@@ -9,6 +9,8 @@
 #include <QOpenGLContext>
 #include <QOpenGLFunctions>
 
+#include <atomic>
+
 namespace zevqml {
 
 namespace {
@@ -20,6 +22,27 @@ using TargetTexture = void (*)(GLenum target, void *image);
 TargetTexture targetTexture(QOpenGLContext *context)
 {
     return reinterpret_cast<TargetTexture>(context->getProcAddress("glEGLImageTargetTexture2DOES"));
+}
+
+// What GL said last of an image that it did not take: told once, not with every frame.
+std::atomic<GLenum> toldError{GL_NO_ERROR};
+
+const char *errorName(GLenum error)
+{
+    switch (error) {
+    case GL_INVALID_ENUM:
+        return "GL_INVALID_ENUM: it has no such textures";
+    case GL_INVALID_VALUE:
+        return "GL_INVALID_VALUE: this is no image to it";
+    case GL_INVALID_OPERATION:
+        return "GL_INVALID_OPERATION: it cannot draw from memory of this format or layout";
+    case GL_OUT_OF_MEMORY:
+        return "GL_OUT_OF_MEMORY";
+    case 0x0507: // GL_CONTEXT_LOST
+        return "GL_CONTEXT_LOST";
+    default:
+        return "an error of no list";
+    }
 }
 
 // Two windows may show the same frame, each in its own render thread; the image is the frame's.
@@ -97,13 +120,15 @@ bool EglImageTexture::importInto(void *image)
         gl->glGenTextures(1, &m_texture);
     gl->glBindTexture(textureExternal, m_texture);
     targetTexture(context)(textureExternal, image);
-    const bool isTaken = gl->glGetError() == GL_NO_ERROR;
+    const GLenum error = gl->glGetError();
+    if (toldError.exchange(error) != error && error != GL_NO_ERROR)
+        qCritical("glEGLImageTargetTexture2DOES failed: %s (0x%04X)", errorName(error), error);
     gl->glTexParameteri(textureExternal, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
     gl->glTexParameteri(textureExternal, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
     gl->glTexParameteri(textureExternal, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
     gl->glTexParameteri(textureExternal, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
     gl->glBindTexture(textureExternal, 0);
-    return isTaken;
+    return error == GL_NO_ERROR;
 }
 
 void EglImageTexture::release()

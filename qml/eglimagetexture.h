@@ -39,8 +39,8 @@ public:
     /* Empty when this context can texture from EGL images, else why not. */
     static QString whyNot(QOpenGLContext *context);
 
-    /* Shows `frame` from now on. Returns false, showing nothing, when EGL or GL refuses; EGL's reason is
-     * logged. */
+    /* Shows `frame` from now on. Returns false, showing nothing, when EGL or GL refuses; the reason is
+     * logged, GL's once. */
     bool show(const QVideoFrame &frame);
     /* After show() was refused, with the same context current: why. */
     static QString whyRefused();

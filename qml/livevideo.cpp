@@ -460,6 +460,8 @@ QSGNode *LiveVideo::updateEglImageNode(QSGNode *oldNode, Choice *choice)
     m_nodeSerial = m_serial;
     node->setGeometry(geometryOf(m_fillMode, size(), m_frame.size()));
     reportPath(*choice);
+    if (fresh)
+        lookAgain();
     return node;
 }
 
@@ -479,7 +481,17 @@ QSGNode *LiveVideo::updateYuvNode(QSGNode *oldNode, const Choice &choice)
     }
     node->setGeometry(geometryOf(m_fillMode, size(), m_frame.size()));
     reportPath(choice);
+    if (fresh)
+        lookAgain();
     return node;
+}
+
+// Whether a node's shader can be built, and planes be read, shows when it is drawn. The next frame may be
+// long in coming, so the path is chosen once more without one.
+void LiveVideo::lookAgain()
+{
+    QMetaObject::invokeMethod(
+        this, [this] { update(); }, Qt::QueuedConnection);
 }
 
 QSGNode *LiveVideo::updateImageNode(QSGNode *oldNode, const Choice &choice)

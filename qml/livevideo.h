@@ -143,6 +143,7 @@ private:
     QSGNode *updateBlackNode(QSGNode *oldNode);
     QSGNode *updateYuvNode(QSGNode *oldNode, const Choice &choice);
     QSGNode *updateImageNode(QSGNode *oldNode, const Choice &choice);
+    void lookAgain();
     void reportPath(const Choice &choice);
     void setPath(const Choice &choice);
     void updateProblem();

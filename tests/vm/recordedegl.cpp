@@ -2,7 +2,10 @@
 
 #include <dlfcn.h>
 
-#include <cstring>
+#include <QtCore/QSet>
+#include <QtGui/qopengl.h>
+
+#include <string>
 
 namespace {
 
@@ -11,12 +14,21 @@ using LookUp = Function (*)(const char *);
 using CreateImage = void *(*)(void *, void *, unsigned int, void *, const int *);
 using DestroyImage = unsigned int (*)(void *, void *);
 using GetError = int (*)();
+using TargetTexture = void (*)(GLenum, void *);
+using DeleteTextures = void (*)(GLsizei, const GLuint *);
+using ShaderSource = void (*)(GLuint, GLsizei, const char *const *, const GLint *);
+using GetInteger = void (*)(GLenum, GLint *);
 
 enum : int { none = 0x3038, success = 0x3000 };
 
 CreateImage realCreate;
 DestroyImage realDestroy;
 GetError realError;
+TargetTexture realTargetTexture;
+DeleteTextures realDeleteTextures;
+ShaderSource realShaderSource;
+GetInteger getInteger;
+QSet<GLuint> boundTextures;
 int pendingError = success;
 
 void *createImage(void *display, void *context, unsigned int target, void *buffer, const int *attributes)
@@ -32,14 +44,18 @@ void *createImage(void *display, void *context, unsigned int target, void *buffe
     pendingError = record.failWith ? record.failWith : success;
     void *image = record.failWith ? nullptr : realCreate(display, context, target, buffer, attributes);
     ++(image ? record.created : record.refused);
+    if (image)
+        record.events << QStringLiteral("image");
     return image;
 }
 
 unsigned int destroyImage(void *display, void *image)
 {
     const unsigned int isDestroyed = realDestroy(display, image);
-    if (isDestroyed)
+    if (isDestroyed) {
         ++RecordedEgl::instance().destroyed;
+        RecordedEgl::instance().events << QStringLiteral("image gone");
+    }
     return isDestroyed;
 }
 
@@ -50,6 +66,47 @@ int lastError()
     const int error = pendingError;
     pendingError = success;
     return error;
+}
+
+void targetTexture(GLenum target, void *image)
+{
+    RecordedEgl &record = RecordedEgl::instance();
+    realTargetTexture(target, record.refuseTextures ? nullptr : image);
+    if (record.refuseTextures)
+        return;
+    record.events << QStringLiteral("bound");
+    GLint texture = 0;
+    getInteger(0x8D67, &texture); // GL_TEXTURE_BINDING_EXTERNAL_OES
+    boundTextures << GLuint(texture);
+}
+
+void deleteTextures(GLsizei count, const GLuint *textures)
+{
+    realDeleteTextures(count, textures);
+    for (GLsizei i = 0; i < count; ++i) {
+        if (boundTextures.remove(textures[i]))
+            RecordedEgl::instance().events << QStringLiteral("texture gone");
+    }
+}
+
+void shaderSource(GLuint shader, GLsizei count, const char *const *parts, const GLint *lengths)
+{
+    const QByteArray &word = RecordedEgl::instance().brokenShader;
+    QByteArray whole;
+    for (GLsizei i = 0; i < count; ++i)
+        whole += lengths && lengths[i] >= 0 ? QByteArray(parts[i], lengths[i]) : QByteArray(parts[i]);
+    const char *broken = "#error broken by the test\n";
+    if (!word.isEmpty() && whole.contains(word))
+        realShaderSource(shader, 1, &broken, nullptr);
+    else
+        realShaderSource(shader, count, parts, lengths);
+}
+
+template <class Signature>
+Function recorded(Function real, Signature *kept, Signature recorder)
+{
+    *kept = reinterpret_cast<Signature>(real);
+    return reinterpret_cast<Function>(recorder);
 }
 
 } // namespace
@@ -71,17 +128,20 @@ extern "C" Function eglGetProcAddress(const char *name)
     const Function real = next ? next(name) : nullptr;
     if (!real)
         return real;
-    if (std::strcmp(name, "eglCreateImageKHR") == 0) {
-        realCreate = reinterpret_cast<CreateImage>(real);
-        return reinterpret_cast<Function>(createImage);
+    const std::string wanted(name);
+    if (wanted == "eglCreateImageKHR")
+        return recorded(real, &realCreate, createImage);
+    if (wanted == "eglDestroyImageKHR")
+        return recorded(real, &realDestroy, destroyImage);
+    if (wanted == "eglGetError")
+        return recorded(real, &realError, lastError);
+    if (wanted == "glEGLImageTargetTexture2DOES") {
+        getInteger = reinterpret_cast<GetInteger>(next("glGetIntegerv"));
+        return recorded(real, &realTargetTexture, targetTexture);
     }
-    if (std::strcmp(name, "eglDestroyImageKHR") == 0) {
-        realDestroy = reinterpret_cast<DestroyImage>(real);
-        return reinterpret_cast<Function>(destroyImage);
-    }
-    if (std::strcmp(name, "eglGetError") == 0) {
-        realError = reinterpret_cast<GetError>(real);
-        return reinterpret_cast<Function>(lastError);
-    }
+    if (wanted == "glDeleteTextures")
+        return recorded(real, &realDeleteTextures, deleteTextures);
+    if (wanted == "glShaderSource")
+        return recorded(real, &realShaderSource, shaderSource);
     return real;
 }

@@ -13,6 +13,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <functional>
+
 using LockedFrame = std::unique_ptr<shm_video_frame_t, std::function<void(shm_video_frame_t *)>>;
 
 namespace {
@@ -20,11 +22,20 @@ namespace {
 const int tolerance = 3;
 const QSize pictureSize(TestPicture::width, TestPicture::height);
 QStringList criticals;
+QStringList warnings;
+
+bool isNear(QRgb pixel, QRgb color)
+{
+    return qAbs(qRed(pixel) - qRed(color)) <= tolerance && qAbs(qGreen(pixel) - qGreen(color)) <= tolerance &&
+           qAbs(qBlue(pixel) - qBlue(color)) <= tolerance;
+}
 
 void noteCriticals(QtMsgType type, const QMessageLogContext &, const QString &text)
 {
     if (type == QtCriticalMsg)
         criticals << text;
+    else if (type == QtWarningMsg)
+        warnings << text;
 }
 
 } // namespace
@@ -45,7 +56,10 @@ private Q_SLOTS:
     void aFrameWithoutStridesIsRefused();
     void aFreshPublisherIsTriedAgain();
     void imagesCanBeSwitchedOff();
+    void aTextureThatIsRefusedIsSaidSo();
     void holdsTheShownFrameAndNoOther();
+    void imageAndTextureGoBeforeTheLock();
+    void twoItemsShowOneFrame();
     void aHiddenItemImportsNothing();
     void copiesMayGoWithoutAContext();
     void anImageOfTheApplicationsOwnIsLeftToIt();
@@ -54,6 +68,7 @@ private Q_SLOTS:
     void goesWithAFrameShownAndOneToCome();
     void fillModesPlaceThePicture();
     void followsTheTurnOfItsWindow();
+    void aShaderThatIsNotBuiltCostsThePathAndNotThePicture(); // last: it is not tried again in this process
 
 private:
     QVideoFrame handMade(int pixelFormat, int descriptor = -1, quint64 session = 1, bool hasPlanes = true);
@@ -79,6 +94,8 @@ private:
 
 void tst_EglImageItem::initTestCase()
 {
+    // Shaders are to be built here, not found.
+    QCoreApplication::setAttribute(Qt::AA_DisableShaderDiskCache);
     renderer = std::make_unique<ItemRenderer>(pictureSize);
     QVERIFY(renderer->isValid());
     memory = std::make_unique<DmaMemory>("udmabuf", TestPicture::width * TestPicture::height * 8);
@@ -113,6 +130,7 @@ QVideoFrame tst_EglImageItem::handMade(int pixelFormat, int descriptor, quint64 
 {
     LockedFrame frame(new shm_video_frame_t(), [this](shm_video_frame_t *locked) {
         --framesAlive;
+        egl.events << QStringLiteral("unlock %1").arg(locked->session);
         delete locked;
     });
     ++framesAlive;
@@ -283,6 +301,33 @@ void tst_EglImageItem::imagesCanBeSwitchedOff()
     QCOMPARE(item()->framePath(), LiveVideo::EglImage);
 }
 
+// The image is made, and GL does not take it: as a driver that imports what it cannot draw from.
+void tst_EglImageItem::aTextureThatIsRefusedIsSaidSo()
+{
+    egl.refuseTextures = true;
+    criticals.clear();
+    const QtMessageHandler before = qInstallMessageHandler(noteCriticals);
+    QImage image;
+    for (quint64 session = 1; session <= 3; ++session) { // of fresh publishers, so that each is tried
+        item()->present(nv12(-1, session));
+        image = renderer->render();
+    }
+    qInstallMessageHandler(before);
+    QCOMPARE(criticals, QStringList(QStringLiteral("glEGLImageTargetTexture2DOES failed: GL_INVALID_VALUE: "
+                                                   "this is no image to it (0x0501)")));
+    QCOMPARE(egl.created, 3);
+    QCOMPARE(egl.destroyed, 3);
+    COMPARE_PICTURE(image);
+    QCOMPARE(item()->framePath(), LiveVideo::Mapped);
+    QCOMPARE(item()->framePathReason(),
+             QStringLiteral("EGL could not import the frame's memory, see the log"));
+    QCOMPARE(framesAlive, 1);
+    egl.refuseTextures = false;
+    item()->present(nv12(-1, 4));
+    COMPARE_PICTURE(renderer->render());
+    QCOMPARE(item()->framePath(), LiveVideo::EglImage);
+}
+
 void tst_EglImageItem::holdsTheShownFrameAndNoOther()
 {
     for (int i = 1; i <= 5; ++i) {
@@ -295,6 +340,72 @@ void tst_EglImageItem::holdsTheShownFrameAndNoOther()
     }
     item()->clear();
     renderer->renderUnseen();
+    QCOMPARE(framesAlive, 0);
+}
+
+// Once it is unlocked, the store writes into the memory: nothing may draw from it then.
+void tst_EglImageItem::imageAndTextureGoBeforeTheLock()
+{
+    const auto eventsOf = [this](const std::function<void()> &step) {
+        egl.events.clear();
+        step();
+        renderer->renderUnseen();
+        return egl.events;
+    };
+    const auto present = [this](quint64 session) { item()->present(nv12(-1, session)); };
+    QCOMPARE(eventsOf([&] { present(1); }), QStringList({"image", "bound", "image gone"}));
+    QCOMPARE(eventsOf([&] { present(2); }), QStringList({"image", "bound", "image gone", "unlock 1"}));
+    QCOMPARE(eventsOf([&] { item()->clear(); }), QStringList({"texture gone", "unlock 2"}));
+
+    present(3);
+    renderer->renderUnseen();
+    QCOMPARE(eventsOf([&] { item()->setEglImages(false); }),
+             QStringList("texture gone")); // its planes are shown
+    item()->setEglImages(true);
+    QCOMPARE(eventsOf([] {}), QStringList({"image", "bound", "image gone"}));
+    QCOMPARE(eventsOf([&] { renderer->deleteItem(); }), QStringList({"texture gone", "unlock 3"}));
+    renderer->renewItem();
+
+    // A frame with an image of the application's own: that goes with the last copy, and then the lock.
+    QVideoFrame frame = nv12(-1, 4);
+    renderer->renderUnseen();
+    QVERIFY(static_cast<ShmemDmaVideoBuffer *>(frame.buffer())->createHandle());
+    QCOMPARE(eventsOf([&] { item()->present(frame); }), QStringList("bound"));
+    frame = QVideoFrame();
+    QCOMPARE(eventsOf([&] { item()->clear(); }), QStringList({"texture gone", "image gone", "unlock 4"}));
+}
+
+// In two windows, each with a context of its own, and twice in one of them.
+void tst_EglImageItem::twoItemsShowOneFrame()
+{
+    ItemRenderer other(pictureSize);
+    QVERIFY(other.isValid());
+    const auto small = std::make_unique<LiveVideo>(renderer->root());
+    small->setSize(QSizeF(64, 32)); // bars of 8 pixels over those of 16
+    QVideoFrame frame = nv12();
+    for (LiveVideo *each : {item(), other.item(), small.get()})
+        each->present(frame);
+    frame = QVideoFrame();
+    const QImage both = renderer->render();
+    COMPARE_PICTURE(other.render());
+    for (LiveVideo *each : {item(), other.item(), small.get()})
+        QCOMPARE(each->framePath(), LiveVideo::EglImage);
+    QVERIFY(isNear(both.pixel(12, 8), qRgb(255, 255, 0))); // the second bar of the small one
+    QVERIFY(isNear(both.pixel(20, 8), qRgb(0, 255, 255)));
+    QVERIFY(isNear(both.pixel(24, 48), qRgb(128, 128, 128))); // the large one below it
+    QCOMPARE(egl.created, 3);
+    QCOMPARE(egl.alive(), 0);
+    QCOMPARE(framesAlive, 1);
+
+    // Who goes takes nothing from the others.
+    small->clear();
+    COMPARE_PICTURE(renderer->render());
+    item()->clear();
+    renderer->renderUnseen();
+    COMPARE_PICTURE(other.render());
+    QCOMPARE(framesAlive, 1);
+    other.deleteItem();
+    other.renderUnseen();
     QCOMPARE(framesAlive, 0);
 }
 
@@ -421,11 +532,6 @@ void tst_EglImageItem::fillModesPlaceThePicture()
     keepArtifact(stretched, QStringLiteral("eglimage-fill-stretch"));
     keepArtifact(cropped, QStringLiteral("eglimage-fill-crop"));
 
-    const auto isNear = [](QRgb pixel, QRgb color) {
-        return qAbs(qRed(pixel) - qRed(color)) <= tolerance &&
-               qAbs(qGreen(pixel) - qGreen(color)) <= tolerance &&
-               qAbs(qBlue(pixel) - qBlue(color)) <= tolerance;
-    };
     const QRgb black = qRgb(0, 0, 0), white = qRgb(255, 255, 255), yellow = qRgb(255, 255, 0),
                green = qRgb(0, 255, 0);
     QVERIFY(isNear(fit.pixel(8, 16), black)); // above the picture
@@ -458,6 +564,41 @@ void tst_EglImageItem::followsTheTurnOfItsWindow()
              qPrintable(QColor(yellow).name()));
     COMPARE_PICTURE(landscape);
     QCOMPARE(egl.created, 1); // the same frame all the time
+}
+
+// Said in the log and in the reason, and the picture is there without another frame.
+void tst_EglImageItem::aShaderThatIsNotBuiltCostsThePathAndNotThePicture()
+{
+    const QString message = QStringLiteral("QSGMaterialShader: Shader compilation failed:");
+    ItemRenderer other(pictureSize); // where nothing has been built yet
+    QVERIFY(other.isValid());
+    const auto show = [&](const char *word, int pixelFormat) {
+        egl.brokenShader = word;
+        warnings.clear();
+        const QtMessageHandler before = qInstallMessageHandler(noteCriticals);
+        other.item()->present(handMade(pixelFormat));
+        QImage image;
+        for (int i = 0; i < 3; ++i)
+            image = other.render();
+        qInstallMessageHandler(before);
+        return image;
+    };
+    COMPARE_PICTURE(show("samplerExternalOES", SHM_PIXEL_FORMAT_NV12));
+    QCOMPARE(warnings.count(message), 1);
+    QVERIFY(!warnings.filter(QStringLiteral("broken by the test")).isEmpty());
+    QCOMPARE(other.item()->framePath(), LiveVideo::Mapped);
+    QCOMPARE(other.item()->framePathReason(),
+             QStringLiteral("the shader for EGL images could not be built, see the log"));
+    COMPARE_PICTURE(show("samplerExternalOES", SHM_PIXEL_FORMAT_NV12));
+    QCOMPARE(warnings, QStringList()); // not tried again
+
+    COMPARE_PICTURE(show("plane2", SHM_PIXEL_FORMAT_YUV420P)); // of three planes, the one not built yet
+    QCOMPARE(warnings.count(message), 1);
+    QCOMPARE(other.item()->framePath(), LiveVideo::Converted);
+    QCOMPARE(other.item()->framePathReason(), QStringLiteral("the shader could not be built, see the log"));
+    QCOMPARE(other.item()->problem(), QString()); // there is a picture
+    other.deleteItem();
+    other.renderUnseen();
 }
 
 QTEST_MAIN(tst_EglImageItem)

@@ -5,6 +5,7 @@
 #include "payloadguard.h"
 #include "recordedegl.h"
 #include "testpicture.h"
+#include "udmabuflimit.h"
 
 #include <zevqt-mm/mediaprovider.h>
 #include <zevqt-mm/mediasource.h>
@@ -23,6 +24,7 @@ namespace {
 
 const int tolerance = 3;
 const QString storeName = QStringLiteral("picture");
+const UdmabufLimit udmabufLimit; // before the process that publishers are made from
 
 // Mappings and descriptors of stores' memory that this process has, whoever made them: the library, EGL.
 QStringList storeMemory()
@@ -74,7 +76,9 @@ private Q_SLOTS:
     void cleanupTestCase();
     void publishedFrames_data();
     void publishedFrames();
+    void plainMemoryIsUploadedAndSaysWhy_data();
     void plainMemoryIsUploadedAndSaysWhy();
+    void framesBeyondTheKernelsLimitAreUploaded();
     void noByteOfAFrameIsTouched_data();
     void noByteOfAFrameIsTouched();
     void goesWhileFramesAreInFlight();
@@ -158,13 +162,34 @@ void tst_PublishedFrames::publishedFrames()
     QVERIFY2(picture.worstDifference(image, &where) <= tolerance, qPrintable(where));
 }
 
+void tst_PublishedFrames::plainMemoryIsUploadedAndSaysWhy_data()
+{
+    QTest::addColumn<int>("pixelFormat");
+    QTest::addColumn<int>("matrix");
+    QTest::addColumn<int>("range");
+    const auto add = [](int format, shm_matrix matrix, shm_range range) {
+        QTest::addRow("%s %s %s", shm_pixel_format_name(format), shm_matrix_name(matrix),
+                      shm_range_name(range))
+            << format << int(matrix) << int(range);
+    };
+    add(SHM_PIXEL_FORMAT_NV12, SHM_MATRIX_BT601, SHM_RANGE_FULL);
+    add(SHM_PIXEL_FORMAT_NV12, SHM_MATRIX_BT709, SHM_RANGE_LIMITED);
+    add(SHM_PIXEL_FORMAT_NV12, SHM_MATRIX_BT2020, SHM_RANGE_FULL);
+    add(SHM_PIXEL_FORMAT_YUV420P, SHM_MATRIX_BT709, SHM_RANGE_FULL);
+    add(SHM_PIXEL_FORMAT_YUV420P, SHM_MATRIX_BT601, SHM_RANGE_LIMITED);
+    add(SHM_PIXEL_FORMAT_YUV420P, SHM_MATRIX_BT2020, SHM_RANGE_LIMITED);
+    add(SHM_PIXEL_FORMAT_YVU420P, SHM_MATRIX_BT709, SHM_RANGE_LIMITED);
+}
+
 void tst_PublishedFrames::plainMemoryIsUploadedAndSaysWhy()
 {
+    QFETCH(int, pixelFormat);
+    QFETCH(int, matrix);
+    QFETCH(int, range);
+    const auto colors = static_cast<shm_matrix>(matrix);
+    const auto samples = static_cast<shm_range>(range);
     DmaPublisher publisher;
-    DmaPublication publication;
-    publication.memory = "memfd";
-    publication.matrix = SHM_MATRIX_BT601;
-    QVERIFY(publisher.start(publication));
+    QVERIFY(publisher.start({"memfd", pixelFormat, colors, samples}));
     MediaSource source(storeName, 5000);
     QVERIFY(source.open());
     QVERIFY(presentNewest(source, renderer->item()));
@@ -172,6 +197,30 @@ void tst_PublishedFrames::plainMemoryIsUploadedAndSaysWhy()
     QCOMPARE(renderer->item()->framePath(), LiveVideo::Mapped);
     QCOMPARE(renderer->item()->framePathReason(),
              QStringLiteral("no: frames are in plain memory; publish with the memory kind udmabuf"));
+    QString where;
+    QVERIFY2(TestPicture(colors, samples).worstDifference(image, &where) <= tolerance, qPrintable(where));
+    keepArtifact(image,
+                 QStringLiteral("mapped-%1-%2-%3")
+                     .arg(QLatin1String(shm_pixel_format_name(pixelFormat)),
+                          QLatin1String(shm_matrix_name(colors)), QLatin1String(shm_range_name(samples))));
+}
+
+// Refused by the kernel, whose limit is lowered below these frames.
+void tst_PublishedFrames::framesBeyondTheKernelsLimitAreUploaded()
+{
+    QVERIFY(udmabufLimit.set(0));
+    DmaPublisher publisher;
+    const bool isStarted =
+        publisher.start({"udmabuf", SHM_PIXEL_FORMAT_NV12, SHM_MATRIX_BT601, SHM_RANGE_FULL});
+    QVERIFY(udmabufLimit.set(64));
+    QVERIFY(isStarted);
+    MediaSource source(storeName, 5000);
+    QVERIFY(source.open());
+    QVERIFY(presentNewest(source, renderer->item()));
+    const QImage image = renderer->render();
+    QCOMPARE(renderer->item()->framePath(), LiveVideo::Mapped);
+    QCOMPARE(renderer->item()->framePathReason(),
+             QStringLiteral("no: udmabuf refuses frames of 24576 bytes; raise its parameter size_limit_mb"));
     QString where;
     QVERIFY2(TestPicture(SHM_MATRIX_BT601, SHM_RANGE_FULL).worstDifference(image, &where) <= tolerance,
              qPrintable(where));
@@ -197,8 +246,15 @@ bool tst_PublishedFrames::presentNext(MediaSource &source)
 void tst_PublishedFrames::noByteOfAFrameIsTouched_data()
 {
     QTest::addColumn<QByteArray>("memory");
-    QTest::newRow("udmabuf") << QByteArray("udmabuf");
-    QTest::newRow("dma-heap") << QByteArray("dma-heap:system");
+    QTest::addColumn<int>("pixelFormat");
+    QTest::addColumn<int>("pages"); // of a frame's samples
+    // Luma of 256 bytes a line, 64 lines, and half as many of chroma.
+    const int nv12 = 256 * 64 / 4096 + 256 * 32 / 4096;
+    QTest::newRow("udmabuf") << QByteArray("udmabuf") << int(SHM_PIXEL_FORMAT_NV12) << nv12;
+    QTest::newRow("dma-heap") << QByteArray("dma-heap:system") << int(SHM_PIXEL_FORMAT_NV12) << nv12;
+    // Luma of 512 bytes a line, and two planes of chroma of 256.
+    QTest::newRow("udmabuf, three planes")
+        << QByteArray("udmabuf") << int(SHM_PIXEL_FORMAT_YUV420P) << 512 * 64 / 4096 + 2 * (256 * 32 / 4096);
 }
 
 // Every mapping of a frame's memory that the library has is inaccessible while frames are locked, imported,
@@ -206,8 +262,10 @@ void tst_PublishedFrames::noByteOfAFrameIsTouched_data()
 void tst_PublishedFrames::noByteOfAFrameIsTouched()
 {
     QFETCH(QByteArray, memory);
+    QFETCH(int, pixelFormat);
+    QFETCH(int, pages);
     DmaPublisher publisher;
-    QVERIFY(publisher.start({memory, SHM_PIXEL_FORMAT_NV12, SHM_MATRIX_BT709, SHM_RANGE_FULL}));
+    QVERIFY(publisher.start({memory, pixelFormat, SHM_MATRIX_BT709, SHM_RANGE_FULL}));
     MediaSource source(storeName, 5000);
     QVERIFY(source.open());
     PayloadGuard guard;
@@ -239,8 +297,7 @@ void tst_PublishedFrames::noByteOfAFrameIsTouched()
     renderer->item()->present(frame);
     renderer->renderUnseen();
     QCOMPARE(renderer->item()->framePath(), LiveVideo::Mapped);
-    // Luma of 256 bytes a line, 64 lines, and half as many of chroma.
-    QCOMPARE(guard.touchedPages(), 256 * 64 / 4096 + 256 * 32 / 4096);
+    QCOMPARE(guard.touchedPages(), pages);
 }
 
 // The provider's thread fetches on while the item goes, with frames shown, presented and queued.
