@@ -21,6 +21,7 @@ namespace {
 
 const int skipped = 77;
 bool isEgl = true;
+bool hasDriver = true;
 
 } // namespace
 
@@ -43,7 +44,8 @@ private:
 void tst_EGLCurrentContext::initTestCase()
 {
     surface.create();
-    if (!context.create() || !context.makeCurrent(&surface))
+    hasDriver = context.create() && context.makeCurrent(&surface);
+    if (!hasDriver)
         QSKIP("no OpenGL driver");
 }
 
@@ -121,7 +123,7 @@ int main(int argc, char **argv)
     }
     server.terminate();
     server.waitForFinished();
-    return result;
+    return result == 0 && !hasDriver ? skipped : result; // Qt calls it passed when everything is skipped
 }
 
 #include "tst_eglcurrentcontext.moc"

@@ -12,6 +12,7 @@
 namespace {
 
 const int tolerance = 3;
+const int toleranceOfImages = 10; // the processor's conversion is quick rather than exact
 const int limitMs = 120000;
 const QSize windowSize(80, 45); // emulated, every pixel counts
 
@@ -21,23 +22,42 @@ const char *const ofTheRig[] = {
     "VK_DRIVER_FILES", "VK_ICD_FILENAMES",   "LIBGL_ALWAYS_SOFTWARE", "GALLIUM_DRIVER",
     "EGL_PLATFORM",    "QT_QPA_PLATFORM"};
 
-QString whereBarsDiffer(const QImage &picture)
+QString whereBarsDiffer(const QImage &picture, const QSize &size, int allowed)
 {
     static const QRgb bars[] = {0xffffff, 0xffff00, 0x00ffff, 0x00ff00,
                                 0xff00ff, 0xff0000, 0x0000ff, 0x000000};
-    if (picture.size() != windowSize)
+    if (picture.size() != size)
         return QStringLiteral("there is no picture");
     for (int i = 0; i < 8; ++i) {
         const QRgb expected = bars[i];
-        const QRgb shown = picture.pixel(10 * i + 5, 15);
-        if (qAbs(qRed(shown) - qRed(expected)) > tolerance ||
-            qAbs(qGreen(shown) - qGreen(expected)) > tolerance ||
-            qAbs(qBlue(shown) - qBlue(expected)) > tolerance)
+        const QRgb shown = picture.pixel(size.width() * (2 * i + 1) / 16, size.height() / 3);
+        if (qAbs(qRed(shown) - qRed(expected)) > allowed ||
+            qAbs(qGreen(shown) - qGreen(expected)) > allowed ||
+            qAbs(qBlue(shown) - qBlue(expected)) > allowed)
             return QStringLiteral("bar %1 is %2 instead of %3")
                 .arg(i)
                 .arg(QColor(shown).name(), QColor(expected).name());
     }
     return {};
+}
+
+// DMA-bufs that a process has open: the kernel's, or the stand-in's, which are open with O_NOATIME
+// (01000000).
+int dmabufsOf(qint64 process)
+{
+    const QString folder = QStringLiteral("/proc/%1/").arg(process);
+    int count = 0;
+    for (const QString &entry : QDir(folder + QStringLiteral("fd"))
+                                    .entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System)) {
+        const QString target = QFile::symLinkTarget(folder + QStringLiteral("fd/") + entry);
+        QFile info(folder + QStringLiteral("fdinfo/") + entry);
+        const QRegularExpression isMarked(QStringLiteral("flags:\\s+0[0-7]*[1357][0-7]{6}\\s"));
+        const bool isStandIn = target.contains(QLatin1String("/memfd:shm-frame")) &&
+                               info.open(QIODevice::ReadOnly) &&
+                               isMarked.match(QString::fromLatin1(info.readAll())).hasMatch();
+        count += target.contains(QLatin1String("/dmabuf")) || isStandIn ? 1 : 0;
+    }
+    return count;
 }
 
 } // namespace
@@ -53,6 +73,10 @@ private Q_SLOTS:
     void uploaded_data();
     void uploaded();
     void onAKernelWithoutUdmabuf();
+    void dmabufsAreAskedForWhereFramesAreDrawn_data();
+    void dmabufsAreAskedForWhereFramesAreDrawn();
+    void headlessReadsPixels_data();
+    void headlessReadsPixels();
     void underX_data();
     void underX();
     void cleanup();
@@ -75,7 +99,10 @@ private:
     std::unique_ptr<QTemporaryDir> folder;
     std::unique_ptr<BoundProcess> publisher;
     QJsonObject report;
-    QString messages; // of the viewer
+    QString messages;      // of the viewer
+    QStringList arguments; // of the viewer, besides
+    int allowed = tolerance;
+    int dmabufs = 0; // that the viewer had open at the end
     QString problem;
 };
 
@@ -86,6 +113,9 @@ void tst_ViewerFramePath::init()
     qputenv("ZEV_SHM_DIR", QFile::encodeName(folder->path()));
     report = {};
     messages.clear();
+    arguments.clear();
+    allowed = tolerance;
+    dmabufs = 0;
     problem.clear();
 }
 
@@ -111,17 +141,22 @@ bool tst_ViewerFramePath::view(const QString &framePath, QProcessEnvironment env
     BoundProcess viewer;
     viewer.setProcessEnvironment(environment);
     viewer.start(QStringLiteral(VIEWER),
-                 {QStringLiteral("shm:///cam0"), QStringLiteral("--frame-path"), framePath,
-                  QStringLiteral("--size"), QStringLiteral("80x45"), QStringLiteral("--audio-device"),
-                  QStringLiteral("none"), QStringLiteral("--report"), reportFile});
+                 QStringList{QStringLiteral("shm:///cam0"), QStringLiteral("--frame-path"), framePath,
+                             QStringLiteral("--size"), QStringLiteral("80x45"),
+                             QStringLiteral("--audio-device"), QStringLiteral("none"),
+                             QStringLiteral("--report"), reportFile} +
+                     arguments);
     const QDeadlineTimer deadline(limitMs);
     // Twice: which path a picture took is known when the next one is drawn.
     for (int pictures = 0; pictures < 2; ++pictures) {
         QFile::remove(rigScreenshot());
         do {
-            problem = whereBarsDiffer(screenshot());
+            problem = whereBarsDiffer(screenshot(), windowSize, allowed);
         } while (!problem.isEmpty() && !viewer.waitForFinished(50) && !deadline.hasExpired());
+        if (!problem.isEmpty())
+            break;
     }
+    dmabufs = dmabufsOf(viewer.processId());
     viewer.terminate();
     viewer.waitForFinished(60000);
     messages = QString::fromUtf8(viewer.readAllStandardError());
@@ -225,6 +260,79 @@ void tst_ViewerFramePath::onAKernelWithoutUdmabuf()
     QCOMPARE(reported("frame_path_reason"),
              QStringLiteral(
                  "no: this kernel has no /dev/udmabuf; load the module udmabuf or enable CONFIG_UDMABUF"));
+}
+
+void tst_ViewerFramePath::dmabufsAreAskedForWhereFramesAreDrawn_data()
+{
+    QTest::addColumn<QString>("framePath");
+    QTest::addColumn<QStringList>("more");
+    QTest::addColumn<QByteArray>("variable"); // ZEV_GL_DMABUF of the one who starts it; null: none
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("frames") << "auto" << QStringList() << QByteArray() << "eglimage";
+    QTest::newRow("frames, switched off") << "auto" << QStringList() << QByteArray("") << "eglimage";
+    QTest::newRow("frames by the planes") << "mapped" << QStringList() << QByteArray("1") << "mapped";
+    QTest::newRow("images") << "auto" << QStringList({"--frames", "image"}) << QByteArray("1") << "image";
+    QTest::newRow("images by the planes")
+        << "mapped" << QStringList({"--frames", "image"}) << QByteArray("1") << "image";
+}
+
+// Whatever the environment says: with DMA-bufs there would be no images, and without them no imported frames.
+void tst_ViewerFramePath::dmabufsAreAskedForWhereFramesAreDrawn()
+{
+    QFETCH(QString, framePath);
+    QFETCH(QStringList, more);
+    QFETCH(QByteArray, variable);
+    QFETCH(QString, expected);
+    QVERIFY(publish({QStringLiteral("udmabuf"), QStringLiteral("yuv420p"), QStringLiteral("bt709")},
+                    QProcessEnvironment::systemEnvironment()));
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.remove(QStringLiteral("ZEV_GL_DMABUF"));
+    if (!variable.isNull())
+        environment.insert(QStringLiteral("ZEV_GL_DMABUF"), QString::fromLatin1(variable));
+    arguments = more;
+    allowed = expected == QLatin1String("image") ? toleranceOfImages : tolerance;
+    QVERIFY2(viewOnRig(framePath, QStringLiteral("asked-") + expected, environment), qPrintable(problem));
+    QCOMPARE(reported("frame_path"), expected);
+    QVERIFY2((dmabufs > 0) == (expected == QLatin1String("eglimage")), qPrintable(QString::number(dmabufs)));
+}
+
+void tst_ViewerFramePath::headlessReadsPixels_data()
+{
+    QTest::addColumn<QString>("frames");
+    QTest::newRow("frames") << "video";
+    QTest::newRow("images") << "image";
+}
+
+void tst_ViewerFramePath::headlessReadsPixels()
+{
+    QFETCH(QString, frames);
+    QVERIFY(publish({QStringLiteral("udmabuf"), QStringLiteral("yuv420p"), QStringLiteral("bt709")},
+                    QProcessEnvironment::systemEnvironment()));
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("ZEV_GL_DMABUF"), QStringLiteral("1"));
+    const QString snapshot = folder->filePath(QStringLiteral("snapshot.png"));
+    const QString reportFile = folder->filePath(QStringLiteral("report.json"));
+    BoundProcess viewer;
+    viewer.setProcessEnvironment(environment);
+    viewer.start(QStringLiteral(VIEWER),
+                 {QStringLiteral("shm:///cam0"), QStringLiteral("--headless"), QStringLiteral("--frames"),
+                  frames, QStringLiteral("--audio-device"), QStringLiteral("none"),
+                  QStringLiteral("--seconds"), QStringLiteral("2"), QStringLiteral("--snapshot"), snapshot,
+                  QStringLiteral("--report"), reportFile});
+    const QDeadlineTimer deadline(limitMs);
+    while (!viewer.waitForFinished(20) && !deadline.hasExpired())
+        dmabufs = qMax(dmabufs, dmabufsOf(viewer.processId()));
+    messages = QString::fromUtf8(viewer.readAllStandardError());
+    QVERIFY2(viewer.exitStatus() == QProcess::NormalExit && viewer.exitCode() == 0, qPrintable(messages));
+    QCOMPARE(dmabufs, 0);
+    QFile file(reportFile);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    report = QJsonDocument::fromJson(file.readAll()).object();
+    QVERIFY(report[QLatin1String("frames")].toInt() > 0);
+    const QImage picture(snapshot);
+    problem = whereBarsDiffer(picture, picture.size(), toleranceOfImages);
+    QVERIFY(picture.width() >= 320);
+    QVERIFY2(problem.isEmpty(), qPrintable(problem));
 }
 
 void tst_ViewerFramePath::underX_data()
