@@ -17,6 +17,13 @@ QAudioFormat pcm(int channels)
     return format;
 }
 
+int messages = 0;
+
+void count(QtMsgType, const QMessageLogContext &, const QString &)
+{
+    ++messages;
+}
+
 } // namespace
 
 class tst_AudioLevels : public QObject
@@ -30,6 +37,7 @@ private Q_SLOTS:
     void onePerChannel_data();
     void onePerChannel();
     void noFramesAreTheFloor();
+    void failuresSayNothing();
     void theRecordIsTwoFloats();
 };
 
@@ -96,6 +104,19 @@ void tst_AudioLevels::noFramesAreTheFloor()
     QCOMPARE(levels[1].rms, -120.0f);
     QCOMPARE(levels[1].max, -120.0f);
     QVERIFY(getRmsMaxDecibels(nullptr, 10, pcm(2)).isEmpty());
+}
+
+void tst_AudioLevels::failuresSayNothing()
+{
+    const QVector<qint16> samples(9 * 16, 1000);
+    const QtMessageHandler previous = qInstallMessageHandler(count);
+    const QVector<int> sizes{getRmsMaxDecibels(QAudioBuffer()).size(),
+                             getRmsMaxDecibels(samples.constData(), 16, pcm(9)).size(),
+                             getRmsMaxDecibels(nullptr, 16, pcm(2)).size(),
+                             getRmsMaxDecibels(samples.constData(), 16, pcm(0)).size()};
+    qInstallMessageHandler(previous);
+    QCOMPARE(sizes, QVector<int>(4, 0));
+    QCOMPARE(messages, 0);
 }
 
 void tst_AudioLevels::theRecordIsTwoFloats()

@@ -98,6 +98,13 @@ void tst_AudioReader::readsOfNothingCallNothing()
     QCOMPARE(byte, char(0x55));
     QCOMPARE(store().statusQueries, statusQueries);
     QVERIFY(store().queries.empty());
+    // Nor does it look whether there is anything to read from.
+    store().hasAudio = false;
+    QVERIFY(source->open());
+    QCOMPARE(reader->readData(&byte, 0), qint64(0));
+    read(4, -1);
+    reader->close();
+    QCOMPARE(reader->readData(&byte, 0), qint64(0));
 }
 
 void tst_AudioReader::firstReadStartsADelayBehindTheNewest_data()
@@ -350,9 +357,14 @@ void tst_AudioReader::waveformGetsWhatTheDeviceGets()
 {
     QBuffer waveform;
     QVERIFY(waveform.open(QIODevice::WriteOnly));
+    store().hasAudio = false; // silence at the beginning too
+    QVERIFY(source->open());
     QVERIFY(reader->open(source.get(), pcm(44100, 1), false));
     reader->setWaveformOutput(&waveform);
-    QByteArray expected = read(2000);
+    QByteArray expected = read(1000);
+    store().hasAudio = true;
+    QVERIFY(source->open());
+    expected += read(2000);
     store().deliverAtMost = 3;
     expected += read(3000);
     store().hasAudio = false;
@@ -495,6 +507,13 @@ void tst_AudioReader::checkDelta()
     const QStringList numbers = log.list.first().mid(start.size()).split(QLatin1Char(' '));
     QCOMPARE(numbers.size(), 2);
     QCOMPARE(numbers.at(0).toLongLong() - 60000000, numbers.at(1).toLongLong());
+
+    // And behind it, once more than a millisecond of audio has taken the wall six.
+    reader->resetTimer();
+    read(4 * 48);
+    reader->setMaxDelay(5000);
+    QTRY_VERIFY(reader->check_delta());
+    QVERIFY(log.list.last().section(QLatin1Char(' '), -1).toLongLong() > 5000);
 }
 
 void tst_AudioReader::categories()
