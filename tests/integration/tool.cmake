@@ -2,7 +2,7 @@
 if(ZEV_BUILD_TOOLS)
     pkg_check_modules(FFMPEG_MEDIA REQUIRED IMPORTED_TARGET
         libavformat libavcodec libswscale libswresample libavutil)
-    foreach(name errors info publish memory media network record dump)
+    foreach(name errors info publish memory media network record dump top)
         zev_test(tst_zevshm_${name}
             SOURCES
                 integration/tst_zevshm_${name}.cpp
@@ -16,7 +16,7 @@ if(ZEV_BUILD_TOOLS)
     find_package(Python3 COMPONENTS Interpreter)
     if(Python3_FOUND)
         set(help "$<TARGET_FILE:zevshm>,--help")
-        foreach(command publish list info snapshot record dump)
+        foreach(command publish list info snapshot record dump top)
             list(APPEND help "$<TARGET_FILE:zevshm>,${command},--help")
         endforeach()
         add_test(NAME manpage_zevshm COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/manpages.py
@@ -24,7 +24,7 @@ if(ZEV_BUILD_TOOLS)
         set_tests_properties(manpage_zevshm PROPERTIES LABELS integration TIMEOUT 60)
         zev_test_environment(manpage_zevshm)
     endif()
-    foreach(name record dump)
+    foreach(name record dump top)
         target_sources(tst_zevshm_${name} PRIVATE
             integration/zevshm_ownstore.cpp integration/zevshm_recording.cpp)
     endforeach()

@@ -258,7 +258,7 @@ TEST_F(ZevshmErrors, snapshots)
 
 TEST_F(ZevshmErrors, helpAndVersion)
 {
-    for (const char *command : {"publish", "list", "info", "snapshot", "record", "dump"}) {
+    for (const char *command : {"publish", "list", "info", "snapshot", "record", "dump", "top"}) {
         const Result help = run({command, "--help"});
         EXPECT_EQ(help.code, 0);
         EXPECT_EQ(help.errors, "");
@@ -270,7 +270,7 @@ TEST_F(ZevshmErrors, helpAndVersion)
     EXPECT_EQ(help.code, 0);
     EXPECT_EQ(run({"-h"}).output, help.output);
     for (const char *command :
-         {"publish", "list", "info", "snapshot", "record", "dump", "Exit codes:", "Examples:"})
+         {"publish", "list", "info", "snapshot", "record", "dump", "top", "Exit codes:", "Examples:"})
         EXPECT_NE(help.output.find(command), std::string::npos);
     const Result version = run({"--version"});
     EXPECT_EQ(version.code, 0);

@@ -72,7 +72,7 @@ bool StoreDirectory::hasSocket(const std::string &store) const
     return false;
 }
 
-Zevshm::Zevshm(const std::vector<std::string> &arguments, int inputFd, int errorFd)
+Zevshm::Zevshm(const std::vector<std::string> &arguments, int inputFd, int errorFd, int outputFd)
 {
     // Files in memory: output of any length never blocks the process.
     m_outputFd = memfd_create("output", MFD_CLOEXEC);
@@ -83,7 +83,7 @@ Zevshm::Zevshm(const std::vector<std::string> &arguments, int inputFd, int error
         posix_spawn_file_actions_adddup2(&actions, inputFd, STDIN_FILENO);
     else
         posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, m_outputFd, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, outputFd >= 0 ? outputFd : m_outputFd, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, errorFd >= 0 ? errorFd : m_errorFd, STDERR_FILENO);
     std::vector<char *> argv = {const_cast<char *>(ZEVSHM_PROGRAM)};
     for (const std::string &argument : arguments)

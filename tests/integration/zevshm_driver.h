@@ -43,8 +43,10 @@ private:
 class Zevshm
 {
 public:
-    // Borrows the descriptors. With `errorFd` its messages go there, and errors() is empty.
-    explicit Zevshm(const std::vector<std::string> &arguments, int inputFd = -1, int errorFd = -1);
+    // Borrows the descriptors. With `errorFd` its messages go there, and errors() is empty; with `outputFd`
+    // the same for output().
+    explicit Zevshm(const std::vector<std::string> &arguments, int inputFd = -1, int errorFd = -1,
+                    int outputFd = -1);
     ~Zevshm();
     Zevshm(const Zevshm &) = delete;
     Zevshm &operator=(const Zevshm &) = delete;

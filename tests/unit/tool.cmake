@@ -8,6 +8,7 @@ if(ZEV_BUILD_TOOLS)
             unit/tst_zevshm_json.cpp
             unit/tst_zevshm_mediaclock.cpp
             unit/tst_zevshm_options.cpp
+            unit/tst_zevshm_toptable.cpp
             unit/tst_zevshm_turn.cpp
         LIBRARIES zevshm-core Qt5::Core GTest::gtest_main)
     zev_test(tst_zevshm_pattern

@@ -15,6 +15,7 @@ int listCommand(const std::vector<std::string> &words);
 int infoCommand(const std::vector<std::string> &words);
 int snapshotCommand(const std::vector<std::string> &words);
 int recordCommand(const std::vector<std::string> &words);
+int topCommand(const std::vector<std::string> &words);
 int dumpCommand(const std::vector<std::string> &words);
 
 // Names are checked before anything is opened, so that a bad name has its own exit code.

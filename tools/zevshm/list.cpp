@@ -3,11 +3,8 @@
 #include "report.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <thread>
 
 namespace zevshm {
@@ -54,18 +51,8 @@ int listCommand(const std::vector<std::string> &words)
         return ExitOk;
     }
     std::vector<Entry> entries;
-    const int found = shm_list_stores(
-        [](void *context, const char *name, const char *directory) {
-            static_cast<std::vector<Entry> *>(context)->push_back({name, directory, {}, {}});
-        },
-        &entries);
-    if (found < 0 && (found != -ENOENT || isChosenDirectoryMissing())) {
-        const char *directory = std::getenv("ZEV_SHM_DIR");
-        throw Failure(found == -ENOENT ? ExitDirectory : exitCodeForReader(found),
-                      std::string(directory && *directory ? directory : "the store directories") +
-                          ": cannot be read (" + std::strerror(-found) +
-                          "); check $ZEV_SHM_DIR and the permissions");
-    }
+    for (const StoreEntry &found : listStores())
+        entries.push_back({found.name, found.directory, {}, {}});
 
     for (Entry &entry : entries)
         entry.reader = tryOpenStore(entry.name, entry.error);
@@ -86,12 +73,7 @@ int listCommand(const std::vector<std::string> &words)
                 {entry.name, "live", std::to_string(std::max(report.info.readers - 1, 0)), summary(report)});
         } catch (const Failure &failure) {
             writeDead(json, entry, failure.what());
-            const int code = -entry.error.code;
-            rows.push_back({entry.name,
-                            code == EACCES      ? "no access"
-                            : code == ETIMEDOUT ? "silent"
-                                                : "dead",
-                            "-", "-"});
+            rows.push_back({entry.name, stateOf(entry.error.code), "-", "-"});
         }
     }
     json.endArray();

@@ -20,6 +20,7 @@ void printHelp()
         "Commands:\n"
         "  publish NAME INPUT       publish a file, a stream, a pipe or a test picture\n"
         "  list                     show the stores that can be read from here\n"
+        "  top                      show all stores and how they are doing, live\n"
         "  info NAME                show what a store carries and how it is doing\n"
         "  snapshot NAME FILE.png   write a frame as a picture\n"
         "  record NAME FILE         record video and sound\n"
@@ -44,6 +45,7 @@ void printHelp()
         "  zevshm publish cam1 test:\n"
         "  zevshm publish cam1 movie.mp4 --loop\n"
         "  zevshm list\n"
+        "  zevshm top\n"
         "  zevshm info cam1 --json\n"
         "  zevshm snapshot cam1 cam1.png\n"
         "  zevshm record cam1 minute.mkv --seconds 60\n"
@@ -56,6 +58,7 @@ int run(const std::vector<std::string> &words)
     static const std::map<std::string, int (*)(const std::vector<std::string> &)> commands = {
         {"publish", publishCommand},   {"list", listCommand},     {"info", infoCommand},
         {"snapshot", snapshotCommand}, {"record", recordCommand}, {"dump", dumpCommand},
+        {"top", topCommand},
     };
     if (words.empty())
         throw Failure(ExitUsage, "a command is missing; see 'zevshm --help'");

@@ -9,10 +9,6 @@
 
 namespace zevshm {
 
-namespace {
-constexpr int openTimeoutMs = 1000;
-}
-
 ExitCode exitCodeForReader(int negativeErrno)
 {
     switch (-negativeErrno) {
@@ -44,11 +40,11 @@ void checkStoreName(const std::string &name)
         throw Failure(ExitBadName, error.message);
 }
 
-ReaderPtr tryOpenStore(const std::string &name, shm_error_t &error)
+ReaderPtr tryOpenStore(const std::string &name, shm_error_t &error, int timeoutMs)
 {
     shm_reader_options_t options{};
     options.size = sizeof options;
-    options.timeout_ms = openTimeoutMs;
+    options.timeout_ms = timeoutMs;
     return ReaderPtr(shm_reader_open_with(name.c_str(), &options, &error));
 }
 
@@ -56,6 +52,29 @@ bool isChosenDirectoryMissing()
 {
     const char *directory = std::getenv("ZEV_SHM_DIR");
     return directory && *directory && shm_list_stores(nullptr, nullptr) == -ENOENT;
+}
+
+std::vector<StoreEntry> listStores()
+{
+    std::vector<StoreEntry> entries;
+    const int found = shm_list_stores(
+        [](void *context, const char *name, const char *directory) {
+            static_cast<std::vector<StoreEntry> *>(context)->push_back({name, directory});
+        },
+        &entries);
+    if (found < 0 && (found != -ENOENT || isChosenDirectoryMissing())) {
+        const char *directory = std::getenv("ZEV_SHM_DIR");
+        throw Failure(found == -ENOENT ? ExitDirectory : exitCodeForReader(found),
+                      std::string(directory && *directory ? directory : "the store directories") +
+                          ": cannot be read (" + std::strerror(-found) +
+                          "); check $ZEV_SHM_DIR and the permissions");
+    }
+    return entries;
+}
+
+std::string stateOf(int negativeErrno)
+{
+    return negativeErrno == -EACCES ? "no access" : negativeErrno == -ETIMEDOUT ? "silent" : "dead";
 }
 
 ReaderPtr openStore(const std::string &name)

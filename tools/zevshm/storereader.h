@@ -48,7 +48,17 @@ StoreReport readReport(shm_reader_t *reader, const std::string &name);
 double framesPerSecond(const shm_store_info_t &info);
 
 // Connects, but does not fail: an empty pointer and why.
-ReaderPtr tryOpenStore(const std::string &name, shm_error_t &error);
+ReaderPtr tryOpenStore(const std::string &name, shm_error_t &error, int timeoutMs = 1000);
+
+struct StoreEntry
+{
+    std::string name;
+    std::string directory;
+};
+// The stores that can be seen from here; Failure (ExitDirectory) when nothing can be seen.
+std::vector<StoreEntry> listStores();
+// "dead", "silent" or "no access": of a store that could not be opened.
+std::string stateOf(int negativeErrno);
 
 } // namespace zevshm
 
