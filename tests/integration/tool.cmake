@@ -23,6 +23,14 @@ if(ZEV_BUILD_TOOLS)
             ${PROJECT_SOURCE_DIR}/docs/man/zevshm.1 ${help})
         set_tests_properties(manpage_zevshm PROPERTIES LABELS integration TIMEOUT 60)
         zev_test_environment(manpage_zevshm)
+        find_program(BASH_PROGRAM bash)
+        if(BASH_PROGRAM)
+            add_test(NAME completion_zevshm COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/completion.py
+                ${PROJECT_SOURCE_DIR}/tools/zevshm/completion/zevshm ${PROJECT_SOURCE_DIR}/docs/man/zevshm.1
+                $<TARGET_FILE:zevshm>)
+            set_tests_properties(completion_zevshm PROPERTIES LABELS integration TIMEOUT 120)
+            zev_test_environment(completion_zevshm)
+        endif()
     endif()
     foreach(name record dump top)
         target_sources(tst_zevshm_${name} PRIVATE
