@@ -87,7 +87,7 @@ void Sound::check()
     }
     const qint64 newest = newestAudio();
     const bool isActive = m_player->isActive();
-    if (!m_watch.check(now, isActive, m_player->getReadPosition(), newest)) {
+    if (!m_watch.check(now, isActive, m_player->getReadPosition(), newest, m_player->getReserve())) {
         const qint64 wallNow = wallClockUs();
         if (isActive && m_age.isKnown(wallNow) && newest > 0)
             m_delay = newest - (wallNow - m_age.age());

@@ -9,17 +9,17 @@
  * Decides when a player that is meant to play should be started anew.
  *
  * A player stops by itself when the clock is set or the device fails; a device that was taken away may also
- * leave it playing into nothing; and a source whose clock is slower than the device's lets the distance
- * between the newest audio and the read position (the reserve) run out, from when on every read ends in a
- * little silence. A source that was away for a second or more is read from a full delay behind, with the
- * output's buffer full of silence: the sound is later than before by that buffer. Starting anew mends all
- * four.
+ * leave it playing into nothing; and a source whose clock is slower than the device's lets what a read leaves
+ * in it (the reserve) run out, from when on reads end in a little silence. A source that was away for a
+ * second or more is read from a full delay behind, with the output's buffer full of silence: the sound is
+ * later than before by that buffer. Starting anew mends all four.
  *
  * Usage: begin() whenever playing was started; check() a few times a second with what the player and the
  * source say, and start again when it answers true. It knows no clock and no player.
  *
  *     const qint64 newest = source->getAudioLastTimestamp();
- *     if (watch.check(monotonicUs, player->isActive(), player->getReadPosition(), newest)) {
+ *     if (watch.check(monotonicUs, player->isActive(), player->getReadPosition(), newest,
+ *                     player->getReserve())) {
  *         player->start(source, fps);
  *         watch.begin(monotonicUs);
  *     }
@@ -44,7 +44,8 @@ public:
     };
 
     void begin(qint64 now);
-    bool check(qint64 now, bool isActive, qint64 readPosition, qint64 newest);
+    /*! `reserve`: what the last read left, however long ago that was; -1: not known. */
+    bool check(qint64 now, bool isActive, qint64 readPosition, qint64 newest, qint64 reserve);
     /*! Of the last check(); None since begin(). */
     Reason reason() const { return lastReason; }
     /*! Smallest reserve in the last whole second; -1 while it is not known. */
@@ -54,7 +55,7 @@ private:
     void followSource(qint64 now, qint64 newest);
     void closeWindow(qint64 now);
     bool mayRestart(qint64 now) const;
-    Reason findReason(qint64 now, bool isActive, qint64 readPosition, qint64 newest);
+    Reason findReason(qint64 now, bool isActive, qint64 readPosition, qint64 newest, qint64 reserve);
 
     qint64 started = 0;
     qint64 backoff = 0;

@@ -37,7 +37,10 @@ class QAudioOutput;
  * Units: timestamps and delays in wall-clock microseconds; rates in Hz; volume linear, 0 to 1.
  *
  * Errors: false from setDevice() and start(), with a message in the category "zevqt.audio", also for a device
- * that the sound server has no longer; start() without a device or source says nothing.
+ * that the sound server has no longer; start() without a device or source says nothing. failure() tells which
+ * of these it was. A sound server that was not there when Qt first looked for devices is found by
+ * setDevice(), which has to be asked again then, some seconds later; so ask it before anything else in the
+ * process looks.
  *
  * Cost: start() opens the device and may wait for a sound server; the rest does not wait.
  */
@@ -51,11 +54,23 @@ class ZEVQTMM_EXPORT AudioPlayer : public QObject
     Q_PROPERTY(int fixedSampleRate READ fixedSampleRate WRITE setFixedSampleRate)
 
 public:
+    /*! Why the last start() failed. */
+    enum Failure {
+        NoFailure,     // it did not
+        NotAsked,      // no device is selected, or there was no source
+        DeviceGone,    // the sound server has it no longer
+        SourceSilent,  // audio was required and the source has none
+        FormatRefused, // what the source has cannot be converted to what the device takes
+        DeviceFailed,  // it could not be opened
+    };
+
     static AudioPlayer *getInstance();
     static void teardown();
 
     /*! True once a device is selected. */
     bool enabled() const;
+    /*! Null while none is selected. */
+    const QAudioDeviceInfo &selectedDevice() const { return device; }
     /*! True while the device takes audio. */
     bool isActive() const;
     double volume() const;
@@ -68,11 +83,15 @@ public:
     int fixedSampleRate() const;
     /*! Of the device; 0 when not active. */
     int sampleRate() const;
+    Failure failure() const { return failure_; }
+    /*! What the device was asked for in the last start(). */
+    QAudioFormat playedFormat() const { return playedFormat_; }
+    /*! What `fps` of start() is, for what is playing too. */
+    void setReportRate(double fps);
     /*! Source timestamp being heard; 0 when not active or nothing was read yet. Call it at a steady rate. */
     qint64 getPlayedTime();
     /*!
-     * Source timestamp of the next sample to read; 0 when there is none. Its distance to the source's newest
-     * audio is what may come late without a gap.
+     * Source timestamp of the next sample to read; 0 when there is none.
      */
     qint64 getReadPosition() const;
     /*!
@@ -85,6 +104,11 @@ public:
      * added for it.
      */
     qint64 getDevicePosition() const;
+    /*!
+     * What the last read left in the source, which may come late without a gap; microseconds, 0 when it was
+     * short, -1 when that is not known.
+     */
+    qint64 getReserve() const;
     /*! Where sound was missing, in all that was played so far. */
     const AudioReader::Gaps &getGaps() const { return reader.getGaps(); }
 
@@ -145,6 +169,8 @@ private:
     int fixedSampleRate_;
     bool isOutputEmitting;
     bool isRateConverted; // by the device's system
+    Failure failure_;
+    QAudioFormat playedFormat_;
 };
 
 #endif

@@ -97,6 +97,11 @@ public:
     /*! Audio that was read from the source and not yet taken by the output; microseconds. */
     qint64 readAhead() const;
     const Gaps &getGaps() const { return gaps; }
+    /*!
+     * What the last read left: the newest audio at that time less the position after it; microseconds, 0 when
+     * the read was short, -1 before the first one since open() and while there is no audio.
+     */
+    qint64 getReserve() const { return reserve; }
 
 private:
     void anchor(qint64 last, qint64 span);
@@ -120,6 +125,7 @@ private:
     QVector<unsigned char> inputBuffer;
     QIODevice *waveformOutput;
     Gaps gaps;
+    qint64 reserve; // that the last read left
 };
 
 #endif

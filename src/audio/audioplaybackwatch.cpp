@@ -18,7 +18,8 @@ const int dryWindowsToRestart = 5;
 
 void AudioPlaybackWatch::begin(qint64 now)
 {
-    if (backoff == 0 || now - started >= healthyAfter)
+    // What ran dry had a reserve before: the start before has helped, however fast the source loses it.
+    if (backoff == 0 || now - started >= healthyAfter || lastReason == Dry)
         backoff = firstBackoff;
     else
         backoff = qMin(2 * backoff, longestBackoff);
@@ -42,15 +43,15 @@ bool AudioPlaybackWatch::mayRestart(qint64 now) const
     return backoff == 0 || now - started >= backoff;
 }
 
-bool AudioPlaybackWatch::check(qint64 now, bool isActive, qint64 readPosition, qint64 newest)
+bool AudioPlaybackWatch::check(qint64 now, bool isActive, qint64 readPosition, qint64 newest, qint64 reserve)
 {
-    const Reason reason = findReason(now, isActive, readPosition, newest);
+    const Reason reason = findReason(now, isActive, readPosition, newest, reserve);
     lastReason = mayRestart(now) ? reason : None;
     return lastReason != None;
 }
 
 AudioPlaybackWatch::Reason AudioPlaybackWatch::findReason(qint64 now, bool isActive, qint64 readPosition,
-                                                          qint64 newest)
+                                                          qint64 newest, qint64 reserve)
 {
     followSource(now, newest);
     if (!isActive)
@@ -65,10 +66,8 @@ AudioPlaybackWatch::Reason AudioPlaybackWatch::findReason(qint64 now, bool isAct
         return Stuck;
     }
 
-    if (readPosition > 0 && newest > 0 && !isSourceAway) {
-        const qint64 reserveNow = qMax<qint64>(0, newest - readPosition);
-        windowReserve = windowReserve < 0 ? reserveNow : qMin(windowReserve, reserveNow);
-    }
+    if (reserve >= 0 && newest > 0 && !isSourceAway)
+        windowReserve = windowReserve < 0 ? reserve : qMin(windowReserve, reserve);
     if (now - windowStart >= second)
         closeWindow(now);
     if (isSourceBack)
@@ -89,14 +88,18 @@ void AudioPlaybackWatch::followSource(qint64 now, qint64 newest)
     lastNews = now;
 }
 
-// Right after a read the reserve is what is left when the device has got what it wanted. Only a reserve that
-// was there once can run out: where the delay is too short for the device, starting anew would not help.
+// Only a reserve that was there once can run out: where the delay is too short for the device, starting anew
+// would not help. The seconds in which it ran out need not follow each other. With long blocks it is the read
+// just before the next block that finds too little, and it may be seconds until a read comes just then again.
 void AudioPlaybackWatch::closeWindow(qint64 now)
 {
     lastReserve = windowReserve;
     windowReserve = -1;
     windowStart = now;
-    if (lastReserve > healthyReserve)
+    if (lastReserve > healthyReserve) {
         wasHealthy = true;
-    dryWindows = wasHealthy && lastReserve >= 0 && lastReserve <= dryReserve ? dryWindows + 1 : 0;
+        dryWindows = 0;
+    } else if (wasHealthy && lastReserve >= 0 && lastReserve <= dryReserve) {
+        ++dryWindows;
+    }
 }

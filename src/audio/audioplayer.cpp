@@ -12,6 +12,7 @@
 
 #include <cmath>
 #include <limits>
+#include <utility>
 
 namespace {
 
@@ -44,7 +45,7 @@ void AudioPlayer::teardown()
 
 AudioPlayer::AudioPlayer()
     : output(nullptr), volume_(1.0), muted_(false), timeBase(0), correction(0.0), fixedSampleRate_(-1),
-      isOutputEmitting(false), isRateConverted(false)
+      isOutputEmitting(false), isRateConverted(false), failure_(NoFailure)
 {
     SoundServerReturn::watch();
 }
@@ -53,7 +54,7 @@ AudioPlayer::~AudioPlayer()
 {
     device = QAudioDeviceInfo(); // no slot of playerStopped() starts anew
     stop();                      // the backends of Qt 5 abort the process when an active output is destroyed
-    delete output;
+    delete std::exchange(output, nullptr); // closing may handle events, of which some may ask the player
     qCDebug(audio) << "Audio player destroyed";
 }
 
@@ -102,6 +103,11 @@ qint64 AudioPlayer::getReadPosition() const
     return reader.isOpen() ? reader.getReadPosition() : 0;
 }
 
+qint64 AudioPlayer::getReserve() const
+{
+    return reader.isOpen() ? reader.getReserve() : -1;
+}
+
 qint64 AudioPlayer::getDevicePosition() const
 {
     if (!isActive() || getReadPosition() == 0)
@@ -118,8 +124,11 @@ bool AudioPlayer::setDevice(QString name)
         stop();
     if (name.isEmpty())
         return true;
+    SoundServerReturn::findBackend();
     if (name == QLatin1String("default")) {
         selectDevice(QAudioDeviceInfo::defaultOutputDevice());
+        if (!soundserver::isItsDevice(device)) // whose devices come first
+            SoundServerReturn::lookForServer({});
         qCDebug(audio) << "Selected default audio playback device" << device.deviceName();
         return true;
     }
@@ -132,11 +141,13 @@ bool AudioPlayer::setDevice(QString name)
         }
     }
     qCWarning(audio) << "Audio playback device" << name << "not found";
+    SoundServerReturn::lookForServer(devices);
     return false;
 }
 
 bool AudioPlayer::start(MediaSource *source, double fps, bool requireAudio)
 {
+    failure_ = NotAsked;
     if (device.isNull() || !source)
         return false;
     stop();
@@ -146,23 +157,26 @@ bool AudioPlayer::start(MediaSource *source, double fps, bool requireAudio)
     if (soundserver::lacks(device)) {
         qCCritical(audio) << "Audio playback failed for" << name
                           << "The device is gone:" << device.deviceName();
+        failure_ = DeviceGone;
         return false;
     }
     QAudioFormat format;
     if (!negotiateFormat(source, requireAudio, &format)) {
         qCCritical(audio) << "Source" << name << "does not have audio";
+        failure_ = SourceSilent;
         return false;
     }
+    playedFormat_ = format;
     if (!reader.open(source, format, requireAudio)) {
         qCCritical(audio) << "Failed to open audio reader for" << name;
+        failure_ = FormatRefused;
         return false;
     }
 
     prepareOutput(format);
     isRateConverted = device.preferredFormat().sampleRate() != format.sampleRate();
     output->setVolume(muted_ ? 0.0 : volume_);
-    if (fps > 0)
-        output->setNotifyInterval(notifyIntervalMs(fps));
+    setReportRate(fps);
     output->start(&reader);
 
     const QAudio::Error error = output->error();
@@ -170,6 +184,7 @@ bool AudioPlayer::start(MediaSource *source, double fps, bool requireAudio)
         qCCritical(audio) << "Audio playback failed for" << name << "Error code:" << error;
         stop();
         reader.close(); // a backend may fail without a change of its state
+        failure_ = DeviceFailed;
         return error == QAudio::FatalError && SoundServerReturn::lookAgain(device) &&
                start(source, fps, requireAudio);
     }
@@ -180,7 +195,14 @@ bool AudioPlayer::start(MediaSource *source, double fps, bool requireAudio)
     clockDetector.start();
     qCInfo(audio).nospace() << "Audio playback started for " << name << " (" << format.sampleRate() << "/"
                             << format.channelCount() << "/" << format.sampleSize() << ")";
+    failure_ = NoFailure;
     return true;
+}
+
+void AudioPlayer::setReportRate(double fps)
+{
+    if (output && fps > 0)
+        output->setNotifyInterval(notifyIntervalMs(fps));
 }
 
 bool AudioPlayer::negotiateFormat(MediaSource *source, bool requireAudio, QAudioFormat *format) const
@@ -218,12 +240,12 @@ void AudioPlayer::discardOutput()
 {
     if (!output)
         return;
-    output->disconnect(this);
+    QAudioOutput *former = std::exchange(output, nullptr); // closing may handle events
+    former->disconnect(this);
     if (isOutputEmitting)
-        output->deleteLater();
+        former->deleteLater();
     else
-        delete output;
-    output = nullptr;
+        delete former;
 }
 
 // An output is bound to its device: one that is kept for the next start must not outlive the choice.

@@ -75,7 +75,7 @@ int clamped(qint64 bytes)
 AudioReader::AudioReader(QObject *parent)
     : QIODevice(parent), source(nullptr), requireAudio(true), readPosition(0), firstTimestamp(0),
       resampler(nullptr), delay(defaultDelayUs), maxDelay(defaultMaxDelayUs), samplesRead(0),
-      grabSamples(framesPerGrab), waveformOutput(nullptr)
+      grabSamples(framesPerGrab), waveformOutput(nullptr), reserve(-1)
 {}
 
 AudioReader::~AudioReader()
@@ -98,6 +98,7 @@ bool AudioReader::open(MediaSource *newSource, const QAudioFormat &newOutputForm
     requireAudio = newRequireAudio;
     readPosition = 0;
     firstTimestamp = 0;
+    reserve = -1;
     return QIODevice::open(readMode(outputFormat));
 }
 
@@ -208,6 +209,7 @@ qint64 AudioReader::readDataInternal(char *data, qint64 maxSize)
 
     const QAudioFormat format = source->getAudioFormat();
     if (!format.isValid()) {
+        reserve = -1;
         if (requireAudio)
             return -1;
         std::memset(data, 0, static_cast<size_t>(maxSize));
@@ -235,6 +237,7 @@ qint64 AudioReader::readDataInternal(char *data, qint64 maxSize)
     } else {
         frames -= grab(static_cast<unsigned long>(frames), data, last);
     }
+    reserve = last > 0 ? qMax<qint64>(0, last - readPosition) : -1;
 
     if (frames >= 1) {
         const bool hasAudio = source->getAudioFormat().isValid();

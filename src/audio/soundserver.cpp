@@ -9,6 +9,7 @@ namespace {
 
 const int answerMs = 250;
 const char realm[] = "default"; // what Qt calls PulseAudio's devices
+const char defaultSink[] = "@DEFAULT_SINK@";
 
 // A connection for one question.
 class Connection
@@ -35,22 +36,23 @@ public:
         return runUntil([this] { return getState(context) >= ready; }) && getState(context) == ready;
     }
 
-    bool lacks(const QByteArray &sink)
+    enum class Answer { None, Yes, No };
+
+    Answer knows(const QByteArray &sink)
     {
         Answer answer = Answer::None;
         void *question = getSink(context, sink.constData(), onSink, &answer);
         if (!question)
-            return false;
+            return answer;
         const bool isAnswered = runUntil([&] { return answer != Answer::None; });
         cancel(question); // or it would be answered into what is gone
         release(question);
-        return isAnswered && answer == Answer::No;
+        return isAnswered ? answer : Answer::None;
     }
 
 private:
     static constexpr int noAutospawn = 1;
     static constexpr int ready = 4;
-    enum class Answer { None, Yes, No };
 
     static void onSink(void *, const void *info, int end, void *answer)
     {
@@ -111,7 +113,7 @@ private:
 
 bool isItsDevice(const QAudioDeviceInfo &device)
 {
-    return device.realm() == QLatin1String(realm);
+    return device.realm() == QLatin1String(realm) && !device.deviceName().isEmpty();
 }
 
 bool isAnswering()
@@ -119,10 +121,17 @@ bool isAnswering()
     return Connection().open();
 }
 
+bool hasSink()
+{
+    Connection connection;
+    return connection.open() && connection.knows(defaultSink) == Connection::Answer::Yes;
+}
+
 bool lacks(const QAudioDeviceInfo &device)
 {
     Connection connection;
-    return isItsDevice(device) && connection.open() && connection.lacks(device.deviceName().toUtf8());
+    return isItsDevice(device) && connection.open() &&
+           connection.knows(device.deviceName().toUtf8()) == Connection::Answer::No;
 }
 
 } // namespace soundserver

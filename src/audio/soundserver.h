@@ -12,13 +12,15 @@ class QAudioDeviceInfo;
  *
  * Threads: any. Errors: a server that does not answer is no server; without the library all is false.
  * Cost: a connection to the server, a few milliseconds when it is well; else at most a quarter of a second to
- * connect, and another one for lacks() to be answered.
+ * connect, and another one for hasSink() and lacks() to be answered.
  */
 namespace soundserver {
 
-/*! True for the devices of the PulseAudio backend. */
+/*! True for the devices of the PulseAudio backend, which lists one without a name when it has none. */
 bool isItsDevice(const QAudioDeviceInfo &device);
 bool isAnswering();
+/*! True when there is something to play on. */
+bool hasSink();
 /*! True when the server says that it has no such sink. */
 bool lacks(const QAudioDeviceInfo &device);
 

@@ -1,6 +1,7 @@
 #include "audio/soundserverreturn.h"
 
 #include "audio/audiologging.h"
+#include "audio/newobjects.h"
 #include "audio/soundserver.h"
 
 #include <QtCore/QCoreApplication>
@@ -8,16 +9,33 @@
 #include <QtCore/QThread>
 #include <QtMultimedia/QAudioDeviceInfo>
 
+#include <algorithm>
+
 namespace {
 
-const qint64 ownAttemptMs = 3000; // then the backend looks, once
-const qint64 marginMs = 500;
-const char lostSlot[] = "onContextFailed()";
-const char connectSlot[] = "prepare()";
+const int ownAttemptMs = 3000; // then the backend looks, once; give or take a twentieth
+const int marginMs = 500;
+const char backendClass[] = "QPulseAudioEngine";
+const char lostSlot[] = "onContextFailed";
+const char connectSlot[] = "prepare";
 
 SoundServerReturn *theWatch = nullptr;
 
+bool isBackend(const QObject *object)
+{
+    const QMetaObject *meta = object->metaObject();
+    return object->inherits(backendClass) && meta->indexOfSlot("onContextFailed()") >= 0 &&
+           meta->indexOfSlot("prepare()") >= 0;
+}
+
 } // namespace
+
+SoundServerReturn::SoundServerReturn(QObject *parent) : QObject(parent)
+{
+    ownAttempt.setSingleShot(true);
+    ownAttempt.setTimerType(Qt::PreciseTimer);
+    ownAttempt.setInterval(ownAttemptMs + marginMs);
+}
 
 void SoundServerReturn::watch()
 {
@@ -29,39 +47,64 @@ void SoundServerReturn::watch()
     application->installEventFilter(theWatch);
 }
 
+SoundServerReturn *SoundServerReturn::ofThisThread()
+{
+    return theWatch && theWatch->thread() == QThread::currentThread() ? theWatch : nullptr;
+}
+
 // The backend learns of its loss in a thread of the client library, which posts it to the backend.
 bool SoundServerReturn::eventFilter(QObject *receiver, QEvent *event)
 {
-    if (event->type() == QEvent::MetaCall && receiver->inherits("QPulseAudioEngine") &&
-        receiver->metaObject()->indexOfSlot(lostSlot) >= 0 &&
-        receiver->metaObject()->indexOfSlot(connectSlot) >= 0) {
-        backend = receiver;
-        lost.start();
+    if (event->type() == QEvent::MetaCall && isBackend(receiver)) {
+        loser = receiver;
+        ownAttempt.start();
     }
     return false;
 }
 
-bool SoundServerReturn::isWatched(const QAudioDeviceInfo &device)
+void SoundServerReturn::findBackend()
 {
-    return theWatch && theWatch->backend && theWatch->thread() == QThread::currentThread() &&
-           soundserver::isItsDevice(device);
+    SoundServerReturn *self = ofThisThread();
+    if (!self || self->hasLooked)
+        return;
+    self->hasLooked = true;
+    const NewObjects objects;
+    QAudioDeviceInfo::availableDevices(QAudio::AudioOutput);
+    QObject *found = objects.find(backendClass);
+    if (found && isBackend(found))
+        self->made = found;
+}
+
+// Nothing tells whether a backend without devices is connected. To let go does no harm then, and is followed
+// by the backend's own attempt.
+void SoundServerReturn::lookForServer(const QList<QAudioDeviceInfo> &listed)
+{
+    SoundServerReturn *self = ofThisThread();
+    if (!self || !self->made || self->ownAttempt.isActive() ||
+        std::any_of(listed.begin(), listed.end(), soundserver::isItsDevice) || !soundserver::hasSink())
+        return;
+    self->ownAttempt.start();
+    qCInfo(audio) << "The sound server has devices that are not listed: connecting to it in three seconds";
+    QMetaObject::invokeMethod(self->made, lostSlot, Qt::DirectConnection);
 }
 
 void SoundServerReturn::started(const QAudioDeviceInfo &device)
 {
-    if (isWatched(device))
-        theWatch->backend = nullptr; // it is connected
+    SoundServerReturn *self = ofThisThread();
+    if (self && soundserver::isItsDevice(device))
+        self->loser = nullptr; // it is connected
 }
 
-// A backend that is connected must not be told to connect: it would do so twice. An output that fails at
-// once, later than the backend's own attempt, shows that it is not; and to no server it must not be told
-// either, since each attempt that fails costs it a thread.
+// To no server it must not be told: each attempt that fails costs it a thread.
 bool SoundServerReturn::lookAgain(const QAudioDeviceInfo &device)
 {
-    if (!isWatched(device) || !theWatch->lost.hasExpired(ownAttemptMs + marginMs) ||
-        !soundserver::isAnswering())
+    SoundServerReturn *self = ofThisThread();
+    if (!self || !self->loser || !soundserver::isItsDevice(device))
         return false;
-    theWatch->lost.restart();
+    QCoreApplication::sendPostedEvents(self->loser, QEvent::MetaCall); // it may have lost it once more
+    if (self->ownAttempt.isActive() || !soundserver::isAnswering())
+        return false;
+    self->ownAttempt.start(); // an attempt that fails may be followed by one of its own
     qCInfo(audio) << "The sound server is back: connecting to it again";
-    return QMetaObject::invokeMethod(theWatch->backend, "prepare", Qt::DirectConnection);
+    return QMetaObject::invokeMethod(self->loser, connectSlot, Qt::DirectConnection);
 }

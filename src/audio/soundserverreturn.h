@@ -1,26 +1,36 @@
 #ifndef ZEVQTMM_SOUNDSERVERRETURN_H
 #define ZEVQTMM_SOUNDSERVERRETURN_H
 
-#include <QtCore/QElapsedTimer>
+#include <QtCore/QList>
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
+#include <QtCore/QTimer>
 
 class QAudioDeviceInfo;
 
 /*!
- * Brings Qt's PulseAudio backend back to a sound server that was away for long. When the backend loses its
- * server it looks for it once, three seconds later; was that too early, every output of the process fails
- * from then on, and there is no interface to make it look again. This does, by the name of the backend's own
- * slot, which Qt 5.15 has. Where that is not found, with another backend or another Qt, nothing is done.
+ * Brings Qt's PulseAudio backend to a sound server that was away for long, or that was not there yet. When
+ * the backend loses its server it looks for it once, three seconds later; was that too early, every output of
+ * the process fails from then on. Was there no server when the backend was made, it never looks again. There
+ * is no interface to make it look. This does, by the names of the backend's own slots, which Qt 5.15 has.
+ * Where those are not found, with another backend or another Qt, nothing is done.
  *
- * Usage: watch() before the first output is made; started() after each that could be started; lookAgain()
- * after one that could not, and when that is true, start it once more.
+ *     lost, by itself or told to:  0 s                 3 s                    3.5 s
+ *                                  lets go             looks for the server   may be told to look again
+ *
+ * A backend that looks while it is connected would be connected twice. So it is told to look only when an
+ * output has failed as it does without a connection, and after the attempt that it has made itself: both
+ * are timers of one event loop, so that the order holds however long that loop stands still.
+ *
+ * Usage: watch() before the first output is made; findBackend() before the first look at the devices;
+ * lookForServer() after a look that did not find one; started() after each output that could be started;
+ * lookAgain() after one that could not, and when that is true, start it once more.
  *
  * Threads: the application object's thread, like the backend; in others nothing is done.
  * Ownership: one object, a child of the application object.
  * Errors: none.
- * Cost: until the server is lost, a look at the type of each event of the application; lookAgain() waits for
- * an answer of the server for at most a quarter of a second.
+ * Cost: until the server is lost, a look at the type of each event of the application; lookAgain() and
+ * lookForServer() wait for an answer of the server for at most half a second.
  */
 class SoundServerReturn : public QObject
 {
@@ -28,6 +38,13 @@ class SoundServerReturn : public QObject
 
 public:
     static void watch();
+    /*! Looks at the devices, which makes the backend, once. One that was made before is not found. */
+    static void findBackend();
+    /*!
+     * `listed`: all devices that Qt knows. When the server has devices and none of them is listed, the
+     * backend lets go and connects three seconds later.
+     */
+    static void lookForServer(const QList<QAudioDeviceInfo> &listed);
     static void started(const QAudioDeviceInfo &device);
     /*! True when the backend was told to connect again, to a server that answers. */
     static bool lookAgain(const QAudioDeviceInfo &device);
@@ -35,12 +52,14 @@ public:
     bool eventFilter(QObject *receiver, QEvent *event) override;
 
 private:
-    using QObject::QObject;
+    explicit SoundServerReturn(QObject *parent);
 
-    static bool isWatched(const QAudioDeviceInfo &device);
+    static SoundServerReturn *ofThisThread();
 
-    QPointer<QObject> backend; // that has lost its server
-    QElapsedTimer lost;
+    QPointer<QObject> made;  // the backend, where it was seen being made
+    QPointer<QObject> loser; // the backend since it has lost its server
+    QTimer ownAttempt;       // runs until the backend has made it
+    bool hasLooked = false;
 };
 
 #endif

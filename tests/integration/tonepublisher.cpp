@@ -12,9 +12,9 @@ const int blocksPerSecond = 50;
 } // namespace
 
 TonePublisher::TonePublisher(std::string storeName, int sampleRate, std::vector<Tone> channelTones,
-                             int64_t droppedEvery)
+                             int64_t droppedEvery, int millionthsFast)
     : name(std::move(storeName)), rate(sampleRate), tones(std::move(channelTones)), dropEvery(droppedEvery),
-      thread([this] { run(); })
+      ppm(millionthsFast), thread([this] { run(); })
 {
     while (!published && !stopping)
         std::this_thread::yield();
@@ -56,7 +56,8 @@ void TonePublisher::run()
             }
         }
         // A block is published when its last sample would have been captured.
-        std::this_thread::sleep_until(steadyStart + nanoseconds(1000000000 / blocksPerSecond) * block);
+        const nanoseconds blockTime(1000000000 / blocksPerSecond * int64_t(1000000) / (1000000 + ppm));
+        std::this_thread::sleep_until(steadyStart + blockTime * block);
         shm_writer_publish_audio(writer, 0, samples.data(), static_cast<uint32_t>(frames),
                                  start + sent * 1000000 / rate);
         sent += frames;

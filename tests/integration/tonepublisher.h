@@ -21,8 +21,11 @@ public:
         double amplitude; // 0 to 32767
     };
 
-    /*! `dropEvery`: after so many samples one is left out, as if it had been lost on the way; 0: none. */
-    TonePublisher(std::string name, int rate, std::vector<Tone> tones, int64_t dropEvery = 0);
+    /*!
+     * `dropEvery`: after so many samples one is left out, as if it had been lost on the way; 0: none.
+     * `ppm`: its clock runs so many millionths faster than the machine's; timestamps are its own.
+     */
+    TonePublisher(std::string name, int rate, std::vector<Tone> tones, int64_t dropEvery = 0, int ppm = 0);
     ~TonePublisher();
     TonePublisher(const TonePublisher &) = delete;
     TonePublisher &operator=(const TonePublisher &) = delete;
@@ -36,6 +39,7 @@ private:
     const int rate;
     const std::vector<Tone> tones;
     const int64_t dropEvery;
+    const int ppm;
     std::atomic<bool> published{false};
     std::atomic<bool> stopping{false};
     std::thread thread;

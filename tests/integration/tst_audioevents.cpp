@@ -193,7 +193,7 @@ void tst_AudioEvents::delayAfterAnOutageIsWhatItWas()
                 const qint64 at = clock.nsecsElapsed() / 1000;
                 const qint64 newest = source.getAudioLastTimestamp();
                 const qint64 position = player()->getReadPosition();
-                if (watch.check(at, player()->isActive(), position, newest)) {
+                if (watch.check(at, player()->isActive(), position, newest, player()->getReserve())) {
                     if (!player()->start(&source, 25))
                         return false;
                     watch.begin(at);

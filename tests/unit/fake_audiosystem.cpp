@@ -25,6 +25,8 @@ void FakeAudioSystem::reset()
     failing = {QAudio::ActiveState, QAudio::StoppedState};
     createdOn.clear();
     destroyedActive = 0;
+    whenDestroyed = {};
+    askedWhileDestroyed = 0;
 }
 
 FakeAudioOutput::FakeAudioOutput()
@@ -37,6 +39,14 @@ FakeAudioOutput::~FakeAudioOutput()
     --FakeAudioSystem::instance().liveOutputs;
     if (state_ != QAudio::StoppedState)
         ++FakeAudioSystem::instance().destroyedActive;
+    isBeingDestroyed = true;
+    if (const auto called = FakeAudioSystem::instance().whenDestroyed)
+        called();
+}
+
+void FakeAudioOutput::countIfDestroyed() const
+{
+    FakeAudioSystem::instance().askedWhileDestroyed += isBeingDestroyed ? 1 : 0;
 }
 
 void FakeAudioOutput::start(QIODevice *newDevice)
@@ -80,6 +90,8 @@ bool FakeAudioDeviceInfo::isFormatSupported(const QAudioFormat &format) const
 
 QList<QByteArray> FakeAudioPlugin::availableDevices(QAudio::Mode mode) const
 {
+    if (FakeAudioSystem::instance().whenListed)
+        FakeAudioSystem::instance().whenListed();
     QList<QByteArray> names;
     if (mode == QAudio::AudioOutput) {
         for (const QString &name : qAsConst(FakeAudioSystem::instance().devices))

@@ -7,6 +7,8 @@
 #include <QtCore/QStringList>
 #include <QtMultimedia/QAudioSystemPlugin>
 
+#include <functional>
+
 class FakeAudioOutput;
 
 /*!
@@ -29,7 +31,10 @@ public:
     QStringList createdOn;            // devices, one for every output that was created
     QPointer<FakeAudioOutput> output; // created last
     int liveOutputs;
-    int destroyedActive; // outputs that were destroyed while active
+    int destroyedActive;                 // outputs that were destroyed while active
+    std::function<void()> whenListed;    // called when the devices are asked for
+    std::function<void()> whenDestroyed; // called while an output is destroyed
+    int askedWhileDestroyed;             // how often outputs were asked for something then
 };
 
 class FakeAudioOutput : public QAbstractAudioOutput
@@ -61,10 +66,18 @@ public:
     qint64 processedUSecs() const override { return processed; }
     qint64 elapsedUSecs() const override { return processed; }
     QAudio::Error error() const override { return error_; }
-    QAudio::State state() const override { return state_; }
+    QAudio::State state() const override
+    {
+        countIfDestroyed();
+        return state_;
+    }
     void setFormat(const QAudioFormat &format) override { format_ = format; }
     QAudioFormat format() const override { return format_; }
-    void setVolume(qreal newVolume) override { volume_ = newVolume; }
+    void setVolume(qreal newVolume) override
+    {
+        countIfDestroyed();
+        volume_ = newVolume;
+    }
     qreal volume() const override { return volume_; }
 
     int period = 3840;
@@ -76,6 +89,9 @@ public:
     QList<int> bufferSizes; // that were asked for
 
 private:
+    void countIfDestroyed() const;
+
+    bool isBeingDestroyed = false;
     QPointer<QIODevice> device;
     QAudioFormat format_;
     QAudio::State state_ = QAudio::StoppedState;

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstdio>
+
 namespace {
 
 const qint64 ms = 1000;
@@ -14,6 +17,7 @@ struct Simulation
     qint64 now = 77 * second;
     qint64 newest = 1000 * second;
     qint64 position = 1000 * second - 150 * ms;
+    qint64 reserve = 150 * ms;
     bool isActive = true;
     bool isSourceAlive = true;
     bool isDeviceTaking = true;
@@ -29,13 +33,16 @@ struct Simulation
             now += 40 * ms;
             if (isSourceAlive)
                 newest += 40 * ms;
-            if (isDeviceTaking && isSourceAlive)
+            if (isDeviceTaking && isSourceAlive) {
                 position = qMin(newest, position + 40 * ms + reserveDrift);
-            if (watch.check(now, isActive, position, newest)) {
+                reserve = newest - position;
+            }
+            if (watch.check(now, isActive, position, newest, reserve)) {
                 ++restarts;
                 reason = watch.reason();
                 EXPECT_NE(reason, AudioPlaybackWatch::None);
                 position = newest - 150 * ms;
+                reserve = 150 * ms;
                 watch.begin(now);
             }
             EXPECT_EQ(watch.reason(), AudioPlaybackWatch::None);
@@ -149,9 +156,9 @@ TEST(AudioPlaybackWatch, AReasonIsOnlyGivenWithAStart)
 {
     AudioPlaybackWatch watch;
     watch.begin(77 * second);
-    EXPECT_FALSE(watch.check(77 * second + 500 * ms, false, 0, 1000 * second));
+    EXPECT_FALSE(watch.check(77 * second + 500 * ms, false, 0, 1000 * second, -1));
     EXPECT_EQ(watch.reason(), AudioPlaybackWatch::None);
-    EXPECT_TRUE(watch.check(78 * second, false, 0, 1001 * second));
+    EXPECT_TRUE(watch.check(78 * second, false, 0, 1001 * second, -1));
     EXPECT_EQ(watch.reason(), AudioPlaybackWatch::Stopped);
 }
 
@@ -181,6 +188,116 @@ TEST(AudioPlaybackWatch, AReserveThatNeverWasIsNotMissed)
     simulation.position = simulation.newest;
     EXPECT_EQ(simulation.run(600 * second), 0);
     EXPECT_EQ(simulation.watch.reserve(), 0);
+}
+
+TEST(AudioPlaybackWatch, AReserveThatIsNotKnownIsNotMissed)
+{
+    Simulation simulation;
+    simulation.run(10 * second);
+    simulation.isDeviceTaking = false;
+    simulation.isSourceAlive = true;
+    AudioPlaybackWatch &watch = simulation.watch;
+    for (int i = 0; i < 100; ++i) {
+        simulation.now += 100 * ms;
+        simulation.newest += 100 * ms;
+        simulation.position += 100 * ms;
+        EXPECT_FALSE(watch.check(simulation.now, true, simulation.position, simulation.newest, -1));
+    }
+    EXPECT_EQ(watch.reserve(), -1);
+}
+
+// As in the viewer: the device takes 85.3 ms at a time, which may be short, the publisher puts blocks into
+// the store, and whoever watches looks every 100 ms.
+struct Blocks
+{
+    int blockMs;
+    int ppm; // of the source against the device
+    const char *name;
+};
+
+class AudioPlaybackWatchBlocks : public testing::TestWithParam<Blocks>
+{
+protected:
+    struct Outcome
+    {
+        int restarts = 0;
+        int others = 0;     // for another reason than Dry
+        qint64 silence = 0; // in short reads
+        qint64 firstRestart = -1;
+        qint64 firstSilence = -1;
+    };
+    static Outcome play(const Blocks &c, qint64 duration)
+    {
+        const double speed = 1 + c.ppm / 1e6;
+        const double read = 4096.0 * second / 48000;
+        AudioPlaybackWatch watch;
+        watch.begin(0);
+        Outcome outcome;
+        const auto newestAt = [&](double at) {
+            const double block = c.blockMs * ms;
+            return static_cast<qint64>(1000.0 * second + std::floor(at * speed / block) * block);
+        };
+        qint64 position = newestAt(0) - 150 * ms;
+        qint64 reserve = -1;
+        double nextRead = 0;
+        for (qint64 now = 0; now < duration; now += 100 * ms) {
+            for (; nextRead <= static_cast<double>(now); nextRead += read) {
+                const qint64 newest = newestAt(nextRead);
+                const qint64 got = qBound<qint64>(0, newest - position, static_cast<qint64>(read));
+                position += got;
+                reserve = qMax<qint64>(0, newest - position);
+                const qint64 missing = static_cast<qint64>(read) - got;
+                outcome.silence += missing;
+                if (missing > 0 && outcome.firstSilence < 0)
+                    outcome.firstSilence = now;
+            }
+            const qint64 newest = newestAt(static_cast<double>(now));
+            if (!watch.check(now, true, position, newest, reserve))
+                continue;
+            ++outcome.restarts;
+            outcome.others += watch.reason() == AudioPlaybackWatch::Dry ? 0 : 1;
+            if (outcome.firstRestart < 0)
+                outcome.firstRestart = now;
+            position = newest - 150 * ms;
+            reserve = -1;
+            watch.begin(now);
+        }
+        return outcome;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(All, AudioPlaybackWatchBlocks,
+                         testing::Values(Blocks{1, -5000, "of1Slow"}, Blocks{5, -5000, "of5Slow"},
+                                         Blocks{20, -5000, "of20Slow"}, Blocks{40, -5000, "of40Slow"},
+                                         Blocks{1, -200, "of1Slower"}, Blocks{5, -200, "of5Slower"},
+                                         Blocks{20, -200, "of20Slower"}, Blocks{40, -200, "of40Slower"}),
+                         [](const auto &test) { return test.param.name; });
+
+TEST_P(AudioPlaybackWatchBlocks, AReserveThatRanOutIsSeenWhateverTheBlocks)
+{
+    const Outcome outcome = play(GetParam(), 3600 * second);
+    const double lossPerSecond = -GetParam().ppm; // us
+    const double all = 3600 * lossPerSecond;
+    EXPECT_GT(outcome.restarts, 0);
+    EXPECT_EQ(outcome.others, 0);
+    // What the source lacks comes out of the reserve, time and again, and hardly any of it as silence.
+    EXPECT_LT(static_cast<double>(outcome.silence), all / 3);
+    EXPECT_LT(outcome.restarts, all / (25 * ms));
+    ASSERT_GE(outcome.firstRestart, 0);
+    if (outcome.firstSilence >= 0) {
+        EXPECT_LT(outcome.firstRestart - outcome.firstSilence, 60 * second);
+    }
+    std::printf("%d restarts in an hour, the first after %.1f s; silence from %.1f s on, %.1f of %.1f ms\n",
+                outcome.restarts, static_cast<double>(outcome.firstRestart) / second,
+                static_cast<double>(outcome.firstSilence) / second, static_cast<double>(outcome.silence) / ms,
+                all / ms);
+}
+
+TEST_P(AudioPlaybackWatchBlocks, AClockThatIsAsFastIsLeftAlone)
+{
+    const Outcome outcome = play({GetParam().blockMs, 0, ""}, 3600 * second);
+    EXPECT_EQ(outcome.restarts, 0);
+    EXPECT_EQ(outcome.silence, 0);
 }
 
 } // namespace

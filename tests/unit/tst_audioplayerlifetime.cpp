@@ -14,6 +14,7 @@ private Q_SLOTS:
     void restartFromItsOwnSignals();
     void teardownWhilePlaying();
     void restartDuringTeardown();
+    void outputThatGoesIsNotAsked();
     void aThousandStartsLeaveNothingBehind();
 };
 
@@ -125,6 +126,31 @@ void tst_AudioPlayerLifetime::restartDuringTeardown()
     AudioPlayer::teardown();
     QVERIFY(!isStarted);
     QCOMPARE(devices().destroyedActive, 0);
+}
+
+// A backend handles events while it closes, and some of them may come to the player.
+void tst_AudioPlayerLifetime::outputThatGoesIsNotAsked()
+{
+    AudioPlayer *playing = player();
+    int gone = 0;
+    devices().whenDestroyed = [playing, &gone] {
+        ++gone;
+        QVERIFY(!playing->isActive());
+        QCOMPARE(playing->sampleRate(), 0);
+        playing->setVolume(0.5);
+        playing->setMuted(gone % 2 != 0);
+        playing->setReportRate(50);
+        playing->stop();
+    };
+    QVERIFY(player()->setDevice(QStringLiteral("speaker")));
+    QVERIFY(player()->start(source.get(), 25));
+    QVERIFY(player()->setDevice(QStringLiteral("headphones")));
+    QCOMPARE(gone, 1);
+    QVERIFY(player()->start(source.get(), 25));
+    AudioPlayer::teardown();
+    QCOMPARE(gone, 2);
+    QCOMPARE(devices().askedWhileDestroyed, 0);
+    devices().whenDestroyed = {};
 }
 
 void tst_AudioPlayerLifetime::aThousandStartsLeaveNothingBehind()

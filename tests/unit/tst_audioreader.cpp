@@ -64,6 +64,8 @@ private Q_SLOTS:
     void passThroughRepeatsSamplesOnlyWhereMicrosecondsAreCut_data();
     void passThroughRepeatsSamplesOnlyWhereMicrosecondsAreCut();
     void shortSourceIsFilledWithSilence();
+    void reserveIsWhatTheLastReadLeft_data();
+    void reserveIsWhatTheLastReadLeft();
     void waveformGetsWhatTheDeviceGets();
     void channelsStayInPlace_data();
     void channelsStayInPlace();
@@ -351,6 +353,40 @@ void tst_AudioReader::shortSourceIsFilledWithSilence()
     QCOMPARE(reader->getGaps().episodes, 2);
     store().deliverAtMost = 959;
     QCOMPARE(read(3840).right(4), QByteArray(4, 0)); // a single frame too
+}
+
+void tst_AudioReader::reserveIsWhatTheLastReadLeft_data()
+{
+    QTest::addColumn<int>("rate");
+    QTest::newRow("as it is") << 48000;
+    QTest::newRow("resampled") << 44100;
+}
+
+void tst_AudioReader::reserveIsWhatTheLastReadLeft()
+{
+    QFETCH(int, rate);
+    QVERIFY(reader->open(source.get(), pcm(rate, 2), false));
+    QCOMPARE(reader->getReserve(), qint64(-1));
+    read(rate / 50 * 4);
+    QCOMPARE(reader->getReserve(), now - reader->getReadPosition());
+    QVERIFY(reader->getReserve() > 100000);
+    store().newest += 20000; // that is not seen before the next read
+    QCOMPARE(reader->getReserve(), now - reader->getReadPosition());
+    read(rate / 50 * 4);
+    QCOMPARE(reader->getReserve(), now + 20000 - reader->getReadPosition());
+    read(rate / 4 * 4); // more than there is
+    QVERIFY(reader->getReserve() >= 0);
+    QVERIFY(reader->getReserve() < 21); // a sample, cut
+    QVERIFY(reader->getGaps().isSilent);
+    store().hasAudio = false;
+    QVERIFY(source->open());
+    read(rate / 50 * 4);
+    QCOMPARE(reader->getReserve(), qint64(-1));
+    reader->close();
+    store().hasAudio = true;
+    QVERIFY(source->open());
+    QVERIFY(reader->open(source.get(), pcm(rate, 2), true));
+    QCOMPARE(reader->getReserve(), qint64(-1));
 }
 
 void tst_AudioReader::waveformGetsWhatTheDeviceGets()
