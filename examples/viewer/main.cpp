@@ -113,10 +113,12 @@ std::unique_ptr<QCoreApplication> createApplication(bool headless, int &argc, ch
 
 QtMessageHandler qtMessages = nullptr;
 
-// What Qt's sound backend says of a server that is not there, once per attempt, Sound says once.
+// What Qt's sound backend says of a server that is not there, once per attempt, and of a device that was
+// taken away, Sound says once.
 void leaveOutSoundServer(QtMsgType type, const QMessageLogContext &context, const QString &text)
 {
-    if (!text.startsWith(QLatin1String("PulseAudioService:")))
+    if (!text.startsWith(QLatin1String("PulseAudioService:")) &&
+        !text.contains(QLatin1String("Stream error: Entity killed")))
         qtMessages(type, context, text);
 }
 

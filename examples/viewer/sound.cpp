@@ -9,12 +9,14 @@
 #include <QTimer>
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace {
 
 constexpr int checkIntervalMs = 100;
 constexpr qint64 maxDelayUs = Sound::delayUs + 100000;
 constexpr qint64 clockStepMs = 1000; // the player's own limit
+constexpr qint64 stopReasonMs = 300;
 
 void ignoreAlsa(const char *, int, const char *, int, const char *, ...) {}
 
@@ -59,6 +61,13 @@ void Sound::start(double fps)
         timer->start();
 }
 
+void Sound::setReportRate(double fps)
+{
+    m_fps = fps;
+    if (m_player)
+        m_player->setReportRate(fps);
+}
+
 void Sound::stop()
 {
     for (QTimer *timer : findChildren<QTimer *>())
@@ -80,6 +89,9 @@ void Sound::check()
     if (m_starts == 0 && !m_source->getAudioFormat().isValid())
         return;
     const qint64 now = m_monotonic.nsecsElapsed() / 1000;
+    sayWhyStopped();
+    if (m_isStopUntold)
+        return; // what it is told next depends on it
     if (followDevice()) {
         m_watch.begin(now);
         tryStart();
@@ -93,7 +105,7 @@ void Sound::check()
             m_delay = newest - (wallNow - m_age.age());
         return;
     }
-    if (isActive && m_hasStarted)
+    if (isActive && m_hasStarted && !m_isDeviceGone) // or more was told
         complain(whyStartedAgain());
     m_watch.begin(now); // a failure counts as an attempt too
     tryStart();
@@ -108,9 +120,7 @@ bool Sound::tryStart()
     m_age.begin();
     m_hasStarted = isStarted;
     if (isSelected && !isStarted)
-        complain(
-            QStringLiteral("there is no sound: the audio device cannot be opened; the picture goes on, and "
-                           "so do the attempts"));
+        sayWhyNotStarted();
     if (!isStarted) {
         emit changed();
         return false;
@@ -119,6 +129,7 @@ bool Sound::tryStart()
     ++m_starts;
     m_rate = m_player->sampleRate();
     m_said.clear();
+    m_isDeviceGone = false;
     emit started();
     emit changed();
     return true;
@@ -126,28 +137,50 @@ bool Sound::tryStart()
 
 bool Sound::selectDevice()
 {
-    const QStringList names = deviceNames();
-    const bool isDefault = m_device == QLatin1String("default");
-    const QString name = isDefault ? QAudioDeviceInfo::defaultOutputDevice().deviceName() : m_device;
-    if (names.isEmpty() || (isDefault && name.isEmpty())) {
-        complain(QStringLiteral("there is no sound: no audio device was found; the picture goes on "
-                                "(--audio-device none keeps this quiet)"));
-        return false;
+    const bool isSelected = m_player->setDevice(m_device) && m_player->enabled();
+    const QString name = m_player->selectedDevice().deviceName();
+    if (isSelected && !name.isEmpty()) {
+        m_playedOn = name;
+        m_deviceInfo = m_player->selectedDevice();
+        return true;
     }
-    if (!names.contains(name)) {
+    if (m_starts > 0)
+        sayDeviceGone(); // it was there before
+    else if (m_device == QLatin1String("default") || deviceNames().isEmpty())
+        complain(QStringLiteral("there is no sound: no audio device was found; the picture goes on, and the "
+                                "sound begins when there is one (start the sound server; --audio-device none "
+                                "keeps this quiet)"));
+    else
         complain(QStringLiteral("there is no sound: no audio device has the name '%1'; the picture goes on "
                                 "(--list-audio-devices prints the names)")
-                     .arg(name));
-        return false;
+                     .arg(m_device));
+    return false;
+}
+
+void Sound::sayWhyNotStarted()
+{
+    const QAudioFormat format = m_player->playedFormat();
+    const QString asked = QStringLiteral("%1 Hz, %2 channels, %3 bits %4")
+                              .arg(format.sampleRate())
+                              .arg(format.channelCount())
+                              .arg(format.sampleSize())
+                              .arg(format.sampleType() == QAudioFormat::Float         ? "float"
+                                   : format.sampleType() == QAudioFormat::UnSignedInt ? "unsigned"
+                                                                                      : "signed");
+    switch (m_player->failure()) {
+    case AudioPlayer::DeviceGone:
+        sayDeviceGone();
+        break;
+    case AudioPlayer::FormatRefused:
+        complain(QStringLiteral("there is no sound: the audio device %1 takes %2, which the sound cannot be "
+                                "converted to; the picture goes on (--audio-device names another one)")
+                     .arg(m_playedOn, asked));
+        break;
+    default:
+        complain(QStringLiteral("there is no sound: the audio device %1 cannot be opened for %2; the picture "
+                                "goes on, and so do the attempts")
+                     .arg(m_playedOn, asked));
     }
-    if (!m_player->setDevice(isDefault ? m_device : name) || !m_player->enabled())
-        return false;
-    m_playedOn = name;
-    const auto devices = QAudioDeviceInfo::availableDevices(QAudio::AudioOutput);
-    for (const QAudioDeviceInfo &device : devices)
-        if (device.deviceName() == name)
-            m_deviceInfo = device;
-    return true;
 }
 
 // Without asking all systems for all their devices, which takes a tenth of a second.
@@ -161,22 +194,46 @@ bool Sound::followDevice()
 {
     const bool isThere = isDeviceThere();
     if (!isThere && !m_isDeviceGone)
-        complain(
-            QStringLiteral("the audio device %1 is gone; the picture goes on, and the sound returns with "
-                           "it (until then the sound server may play it elsewhere)")
-                .arg(m_playedOn));
+        sayDeviceGone();
     const bool isBack = isThere && m_isDeviceGone;
     m_isDeviceGone = !isThere;
     return isBack;
 }
 
+// The same, whoever notices it first: the output that stops, the list of devices, the attempt to start.
+void Sound::sayDeviceGone()
+{
+    complain(QStringLiteral("the audio device %1 is gone; the picture goes on, and the sound returns with "
+                            "it (until then the sound server may play it elsewhere)")
+                 .arg(m_playedOn));
+}
+
 void Sound::onStopped()
 {
     m_age.begin();
-    if (!m_isStopping && m_hasStarted)
-        complain(whyStopped());
+    if (!m_isStopping && m_hasStarted) {
+        m_stopShiftMs = m_clock.check();
+        m_isStopUntold = true;
+        m_stoppedAt = m_monotonic.elapsed();
+    }
     m_hasStarted = m_hasStarted && m_isStopping;
     emit changed();
+}
+
+// A device that is taken away stops its output a moment before it leaves the list.
+void Sound::sayWhyStopped()
+{
+    if (!m_isStopUntold || m_monotonic.elapsed() - m_stoppedAt < stopReasonMs)
+        return;
+    m_isStopUntold = false;
+    if (std::abs(m_stopShiftMs) > clockStepMs)
+        complain(QStringLiteral("the sound stopped: the clock was set by %1 s; starting it again")
+                     .arg(double(m_stopShiftMs) / 1000.0, 0, 'f', 1));
+    else if (!isDeviceThere() || !deviceNames().contains(m_playedOn))
+        sayDeviceGone();
+    else
+        complain(QStringLiteral("the sound stopped: the audio device %1 failed; starting it again")
+                     .arg(m_playedOn));
 }
 
 QString Sound::whyStartedAgain() const
@@ -190,20 +247,6 @@ QString Sound::whyStartedAgain() const
     default:
         return QStringLiteral("%1 takes no more sound: starting it again").arg(m_playedOn);
     }
-}
-
-QString Sound::whyStopped()
-{
-    const qint64 shiftMs = m_clock.check();
-    if (std::abs(shiftMs) > clockStepMs)
-        return QStringLiteral("the sound stopped: the clock was set by %1 s; starting it again")
-            .arg(double(shiftMs) / 1000.0, 0, 'f', 1);
-    if (!isDeviceThere() || !deviceNames().contains(m_playedOn))
-        return QStringLiteral(
-                   "the sound stopped: the audio device %1 is gone; the picture goes on, and the sound "
-                   "does when there is a device")
-            .arg(m_playedOn);
-    return QStringLiteral("the sound stopped: the audio device %1 failed; starting it again").arg(m_playedOn);
 }
 
 // The same once, until there was sound again: attempts go on in the background.

@@ -60,6 +60,8 @@ public:
     /* `fps`: reports a second. */
     void start(double fps);
     void stop();
+    /* Also of what is playing. */
+    void setReportRate(double fps);
 
     double volume() const { return m_volume; }
     void setVolume(double volume);
@@ -88,7 +90,9 @@ private:
     bool tryStart();
     bool selectDevice();
     void onStopped();
-    QString whyStopped();
+    void sayWhyStopped();
+    void sayWhyNotStarted();
+    void sayDeviceGone();
     QString whyStartedAgain() const;
     bool isDeviceThere() const;
     bool followDevice();
@@ -110,7 +114,10 @@ private:
     bool m_isWanted = false;
     bool m_hasStarted = false;     // what playing there is, is ours
     QAudioDeviceInfo m_deviceInfo; // of what was played on last
-    bool m_isDeviceGone = false;
+    bool m_isDeviceGone = false;   // and told
+    bool m_isStopUntold = false;   // it has stopped, and why is to be told
+    qint64 m_stoppedAt = 0;        // ms, monotonic
+    qint64 m_stopShiftMs = 0;      // of the clock, until then
     QString m_playedOn;
     QString m_said;
     int m_rate = 0;

@@ -113,6 +113,8 @@ void Viewer::onAudio(const QAudioBuffer &buffer)
 
 void Viewer::refresh()
 {
+    if (m_sound) // the rate of the ticks is the source's, which is not known at first
+        m_sound->setReportRate(m_stream->tickRate());
     emit statisticsChanged();
     // A source that is gone sends nothing any more, and its meter is to fall.
     if (m_stream->state() != LiveStream::State::Live && !m_meter.channels().isEmpty())

@@ -100,6 +100,12 @@ bool PulseServer::addSink(const QString &name, int rate, int channels)
                 .isEmpty();
 }
 
+bool PulseServer::setDefaultSink(const QString &name)
+{
+    control({QStringLiteral("set-default-sink"), name});
+    return control({QStringLiteral("info")}).contains(QStringLiteral("Default Sink: %1\n").arg(name));
+}
+
 SinkRecorder::~SinkRecorder()
 {
     recorder.kill();

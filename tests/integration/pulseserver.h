@@ -28,6 +28,8 @@ public:
     bool removeSink(const QString &name);
     /*! Brings it back. */
     bool addSink(const QString &name, int rate, int channels);
+    /*! Of those that are there. */
+    bool setDefaultSink(const QString &name);
     QString path(const QString &file) const { return directory.filePath(file); }
 
 private:

@@ -110,8 +110,8 @@ if(ZEV_BUILD_EXAMPLES AND ZEV_BUILD_QML)
         zev_test(tst_viewerplayback
             SOURCES integration/tst_viewerplayback.cpp integration/viewerrig.cpp integration/testpattern.cpp
                 integration/toolpublisher.cpp integration/xvfbserver.cpp integration/pulseserver.cpp
-                integration/pulseserver.h
-            LIBRARIES zevqt-viewer-parts Zev::shm Qt5::Gui PkgConfig::FFMPEG GTest::gtest
+                integration/pulseserver.h integration/tonepublisher.cpp integration/tonepublisher.h
+            LIBRARIES zevqt-viewer-parts Zev::shm Qt5::Gui PkgConfig::FFMPEG GTest::gtest Threads::Threads
             LABEL integration)
         target_compile_definitions(tst_viewerplayback PRIVATE
             VIEWER="$<TARGET_FILE:zevqt-viewer>"
@@ -120,11 +120,17 @@ if(ZEV_BUILD_EXAMPLES AND ZEV_BUILD_QML)
             ARTIFACTS_DIR="${PROJECT_BINARY_DIR}/artifacts")
         add_dependencies(tst_viewerplayback zevqt-viewer zevshm)
         # Together they come near to two minutes on a machine that is busy.
-        set_property(TEST tst_viewerplayback APPEND PROPERTY ENVIRONMENT "GTEST_FILTER=-*soundReturns*")
+        set_property(TEST tst_viewerplayback APPEND PROPERTY ENVIRONMENT "GTEST_FILTER=-*soundReturns*:*slowSound*:*volumeIs*:*theDefault*")
         add_test(NAME tst_viewerplayback_devices
-            COMMAND tst_viewerplayback "--gtest_filter=*soundReturns*")
-        set_tests_properties(tst_viewerplayback_devices PROPERTIES LABELS integration TIMEOUT 120)
-        zev_test_environment(tst_viewerplayback_devices)
+            COMMAND tst_viewerplayback "--gtest_filter=*soundReturns*-*Outage*:*EachTime*:*WasNotThere*")
+        add_test(NAME tst_viewerplayback_server
+            COMMAND tst_viewerplayback "--gtest_filter=*Outage*:*EachTime*:*WasNotThere*")
+        add_test(NAME tst_viewerplayback_heard
+            COMMAND tst_viewerplayback "--gtest_filter=*slowSound*:*volumeIs*:*theDefault*")
+        foreach(part devices server heard)
+            set_tests_properties(tst_viewerplayback_${part} PROPERTIES LABELS integration TIMEOUT 120)
+            zev_test_environment(tst_viewerplayback_${part})
+        endforeach()
 
         add_library(zev-clockshift MODULE integration/clockshift.c)
         zev_target(zev-clockshift)

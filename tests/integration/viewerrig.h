@@ -52,6 +52,7 @@ public:
 
     bool isRunning() const { return m_process.state() != QProcess::NotRunning; }
     void terminate() { m_process.terminate(); }
+    qint64 processId() const { return m_process.processId(); }
     /* Exit code; -1 when it crashed or did not end. */
     int wait();
     /* What it has said so far. */
