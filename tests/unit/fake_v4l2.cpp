@@ -118,9 +118,9 @@ std::uint32_t Kernel::bytesOf(std::uint32_t code, unsigned int plane) const
 {
     if (driver.sizeimage != 0)
         return driver.sizeimage;
-    const std::uint32_t stride = driver.stride != 0 ? driver.stride : driver.width;
-    const std::uint32_t luma = stride * driver.height;
-    const std::uint32_t chroma = stride * ((driver.height + 1) / 2);
+    const std::uint32_t line = std::max(stride, driver.stride != 0 ? driver.stride : driver.width);
+    const std::uint32_t luma = line * driver.height;
+    const std::uint32_t chroma = line * ((driver.height + 1) / 2);
     if (code == V4L2_PIX_FMT_NV12M)
         return plane == 0 ? luma : chroma;
     return luma + chroma;
@@ -150,7 +150,7 @@ void Kernel::fillFormat(v4l2_format *format) const
                                                        : code == V4L2_PIX_FMT_NV12M ? 2
                                                                                     : 1);
         for (unsigned int plane = 0; plane < 2; ++plane) {
-            picture.plane_fmt[plane].bytesperline = driver.stride;
+            picture.plane_fmt[plane].bytesperline = std::max(driver.stride, stride);
             picture.plane_fmt[plane].sizeimage = bytesOf(code, plane);
         }
     } else {
@@ -158,7 +158,7 @@ void Kernel::fillFormat(v4l2_format *format) const
         picture.pixelformat = code;
         picture.width = driver.width;
         picture.height = driver.height;
-        picture.bytesperline = driver.stride;
+        picture.bytesperline = std::max(driver.stride, stride);
         picture.colorspace = driver.colorspace;
         picture.ycbcr_enc = driver.encoding;
         picture.quantization = driver.quantization;
@@ -201,6 +201,11 @@ int Kernel::answer(unsigned long request, void *argument)
     case VIDIOC_S_FMT:
         if (bufferCount > 0)
             return -EBUSY;
+        stride = 0;
+        if (driver.takesStrides)
+            stride = driver.multiplanar
+                         ? static_cast<v4l2_format *>(argument)->fmt.pix_mp.plane_fmt[0].bytesperline
+                         : static_cast<v4l2_format *>(argument)->fmt.pix.bytesperline;
         fillFormat(static_cast<v4l2_format *>(argument));
         current = *static_cast<v4l2_format *>(argument);
         return 0;
@@ -214,8 +219,13 @@ int Kernel::answer(unsigned long request, void *argument)
         return 0;
     case VIDIOC_REQBUFS: {
         auto *buffers = static_cast<v4l2_requestbuffers *>(argument);
-        if (buffers->memory != V4L2_MEMORY_MMAP || buffers->type != type())
+        const bool isTaken = buffers->memory == V4L2_MEMORY_MMAP ||
+                             (buffers->memory == V4L2_MEMORY_USERPTR && driver.takesAddresses) ||
+                             (buffers->memory == V4L2_MEMORY_DMABUF && driver.takesDmabufs);
+        if (!isTaken || buffers->type != type())
             return -EINVAL;
+        memory = buffers->memory;
+        places.assign(32, {});
         bufferCount = buffers->count = std::min(buffers->count, driver.mostBuffers);
         contents.assign(bufferCount, 0);
         exports.assign(bufferCount, 0);
@@ -230,11 +240,14 @@ int Kernel::answer(unsigned long request, void *argument)
         };
         if (driver.multiplanar) {
             const unsigned int planes = current.fmt.pix_mp.num_planes;
-            for (unsigned int plane = 0; plane < planes; ++plane)
+            for (unsigned int plane = 0; plane < planes; ++plane) {
                 buffer->m.planes[plane].length = lengthOf(plane);
+                buffer->m.planes[plane].m.mem_offset = 4096 * (2 * buffer->index + plane);
+            }
             buffer->length = planes;
         } else {
             buffer->length = lengthOf(0);
+            buffer->m.offset = 4096 * 2 * buffer->index;
         }
         return 0;
     }
@@ -286,8 +299,96 @@ int Kernel::queueBuffer(v4l2_buffer *buffer)
         violations.push_back("queued a queued buffer");
         return -EINVAL;
     }
+    if (buffer->memory != memory) {
+        violations.push_back("queued with another kind of memory");
+        return -EINVAL;
+    }
+    if (memory != V4L2_MEMORY_MMAP) {
+        const int result = takeMemory(*buffer);
+        if (result < 0)
+            return result;
+    }
     queue.push_back(index);
     return 0;
+}
+
+// What the buffer comes with: addresses, or numbers of DMA-bufs.
+int Kernel::takeMemory(const v4l2_buffer &buffer)
+{
+    const unsigned int planes = driver.multiplanar ? current.fmt.pix_mp.num_planes : 1;
+    std::vector<std::uintptr_t> given;
+    for (unsigned int plane = 0; plane < planes; ++plane) {
+        const bool isAddress = memory == V4L2_MEMORY_USERPTR;
+        std::uintptr_t place = 0;
+        std::uint32_t length = 0;
+        if (driver.multiplanar) {
+            const v4l2_plane &part = buffer.m.planes[plane];
+            place = isAddress ? part.m.userptr : static_cast<std::uintptr_t>(part.m.fd);
+            length = part.length;
+        } else {
+            place = isAddress ? buffer.m.userptr : static_cast<std::uintptr_t>(buffer.m.fd);
+            length = buffer.length;
+        }
+        if (place == 0 || length < currentBytes(plane))
+            return -EINVAL;
+        given.push_back(place);
+    }
+    if (foreign().count(given[0]) > 0) {
+        violations.push_back("queued memory that the driver has");
+        return -EINVAL;
+    }
+    relocations += !places[buffer.index].empty() && places[buffer.index] != given ? 1 : 0;
+    places[buffer.index] = given;
+    return 0;
+}
+
+std::set<std::uintptr_t> Kernel::foreign() const
+{
+    std::set<std::uintptr_t> all;
+    for (const unsigned int index : queue)
+        all.insert(places.at(index).empty() ? 0 : places.at(index)[0]);
+    for (const Filled &filled : done)
+        all.insert(places.at(filled.index).empty() ? 0 : places.at(filled.index)[0]);
+    return all;
+}
+
+int Kernel::map(int fd, std::size_t bytes, std::int64_t offset, void **address)
+{
+    const Lock lock(mutex);
+    if (const int error = faultOf(mapCall))
+        return error;
+    if (fd != device || memory != V4L2_MEMORY_MMAP || offset / 4096 / 2 >= bufferCount)
+        return -EINVAL;
+    std::vector<std::uint8_t> content(bytes);
+    void *const place = content.data();
+    mapped[place] = std::move(content);
+    places[static_cast<std::size_t>(offset / 4096 / 2)].push_back(reinterpret_cast<std::uintptr_t>(place));
+    *address = place;
+    return 0;
+}
+
+int Kernel::unmap(void *address, std::size_t)
+{
+    const Lock lock(mutex);
+    if (mapped.erase(address) == 0)
+        violations.push_back("unmapped what is not mapped");
+    return 0;
+}
+
+// Writes the frame's number into the first byte of each line of both planes, where there is memory to write
+// into.
+void Kernel::paint(unsigned int index)
+{
+    if (memory == V4L2_MEMORY_DMABUF || places.empty() || places[index].empty())
+        return;
+    const std::uint32_t line = std::max(stride, driver.stride != 0 ? driver.stride : driver.width);
+    auto *luma = reinterpret_cast<std::uint8_t *>(places[index][0]);
+    auto *chroma = places[index].size() > 1 ? reinterpret_cast<std::uint8_t *>(places[index][1])
+                                            : luma + std::size_t{line} * driver.height;
+    for (std::uint32_t row = 0; row < driver.height; ++row)
+        luma[std::size_t{row} * line] = static_cast<std::uint8_t>(nextSequence);
+    for (std::uint32_t row = 0; row < (driver.height + 1) / 2; ++row)
+        chroma[std::size_t{row} * line] = static_cast<std::uint8_t>(nextSequence + 100);
 }
 
 int Kernel::dequeueBuffer(v4l2_buffer *buffer)
@@ -324,6 +425,7 @@ bool Kernel::fill(std::uint32_t flags, std::uint32_t lackingBytes, std::uint32_t
     const unsigned int index = queue.front();
     queue.pop_front();
     contents[index] = nextSequence;
+    paint(index);
     done.push_back({index, flags, nextSequence++, lackingBytes, dataOffset, now()});
     signal(true);
     return true;

@@ -36,8 +36,11 @@ struct Driver
     std::uint32_t quantization = V4L2_QUANTIZATION_DEFAULT;
     v4l2_fract interval = {1, 25};
     unsigned int mostBuffers = 32;
-    int startError = 0;   // of VIDIOC_STREAMON
-    int leastBuffers = 0; // V4L2_CID_MIN_BUFFERS_FOR_CAPTURE; 0: no such control
+    int startError = 0;         // of VIDIOC_STREAMON
+    int leastBuffers = 0;       // V4L2_CID_MIN_BUFFERS_FOR_CAPTURE; 0: no such control
+    bool takesAddresses = true; // V4L2_MEMORY_USERPTR
+    bool takesDmabufs = true;   // V4L2_MEMORY_DMABUF
+    bool takesStrides = true;   // lines as long as they are asked for
 };
 
 // One call to the kernel, as it is made to fail.
@@ -49,7 +52,8 @@ struct Fault
     bool forGood = false; // and all later ones of its kind
 };
 
-constexpr unsigned long openCall = 1; // stand for open() where requests are named
+constexpr unsigned long openCall = 1; // stand for open() and map() where requests are named
+constexpr unsigned long mapCall = 2;
 
 class Kernel : public zevmm::v4l2::System
 {
@@ -58,6 +62,8 @@ public:
     int close(int fd) override;
     int ioctl(int fd, unsigned long request, void *argument) override;
     int poll(pollfd *descriptors, unsigned int count, int timeoutMs) override;
+    int map(int fd, std::size_t bytes, std::int64_t offset, void **address) override;
+    int unmap(void *address, std::size_t bytes) override;
     std::int64_t now() override;
 
     // Between calls (tests with threads hold `mutex` for these).
@@ -83,6 +89,10 @@ public:
     std::vector<std::uint32_t> contents;  // by buffer: the number of the frame last written into it
     std::vector<int> exports;             // by buffer: how often it was exported (plane 0)
     std::map<int, unsigned int> bufferOfDmabuf;
+    std::map<void *, std::vector<std::uint8_t>> mapped; // what is mapped now
+    // What the driver has been given and not yet given back: the address, or the DMA-buf's number as one.
+    std::set<std::uintptr_t> foreign() const;
+    int relocations = 0; // buffers that were given other memory than they had before
     std::uint32_t nextSequence = 1;
     bool isStreaming = false;
     v4l2_format current = {}; // as last set
@@ -108,6 +118,8 @@ private:
     int queueBuffer(v4l2_buffer *buffer);
     int dequeueBuffer(v4l2_buffer *buffer);
     int exportBuffer(v4l2_exportbuffer *request);
+    int takeMemory(const v4l2_buffer &buffer);
+    void paint(unsigned int index);
     void signal(bool readable);
 
     int device = -1;
@@ -115,7 +127,10 @@ private:
     int nextDmabuf = 100000;
     bool hasBroken = false; // a fault for good has begun
     unsigned int bufferCount = 0;
-    std::deque<unsigned int> queue; // with the driver, to be filled
+    std::uint32_t memory = V4L2_MEMORY_MMAP;
+    std::uint32_t stride = 0;                        // that was asked for and granted
+    std::vector<std::vector<std::uintptr_t>> places; // by buffer: where each plane goes
+    std::deque<unsigned int> queue;                  // with the driver, to be filled
     std::deque<Filled> done;
 };
 

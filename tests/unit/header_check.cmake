@@ -27,7 +27,7 @@ zev_target(shm-header-check)
 target_link_libraries(shm-header-check PRIVATE Zev::shm)
 
 set(header_sources)
-foreach(header capturebase dmaeglcapture cameras)
+foreach(header cameras capturebase dmaeglcapture memorycapture)
     file(CONFIGURE OUTPUT ${header_folder}/zevmm_${header}.cpp CONTENT
         "#include <zevmm/v4l2/${header}.h>\n#include <zevmm/v4l2/${header}.h>\n")
     list(APPEND header_sources ${header_folder}/zevmm_${header}.cpp)

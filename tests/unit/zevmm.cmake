@@ -8,3 +8,8 @@ foreach(test mailbox setup stream faults capture cameras)
         SOURCES ${unit}/tst_zevmm_${test}.cpp ${unit}/fake_v4l2.cpp ${unit}/fake_v4l2.h
         LIBRARIES zevmm_testable GTest::gtest_main)
 endforeach()
+foreach(test memory memoryfaults)
+    zev_test(tst_zevmm_${test}
+        SOURCES ${unit}/tst_zevmm_${test}.cpp ${unit}/fake_frametaker.h ${unit}/fake_v4l2.cpp ${unit}/fake_v4l2.h
+        LIBRARIES zevmm_testable GTest::gtest_main)
+endforeach()

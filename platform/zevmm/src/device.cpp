@@ -18,6 +18,9 @@ namespace {
 constexpr unsigned int buffersOfReader = 3;
 constexpr unsigned int leastBuffers = buffersOfReader + 1;
 constexpr unsigned int usualBuffers = 6;
+// Whoever takes a frame at once and gives another buffer for it keeps none.
+constexpr unsigned int usualQueue = 4;
+constexpr unsigned int leastMapped = 2;
 
 } // namespace
 
@@ -79,8 +82,7 @@ std::string Device::offeredFormats()
     return text.empty() ? "nothing that it names" : text;
 }
 
-bool Device::tryPixelFormat(std::uint32_t code, std::uint32_t width, std::uint32_t height,
-                            Negotiated *negotiated)
+bool Device::tryPixelFormat(std::uint32_t code, const Wish &wish, Negotiated *negotiated)
 {
     v4l2_format format = {};
     format.type = negotiatedFormat.bufferType();
@@ -91,16 +93,18 @@ bool Device::tryPixelFormat(std::uint32_t code, std::uint32_t width, std::uint32
         if (negotiatedFormat.multiplanar) {
             v4l2_pix_format_mplane &picture = asked->fmt.pix_mp;
             picture.pixelformat = code;
-            picture.width = width != 0 ? width : picture.width;
-            picture.height = height != 0 ? height : picture.height;
+            picture.width = wish.width != 0 ? wish.width : picture.width;
+            picture.height = wish.height != 0 ? wish.height : picture.height;
             picture.num_planes = code == V4L2_PIX_FMT_NV12M ? 2 : 1;
             std::memset(picture.plane_fmt, 0, sizeof picture.plane_fmt);
+            for (unsigned int plane = 0; plane < picture.num_planes; ++plane)
+                picture.plane_fmt[plane].bytesperline = wish.strideBytes;
         } else {
             v4l2_pix_format &picture = asked->fmt.pix;
             picture.pixelformat = code;
-            picture.width = width != 0 ? width : picture.width;
-            picture.height = height != 0 ? height : picture.height;
-            picture.bytesperline = 0;
+            picture.width = wish.width != 0 ? wish.width : picture.width;
+            picture.height = wish.height != 0 ? wish.height : picture.height;
+            picture.bytesperline = wish.strideBytes;
             picture.sizeimage = 0;
         }
     };
@@ -139,22 +143,27 @@ std::int64_t Device::frameInterval()
     return std::int64_t(interval.numerator) * 1000000 / interval.denominator;
 }
 
-Negotiated Device::negotiate(std::uint32_t width, std::uint32_t height)
+// Somebody who set that has a reason.
+bool Device::isSetToTwoMemories()
+{
+    v4l2_format present = {};
+    present.type = negotiatedFormat.bufferType();
+    return system.request(file.get(), VIDIOC_G_FMT, &present) == 0 &&
+           present.fmt.pix_mp.pixelformat == V4L2_PIX_FMT_NV12M;
+}
+
+Negotiated Device::negotiate(const Wish &wish)
 {
     Negotiated negotiated;
     bool found = false;
     if (!negotiatedFormat.multiplanar) {
-        found = tryPixelFormat(V4L2_PIX_FMT_NV12, width, height, &negotiated);
+        found = tryPixelFormat(V4L2_PIX_FMT_NV12, wish, &negotiated);
     } else {
-        // Somebody who set two descriptors has a reason.
-        v4l2_format present = {};
-        present.type = negotiatedFormat.bufferType();
-        const bool isSeparate = system.request(file.get(), VIDIOC_G_FMT, &present) == 0 &&
-                                present.fmt.pix_mp.pixelformat == V4L2_PIX_FMT_NV12M;
-        const std::uint32_t first = isSeparate ? V4L2_PIX_FMT_NV12M : V4L2_PIX_FMT_NV12;
-        const std::uint32_t second = isSeparate ? V4L2_PIX_FMT_NV12 : V4L2_PIX_FMT_NV12M;
-        found = tryPixelFormat(first, width, height, &negotiated) ||
-                tryPixelFormat(second, width, height, &negotiated);
+        const bool isTwoFirst = wish.memories == Wish::Memories::TwoFirst ||
+                                (wish.memories == Wish::Memories::AsSet && isSetToTwoMemories());
+        const std::uint32_t first = isTwoFirst ? V4L2_PIX_FMT_NV12M : V4L2_PIX_FMT_NV12;
+        const std::uint32_t second = isTwoFirst ? V4L2_PIX_FMT_NV12 : V4L2_PIX_FMT_NV12M;
+        found = tryPixelFormat(first, wish, &negotiated) || tryPixelFormat(second, wish, &negotiated);
     }
     if (!found)
         fail(EINVAL, "the camera offers no NV12 (VIDIOC_S_FMT), but " + offeredFormats(),
@@ -164,73 +173,147 @@ Negotiated Device::negotiate(std::uint32_t width, std::uint32_t height)
     return negotiated;
 }
 
-unsigned int Device::wantedBuffers()
+// What the driver says it needs to have; 0 when it does not say.
+unsigned int Device::leastQueue()
 {
     v4l2_control least = {};
     least.id = V4L2_CID_MIN_BUFFERS_FOR_CAPTURE;
     if (system.request(file.get(), VIDIOC_G_CTRL, &least) < 0 || least.value < 1)
-        return usualBuffers;
-    return std::max(usualBuffers, buffersOfReader + std::min<unsigned int>(least.value, VIDEO_MAX_FRAME));
+        return 0;
+    return std::min<unsigned int>(least.value, VIDEO_MAX_FRAME);
 }
 
-std::vector<ExportedBuffer> Device::allocate(const Negotiated &negotiated)
+unsigned int Device::wantedQueue()
+{
+    return std::max(usualQueue, leastQueue() + 1);
+}
+
+unsigned int Device::wantedBuffers()
+{
+    return std::max(usualBuffers, buffersOfReader + leastQueue());
+}
+
+void Device::requestBuffers(unsigned int count, unsigned int least)
 {
     v4l2_requestbuffers request = {};
-    request.count = wantedBuffers();
-    request.type = negotiated.bufferType();
-    request.memory = V4L2_MEMORY_MMAP;
+    request.count = count;
+    request.type = negotiatedFormat.bufferType();
+    request.memory = memory;
     const int result = system.request(file.get(), VIDIOC_REQBUFS, &request);
+    if (result == -EINVAL && memory != V4L2_MEMORY_MMAP)
+        fail(EINVAL,
+             std::string("the driver takes no memory by ") +
+                 (memory == V4L2_MEMORY_USERPTR ? "address" : "DMA-buf") + " (VIDIOC_REQBUFS)",
+             "use another camera, or another driver");
     if (result < 0)
         fail(-result, "VIDIOC_REQBUFS");
-    if (request.count < leastBuffers || request.count > VIDEO_MAX_FRAME)
+    if (request.count < least || request.count > VIDEO_MAX_FRAME)
         fail(ENOMEM,
              "the driver answers VIDIOC_REQBUFS with " + std::to_string(request.count) + " buffers, " +
-                 std::to_string(leastBuffers) + " are needed",
+                 std::to_string(least) + " are needed",
              remedyFor(ENOMEM, name));
+    queued.assign(request.count, false);
+}
+
+unsigned int Device::reserve(std::uint32_t memoryType, unsigned int count, unsigned int least)
+{
+    memory = memoryType;
+    requestBuffers(count, least);
+    return static_cast<unsigned int>(queued.size());
+}
+
+std::vector<ExportedBuffer> Device::allocate()
+{
+    memory = V4L2_MEMORY_MMAP;
+    requestBuffers(wantedBuffers(), leastBuffers);
     std::vector<ExportedBuffer> buffers;
-    for (unsigned int index = 0; index < request.count; ++index)
+    for (unsigned int index = 0; index < queued.size(); ++index)
         buffers.push_back(exportBuffer(index));
-    queued.assign(buffers.size(), false);
     return buffers;
+}
+
+std::vector<MappedBuffer> Device::allocateMapped()
+{
+    memory = V4L2_MEMORY_MMAP;
+    requestBuffers(wantedQueue(), leastMapped);
+    std::vector<MappedBuffer> buffers;
+    for (unsigned int index = 0; index < queued.size(); ++index) {
+        v4l2_plane planes[VIDEO_MAX_PLANES] = {};
+        v4l2_buffer buffer = {};
+        queryBuffer(&buffer, planes, index);
+        buffers.emplace_back(system);
+        for (unsigned int part = 0; part < negotiatedFormat.memories; ++part) {
+            const bool isMulti = negotiatedFormat.multiplanar;
+            const int result =
+                buffers.back().map(part, file.get(), isMulti ? planes[part].length : buffer.length,
+                                   isMulti ? planes[part].m.mem_offset : buffer.m.offset);
+            if (result < 0)
+                fail(-result, "mmap of a buffer");
+        }
+    }
+    return buffers;
+}
+
+MappedBuffer::~MappedBuffer()
+{
+    for (unsigned int part = 0; part < places.size(); ++part) {
+        if (places[part] != nullptr)
+            system->unmap(places[part], sizes[part]);
+    }
+}
+
+int MappedBuffer::map(unsigned int part, int fd, std::size_t bytes, std::int64_t offset)
+{
+    sizes[part] = bytes;
+    const int result = system->map(fd, bytes, offset, &places[part]);
+    return result == -EINTR ? system->map(fd, bytes, offset, &places[part]) : result;
+}
+
+// The driver's buffer and the lengths of its memories, which hold a picture.
+void Device::queryBuffer(v4l2_buffer *buffer, v4l2_plane *planes, unsigned int index)
+{
+    buffer->index = index;
+    buffer->type = negotiatedFormat.bufferType();
+    buffer->memory = V4L2_MEMORY_MMAP;
+    if (negotiatedFormat.multiplanar) {
+        buffer->m.planes = planes;
+        buffer->length = VIDEO_MAX_PLANES;
+    }
+    const int result = system.request(file.get(), VIDIOC_QUERYBUF, buffer);
+    if (result < 0)
+        fail(-result, "VIDIOC_QUERYBUF");
+    for (unsigned int part = 0; part < negotiatedFormat.memories; ++part) {
+        const std::uint64_t bytes = negotiatedFormat.multiplanar ? planes[part].length : buffer->length;
+        // EGL takes what it is told: what lies outside would be read all the same.
+        if (bytes < negotiatedFormat.bytes[part])
+            fail(EPROTO,
+                 "the driver answers VIDIOC_QUERYBUF with a buffer of " + std::to_string(bytes) +
+                     " bytes for a picture of " + std::to_string(negotiatedFormat.bytes[part]),
+                 "use another camera, or another driver");
+    }
 }
 
 ExportedBuffer Device::exportBuffer(unsigned int index)
 {
     v4l2_plane planes[VIDEO_MAX_PLANES] = {};
     v4l2_buffer buffer = {};
-    buffer.index = index;
-    buffer.type = negotiatedFormat.bufferType();
-    buffer.memory = V4L2_MEMORY_MMAP;
-    if (negotiatedFormat.multiplanar) {
-        buffer.m.planes = planes;
-        buffer.length = VIDEO_MAX_PLANES;
-    }
-    int result = system.request(file.get(), VIDIOC_QUERYBUF, &buffer);
-    if (result < 0)
-        fail(-result, "VIDIOC_QUERYBUF");
+    queryBuffer(&buffer, planes, index);
 
     ExportedBuffer exported;
-    for (unsigned int memory = 0; memory < negotiatedFormat.memories; ++memory) {
-        exported.bytes[memory] = negotiatedFormat.multiplanar ? planes[memory].length : buffer.length;
-        // EGL takes what it is told: what lies outside would be read all the same.
-        if (exported.bytes[memory] < negotiatedFormat.bytes[memory])
-            fail(EPROTO,
-                 "the driver answers VIDIOC_QUERYBUF with a buffer of " +
-                     std::to_string(exported.bytes[memory]) + " bytes for a picture of " +
-                     std::to_string(negotiatedFormat.bytes[memory]),
-                 "use another camera, or another driver");
+    for (unsigned int part = 0; part < negotiatedFormat.memories; ++part) {
+        exported.bytes[part] = negotiatedFormat.multiplanar ? planes[part].length : buffer.length;
         v4l2_exportbuffer request = {};
         request.type = negotiatedFormat.bufferType();
         request.index = index;
-        request.plane = memory;
+        request.plane = part;
         request.flags = O_CLOEXEC | O_RDWR; // software drivers map what they sample for writing, too
-        result = system.request(file.get(), VIDIOC_EXPBUF, &request);
+        const int result = system.request(file.get(), VIDIOC_EXPBUF, &request);
         if (result == -ENOTTY || result == -EINVAL)
             fail(-result, "the driver cannot export its buffers as DMA-bufs (VIDIOC_EXPBUF)",
                  throughAStore(name, negotiatedFormat.multiplanar));
         if (result < 0)
             fail(-result, "VIDIOC_EXPBUF");
-        exported.dmabufs[memory] = Descriptor(system, request.fd);
+        exported.dmabufs[part] = Descriptor(system, request.fd);
     }
     return exported;
 }
@@ -256,7 +339,7 @@ int Device::stopStreaming()
     return result;
 }
 
-int Device::queue(unsigned int index)
+int Device::queue(unsigned int index, const ForeignMemory *foreign)
 {
     if (index >= queued.size() || queued[index])
         return -EINVAL;
@@ -264,10 +347,27 @@ int Device::queue(unsigned int index)
     v4l2_buffer buffer = {};
     buffer.index = index;
     buffer.type = negotiatedFormat.bufferType();
-    buffer.memory = V4L2_MEMORY_MMAP;
+    buffer.memory = memory;
     if (negotiatedFormat.multiplanar) {
         buffer.m.planes = planes;
         buffer.length = negotiatedFormat.memories;
+    }
+    for (unsigned int part = 0; foreign != nullptr && part < negotiatedFormat.memories; ++part) {
+        const auto address = reinterpret_cast<unsigned long>(foreign->addresses[part]);
+        const bool isAddress = memory == V4L2_MEMORY_USERPTR;
+        if (negotiatedFormat.multiplanar) {
+            planes[part].length = foreign->lengths[part];
+            if (isAddress)
+                planes[part].m.userptr = address;
+            else
+                planes[part].m.fd = foreign->dmabufs[part];
+        } else {
+            buffer.length = foreign->lengths[part];
+            if (isAddress)
+                buffer.m.userptr = address;
+            else
+                buffer.m.fd = foreign->dmabufs[part];
+        }
     }
     const int result = system.request(file.get(), VIDIOC_QBUF, &buffer);
     queued[index] = result == 0;
@@ -279,7 +379,7 @@ int Device::dequeue(FilledBuffer *filled)
     v4l2_plane planes[VIDEO_MAX_PLANES] = {};
     v4l2_buffer buffer = {};
     buffer.type = negotiatedFormat.bufferType();
-    buffer.memory = V4L2_MEMORY_MMAP;
+    buffer.memory = memory;
     if (negotiatedFormat.multiplanar) {
         buffer.m.planes = planes;
         buffer.length = VIDEO_MAX_PLANES;
@@ -294,11 +394,11 @@ int Device::dequeue(FilledBuffer *filled)
     filled->index = buffer.index;
     filled->sequence = buffer.sequence;
     filled->damaged = (buffer.flags & V4L2_BUF_FLAG_ERROR) != 0;
-    for (unsigned int memory = 0; memory < negotiatedFormat.memories; ++memory) {
-        const std::uint64_t used = negotiatedFormat.multiplanar ? planes[memory].bytesused : buffer.bytesused;
-        const std::uint64_t begin = negotiatedFormat.multiplanar ? planes[memory].data_offset : 0;
+    for (unsigned int part = 0; part < negotiatedFormat.memories; ++part) {
+        const std::uint64_t used = negotiatedFormat.multiplanar ? planes[part].bytesused : buffer.bytesused;
+        const std::uint64_t begin = negotiatedFormat.multiplanar ? planes[part].data_offset : 0;
         // The images over the buffers begin at their begin.
-        if (begin != 0 || used < negotiatedFormat.bytes[memory])
+        if (begin != 0 || used < negotiatedFormat.bytes[part])
             filled->damaged = true;
     }
     const bool monotonic = (buffer.flags & V4L2_BUF_FLAG_TIMESTAMP_MASK) == V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC;

@@ -7,7 +7,8 @@ namespace v4l2 {
 
 DeviceError::DeviceError(int error, const std::string &device, const std::string &what,
                          const std::string &remedy)
-    : std::system_error(error, std::generic_category()), text(device + ": " + what + "; " + remedy)
+    : std::system_error(error, std::generic_category()), cause(what),
+      text(device + ": " + what + "; " + remedy)
 {}
 
 DeviceError DeviceError::ofRequest(int error, const std::string &device, const std::string &request,

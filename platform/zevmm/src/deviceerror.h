@@ -19,8 +19,11 @@ public:
                                  const std::string &remedy);
 
     const char *what() const noexcept override { return text.c_str(); }
+    // WHAT alone.
+    const std::string &reason() const { return cause; }
 
 private:
+    std::string cause;
     std::string text;
 };
 

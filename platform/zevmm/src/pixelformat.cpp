@@ -115,6 +115,7 @@ bool readFormat(const v4l2_format &answer, Negotiated *negotiated, std::string *
         negotiated->bytes = {lumaBytes + chromaBytes, 0};
     for (unsigned int memory = 0; memory < memories; ++memory) {
         const std::uint32_t size = multiplanar ? multi.plane_fmt[memory].sizeimage : single.sizeimage;
+        negotiated->sizes[memory] = size;
         if (size < negotiated->bytes[memory]) {
             *why =
                 std::to_string(size) + " bytes for a picture of " + std::to_string(negotiated->bytes[memory]);

@@ -28,6 +28,7 @@ struct Negotiated
     unsigned int memories = 0;          // per buffer: 1, or 2 when each plane has its own
     std::array<Plane, 2> planes;        // luma, chroma
     std::array<std::uint64_t, 2> bytes; // that a whole picture takes of each memory
+    std::array<std::uint32_t, 2> sizes; // that the driver wants each memory to have at least
 
     std::uint32_t bufferType() const
     {

@@ -12,11 +12,6 @@ namespace v4l2 {
 
 namespace {
 
-constexpr std::int64_t shortestStall = 1000000;    // microseconds without a frame
-constexpr std::int64_t stallFrames = 5;            // frame intervals without a frame
-constexpr std::int64_t longestWait = 8000000;      // between two restarts
-constexpr std::int64_t returnInterval = 500000;    // between two looks for a device that has gone
-constexpr std::int64_t longestInterval = 60000000; // that a driver is believed to have between two frames
 constexpr std::uint64_t retiredLimit = 256u << 20; // bytes
 
 } // namespace
@@ -66,8 +61,8 @@ void Stream::prepare(std::uint32_t width, std::uint32_t height)
 {
     try {
         camera.open();
-        negotiated = camera.negotiate(width, height);
-        auto made = std::make_unique<EglImages>(negotiated, camera.allocate(negotiated));
+        negotiated = camera.negotiate({width, height, 0, Device::Wish::Memories::AsSet});
+        auto made = std::make_unique<EglImages>(negotiated, camera.allocate());
         const std::lock_guard<std::mutex> lock(mutex);
         images = std::move(made);
         mailbox.beginGeneration(++generation);
@@ -127,7 +122,7 @@ int Stream::queueFree(const std::vector<bool> &free)
 
 void Stream::start()
 {
-    if (state != State::Idle)
+    if (recovery.state() != State::Idle)
         return;
     std::vector<bool> free;
     {
@@ -138,12 +133,10 @@ void Stream::start()
         returned.clear();
         free = mailbox.restart(images ? images->count() : 0);
     }
-    lastFrame = system.now();
-    lastRestart = lastFrame - longestWait;
-    failures = 0;
+    const std::int64_t now = system.now();
     if (!camera.isOpen()) {
         leave("the device has gone");
-        retryAt = lastFrame;
+        recovery.gone(now, 0);
         return;
     }
     const char *request = "VIDIOC_QBUF";
@@ -153,7 +146,7 @@ void Stream::start()
         result = camera.startStreaming();
     }
     if (result == 0) {
-        state = State::Streaming;
+        recovery.begin(now, negotiated.format.frameInterval);
         return;
     }
     if (isGone(-result)) {
@@ -169,9 +162,9 @@ void Stream::start()
 
 void Stream::stop()
 {
-    if (state == State::Idle)
+    if (recovery.state() == State::Idle)
         return;
-    state = State::Idle;
+    recovery.end();
     if (camera.isOpen() && camera.stopStreaming() < 0) {
         camera.close();
         retireImages();
@@ -232,26 +225,13 @@ void Stream::readFrame(const std::function<void(void *)> &callback)
 
 int Stream::descriptor() const
 {
-    return state == State::Streaming ? camera.descriptor() : -1;
-}
-
-std::int64_t Stream::stallLimit() const
-{
-    const std::int64_t limit =
-        std::max(shortestStall,
-                 stallFrames * std::clamp<std::int64_t>(negotiated.format.frameInterval, 0, longestInterval));
-    return std::max(limit, std::min(limit << std::min(failures, 3u), longestWait));
-}
-
-std::int64_t Stream::nextStep() const
-{
-    return state == State::Streaming ? lastFrame + stallLimit() : retryAt;
+    return recovery.state() == State::Streaming ? camera.descriptor() : -1;
 }
 
 void Stream::step(short events) noexcept
 {
     try {
-        if (state == State::Streaming) {
+        if (recovery.state() == State::Streaming) {
             const char *request = "VIDIOC_QBUF";
             int result = giveBack();
             if (result == 0) {
@@ -263,16 +243,15 @@ void Stream::step(short events) noexcept
             else if (system.now() >= nextStep())
                 fail(ETIMEDOUT, "no frames");
         }
-        if (state == State::Broken && system.now() >= retryAt)
+        if (recovery.state() == State::Broken && system.now() >= nextStep())
             restart();
-        else if (state == State::Gone && system.now() >= retryAt)
+        else if (recovery.state() == State::Gone && system.now() >= nextStep())
             reopen();
     } catch (const std::exception &exception) { // out of memory: all state is the device's, get it anew
         try {
             leave(exception.what());
         } catch (const std::exception &) { // not even for the message
-            state = State::Gone;
-            retryAt = system.now() + longestWait;
+            recovery.gone(system.now(), Recovery::longestWait);
         }
     }
 }
@@ -327,10 +306,8 @@ void Stream::accept(const FilledBuffer &filled, int *error)
             troubleText.clear();
         }
     }
-    if (!filled.damaged) {
-        lastFrame = system.now();
-        failures = 0;
-    }
+    if (!filled.damaged)
+        recovery.frame(system.now());
     *error = unused ? camera.queue(*unused) : 0;
 }
 
@@ -341,9 +318,7 @@ void Stream::fail(int error, const char *request)
         leave(std::string("the device has gone (") + request + ": " + errorText(error) + ")");
         return;
     }
-    state = State::Broken;
-    // At once the first time, then with ever longer pauses.
-    retryAt = failures == 0 ? system.now() : lastRestart + stallLimit();
+    recovery.broke(system.now());
     setTrouble(device() +
                (error == ETIMEDOUT ? ": the device delivers no frames"
                                    : ": " + std::string(request) + ": " + errorText(error)) +
@@ -352,8 +327,7 @@ void Stream::fail(int error, const char *request)
 
 void Stream::restart()
 {
-    lastRestart = system.now();
-    ++failures;
+    recovery.restarts(system.now());
     const char *request = "VIDIOC_STREAMOFF";
     int result = camera.stopStreaming();
     if (result == 0) {
@@ -377,15 +351,13 @@ void Stream::restart()
             request + ": " + errorText(-result) + ")");
         return;
     }
-    state = State::Streaming;
-    lastFrame = system.now();
+    recovery.restarted(system.now());
 }
 
 // Closes the device, which is then looked for until it opens again.
 void Stream::leave(const std::string &why)
 {
-    state = State::Gone;
-    retryAt = system.now() + returnInterval;
+    recovery.gone(system.now());
     camera.close();
     retireImages();
     setTrouble(device() + ": " + why + "; it is opened again as soon as that is possible");
@@ -405,7 +377,7 @@ void Stream::retireImages()
 
 void Stream::reopen()
 {
-    retryAt = system.now() + returnInterval;
+    recovery.gone(system.now());
     std::uint64_t kept = 0;
     {
         const std::lock_guard<std::mutex> lock(mutex);
@@ -435,9 +407,7 @@ void Stream::reopen()
         leave(std::string(request) + ": " + errorText(-result));
         return;
     }
-    state = State::Streaming;
-    lastFrame = system.now();
-    failures = 0;
+    recovery.begin(system.now(), negotiated.format.frameInterval);
     const std::lock_guard<std::mutex> lock(mutex);
     ++counters.returns;
 }

@@ -5,6 +5,7 @@
 #include "device.h"
 #include "eglimages.h"
 #include "mailbox.h"
+#include "recovery.h"
 
 #include <zevmm/v4l2/dmaeglcapture.h>
 
@@ -23,13 +24,6 @@ namespace v4l2 {
 //
 // Threads: isFrameReady(), readFrame(), format(), statistics() and trouble() are thread-safe; the others are
 // for one thread at a time: the capture thread's step() while it runs, else whoever sets up.
-//
-// States, of who steps:
-//
-//     Idle --start--> Streaming --stall, error--> Broken --restart--> Streaming
-//                         |                          | the driver refuses
-//                         +----the device is gone----+--> Gone --it opens again--> Streaming
-//     any --stop--> Idle
 class Stream
 {
 public:
@@ -53,12 +47,12 @@ public:
     // To be polled for reading; -1 while there is nothing to poll.
     int descriptor() const;
     // When step() has something to do though nothing is readable: CLOCK_MONOTONIC, microseconds.
-    std::int64_t nextStep() const;
+    std::int64_t nextStep() const { return recovery.nextStep(); }
     // `events` as poll() answered them for descriptor().
     void step(short events) noexcept;
 
 private:
-    enum class State { Idle, Streaming, Broken, Gone };
+    using State = Recovery::State;
 
     int giveBack();
     int drain(short events);
@@ -70,7 +64,6 @@ private:
     void reopen();
     void prepare(std::uint32_t width, std::uint32_t height);
     void retireImages();
-    std::int64_t stallLimit() const;
     void setTrouble(const std::string &text);
 
     System &system;
@@ -78,16 +71,12 @@ private:
 
     // Of who steps.
     Device camera;
-    State state = State::Idle;
+    Recovery recovery;
     Negotiated negotiated; // of the present opening
     bool isSetUp = false;
     std::uint32_t wantedWidth = 0; // what setup() got, asked for again when the device returns
     std::uint32_t wantedHeight = 0;
-    std::int64_t lastFrame = 0; // when the last good one came, or streaming began
-    std::int64_t retryAt = 0;   // in Broken and Gone
-    std::int64_t lastRestart = 0;
     std::vector<unsigned int> giving; // of giveBack(), kept for its memory
-    unsigned int failures = 0; // restarts since a good frame: each waits twice as long, see stallLimit()
 
     mutable std::mutex mutex; // guards all that follows; never held while the driver or a callback runs
     Mailbox mailbox;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -31,6 +32,15 @@ public:
     {
         return answer(::poll(descriptors, count, timeoutMs));
     }
+    int map(int fd, std::size_t bytes, std::int64_t offset, void **address) override
+    {
+        void *const mapped = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, offset);
+        if (mapped == MAP_FAILED)
+            return -errno;
+        *address = mapped;
+        return 0;
+    }
+    int unmap(void *address, std::size_t bytes) override { return answer(::munmap(address, bytes)); }
     std::int64_t now() override
     {
         timespec time = {};

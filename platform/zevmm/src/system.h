@@ -5,6 +5,7 @@
 
 #include <poll.h>
 
+#include <cstddef>
 #include <cstdint>
 
 namespace zevmm {
@@ -20,6 +21,9 @@ public:
     virtual int close(int fd) = 0;
     virtual int ioctl(int fd, unsigned long request, void *argument) = 0;
     virtual int poll(pollfd *descriptors, unsigned int count, int timeoutMs) = 0;
+    // Maps a buffer of the driver's for reading and writing, and gives it back.
+    virtual int map(int fd, std::size_t bytes, std::int64_t offset, void **address) = 0;
+    virtual int unmap(void *address, std::size_t bytes) = 0;
     virtual std::int64_t now() = 0; // CLOCK_MONOTONIC, microseconds
 
     // ioctl(), again when a signal interrupts it.
