@@ -55,6 +55,8 @@ TEST_F(ZevshmErrors, usage)
     expectFailure(run({"publish", "cam", "test:", "--no-audio", "--no-video"}), 2, "--no-video");
     expectFailure(run({"publish", "cam", "test:nothing"}), 2, "test:nothing");
     expectFailure(run({"publish", "cam", "x.mkv", "--matrix", "bt601"}), 2, "--matrix");
+    expectFailure(run({"publish", "cam", "x.mkv", "--copy"}), 2, "--copy is for cameras");
+    expectFailure(run({"publish", "cam", "test:", "--copy"}), 2, "--copy is for cameras");
     expectFailure(run({"publish", "cam", "test:avsync", "--av-offset", "501"}), 2, "--av-offset");
     expectFailure(run({"publish", "cam", "x.mkv", "--latency", "-1"}), 2, "--latency");
     expectFailure(run({"list", "more"}), 2, "'more'");

@@ -40,6 +40,15 @@ AVColorSpace matrixOf(std::uint32_t encoding)
     }
 }
 
+// 0 when it is no video device.
+std::uint32_t capabilitiesOf(int fd)
+{
+    v4l2_capability capability = {};
+    if (::ioctl(fd, VIDIOC_QUERYCAP, &capability) != 0)
+        return 0;
+    return capability.capabilities & V4L2_CAP_DEVICE_CAPS ? capability.device_caps : capability.capabilities;
+}
+
 } // namespace
 
 bool isCameraInput(const std::string &input)
@@ -110,17 +119,22 @@ std::string cameraProblem(const std::string &device)
     const int fd = ::open(device.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
         return cameraProblem(AVERROR(errno), device);
-    v4l2_capability capability = {};
-    const bool isVideo = ::ioctl(fd, VIDIOC_QUERYCAP, &capability) == 0;
+    const std::uint32_t capabilities = capabilitiesOf(fd);
     ::close(fd);
-    const std::uint32_t capabilities =
-        capability.capabilities & V4L2_CAP_DEVICE_CAPS ? capability.device_caps : capability.capabilities;
-    if (isVideo && capabilities & V4L2_CAP_VIDEO_CAPTURE)
+    if (capabilities & (V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_VIDEO_CAPTURE_MPLANE))
         return "";
-    if (isVideo && capabilities & V4L2_CAP_VIDEO_CAPTURE_MPLANE)
-        return "has the multi-planar interface only, which cannot be published; show it directly, as v4l://" +
-               device;
     return "is no capture device; name one that 'v4l2-ctl --list-devices' lists";
+}
+
+bool isMultiplanarCamera(const std::string &device)
+{
+    const int fd = ::open(device.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const std::uint32_t capabilities = capabilitiesOf(fd);
+    ::close(fd);
+    return (capabilities & V4L2_CAP_VIDEO_CAPTURE) == 0 &&
+           (capabilities & V4L2_CAP_VIDEO_CAPTURE_MPLANE) != 0;
 }
 
 } // namespace zevshm

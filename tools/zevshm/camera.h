@@ -26,6 +26,8 @@ CameraColor colorOfCamera(const std::string &device);
 std::string cameraProblem(int error, const std::string &device);
 // What can be told without FFmpeg of a device that is no use; empty when nothing can.
 std::string cameraProblem(const std::string &device);
+// It has the multi-planar interface only, which FFmpeg does not read.
+bool isMultiplanarCamera(const std::string &device);
 
 } // namespace zevshm
 

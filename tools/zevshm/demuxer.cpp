@@ -105,6 +105,12 @@ void Demuxer::open()
         const std::string problem = cameraProblem(m_name.url);
         if (!problem.empty())
             throw Failure(ExitInput, m_name.display + ": " + problem);
+        if (isMultiplanarCamera(m_name.url))
+            throw Failure(ExitInput,
+                          m_name.display +
+                              ": has the multi-planar interface, of which NV12 can be published, without "
+                              "--fps and faults; 'v4l2-ctl -d " +
+                              m_name.display + " --list-formats' lists what it offers");
         camera = cameraDemuxer();
     }
     AVFormatContext *format = avformat_alloc_context();

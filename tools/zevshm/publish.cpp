@@ -1,5 +1,6 @@
 // zevshm publish
 #include "camera.h"
+#include "camerapublisher.h"
 #include "commands.h"
 #include "failure.h"
 #include "ffmpeg.h"
@@ -25,6 +26,8 @@ const std::vector<OptionSpec> specs = {
     {"--format", "FORMAT", "yuv420p (usual), yvu420p or nv12"},
     {"--matrix", "MATRIX", "of a test input: bt601 or bt709 (usual: bt601 up to 576 lines, else bt709)"},
     {"--keep-range", "", "keep the range of a medium's samples instead of making them full range"},
+    {"--copy", "",
+     "of a camera: copy each frame, full range and as --format and --size say, not straight as it comes"},
     {"--no-video", "", "publish sound only"},
     {"--no-audio", "", "publish pictures only"},
     {"--audio-rate", "HZ", "samples a second (a medium's own, or 48000)"},
@@ -58,7 +61,9 @@ void printHelp()
         "  test:         moving picture with frame number, time and block code; a tone for every channel\n"
         "  test:avsync   a flash and a beep at every full second of the wall clock\n"
         "  test:bars     saturated color bars\n"
-        "  v4l2:DEVICE   a camera: v4l2:/dev/video0, at the size and rate that it is set to\n\n"
+        "  v4l2:DEVICE   a camera: v4l2:/dev/video0, at the size and rate that it is set to; NV12 straight "
+        "into\n"
+        "                the store where its driver can\n\n"
         "Options:\n%s\n"
         "Timestamps are wall-clock time. A frame is published at its timestamp; sound in blocks of 10 ms, "
         "each\n"
@@ -80,6 +85,7 @@ struct PublishPlan
     Publisher::Settings publisher;
     MediaInput::Settings media;
     TestInput::Settings test;
+    std::optional<CameraPublisher::Settings> camera; // may be published without FFmpeg
     bool isTest = false;
 };
 
@@ -111,6 +117,28 @@ FaultPlan parseFaults(const Options &options)
     return plan;
 }
 
+// What a camera that offers NV12 is published like without FFmpeg; nothing with what only FFmpeg's way has.
+std::optional<CameraPublisher::Settings> cameraSettings(const Options &options, const PublishPlan &plan)
+{
+    for (const char *name :
+         {"--fps", "--no-video", "--jitter", "--ppm", "--drop", "--stall", "--clock-step"}) {
+        if (options.has(name))
+            return std::nullopt;
+    }
+    CameraPublisher::Settings settings;
+    settings.device = plan.input.substr(plan.input.find(':') + 1);
+    settings.pixelFormat = plan.store.pixelFormat;
+    settings.size = plan.publisher.size;
+    settings.keepRange = plan.publisher.keepRange;
+    for (const char *name : {"--copy", "--size"}) {
+        if (options.has(name))
+            settings.obstacle = std::string(name) + " is given";
+    }
+    if (options.text("--format") && settings.pixelFormat != SHM_PIXEL_FORMAT_NV12)
+        settings.obstacle = "--format " + *options.text("--format") + " is given";
+    return settings;
+}
+
 PatternKind parseKind(const std::string &input)
 {
     const std::string kind = input.substr(std::strlen("test:"));
@@ -133,6 +161,8 @@ PublishPlan makePlan(const Options &options)
     plan.isTest = plan.input.rfind("test:", 0) == 0;
     if (isCameraInput(plan.input) && plan.input.back() == ':')
         throw Failure(ExitUsage, "publish: '" + plan.input + "' names no device; give v4l2:/dev/video0");
+    if (plan.isTest && options.has("--copy"))
+        throw Failure(ExitUsage, "publish: --copy is for cameras; leave it out");
 
     const std::string format = options.choice("--format", {"yuv420p", "yvu420p", "nv12"}).value_or("yuv420p");
     plan.store.pixelFormat = format == "nv12"      ? SHM_PIXEL_FORMAT_NV12
@@ -192,6 +222,10 @@ PublishPlan makePlan(const Options &options)
         plan.media.latencyUs = cameraLatencyUs;
     if (latency)
         plan.media.latencyUs = millisecondsToUs(*latency);
+    if (isCameraInput(plan.input))
+        plan.camera = cameraSettings(options, plan);
+    else if (options.has("--copy"))
+        throw Failure(ExitUsage, "publish: --copy is for cameras; leave it out");
     return plan;
 }
 
@@ -207,7 +241,8 @@ std::string progressLine(const std::string &name, const Publisher::Counters &cou
     return line;
 }
 
-void watch(const Wakeups &wakeups, const Publisher &publisher, StoreWriter &store, const std::string &name)
+template <class AnyPublisher>
+void watch(const Wakeups &wakeups, const AnyPublisher &publisher, StoreWriter &store, const std::string &name)
 {
     constexpr int progressMs = 500;
     int64_t lastUs = monotonicUs();
@@ -250,6 +285,25 @@ std::string describe(const InputFormat &format, int pixelFormat)
     return text;
 }
 
+// Whether it was published; a camera that offers no NV12 is not.
+bool publishCamera(const PublishPlan &plan, const Wakeups &wakeups, SharedClock &clock)
+{
+    const std::string problem = cameraProblem(plan.camera->device);
+    if (!problem.empty())
+        throw Failure(ExitInput, plan.camera->device + ": " + problem);
+    StoreWriter store(plan.store);
+    CameraPublisher publisher(*plan.camera, store, clock);
+    if (!publisher.open())
+        return false;
+    say(plan.store.name + ": " + describe(store.format(), store.pixelFormat()) + ", " + publisher.way());
+    publisher.run([&wakeups] { wakeups.wake(); });
+    watch(wakeups, publisher, store, plan.store.name);
+    endProgress();
+    publisher.stop();
+    publisher.join();
+    return true;
+}
+
 } // namespace
 
 int publishCommand(const std::vector<std::string> &words)
@@ -267,6 +321,8 @@ int publishCommand(const std::vector<std::string> &words)
     const Wakeups wakeups;
     StopToken stopToken;
     SharedClock clock(plan.publisher.faults.ppm);
+    if (plan.camera && publishCamera(plan, wakeups, clock))
+        return ExitOk;
     std::unique_ptr<Input> input;
     if (plan.isTest)
         input = std::make_unique<TestInput>(plan.test, stopToken);
@@ -305,7 +361,8 @@ int publishCommand(const std::vector<std::string> &words)
     Publisher publisher(*input, store, clock, stopToken, plan.publisher);
     if (isCameraInput(plan.input))
         say(plan.store.name + ": " + describe(store.format(), plan.store.pixelFormat) +
-            ", each frame written into the store from the driver's buffer: one copy");
+            ", each frame written into the store from the driver's buffer: one copy, because " +
+            (plan.camera ? "the camera offers no NV12" : "--fps or a fault is asked for"));
     sayVerbose(plan.store.name + ": " + describe(store.format(), plan.store.pixelFormat));
     publisher.run([&wakeups] { wakeups.wake(); });
     watch(wakeups, publisher, store, plan.store.name);

@@ -36,7 +36,7 @@ StoreWriter::~StoreWriter()
     shm_writer_close(m_writer);
 }
 
-void StoreWriter::open(const InputFormat &format)
+void StoreWriter::open(const InputFormat &format, int pixelFormat, uint32_t lentFrames)
 {
     shm_writer_params_t params;
     shm_writer_params_init(&params);
@@ -49,7 +49,8 @@ void StoreWriter::open(const InputFormat &format)
     if (format.video) {
         params.width = format.video->width;
         params.height = format.video->height;
-        params.pixel_format = m_settings.pixelFormat;
+        params.pixel_format = pixelFormat;
+        params.lent_frames = lentFrames;
         params.color = format.video->color;
         if (format.video->rate) {
             params.rate_numerator = static_cast<uint32_t>(format.video->rate->numerator);
@@ -71,6 +72,7 @@ void StoreWriter::open(const InputFormat &format)
                                                               : m_settings.name + ": cannot be published (" +
                                                                     std::strerror(-rc) + ")");
     m_format = format;
+    m_pixelFormat = pixelFormat;
     tellOfExport();
 }
 

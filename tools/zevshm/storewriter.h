@@ -38,10 +38,16 @@ public:
     StoreWriter(const StoreWriter &) = delete;
     StoreWriter &operator=(const StoreWriter &) = delete;
 
-    void open(const InputFormat &format);
+    void open(const InputFormat &format) { open(format, m_settings.pixelFormat); }
+    // With a pixel format of the input's own, and with so many slots that may be acquired at once.
+    void open(const InputFormat &format, int pixelFormat, uint32_t lentFrames = 1);
     const InputFormat &format() const { return m_format; }
-    int pixelFormat() const { return m_settings.pixelFormat; }
+    int pixelFormat() const { return m_pixelFormat; }
 
+    int acquireForDevice(shm_writer_frame_t &frame)
+    {
+        return shm_writer_acquire_for_device(m_writer, &frame);
+    }
     int acquire(shm_writer_frame_t &frame) { return shm_writer_acquire(m_writer, &frame); }
     int publish(shm_writer_frame_t &frame, int64_t labelUs)
     {
@@ -59,6 +65,7 @@ private:
     void tellOfExport();
 
     const StoreSettings m_settings;
+    int m_pixelFormat = m_settings.pixelFormat;
     bool m_exportReported = false;
     InputFormat m_format;
     mutable std::mutex m_mutex; // held while the writer is replaced, and by threads other than the video's
