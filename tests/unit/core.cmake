@@ -64,9 +64,11 @@ zev_test(tst_videoframeconverter NO_TSAN SOURCES ${unit}/tst_videoframeconverter
 set(provider_libraries zevqt-mm-objects Qt5::Test PkgConfig::FFMPEG)
 zev_test(tst_mediaprovider NO_TSAN SOURCES ${unit}/tst_mediaprovider.cpp ${fake_store} ${fake_camera}
     LIBRARIES ${provider_libraries})
+zev_test(tst_mediaproviderrunning NO_TSAN SOURCES ${unit}/tst_mediaproviderrunning.cpp ${fake_store} ${fake_camera}
+    LIBRARIES ${provider_libraries})
 zev_test(tst_mediaprovidercamera NO_TSAN SOURCES ${unit}/tst_mediaprovidercamera.cpp ${fake_store} ${fake_camera}
     LIBRARIES ${provider_libraries})
-foreach(test tst_mediaprovider tst_mediaprovidercamera)
+foreach(test tst_mediaprovider tst_mediaproviderrunning tst_mediaprovidercamera)
     if(TARGET ${test}) # not under the thread sanitizer
         target_include_directories(${test} PRIVATE $<TARGET_PROPERTY:Zev::zevmm,INTERFACE_INCLUDE_DIRECTORIES>)
     endif()

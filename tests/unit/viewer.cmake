@@ -52,3 +52,13 @@ zev_test(tst_viewerwindow
     LABEL integration)
 target_include_directories(tst_viewerwindow PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/integration)
 set_target_properties(tst_viewerwindow PROPERTIES AUTORCC ON)
+
+# All of the sound is in one thread here: nothing for the thread sanitizer.
+zev_test(tst_viewersounddevices NO_TSAN
+    SOURCES unit/tst_viewersounddevices.cpp unit/fake_audiosystem.cpp unit/fake_audiosystem.h
+        integration/tonepublisher.cpp integration/tonepublisher.h
+    LIBRARIES zevqt-viewer-parts Zev::shm Qt5::Test Threads::Threads)
+if(TARGET tst_viewersounddevices)
+    target_include_directories(tst_viewersounddevices PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/integration)
+    target_compile_definitions(tst_viewersounddevices PRIVATE QT_STATICPLUGIN)
+endif()

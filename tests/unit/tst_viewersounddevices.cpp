@@ -1,0 +1,128 @@
+// What the viewer's sound says and does about devices, over devices of the test's own.
+
+#include "fake_audiosystem.h"
+#include "sound.h"
+#include "tonepublisher.h"
+
+#include <zevqt-mm/mediasource.h>
+
+#include <QtTest/QtTest>
+
+class tst_ViewerSoundDevices : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void formatThatIsRefusedIsNamed();
+    void deviceThatCannotBeOpenedIsNamed();
+    void deviceThatIsGoneIsToldOnce();
+    void reportRateReachesWhatIsPlaying();
+
+private:
+    static FakeAudioSystem &devices() { return FakeAudioSystem::instance(); }
+    void begin(int rate = 48000);
+
+    const int patienceMs = 30000;
+    QTemporaryDir stores{QStringLiteral("/tmp/zev-XXXXXX")};
+    std::unique_ptr<TonePublisher> publisher;
+    std::unique_ptr<Sound> sound;
+    QStringList problems;
+    int starts = 0;
+};
+
+void tst_ViewerSoundDevices::initTestCase()
+{
+    QCoreApplication::setLibraryPaths({}); // only the devices that are linked in
+    QLoggingCategory::setFilterRules(QStringLiteral("zevqt.audio=false"));
+    qputenv("ZEV_SHM_DIR", stores.path().toUtf8());
+}
+
+void tst_ViewerSoundDevices::init()
+{
+    devices().reset();
+    problems.clear();
+    starts = 0;
+}
+
+void tst_ViewerSoundDevices::cleanup()
+{
+    sound.reset();
+    publisher.reset();
+}
+
+void tst_ViewerSoundDevices::begin(int rate)
+{
+    publisher = std::make_unique<TonePublisher>(
+        "tone", rate, std::vector<TonePublisher::Tone>{{441.0, 8000}, {441.0, 8000}});
+    QVERIFY(publisher->isPublished());
+    Options options;
+    options.audioDevice = QStringLiteral("speaker");
+    const QSharedPointer<MediaSourceBase> source(new MediaSource(QStringLiteral("tone"), 100));
+    sound = std::make_unique<Sound>(source, options);
+    connect(sound.get(), &Sound::problem, this, [this](const QString &text) { problems << text; });
+    connect(sound.get(), &Sound::started, this, [this] { ++starts; });
+    sound->start(25);
+}
+
+void tst_ViewerSoundDevices::formatThatIsRefusedIsNamed()
+{
+    devices().preferred.setSampleSize(24); // what the resampler cannot make
+    devices().rates = {};
+    begin(96000);
+    QTRY_VERIFY_WITH_TIMEOUT(!problems.isEmpty(), patienceMs);
+    QVERIFY2(problems.first().contains(QStringLiteral("the audio device speaker takes ")) &&
+                 problems.first().contains(QStringLiteral("24 bits")) &&
+                 problems.first().contains(QStringLiteral("cannot be converted")),
+             qPrintable(problems.first()));
+    QCOMPARE(problems.size(), 1);
+    QCOMPARE(starts, 0);
+}
+
+void tst_ViewerSoundDevices::deviceThatCannotBeOpenedIsNamed()
+{
+    devices().startError = QAudio::OpenError;
+    begin();
+    QTRY_VERIFY_WITH_TIMEOUT(!problems.isEmpty(), patienceMs);
+    QVERIFY2(problems.first().contains(QStringLiteral(
+                 "the audio device speaker cannot be opened for 48000 Hz, 2 channels, 16 bits signed")),
+             qPrintable(problems.first()));
+    devices().startError = QAudio::NoError;
+    QTRY_COMPARE_WITH_TIMEOUT(starts, 1, patienceMs); // the attempts go on
+    QCOMPARE(problems.size(), 1);
+}
+
+void tst_ViewerSoundDevices::deviceThatIsGoneIsToldOnce()
+{
+    begin();
+    QTRY_COMPARE_WITH_TIMEOUT(starts, 1, patienceMs);
+    devices().devices = QStringList{QStringLiteral("headphones")};
+    devices().output->enter(QAudio::StoppedState, QAudio::FatalError);
+    QTRY_VERIFY_WITH_TIMEOUT(!problems.isEmpty(), patienceMs);
+    QVERIFY2(problems.first().contains(QStringLiteral("the audio device speaker is gone")),
+             qPrintable(problems.first()));
+    QTest::qWait(2000); // attempts are made
+    QCOMPARE(problems.size(), 1);
+    devices().devices = QStringList{QStringLiteral("speaker")};
+    QTRY_COMPARE_WITH_TIMEOUT(starts, 2, patienceMs);
+    QCOMPARE(problems.size(), 1);
+    QCOMPARE(devices().createdOn.last(), QStringLiteral("speaker"));
+}
+
+void tst_ViewerSoundDevices::reportRateReachesWhatIsPlaying()
+{
+    begin();
+    QTRY_COMPARE_WITH_TIMEOUT(starts, 1, patienceMs);
+    QCOMPARE(devices().output->notifyInterval(), 40);
+    sound->setReportRate(60);
+    QCOMPARE(devices().output->notifyInterval(), 16);
+    devices().output->enter(QAudio::StoppedState, QAudio::FatalError);
+    QTRY_COMPARE_WITH_TIMEOUT(starts, 2, patienceMs);
+    QCOMPARE(devices().output->notifyInterval(), 16);
+}
+
+QTEST_GUILESS_MAIN(tst_ViewerSoundDevices)
+#include "tst_viewersounddevices.moc"
