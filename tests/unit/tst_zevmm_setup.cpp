@@ -384,6 +384,12 @@ INSTANTIATE_TEST_SUITE_P(
                     k.fault = {-1, VIDIOC_EXPBUF, ENOTTY, true};
                 },
                 ENOTTY, noExport.c_str()},
+        Refusal{"NoExportMultiplanar",
+                [](fake::Kernel &k) {
+                    k.driver.multiplanar = true;
+                    k.fault = {-1, VIDIOC_EXPBUF, ENOTTY, true};
+                },
+                ENOTTY, noExport.c_str()},
         Refusal{"FewBuffers", [](fake::Kernel &k) { k.driver.mostBuffers = 3; }, ENOMEM, fewBuffers.c_str()},
         Refusal{"ShortBuffers", [](fake::Kernel &k) { k.driver.bufferLength = 100; }, EPROTO,
                 shortBuffers.c_str()},

@@ -310,7 +310,7 @@ ExportedBuffer Device::exportBuffer(unsigned int index)
         const int result = system.request(file.get(), VIDIOC_EXPBUF, &request);
         if (result == -ENOTTY || result == -EINVAL)
             fail(-result, "the driver cannot export its buffers as DMA-bufs (VIDIOC_EXPBUF)",
-                 throughAStore(name, negotiatedFormat.multiplanar));
+                 throughAStore(name, false));
         if (result < 0)
             fail(-result, "VIDIOC_EXPBUF");
         exported.dmabufs[part] = Descriptor(system, request.fd);

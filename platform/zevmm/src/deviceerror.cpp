@@ -52,7 +52,7 @@ std::string remedyFor(int error, const std::string &device)
 
 std::string throughAStore(const std::string &device, bool isMultiplanar)
 {
-    if (isMultiplanar) // for these no publisher is at hand
+    if (isMultiplanar) // of these only NV12 can be published
         return "use another camera, or a device node of its image processor: `v4l2-ctl -d " + device +
                " --list-formats` lists what each offers";
     return "publish it into a store, which converts (`zevshm publish NAME v4l2:" + device +

@@ -30,7 +30,7 @@ private:
 // What can be done about a request that failed with this errno.
 std::string remedyFor(int error, const std::string &device);
 // What can be done about a camera whose buffers cannot be shown as they are.
-std::string throughAStore(const std::string &device, bool isMultiplanar);
+std::string throughAStore(const std::string &device, bool isMultiplanar); // and offers no NV12
 // Whether this errno says that the device is no longer there.
 bool isGone(int error);
 std::string errorText(int error);
