@@ -63,16 +63,34 @@ TEST(Options, helpNeedsNothingElse)
     EXPECT_TRUE(parse({"--help"}).has("--help"));
 }
 
-TEST(Options, namesWhatIsWrong)
+TEST(Options, namesWhatIsWrongAndSaysWhatToWrite)
 {
-    EXPECT_TRUE(mentions(refused([] { parse({"cam", "in", "--speed", "3"}); }), "'--speed'"));
-    EXPECT_TRUE(mentions(refused([] { parse({"cam", "in", "-x"}); }), "'-x'"));
-    EXPECT_TRUE(mentions(refused([] { parse({"cam"}); }), "INPUT is missing"));
-    EXPECT_TRUE(mentions(refused([] { parse({}); }), "NAME is missing"));
-    EXPECT_TRUE(mentions(refused([] { parse({"cam", "in", "more"}); }), "'more'"));
-    EXPECT_TRUE(mentions(refused([] { parse({"cam", "in", "--fps"}); }), "'--fps' needs a value (RATE)"));
-    EXPECT_TRUE(mentions(refused([] { parse({"cam", "in", "--fps="}); }), "'--fps' needs a value"));
-    EXPECT_TRUE(mentions(refused([] { parse({"cam", "in", "--loop=1"}); }), "'--loop' takes no value"));
+    const struct
+    {
+        std::vector<std::string> words;
+        const char *message;
+    } cases[] = {
+        {{"cam", "in", "--speed", "3"}, "publish: unknown option '--speed'; see"},
+        {{"cam", "in", "-x"}, "publish: unknown option '-x'; see"},
+        {{"cam", "in", "-=3"}, "publish: unknown option '-'; see"},
+        {{"cam", "in", "--lop"}, "publish: unknown option '--lop', perhaps '--loop' is meant; see"},
+        {{"cam", "in", "--szie=4x4"}, "publish: unknown option '--szie', perhaps '--size' is meant; see"},
+        {{"cam", "in", "--"}, ""},
+        {{"cam"}, "publish: INPUT is missing, give 'zevshm publish NAME INPUT'; see"},
+        {{}, "publish: NAME is missing, give 'zevshm publish NAME INPUT'; see"},
+        {{"cam", "in", "more"},
+         "publish: unexpected argument 'more', give 'zevshm publish NAME INPUT' and put what has spaces into "
+         "quotes; see"},
+        {{"cam", "in", "--fps"}, "publish: option '--fps' needs a value, give --fps RATE; see"},
+        {{"cam", "in", "--fps="}, "publish: option '--fps' needs a value, give --fps RATE; see"},
+        {{"cam", "in", "--loop=1"}, "publish: option '--loop' takes no value, leave '=1' out; see"},
+    };
+    for (const auto &c : cases) {
+        if (*c.message == '\0')
+            EXPECT_NO_THROW(parse(c.words));
+        else
+            EXPECT_EQ(refused([&] { parse(c.words); }), std::string(c.message) + " 'zevshm publish --help'");
+    }
 }
 
 TEST(Options, refusesBadValues)

@@ -60,8 +60,11 @@ int run(const std::vector<std::string> &words)
         {"snapshot", snapshotCommand}, {"record", recordCommand}, {"dump", dumpCommand},
         {"top", topCommand},
     };
+    std::string known;
+    for (const auto &command : commands)
+        known += (known.empty() ? "" : ", ") + command.first;
     if (words.empty())
-        throw Failure(ExitUsage, "a command is missing; see 'zevshm --help'");
+        throw Failure(ExitUsage, "a command is missing, give one of " + known + "; see 'zevshm --help'");
     if (words[0] == "--help" || words[0] == "-h" || words[0] == "help") {
         printHelp();
         return ExitOk;
@@ -72,8 +75,10 @@ int run(const std::vector<std::string> &words)
     }
     const auto command = commands.find(words[0]);
     if (command == commands.end())
-        throw Failure(ExitUsage, "unknown " + std::string(words[0][0] == '-' ? "option" : "command") + " '" +
-                                     words[0] + "'; see 'zevshm --help'");
+        throw Failure(ExitUsage,
+                      (words[0][0] == '-' ? "unknown option '" + words[0] + "', the command comes first"
+                                          : "unknown command '" + words[0] + "'") +
+                          ", give one of " + known + "; see 'zevshm --help'");
     return command->second({words.begin() + 1, words.end()});
 }
 

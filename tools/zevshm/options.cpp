@@ -46,6 +46,23 @@ std::string plain(double value)
     return text;
 }
 
+// Letters to add, take away or replace to make one word of the other.
+size_t distance(const std::string &a, const std::string &b)
+{
+    std::vector<size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 1; i <= a.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); ++j) {
+            const size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
+            diagonal = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, replaced});
+        }
+    }
+    return row[b.size()];
+}
+
 } // namespace
 
 std::optional<Ratio> parseRate(const std::string &text)
@@ -99,11 +116,14 @@ Options::Options(std::string command, std::vector<OptionSpec> specs, std::vector
         const size_t equals = word.find('=');
         const std::string name = word == "-h" ? "--help" : word.substr(0, equals);
         const OptionSpec *spec = find(name);
-        if (!spec)
-            refuse("unknown option '" + name + "'");
+        if (!spec) {
+            const OptionSpec *meant = nearest(name);
+            refuse("unknown option '" + name + "'" +
+                   (meant ? ", perhaps '" + meant->name + "' is meant" : ""));
+        }
         if (spec->argument.empty()) {
             if (equals != std::string::npos)
-                refuse("option '" + name + "' takes no value");
+                refuse("option '" + name + "' takes no value, leave '" + word.substr(equals) + "' out");
             m_values[name];
             continue;
         }
@@ -111,18 +131,22 @@ Options::Options(std::string command, std::vector<OptionSpec> specs, std::vector
             m_values[name] = word.substr(equals + 1);
         } else {
             if (i + 1 >= words.size())
-                refuse("option '" + name + "' needs a value (" + spec->argument + ")");
+                refuse("option '" + name + "' needs a value, give " + name + " " + spec->argument);
             m_values[name] = words[++i];
         }
         if (m_values[name].empty())
-            refuse("option '" + name + "' needs a value (" + spec->argument + ")");
+            refuse("option '" + name + "' needs a value, give " + name + " " + spec->argument);
     }
     if (has("--help"))
         return;
+    std::string usage = "zevshm " + m_command;
+    for (const std::string &name : positionalNames)
+        usage += " " + name;
     if (m_positional.size() < positionalNames.size())
-        refuse(positionalNames[m_positional.size()] + " is missing");
+        refuse(positionalNames[m_positional.size()] + " is missing, give '" + usage + "'");
     if (m_positional.size() > positionalNames.size())
-        refuse("unexpected argument '" + m_positional[positionalNames.size()] + "'");
+        refuse("unexpected argument '" + m_positional[positionalNames.size()] + "', give '" + usage +
+               "' and put what has spaces into quotes");
 }
 
 void Options::refuse(const std::string &what) const
@@ -135,6 +159,20 @@ const OptionSpec *Options::find(const std::string &name) const
     const auto found = std::find_if(m_specs.begin(), m_specs.end(),
                                     [&](const OptionSpec &spec) { return spec.name == name; });
     return found == m_specs.end() ? nullptr : &*found;
+}
+
+const OptionSpec *Options::nearest(const std::string &name) const
+{
+    const OptionSpec *result = nullptr;
+    size_t least = 3; // more mistakes than that, and it is another word
+    for (const OptionSpec &spec : m_specs) {
+        const size_t mistakes = distance(name, spec.name);
+        if (mistakes < least && mistakes + 2 < name.size()) { // the dashes alone make no word similar
+            least = mistakes;
+            result = &spec;
+        }
+    }
+    return result;
 }
 
 std::optional<std::string> Options::text(const std::string &name) const

@@ -27,11 +27,12 @@ struct Ratio
 // The words after a command, taken apart.
 //
 // Usage
-//     Options options("publish", specs, 2, {"NAME", "INPUT"}, words);
+//     Options options("publish", specs, {"NAME", "INPUT"}, words);
 //     if (options.has("--loop")) ...
 //     int history = options.integer("--history", 1, 200).value_or(0);
 // Values may follow as the next word or after "=". "--" ends the options, a lone "-" is not one.
-// Errors: everything that is wrong is a Failure with ExitUsage that names the word and points to --help.
+// Errors: everything that is wrong is a Failure with ExitUsage that names the word, says what to write
+// instead and points to --help.
 class Options
 {
 public:
@@ -52,6 +53,8 @@ public:
 private:
     [[noreturn]] void refuse(const std::string &what) const;
     const OptionSpec *find(const std::string &name) const;
+    // The option that somebody may have meant who wrote `name`; null when none is near.
+    const OptionSpec *nearest(const std::string &name) const;
 
     std::string m_command;
     std::vector<OptionSpec> m_specs;
