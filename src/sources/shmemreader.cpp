@@ -28,8 +28,8 @@ const int microsecondsPerMillisecond = 1000;
 
 using Lock = std::lock_guard<QBasicMutex>; // whose lock() is inline, unlike QMutex's
 
-// CLOCK_MONOTONIC, what QElapsedTimer reads, as of the kernel's last tick: up to 10 ms ago, for a third of
-// the cost.
+// CLOCK_MONOTONIC, what QElapsedTimer reads, as of the kernel's last tick: up to 10 ms ago, for 7 ns
+// instead of 22 (Xeon at 2.5 GHz).
 qint64 coarseMs()
 {
     timespec now;
@@ -80,6 +80,7 @@ bool isDmaExportable(int pixelFormat)
 
 } // namespace
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): part of the interface
 ShmemReader::ShmemReader(QString storeName, int openParameter)
     : reader(nullptr), format(), realtimeSyncMin(0), realtimeSyncMax(0), fpsNumerator(0), fpsDenominator(0),
       openParam(openParameter), audioChannel(-1), reportedChannels(0), recentUntilMs(0)

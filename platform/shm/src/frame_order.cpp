@@ -16,7 +16,7 @@ void StepDetector::look(const ClockReading &now)
     }
     // Frames captured before the step may still come for a while, in order, before the first one that is
     // affected.
-    if (m_pending && now.monotonicUs - m_pendingSinceUs > 10 * 1000000)
+    if (m_pending && now.monotonicUs - m_pendingSinceUs > 10000000)
         m_pending = false;
     m_known = true;
     m_last = now;

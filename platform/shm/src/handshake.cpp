@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 namespace shm {
 
@@ -246,7 +247,8 @@ int Handshake::handleWelcome(Message &message, shm_error_t *error)
     } parts[] = {{&c.index, c.layout.indexBytes, sealsForReadOnly(), false},
                  {&c.control, sizeof(ControlPage), sealsForShared(), true},
                  {&c.audio, c.layout.audioBytes, sealsForReadOnly(), false}};
-    for (size_t i = 0; i < message.fds.size(); ++i) {
+    const size_t count = std::min(message.fds.size(), std::size(parts)); // more were refused above
+    for (size_t i = 0; i < count; ++i) {
         const int fd = message.fds[i].get();
         uint64_t inode = 0;
         result = checkSharedMemory(fd, parts[i].bytes, parts[i].seals, &inode, &why);

@@ -108,7 +108,7 @@ bool readHistoryEntry(const IndexView &index, uint64_t generation, FoundFrame *f
 int64_t nearestLimitUs(int64_t intervalUs)
 {
     if (intervalUs <= 0)
-        return 10 * 1000000;
+        return 10000000;
     // The interval comes from shared memory; an hour is longer than any that is meant.
     return std::max<int64_t>(1000000, 3 * std::min<int64_t>(intervalUs, int64_t{3600} * 1000000));
 }

@@ -19,6 +19,7 @@ std::atomic<uint64_t> fallbackWord{0};
 std::atomic<uint64_t> *makeWord()
 {
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    // cppcheck-suppress invalidFunctionArg  // anonymous memory has no descriptor
     void *memory = mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory != MAP_FAILED) {
         if (madvise(memory, page, MADV_WIPEONFORK) == 0)

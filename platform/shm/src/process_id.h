@@ -21,11 +21,17 @@ extern std::atomic<std::atomic<uint64_t> *> processWord;
 uint64_t renewProcessId();
 } // namespace detail
 
+// processId() if it has been asked for in this process, else 0: enough to compare with, and no call.
+inline uint64_t knownProcessId()
+{
+    const std::atomic<uint64_t> *word = detail::processWord.load(std::memory_order_acquire);
+    return word != nullptr ? word->load(std::memory_order_relaxed) : 0;
+}
+
 // Differs between this process and any it was forked from; never 0.
 inline uint64_t processId()
 {
-    const std::atomic<uint64_t> *word = detail::processWord.load(std::memory_order_acquire);
-    const uint64_t id = word != nullptr ? word->load(std::memory_order_relaxed) : 0;
+    const uint64_t id = knownProcessId();
     return id != 0 ? id : detail::renewProcessId();
 }
 

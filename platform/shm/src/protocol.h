@@ -91,8 +91,8 @@ constexpr uint32_t kAudioAnchors = 64;
 constexpr uint64_t kSlotBytesMax = uint64_t{1} << 31;
 constexpr uint64_t kAudioBytesMax = uint64_t{1} << 32;
 
-constexpr int64_t kHeartbeatUs = 100 * 1000;
-constexpr int64_t kStaleUs = 1000 * 1000;
+constexpr int64_t kHeartbeatUs = 100000;
+constexpr int64_t kStaleUs = 1000000;
 
 template <class T>
 struct alignas(64) Line
@@ -166,7 +166,7 @@ struct ControlPage
     Line<uint32_t> waiting;
     uint8_t reserved[1024 - 3 * 64];
     Atomic<uint64_t> locks[kLocksMax];
-    uint8_t rest[kPage - 1024 - 8 * kLocksMax];
+    uint8_t rest[kPage - 1024 - sizeof(Atomic<uint64_t>) * kLocksMax];
 };
 static_assert(std::is_standard_layout_v<ControlPage> && sizeof(ControlPage) == kPage);
 static_assert(offsetof(ControlPage, wish) == 64 && offsetof(ControlPage, waiting) == 128 &&
@@ -193,7 +193,7 @@ struct AudioHead
     Line<uint64_t> published;
     uint8_t reserved[1024 - 5 * 64];
     AudioAnchor anchors[kAudioAnchors];
-    uint8_t rest[kPage - 1024 - 32 * kAudioAnchors];
+    uint8_t rest[kPage - 1024 - sizeof(AudioAnchor) * kAudioAnchors];
 };
 static_assert(std::is_standard_layout_v<AudioHead> && sizeof(AudioHead) == kPage);
 static_assert(offsetof(AudioHead, end) == 64 && offsetof(AudioHead, anchors) == 1024);

@@ -15,12 +15,6 @@
 
 using namespace shm;
 
-namespace {
-
-constexpr int64_t kPollUs = 10 * 1000;
-
-} // namespace
-
 shm_reader::shm_reader(StoreConnection connection, uint32_t maxLocks, int timeoutMs)
     : m_process(processId()), m_maxLocks(maxLocks), m_timeoutMs(timeoutMs),
       m_connection(std::move(connection))
@@ -30,13 +24,14 @@ shm_reader::shm_reader(StoreConnection connection, uint32_t maxLocks, int timeou
         indexView(m_connection.index.data(), layout.slotCapacity, layout.historyRing, layout.historyFrames);
     m_control = reinterpret_cast<ControlPage *>(m_connection.control.data());
     m_lastPollUs = coarseUs();
-    m_described.width = static_cast<int32_t>(layout.width);
-    m_described.height = static_cast<int32_t>(layout.height);
-    m_described.session = layout.session;
+    m_describedAll.width = static_cast<int32_t>(layout.width);
+    m_describedAll.height = static_cast<int32_t>(layout.height);
+    m_describedAll.session = layout.session;
     for (uint32_t p = 0; p < layout.planeCount; ++p) {
-        m_described.strides[p] = static_cast<int32_t>(layout.strides[p]);
-        m_described.plane_offsets[p] = static_cast<int64_t>(layout.offsets[p]);
+        m_describedAll.strides[p] = static_cast<int32_t>(layout.strides[p]);
+        m_describedAll.plane_offsets[p] = static_cast<int64_t>(layout.offsets[p]);
     }
+    m_described.resize(layout.slotCapacity);
     const AudioFormat format = {layout.sampleRate, layout.channels, layout.audioCapacity,
                                 layout.audioHistory};
     for (uint32_t i = 0; i < layout.audioStreams; ++i)
@@ -72,6 +67,9 @@ bool shm_reader::receive()
         const char *why = "";
         if (result != 0)
             return false;
+        // Whatever becomes of the message: a mapping may have gone, and its number may come again.
+        for (Described &described : m_described)
+            described.record.memory_generation = 0;
         if (message.header().type == kDmabufs && m_wantsDmabufs) {
             if (m_connection.applyDmabufs(message, &m_dmabufsComplete, &why) != 0)
                 return false;
@@ -99,30 +97,18 @@ bool shm_reader::pollConnection()
     }
 }
 
-bool shm_reader::live(Look look)
+bool shm_reader::lookNow(int64_t nowUs)
 {
-    if (m_gone || !mine())
-        return false;
-    const IndexHead &head = *m_index.head;
-    const int64_t now = coarseUs();
-    if (head.state.value.load(std::memory_order_acquire) != kStoreOpen ||
-        m_control->revoked.value.load(std::memory_order_relaxed) != 0) {
+    if (isEnded()) {
         m_gone = true;
         return false;
     }
-    if (look == Look::Now || now - m_lastPollUs >= kPollUs) {
-        m_lastPollUs = now;
-        if (!pollConnection()) {
-            m_gone = true;
-            return false;
-        }
+    m_lastPollUs = nowUs;
+    if (!pollConnection()) {
+        m_gone = true;
+        return false;
     }
-    // A writer that is stopped counts as gone until it moves again. In unsigned arithmetic: the heartbeat may
-    // be anything, and one from the future is no sign of life either.
-    const int64_t beat = head.heartbeat.value.load(std::memory_order_relaxed);
-    const uint64_t age =
-        static_cast<uint64_t>(now) - static_cast<uint64_t>(beat) + static_cast<uint64_t>(kStaleUs);
-    return age <= 2 * static_cast<uint64_t>(kStaleUs);
+    return isBeating(nowUs);
 }
 
 void shm_reader::format(shm_reader_format_t *format) const

@@ -9,6 +9,7 @@
 #define SHM_READER_INTERNAL_H
 
 #include "audio_ring.h"
+#include "clock.h"
 #include "handshake.h"
 #include "layout.h"
 #include "process_id.h"
@@ -28,8 +29,16 @@ public:
 
     // The writer lives, as far as was known at most 10 ms ago; `now`: as far as is known.
     enum class Look { Recent, Now };
-    bool live(Look look = Look::Recent);
-    bool mine() const { return m_process == shm::processId(); }
+    bool live(Look look = Look::Recent)
+    {
+        if (m_gone || !mine())
+            return false;
+        const int64_t now = shm::coarseUs();
+        if (look == Look::Now || now - m_lastPollUs >= kPollUs || isEnded())
+            return lookNow(now);
+        return isBeating(now);
+    }
+    bool mine() const { return m_process == shm::knownProcessId(); }
 
     void format(shm_reader_format_t *format) const;
     void info(shm_store_info_t *info, bool isLive);
@@ -59,7 +68,26 @@ public:
                        int channel);
 
 private:
+    static constexpr int64_t kPollUs = 10000;
+
+    // The writer has said so, in one way or the other.
+    bool isEnded() const
+    {
+        return m_index.head->state.value.load(std::memory_order_acquire) != shm::kStoreOpen ||
+               m_control->revoked.value.load(std::memory_order_relaxed) != 0;
+    }
+    // A writer that is stopped counts as gone until it moves again. In unsigned arithmetic: the heartbeat may
+    // be anything, and one from the future is no sign of life either.
+    bool isBeating(int64_t nowUs) const
+    {
+        const int64_t beat = m_index.head->heartbeat.value.load(std::memory_order_relaxed);
+        const uint64_t age =
+            static_cast<uint64_t>(nowUs) - static_cast<uint64_t>(beat) + static_cast<uint64_t>(shm::kStaleUs);
+        return age <= 2 * static_cast<uint64_t>(shm::kStaleUs);
+    }
+    bool lookNow(int64_t nowUs);
     void describe(uint32_t slot, uint64_t generation, shm_video_frame_t *frame) const;
+    bool describeSlot(uint32_t slot, uint32_t memoryGeneration);
     bool pollConnection();
     bool receive();
     int awaitDmabufs();
@@ -69,8 +97,8 @@ private:
     // Immutable.
     const uint64_t m_process;
     const uint32_t m_maxLocks;
-    shm_video_frame_t m_described{}; // what the records of all frames have in common
-    const int m_timeoutMs;           // for an answer of the writer
+    shm_video_frame_t m_describedAll{}; // what the records of all frames have in common
+    const int m_timeoutMs;              // for an answer of the writer
     shm::IndexView m_index;
     shm::ControlPage *m_control = nullptr;
 
@@ -81,6 +109,13 @@ private:
 
     // One thread at a time.
     shm::StoreConnection m_connection;
+    // Of each slot, with the memory that it was made for; 0: none. A lock copies one and adds little: every
+    // store counts, since the next locked instruction waits for all of them.
+    struct alignas(64) Described
+    {
+        shm_video_frame_t record;
+    };
+    std::vector<Described> m_described;
     std::vector<shm::AudioRingReader> m_audio;
     int64_t m_lastPollUs = 0; // coarse clock
     bool m_gone = false;

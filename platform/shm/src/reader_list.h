@@ -91,6 +91,8 @@ public:
             const uint32_t high = m_list.m_high.load(std::memory_order_seq_cst);
             for (uint32_t i = 0; i < high; ++i) {
                 const uintptr_t entry = m_list.m_pages[i].load(std::memory_order_seq_cst);
+                // An address whose low bits count the words in use, so that both are read at once.
+                // NOLINTNEXTLINE(performance-no-int-to-ptr)
                 const auto *page = reinterpret_cast<const ControlPage *>(entry & ~kWordsMask);
                 if (page != nullptr && visit(*page, static_cast<uint32_t>(entry & kWordsMask)))
                     return true;

@@ -62,19 +62,30 @@ int shm_reader::timestamps(long long *timestamps, int capacity) const
     return hasVideo() ? historyTimestamps(m_index, timestamps, capacity) : 0;
 }
 
+// Makes ready what the records of all frames in this slot have in common while its memory stays; false when
+// the memory that the writer speaks of is not the one we have been given.
+bool shm_reader::describeSlot(uint32_t slot, uint32_t memoryGeneration)
+{
+    const SlotMapping &memory = m_connection.slots[slot];
+    if (memory.memoryGeneration != memoryGeneration)
+        return false;
+    shm_video_frame_t &described = m_described[slot].record;
+    described = m_describedAll;
+    for (uint32_t p = 0; p < m_connection.layout.planeCount; ++p)
+        described.planes[p] = memory.mapping.data() + m_describedAll.plane_offsets[p];
+    described.slot = static_cast<uint16_t>(slot);
+    described.memory_generation = memoryGeneration;
+    return true;
+}
+
 void shm_reader::describe(uint32_t slot, uint64_t generation, shm_video_frame_t *frame) const
 {
     const SlotMeta &meta = m_index.metas[slot];
     const shm_color_t color = unpackColor(meta.color.load(std::memory_order_relaxed));
-    uint8_t *const base = m_connection.slots[slot].mapping.data();
-    *frame = m_described;
+    *frame = m_described[slot].record;
     frame->timestamp = meta.timestamp.load(std::memory_order_relaxed);
-    for (uint32_t p = 0; p < m_connection.layout.planeCount; ++p)
-        frame->planes[p] = base + m_described.plane_offsets[p];
-    frame->slot = static_cast<uint16_t>(slot);
     frame->matrix = color.matrix;
     frame->range = color.range;
-    frame->memory_generation = m_connection.slots[slot].memoryGeneration;
     frame->generation = generation;
 }
 
@@ -107,7 +118,8 @@ shm_reader::Attempt shm_reader::tryLock(uint64_t generation, uint32_t slot, uint
     }
     const bool revoked = m_control->revoked.value.load(std::memory_order_seq_cst) != 0;
     const uint32_t memory = m_index.metas[slot].memoryGeneration.load(std::memory_order_relaxed);
-    if (revoked || memory == 0 || memory != m_connection.slots[slot].memoryGeneration) {
+    if (revoked || memory == 0 ||
+        (memory != m_described[slot].record.memory_generation && !describeSlot(slot, memory))) {
         lock.store(0, std::memory_order_release);
         // Memory that we have not been given yet; if its message has come, the frame can be had after all.
         return !revoked && pollConnection() && memory == m_connection.slots[slot].memoryGeneration
@@ -195,7 +207,7 @@ int shm_reader::waitVideo(uint64_t after, int timeoutMs)
     if (!hasVideo())
         return -EINVAL;
     // A writer that is killed wakes nobody, so the connection is looked at now and then.
-    constexpr int64_t kSliceUs = 50 * 1000;
+    constexpr int64_t kSliceUs = 50000;
     const int64_t deadline = monotonicUs() + int64_t{timeoutMs} * 1000;
     IndexHead &head = *m_index.head;
     while (true) {

