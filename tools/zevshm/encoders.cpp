@@ -100,9 +100,9 @@ bool isListed(const T *list, T end, T value)
 
 AVPixelFormat chooseFormat(const AVCodec *codec, AVPixelFormat source)
 {
-    if (isListed(codec->pix_fmts, AV_PIX_FMT_NONE, source))
+    if (isListed(pixelFormatsOf(codec), AV_PIX_FMT_NONE, source))
         return source;
-    return avcodec_find_best_pix_fmt_of_list(codec->pix_fmts, source, 0, nullptr);
+    return avcodec_find_best_pix_fmt_of_list(pixelFormatsOf(codec), source, 0, nullptr);
 }
 
 } // namespace
@@ -209,10 +209,10 @@ SoundEncoder::SoundEncoder(const EncoderChoice &choice, int sampleRate, int chan
 {
     const AVCodec *codec = nullptr;
     m_encoder = makeContext(choice, AVMEDIA_TYPE_AUDIO, codec);
-    m_encoder->sample_fmt = isListed(codec->sample_fmts, AV_SAMPLE_FMT_NONE, AV_SAMPLE_FMT_S16)
+    m_encoder->sample_fmt = isListed(sampleFormatsOf(codec), AV_SAMPLE_FMT_NONE, AV_SAMPLE_FMT_S16)
                                 ? AV_SAMPLE_FMT_S16
-                                : codec->sample_fmts[0];
-    m_encoder->sample_rate = isListed(codec->supported_samplerates, 0, sampleRate) ? sampleRate : 48000;
+                                : sampleFormatsOf(codec)[0];
+    m_encoder->sample_rate = isListed(sampleRatesOf(codec), 0, sampleRate) ? sampleRate : 48000;
     m_encoder->time_base = {1, m_encoder->sample_rate};
     av_channel_layout_default(&m_encoder->ch_layout, channels);
     m_encoder->bit_rate = int64_t{96000} * channels; // of lossy encoders

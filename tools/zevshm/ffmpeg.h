@@ -66,6 +66,41 @@ inline const int32_t *displayMatrix(const AVStream *stream)
 #endif
 }
 
+// What an encoder takes: lists that end in -1 (formats) or 0 (rates); null: everything.
+#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(61, 13, 100)
+inline const void *supportedBy(const AVCodec *codec, AVCodecConfig config)
+{
+    const void *list = nullptr;
+    avcodec_get_supported_config(nullptr, codec, config, 0, &list, nullptr);
+    return list;
+}
+inline const AVPixelFormat *pixelFormatsOf(const AVCodec *codec)
+{
+    return static_cast<const AVPixelFormat *>(supportedBy(codec, AV_CODEC_CONFIG_PIX_FORMAT));
+}
+inline const AVSampleFormat *sampleFormatsOf(const AVCodec *codec)
+{
+    return static_cast<const AVSampleFormat *>(supportedBy(codec, AV_CODEC_CONFIG_SAMPLE_FORMAT));
+}
+inline const int *sampleRatesOf(const AVCodec *codec)
+{
+    return static_cast<const int *>(supportedBy(codec, AV_CODEC_CONFIG_SAMPLE_RATE));
+}
+#else
+inline const AVPixelFormat *pixelFormatsOf(const AVCodec *codec)
+{
+    return codec->pix_fmts;
+}
+inline const AVSampleFormat *sampleFormatsOf(const AVCodec *codec)
+{
+    return codec->sample_fmts;
+}
+inline const int *sampleRatesOf(const AVCodec *codec)
+{
+    return codec->supported_samplerates;
+}
+#endif
+
 inline bool isInterlaced(const AVFrame &frame)
 {
 #ifdef AV_FRAME_FLAG_INTERLACED
