@@ -269,11 +269,8 @@ void tst_ViewerFramePath::dmabufsAreAskedForWhereFramesAreDrawn_data()
     QTest::addColumn<QByteArray>("variable"); // ZEV_GL_DMABUF of the one who starts it; null: none
     QTest::addColumn<QString>("expected");
     QTest::newRow("frames") << "auto" << QStringList() << QByteArray() << "eglimage";
-    QTest::newRow("frames, switched off") << "auto" << QStringList() << QByteArray("") << "eglimage";
     QTest::newRow("frames by the planes") << "mapped" << QStringList() << QByteArray("1") << "mapped";
     QTest::newRow("images") << "auto" << QStringList({"--frames", "image"}) << QByteArray("1") << "image";
-    QTest::newRow("images by the planes")
-        << "mapped" << QStringList({"--frames", "image"}) << QByteArray("1") << "image";
 }
 
 // Whatever the environment says: with DMA-bufs there would be no images, and without them no imported frames.
