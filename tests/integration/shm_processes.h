@@ -3,6 +3,8 @@
 #ifndef SHM_PROCESSES_H
 #define SHM_PROCESSES_H
 
+#include "../waiting.h"
+
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -29,19 +31,6 @@ inline void pauseUs(long us)
 {
     const timespec time = {us / 1000000, us % 1000000 * 1000};
     nanosleep(&time, nullptr);
-}
-
-// Looks at `condition` every millisecond until it holds; false when it does not within `seconds`.
-template <class Condition>
-bool waitFor(Condition &&condition, int seconds = 40)
-{
-    const int64_t deadline = nowUs() + int64_t{seconds} * 1000000;
-    while (!condition()) {
-        if (nowUs() > deadline)
-            return false;
-        pauseUs(1000);
-    }
-    return true;
 }
 
 // An object that this process and the children that it forks from now on have in common, until they end.

@@ -2,6 +2,7 @@
 #ifndef SHM_TESTING_H
 #define SHM_TESTING_H
 
+#include "../waiting.h"
 #include "store_directory.h"
 
 #include <shm/shm_reader.h>
@@ -28,17 +29,11 @@
 
 namespace testing_shm {
 
-// Looks at `condition` until it holds; false when it does not within a generous time.
+// Looks at `condition` without a pause until it holds; false when it does not within a generous time.
 template <class Condition>
 bool eventually(Condition &&condition, std::chrono::seconds limit = std::chrono::seconds(30))
 {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::yield();
-    }
-    return true;
+    return waitFor(condition, limit, [] { std::this_thread::yield(); });
 }
 
 inline shm_writer_params_t smallVideo(const char *name)

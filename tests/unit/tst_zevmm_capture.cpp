@@ -1,4 +1,5 @@
 // The capture's own thread: frames come by themselves, stop() waits for it, nobody steps on anybody.
+#include "../waiting.h"
 #include "capture.h"
 #include "fake_v4l2.h"
 
@@ -41,17 +42,6 @@ protected:
     {
         capture->stop();
         capture->destroyImages(fake::Egl::display(), fake::Egl::destroy);
-    }
-    template <class Condition>
-    static bool waitFor(Condition condition)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        while (!condition()) {
-            if (std::chrono::steady_clock::now() > deadline)
-                return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return true;
     }
     bool isReady() const { return capture->stream().isFrameReady(); }
 
