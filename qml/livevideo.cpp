@@ -320,7 +320,7 @@ QString LiveVideo::whyNoEglImage() const
         return QStringLiteral("EGL images are switched off");
     if (window()->rendererInterface()->graphicsApi() != QSGRendererInterface::OpenGL)
         return QStringLiteral("the scene graph does not draw with OpenGL");
-    const QString obstacle = EglImageTexture::whyNot(QOpenGLContext::currentContext());
+    QString obstacle = EglImageTexture::whyNot(QOpenGLContext::currentContext());
     if (!obstacle.isEmpty())
         return obstacle;
     if (EglImageNode::shaderFailed())
@@ -398,9 +398,10 @@ QSGNode *LiveVideo::updatePaintNode(QSGNode *oldNode, UpdatePaintNodeData *)
         m_mappingFailed = true;
     Choice choice = choosePath();
     if (choice.path == EglImage) {
-        QSGNode *node = updateEglImageNode(m_nodePath == EglImage ? oldNode : nullptr, &choice);
+        const bool isOldUsed = m_nodePath == EglImage;
+        QSGNode *node = updateEglImageNode(isOldUsed ? oldNode : nullptr, &choice);
         if (choice.path == EglImage) {
-            if (m_nodePath != EglImage)
+            if (!isOldUsed)
                 delete oldNode;
             m_nodePath = EglImage;
             return node;

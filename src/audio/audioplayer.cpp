@@ -118,6 +118,7 @@ qint64 AudioPlayer::getDevicePosition() const
     return getReadPosition() - reader.readAhead() - format.durationForBytes(held) + untold;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): part of the interface
 bool AudioPlayer::setDevice(QString name)
 {
     if (enabled())

@@ -160,6 +160,7 @@ void AudioReader::failResampler(const char *message)
     qCCritical(audio) << message;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): part of the interface
 bool AudioReader::updateResampler(QAudioFormat newInputFormat)
 {
     swr_free(&resampler);

@@ -3,6 +3,8 @@
 #include "sources/shmemreader.h"
 #include "video/videoframestreamconverter.h"
 
+#include <utility>
+
 namespace {
 
 const qint64 defaultAudioMicroseconds = 100000;
@@ -10,7 +12,7 @@ const qint64 defaultAudioMicroseconds = 100000;
 } // namespace
 
 MediaSource::MediaSource(QString name, int openParam, QObject *parent)
-    : MediaSourceBase(parent), reader(new ShmemReader(name, openParam)), requestedAudioSamples(0),
+    : MediaSourceBase(parent), reader(new ShmemReader(std::move(name), openParam)), requestedAudioSamples(0),
       converter(nullptr)
 {
     qRegisterMetaType<MediaSource *>(); // "MediaSource*", for calls by name before anyone mentioned the type

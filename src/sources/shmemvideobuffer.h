@@ -51,7 +51,7 @@ protected:
      */
     void setFrame(SHM_PIXEL_FORMAT format, shm_video_frame_t *other)
     {
-        frame.release();
+        static_cast<void>(frame.release());
         frame.reset(other);
         mapMode_ = NotMapped;
         pixelFormat = format;

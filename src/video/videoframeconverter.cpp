@@ -100,6 +100,7 @@ VideoFrameConverter::~VideoFrameConverter()
     sws_freeContext(scalingContext);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): part of the interface
 QImage VideoFrameConverter::convert(QVideoFrame frame, const QSize &targetSize, QImage::Format targetFormat,
                                     bool keepAspectRatio, bool pointSampling)
 {

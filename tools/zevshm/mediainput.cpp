@@ -29,7 +29,7 @@ MediaInput::MediaInput(const Settings &settings, SharedClock &clock, StopToken &
 
 MediaInput::~MediaInput()
 {
-    stop();
+    MediaInput::stop();
 }
 
 void MediaInput::start()

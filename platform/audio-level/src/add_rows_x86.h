@@ -26,8 +26,8 @@ static inline __attribute__((always_inline, target(TARGET))) void ADD_ROWS(const
             whole[v][0] = whole[v][1] = upper[v][0] = upper[v][1] = OP(setzero)();
         for (size_t pair = 0; pair < count; ++pair, data += 2 * row) {
             for (int v = 0; v < vectors; ++v) {
-                const VECTOR first = LOAD(data + v * LANES_X86);
-                const VECTOR second = LOAD(data + row + v * LANES_X86);
+                const VECTOR first = LOAD(data + (size_t)v * LANES_X86);
+                const VECTOR second = LOAD(data + row + (size_t)v * LANES_X86);
                 high[v] = OP(max_epi16)(high[v], OP(max_epi16)(first, second));
                 low[v] = OP(min_epi16)(low[v], OP(min_epi16)(first, second));
                 const VECTOR a = OP(unpacklo_epi16)(first, second);
@@ -53,8 +53,8 @@ static inline __attribute__((always_inline, target(TARGET))) void ADD_ROWS(const
         pairs -= count;
     }
     for (int v = 0; v < vectors; ++v) {
-        memcpy(sums->high + v * LANES_X86, &high[v], sizeof high[v]);
-        memcpy(sums->low + v * LANES_X86, &low[v], sizeof low[v]);
+        memcpy(sums->high + (size_t)v * LANES_X86, &high[v], sizeof high[v]);
+        memcpy(sums->low + (size_t)v * LANES_X86, &low[v], sizeof low[v]);
     }
 }
 

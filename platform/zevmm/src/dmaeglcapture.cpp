@@ -31,6 +31,7 @@ bool DmaEglCapture::isFrameReady() const
     return capture->stream().isFrameReady();
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): part of the interface
 void DmaEglCapture::readFrame(std::function<void(void *)> callback)
 {
     capture->readFrame(callback);

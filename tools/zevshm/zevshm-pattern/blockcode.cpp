@@ -48,7 +48,7 @@ blockcode::Cells encodeBlockCode(const BlockCode &code)
         bytes[static_cast<size_t>(i)] = static_cast<uint8_t>(code.frameNumber >> (24 - 8 * i));
     const uint64_t timestamp = static_cast<uint64_t>(code.timestampUs);
     for (int i = 0; i < 8; ++i)
-        bytes[static_cast<size_t>(4 + i)] = static_cast<uint8_t>(timestamp >> (56 - 8 * i));
+        bytes[size_t{4} + static_cast<size_t>(i)] = static_cast<uint8_t>(timestamp >> (56 - 8 * i));
     const uint16_t crc = crc16(bytes.data(), payloadBytes);
     bytes[12] = static_cast<uint8_t>(crc >> 8);
     bytes[13] = static_cast<uint8_t>(crc);
@@ -94,7 +94,7 @@ std::optional<BlockCode> decodeBlockCode(const uint8_t *samples, ptrdiff_t strid
         for (int column = 0; column < columns; ++column) {
             const int x0 = edge(firstColumn + column, width, gridColumns);
             const int x1 = edge(firstColumn + column + 1, width, gridColumns);
-            means[static_cast<size_t>(row * columns + column)] =
+            means[static_cast<size_t>(row) * static_cast<size_t>(columns) + static_cast<size_t>(column)] =
                 cellMean(samples, strideBytes, pixelStepBytes, x0, x1, y0, y1);
         }
     }

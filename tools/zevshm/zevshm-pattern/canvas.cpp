@@ -37,7 +37,8 @@ Yuv toYuv(Rgb rgb, Matrix matrix)
 void Canvas::setChroma(int column, int row, uint8_t u, uint8_t v, int alpha)
 {
     if (m_picture.interleavedChroma) {
-        uint8_t *pair = m_picture.planes[1] + static_cast<ptrdiff_t>(row) * m_picture.strides[1] + 2 * column;
+        uint8_t *pair =
+            m_picture.planes[1] + static_cast<ptrdiff_t>(row) * m_picture.strides[1] + ptrdiff_t{2} * column;
         pair[0] = mix(pair[0], u, alpha);
         pair[1] = mix(pair[1], v, alpha);
         return;
@@ -62,11 +63,12 @@ void Canvas::fillRect(int x, int y, int width, int height, Yuv color)
     const int columns = (x1 + 1) / 2 - x0 / 2;
     for (int row = y0 / 2; row < (y1 + 1) / 2; ++row) {
         if (m_picture.interleavedChroma) {
-            uint8_t *pair =
-                m_picture.planes[1] + static_cast<ptrdiff_t>(row) * m_picture.strides[1] + x0 / 2 * 2;
+            uint8_t *pair = m_picture.planes[1] + static_cast<ptrdiff_t>(row) * m_picture.strides[1] +
+                            x0 / 2 * ptrdiff_t{2};
             for (int i = 0; i < columns; ++i) {
-                pair[2 * i] = color.u;
-                pair[2 * i + 1] = color.v;
+                pair[0] = color.u;
+                pair[1] = color.v;
+                pair += 2;
             }
         } else {
             std::memset(m_picture.planes[1] + static_cast<ptrdiff_t>(row) * m_picture.strides[1] + x0 / 2,

@@ -181,7 +181,7 @@ void TestPattern::drawCode(Canvas &canvas, uint32_t frameNumber, int64_t timesta
         const int y0 = edge(firstRow + row, m_height, gridRows);
         const int y1 = edge(firstRow + row + 1, m_height, gridRows);
         for (int column = 0; column < columns; ++column) {
-            if (!cells[static_cast<size_t>(row * columns + column)])
+            if (!cells[static_cast<size_t>(row) * static_cast<size_t>(columns) + static_cast<size_t>(column)])
                 continue;
             const int x0 = edge(firstColumn + column, m_width, gridColumns);
             const int x1 = edge(firstColumn + column + 1, m_width, gridColumns);
