@@ -85,6 +85,7 @@ public:
 
     /* Null while there is none. */
     MediaProvider *provider() const;
+    LiveStream *stream() const { return m_stream.get(); }
     /* For those who show it: `item` does, or does not any more. */
     void setShown(const QObject *item, bool isShown);
     void setFramePath(const QString &path, const QString &reason);

@@ -3,10 +3,10 @@
 #include "camera.h"
 #include "frameplanes.h"
 #include "imagerequests.h"
+#include "sound.h"
 #include "sourcecheck.h"
 #include "wallclock.h"
 
-#include <zevqt-mm/audioplaybackage.h>
 #include <zevqt-mm/mediaprovider.h>
 #include <zevqt-mm/mediasource.h>
 #include <zevqt-mm/videotimeline.h>
@@ -148,9 +148,15 @@ void LiveStream::setImageSize(const QSize &size)
         m_provider->setRequestedFrameSize(size);
 }
 
-void LiveStream::setHeardAge(const AudioPlaybackAge *age)
+void LiveStream::setSound(const Sound *sound)
 {
-    m_heard = age;
+    if (m_sound)
+        disconnect(m_sound, nullptr, this, nullptr);
+    m_sound = sound;
+    if (!sound)
+        return;
+    connect(sound, &Sound::started, this, [this] { m_follower.soundStarted(); });
+    connect(sound, &Sound::heard, this, &LiveStream::onHeard);
 }
 
 void LiveStream::setFramePath(const QString &path, const QString &reason)
@@ -199,10 +205,10 @@ void LiveStream::onPicture(long long timestamp)
     const long long interval = m_camera ? m_camera->frameIntervalUs() : status.frameInterval;
     m_jitterUs = status.jitter;
     m_statistics.handedOut(now, timestamp, status.timestamps, interval);
-    if (m_heard && m_follower.hasTarget() && m_heard->isKnown(now)) {
+    if (m_sound && m_follower.hasTarget() && m_sound->heardAge().isKnown(now)) {
         m_follower.handedOut(monotonicUs(), now - timestamp);
         if (monotonicUs() - m_followed > followSettledUs)
-            m_offsets.add(timestamp - (now - m_heard->age()));
+            m_offsets.add(timestamp - (now - m_sound->heardAge().age()));
     }
     setTrouble(QString());
     setState(State::Live);
@@ -225,10 +231,10 @@ void LiveStream::onAudio(const QAudioBuffer &buffer)
     emit audioReady(buffer);
 }
 
-void LiveStream::heard(qint64 now)
+void LiveStream::onHeard(qint64 now)
 {
-    if (!m_heard || !m_heard->isKnown(now) || !m_source ||
-        m_camera) // a camera has no older frames to wait with
+    const AudioPlaybackAge &heard = m_sound->heardAge();
+    if (!heard.isKnown(now) || !m_source || m_camera) // a camera has no older frames to wait with
         return;
     VideoTimeline *timeline = m_provider->getTimeline();
     if (monotonicUs() >= m_followDue) {
@@ -240,7 +246,7 @@ void LiveStream::heard(qint64 now)
                 : PictureFollower::Store{now - status.timestamps.last(),
                                          status.timestamps.last() - status.timestamps.first(),
                                          status.frameInterval};
-        if (m_follower.update(monotonicUs(), m_heard->age(), store)) {
+        if (m_follower.update(monotonicUs(), heard.age(), store)) {
             m_followed = monotonicUs();
             timeline->stop();
             if (m_provider->running())
@@ -365,6 +371,11 @@ LiveStatistics LiveStream::statistics() const
     if (result.avOffsets > 0) {
         result.avOffsetMs = m_offsets.medianMs();
         result.avOffsetP95Ms = m_offsets.sizePercentileMs(0.95);
+    }
+    if (m_sound) {
+        const Sound::Figures sound = m_sound->figures();
+        result.audioUnderruns = sound.silenceEpisodes;
+        result.audioSilenceMs = double(sound.silenceUs) / 1000.0;
     }
     if (const auto *store = qobject_cast<const MediaSource *>(m_source.data()))
         result.locksHeld = store->getHeldFrames();

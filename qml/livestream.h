@@ -18,11 +18,11 @@
 #include <atomic>
 #include <memory>
 
-class AudioPlaybackAge;
 class Camera;
 class ImageRequests;
 class MediaProvider;
 class MediaSourceBase;
+class Sound;
 QT_BEGIN_NAMESPACE
 class QAudioBuffer;
 QT_END_NAMESPACE
@@ -31,8 +31,8 @@ QT_END_NAMESPACE
  * Runs one provider as an application wants it: ticks at the source's rate, the read point where the source
  * is, the picture with its sound, why there is none, and all that is to be counted.
  *
- * Usage: construct, connect, setRunning(true). Somebody shows provider(). Where the sound is played, say so:
- * setHeardAge() once, soundStarted() and heard() as it goes.
+ * Usage: construct, connect, setRunning(true). Somebody shows provider(). Where soundSource() is played,
+ * setSound(): the picture follows it.
  *
  * Threads: bound to its own, an application's; statistics() there too.
  * Ownership: owns the provider. Keeps no frame.
@@ -67,6 +67,8 @@ public:
     QSharedPointer<MediaSourceBase> soundSource() const { return m_soundSource; }
 
     bool isRunning() const { return m_isRunning; }
+    /* It asks for sound, too, with every tick. */
+    bool isTicking() const { return m_isRunning && m_source; }
     /* While it does not run nothing is asked of the source; then it is as if nothing had come yet. */
     void setRunning(bool on);
     /* 0: the source's own. */
@@ -75,11 +77,8 @@ public:
     /* What images are wanted in; empty: the source's size. */
     void setImageSize(const QSize &size);
 
-    /* Borrowed, of the player that plays soundSource(); null: nobody does. */
-    void setHeardAge(const AudioPlaybackAge *age);
-    void soundStarted() { m_follower.soundStarted(); }
-    /* For every report of the player: the picture follows. `now`: wall clock. */
-    void heard(qint64 now);
+    /* Borrowed, what plays soundSource(); null: nobody does. */
+    void setSound(const Sound *sound);
     /* How much later than the picture the sound is for want of history, microseconds. */
     qint64 historyShortfall() const { return m_follower.shortfall(); }
 
@@ -111,6 +110,7 @@ private:
     void onVideo(const QVideoFrame &frame);
     void onImage(const QImage &image);
     void onPicture(long long timestamp);
+    void onHeard(qint64 now);
     void onIdle();
     void onAudio(const QAudioBuffer &buffer);
     void onInterruption(State state);
@@ -132,7 +132,7 @@ private:
     const QSharedPointer<MediaSourceBase> m_source; // the picture's; null for sound alone
     std::unique_ptr<Camera> m_camera;
     std::unique_ptr<ImageRequests> m_imageRequests; // after the provider, so that it goes first
-    const AudioPlaybackAge *m_heard = nullptr;
+    const Sound *m_sound = nullptr;
     QTimer m_looks;
     QElapsedTimer m_monotonic;
     PictureFollower m_follower;

@@ -8,7 +8,8 @@ Window {
     height: 540
     color: "black"
 
-    LiveSource { id: demo; video: "shm:///demo" }
+    LiveSource { id: demo; video: "shm:///demo"; audio: "shm:///demo" }
     LiveVideo { anchors.fill: parent; source: demo }
+    Component.onCompleted: LiveAudio.source = demo
     Text { anchors.centerIn: parent; text: demo.errorString; color: "white" }
 }

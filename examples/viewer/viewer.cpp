@@ -40,10 +40,9 @@ Viewer::Viewer(const Options &options, double screenRate, QObject *parent)
                                                             : options.noSignal,
                                  noSignalDelay);
     m_monotonic.start();
-    m_sound = std::make_unique<Sound>(m_stream->soundSource(), options);
-    m_stream->setHeardAge(&m_sound->heardAge());
-    connect(m_sound.get(), &Sound::started, m_stream.get(), &LiveStream::soundStarted);
-    connect(m_sound.get(), &Sound::heard, m_stream.get(), &LiveStream::heard);
+    m_sound = std::make_unique<Sound>(m_stream->soundSource(),
+                                      Sound::Wishes{options.audioDevice, options.volume, options.mute});
+    m_stream->setSound(m_sound.get());
 
     connect(provider(), &MediaProvider::videoReady, this, &Viewer::onVideo);
     connect(provider(), &MediaProvider::imageReady, this, &Viewer::onImage);
@@ -60,7 +59,7 @@ Viewer::~Viewer()
     stop();
     // Qt's sound backend handles events while it closes: pictures may still come here, so that everything
     // that they go to has to be there.
-    m_stream->setHeardAge(nullptr);
+    m_stream->setSound(nullptr);
     m_sound.reset();
     disconnect(provider(), nullptr, this, nullptr);
 }
@@ -128,8 +127,6 @@ ViewerFigures Viewer::figures() const
     result.withheld = m_stream->withheldImages();
     result.audioBuffers = m_stream->audioBuffers();
     result.sound = m_sound->figures();
-    result.live.audioUnderruns = result.sound.silenceEpisodes;
-    result.live.audioSilenceMs = double(result.sound.silenceUs) / 1000.0;
     result.historyShortUs = m_stream->historyShortfall();
     if (const Camera *camera = m_stream->camera()) {
         result.camera = camera->statistics();

@@ -17,7 +17,7 @@ ALLOWED = {
     "src/video": ("video/", "wrapping.h", "zevqt-mm/") + PLATFORM,
     "src/provider": ("provider/", "wrapping.h", "zevqt-mm/", "zevqt-utils/"),
     "src/audio": ("audio/", "wrapping.h", "zevqt-mm/", "zev-utils/", "audio-level/", "audio_level/"),
-    "qml": ("zevqt-mm/", "shm/", "zevmm/"),
+    "qml": ("zevqt-mm/", "shm/", "zevmm/", "zev-utils/"),
     "tools": ("shm/", "zevmm/"),
     "examples": ("zevqt-mm/", "shm/", "zevmm/", "zev-utils/"),
 }

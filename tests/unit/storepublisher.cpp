@@ -5,10 +5,14 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <vector>
 
 namespace {
 
 constexpr std::chrono::milliseconds interval(40);
+constexpr qint64 intervalUs = 40000;
+constexpr int rate = 48000;
+constexpr int samplesOfInterval = rate / 25;
 
 // BT.601, full range.
 struct Sample
@@ -48,6 +52,9 @@ StorePublisher::StorePublisher(const QString &name, const QColor &color, const Q
     params.color.range = SHM_RANGE_FULL;
     params.rate_numerator = 25;
     params.rate_denominator = 1;
+    params.sample_rate = rate;
+    params.channels = 2;
+    params.audio_streams = 1;
     shm_error_t error = {};
     if (shm_writer_open(&params, &m_writer, &error) != 0) {
         qWarning("%s", error.message);
@@ -81,6 +88,10 @@ int StorePublisher::locksHeld() const
 void StorePublisher::run()
 {
     const Sample sample = sampleOf(m_color);
+    std::vector<int16_t> sound(2 * samplesOfInterval, 0);
+    for (int i = 0; i < samplesOfInterval; ++i)
+        sound[std::size_t(2 * i)] = i / 24 % 2 == 0 ? 16384 : -16384;
+    qint64 soundAt = wallClockUs() - intervalUs;
     auto due = std::chrono::steady_clock::now();
     while (!m_isEnding) {
         shm_writer_frame_t frame = {};
@@ -92,6 +103,8 @@ void StorePublisher::run()
             if (shm_writer_publish(m_writer, &frame, wallClockUs()) == 0)
                 ++m_published;
         }
+        shm_writer_publish_audio(m_writer, 0, sound.data(), samplesOfInterval, soundAt);
+        soundAt += intervalUs; // without a gap, whenever this thread comes to it
         due += interval;
         std::this_thread::sleep_until(due);
     }

@@ -12,8 +12,8 @@
 #include <thread>
 
 /*!
- * Publishes frames of one color, 25 a second, from a thread of its own, until it goes. The store's directory
- * is that of the environment.
+ * Publishes frames of one color and stereo sound (a square wave at -6 dB left, nothing right), 25 a second,
+ * from a thread of its own, until it goes. The store's directory is that of the environment.
  */
 class StorePublisher
 {

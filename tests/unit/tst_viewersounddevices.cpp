@@ -59,10 +59,10 @@ void tst_ViewerSoundDevices::begin(int rate)
     publisher = std::make_unique<TonePublisher>(
         "tone", rate, std::vector<TonePublisher::Tone>{{441.0, 8000}, {441.0, 8000}});
     QVERIFY(publisher->isPublished());
-    Options options;
-    options.audioDevice = QStringLiteral("speaker");
+    Sound::Wishes wishes;
+    wishes.device = QStringLiteral("speaker");
     const QSharedPointer<MediaSourceBase> source(new MediaSource(QStringLiteral("tone"), 100));
-    sound = std::make_unique<Sound>(source, options);
+    sound = std::make_unique<Sound>(source, wishes);
     connect(sound.get(), &Sound::problem, this, [this](const QString &text) { problems << text; });
     connect(sound.get(), &Sound::started, this, [this] { ++starts; });
     sound->start(25);

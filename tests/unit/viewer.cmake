@@ -45,6 +45,22 @@ zev_test_environment(tst_livesource_opengl)
 add_dependencies(tst_livesource zevqt-mm-qmlplugin)
 set_property(TEST tst_livesource tst_livesource_opengl APPEND PROPERTY ENVIRONMENT "QML2_IMPORT_PATH=${PROJECT_BINARY_DIR}/qml")
 
+# Levels as a model, without any player.
+zev_test(tst_audiolevelsmodel
+    SOURCES unit/tst_audiolevelsmodel.cpp unit/scenegraph_testing.cpp unit/scenegraph_testing.h unit/storepublisher.cpp
+        unit/storepublisher.h integration/xvfbserver.cpp
+    LIBRARIES Zev::items Zev::shm GTest::gtest
+    LABEL integration)
+target_include_directories(tst_audiolevelsmodel PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/integration)
+
+# The player for QML, over a sound server of its own.
+zev_test(tst_liveaudio
+    SOURCES unit/tst_liveaudio.cpp unit/scenegraph_testing.cpp unit/scenegraph_testing.h unit/storepublisher.cpp
+        unit/storepublisher.h integration/xvfbserver.cpp integration/pulseserver.cpp integration/pulseserver.h
+    LIBRARIES Zev::items Zev::shm GTest::gtest
+    LABEL integration)
+target_include_directories(tst_liveaudio PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/integration)
+
 zev_test(tst_viewerwindow
     SOURCES unit/tst_viewerwindow.cpp integration/xvfbserver.cpp
         ${PROJECT_SOURCE_DIR}/examples/viewer/viewer.qrc

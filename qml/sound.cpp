@@ -14,7 +14,7 @@
 namespace {
 
 constexpr int checkIntervalMs = 100;
-constexpr qint64 maxDelayUs = Sound::delayUs + 100000;
+constexpr qint64 slackUs = 100000;   // how much farther behind it may fall
 constexpr qint64 clockStepMs = 1000; // the player's own limit
 constexpr qint64 stopReasonMs = 300;
 
@@ -22,17 +22,17 @@ void ignoreAlsa(const char *, int, const char *, int, const char *, ...) {}
 
 } // namespace
 
-Sound::Sound(QSharedPointer<MediaSourceBase> source, const Options &options, QObject *parent)
+Sound::Sound(QSharedPointer<MediaSourceBase> source, const Wishes &wishes, QObject *parent)
     : QObject(parent), m_holder(source), m_source(qobject_cast<MediaSource *>(source.data())),
-      m_device(options.audioDevice), m_volume(options.volume), m_isMuted(options.mute)
+      m_device(wishes.device), m_volume(wishes.volume), m_isMuted(wishes.isMuted)
 {
     m_isWanted = m_source && m_device != QLatin1String("none");
     m_monotonic.start();
     if (!m_isWanted)
         return;
     m_player = AudioPlayer::getInstance();
-    m_player->setDelay(delayUs);
-    m_player->setMaxDelay(maxDelayUs);
+    m_player->setDelay(wishes.delayUs);
+    m_player->setMaxDelay(wishes.delayUs + slackUs);
     m_player->setVolume(m_volume);
     m_player->setMuted(m_isMuted);
     connect(m_player, &AudioPlayer::audioPlayed, this, [this] { emit heard(wallClockUs()); });

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "options.h"
-
 #include <zev-utils/clockadjustmentdetector.h>
 #include <zevqt-mm/audioplaybackage.h>
 #include <zevqt-mm/audioplaybackwatch.h>
@@ -37,6 +35,17 @@ class Sound : public QObject
     Q_PROPERTY(QString text READ text NOTIFY changed)
 
 public:
+    /* Enough for the device's buffer of usually 250 ms. */
+    static constexpr qint64 usualDelayUs = 400000;
+
+    struct Wishes
+    {
+        QString device = QStringLiteral("default"); // or a name, or "none"
+        double volume = 1.0;
+        bool isMuted = false;
+        qint64 delayUs = usualDelayUs; // how far behind the newest audio it is read
+    };
+
     struct Figures
     {
         bool isWanted = false; // not --audio-device none, and the source is one that can have sound
@@ -51,10 +60,7 @@ public:
         QString problem; // the last one
     };
 
-    /* How far behind the newest audio it is read: enough for the device's buffer of usually 250 ms. */
-    static constexpr qint64 delayUs = 400000;
-
-    Sound(QSharedPointer<MediaSourceBase> source, const Options &options, QObject *parent = nullptr);
+    Sound(QSharedPointer<MediaSourceBase> source, const Wishes &wishes, QObject *parent = nullptr);
     ~Sound() override;
 
     /* `fps`: reports a second. */
@@ -62,6 +68,9 @@ public:
     void stop();
     /* Also of what is playing. */
     void setReportRate(double fps);
+
+    /* Starts or stops, which handles events: not to be destroyed from one of them. */
+    bool isBusy() const { return m_isStopping; }
 
     double volume() const { return m_volume; }
     void setVolume(double volume);

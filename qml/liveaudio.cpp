@@ -1,0 +1,166 @@
+#include "liveaudio.h"
+
+#include "livestream.h"
+#include "sound.h"
+
+#include <zevqt-mm/audioplayer.h>
+
+#include <QCoreApplication>
+#include <QQmlEngine>
+
+#include <algorithm>
+
+namespace {
+
+constexpr int laterMs = 20;
+
+LiveAudio *theOne = nullptr;
+
+void deleteTheOne()
+{
+    delete theOne;
+}
+
+} // namespace
+
+LiveAudio::LiveAudio(QObject *parent) : QObject(parent), m_delayMs(int(Sound::usualDelayUs / 1000))
+{
+    m_later.setSingleShot(true);
+    m_later.setInterval(laterMs);
+    connect(&m_later, &QTimer::timeout, this, &LiveAudio::rebuild);
+}
+
+LiveAudio::~LiveAudio()
+{
+    m_isRebuilding = true; // nothing is made any more
+    if (m_stream)
+        m_stream->setSound(nullptr);
+    m_sound.reset();
+    if (theOne == this)
+        theOne = nullptr;
+}
+
+// There is one player in a process, whatever engines there are. It has to go before the application object.
+QObject *LiveAudio::instance(QQmlEngine *, QJSEngine *)
+{
+    if (!theOne) {
+        theOne = new LiveAudio;
+        QQmlEngine::setObjectOwnership(theOne, QQmlEngine::CppOwnership);
+        qAddPostRoutine(deleteTheOne);
+    }
+    return theOne;
+}
+
+void LiveAudio::setSource(LiveSource *source)
+{
+    if (source == m_source)
+        return;
+    if (m_source)
+        disconnect(m_source, nullptr, this, nullptr);
+    m_source = source;
+    if (source) {
+        connect(source, &LiveSource::providerChanged, this, &LiveAudio::rebuild);
+        connect(source, &LiveSource::runningChanged, this, &LiveAudio::rebuild);
+        connect(source, &QObject::destroyed, this, [this] {
+            rebuild();
+            emit sourceChanged();
+        });
+    }
+    rebuild();
+    emit sourceChanged();
+}
+
+// Qt's sound backends handle events while they start and stop, and one of those may bring us here.
+void LiveAudio::rebuild()
+{
+    if (m_isRebuilding || (m_sound && m_sound->isBusy())) {
+        m_later.start();
+        return;
+    }
+    m_isRebuilding = true;
+    if (m_sound) {
+        if (m_stream)
+            m_stream->setSound(nullptr);
+        const std::unique_ptr<Sound> old = std::move(m_sound);
+        disconnect(old.get(), nullptr, this, nullptr);
+    }
+    m_playedUs = 0;
+    m_stream = m_source && m_source->running() ? m_source->stream() : nullptr;
+    if (m_stream && m_stream->soundSource()) {
+        m_sound = std::make_unique<Sound>(
+            m_stream->soundSource(), Sound::Wishes{m_device, m_volume, m_isMuted, qint64(m_delayMs) * 1000});
+        m_stream->setSound(m_sound.get());
+        connect(m_sound.get(), &Sound::changed, this, &LiveAudio::stateChanged);
+        connect(m_sound.get(), &Sound::problem, this, &LiveAudio::stateChanged);
+        if (m_sound->figures().isWanted) // then there is a player, which goes with it
+            connect(AudioPlayer::getInstance(), &AudioPlayer::audioPlayed, this, [this](qint64 timestamp) {
+                m_playedUs = timestamp;
+                emit playedTimeChanged();
+            });
+        connect(m_stream, &LiveStream::tickRateChanged, m_sound.get(),
+                [this] { m_sound->setReportRate(m_stream->tickRate()); });
+        m_sound->start(m_stream->tickRate());
+    }
+    m_isRebuilding = false;
+    emit stateChanged();
+    emit playedTimeChanged();
+}
+
+void LiveAudio::setDevice(const QString &name)
+{
+    const QString wanted = name.isEmpty() ? QStringLiteral("default") : name;
+    if (wanted == m_device)
+        return;
+    m_device = wanted;
+    rebuild();
+    emit deviceChanged();
+}
+
+void LiveAudio::setVolume(double volume)
+{
+    const double limited = volume >= 0.0 ? std::min(volume, 1.0) : 0.0; // 0 for NaN, too
+    if (limited == m_volume)
+        return;
+    m_volume = limited;
+    if (m_sound)
+        m_sound->setVolume(limited);
+    emit volumeChanged();
+}
+
+void LiveAudio::setMuted(bool muted)
+{
+    if (muted == m_isMuted)
+        return;
+    m_isMuted = muted;
+    if (m_sound)
+        m_sound->setMuted(muted);
+    emit mutedChanged();
+}
+
+void LiveAudio::setDelay(int milliseconds)
+{
+    const int limited = std::clamp(milliseconds, 0, 10000);
+    if (limited == m_delayMs)
+        return;
+    m_delayMs = limited;
+    rebuild();
+    emit delayChanged();
+}
+
+LiveAudio::State LiveAudio::state() const
+{
+    if (!m_source || !m_source->running() || !m_sound || !m_sound->figures().isWanted)
+        return Silent;
+    return m_sound->figures().isPlaying ? Playing : Waiting;
+}
+
+QString LiveAudio::errorString() const
+{
+    // The remedies at its end are those of the viewer's command line.
+    return m_sound ? m_sound->figures().problem.section(QStringLiteral(" (--"), 0, 0) : QString();
+}
+
+double LiveAudio::playedTime() const
+{
+    return state() == Playing ? double(m_playedUs) / 1000.0 : 0.0;
+}
