@@ -137,7 +137,7 @@ TEST_F(ZevshmRecord, aPublishedFileIsRecordedWhole)
     Zevshm recorder(
         std::vector<std::string>{"record", "cam", file("out.mkv"), "--wait", "60", "--return", "0"} +
         lossless);
-    Zevshm publisher({"publish", "cam", media});
+    Zevshm publisher({"publish", "cam", media, "--history", "100"});
     const Reader reader = openStore("cam");
     ASSERT_TRUE(reader) << publisher.errors();
     // A machine that is not in time for a frame publishes one less: what counts is what the store had.

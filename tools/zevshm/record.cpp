@@ -19,7 +19,7 @@ namespace {
 const std::vector<OptionSpec> specs = {
     {"--seconds", "N", "end after so much of the store's time (usual: at Ctrl-C)"},
     {"--wait", "SECONDS",
-     "how long to wait for a store that is not there yet (0); all of it is recorded then"},
+     "how long to wait for a store that is not there yet (0); begins with its oldest frame"},
     {"--return", "SECONDS", "how long to wait for the writer when it has gone (2)"},
     {"--overwrite", "", "replace FILE when it is there"},
     {"--no-video", "", "record sound only"},

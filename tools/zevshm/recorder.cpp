@@ -172,11 +172,9 @@ void Recorder::run()
 
 void Recorder::recordAll()
 {
-    ReaderPtr reader = waitForStore(0);
-    if (!reader && m_settings.firstWaitUs > 0) {
-        reader = waitForStore(m_settings.firstWaitUs);
-        m_resumeUs = 0; // all that it has published so far
-    }
+    ReaderPtr reader = waitForStore(m_settings.firstWaitUs);
+    if (m_settings.firstWaitUs > 0)
+        m_resumeUs = 0; // who waits for a store wants all of it, also when it has come first
     if (!reader)
         openStore(m_settings.name); // says why
     while (reader) {
