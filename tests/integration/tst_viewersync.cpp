@@ -296,12 +296,12 @@ TEST_P(ViewerSync, theFlashComesWithItsBeep)
         "the viewer's account of what is heard: off by %.1f ms at p95 of %zu pictures; its statistics: "
         "p50 %.1f, p95 %.1f ms of %llu; starts %d, silence %.0f ms, history short %.0f ms, stalls up to "
         "%.0f ms\n",
-        percentileOf(accountErrors, 0.95), accountErrors.size(), figures.offsetP50Ms, figures.offsetP95Ms,
-        (unsigned long long)figures.offsets, figures.sound.starts, double(figures.sound.silenceUs) / 1000.0,
-        double(figures.historyShortUs) / 1000.0, stalls.worstMs());
-    EXPECT_EQ(accounted.size(), figures.offsets);
-    EXPECT_NEAR(figures.offsetP50Ms, percentileOf(accounted, 0.5), 1.0);
-    EXPECT_NEAR(figures.offsetP95Ms, percentileOf(accountedSizes, 0.95), 1.0);
+        percentileOf(accountErrors, 0.95), accountErrors.size(), figures.live.avOffsetMs,
+        figures.live.avOffsetP95Ms, (unsigned long long)figures.live.avOffsets, figures.sound.starts,
+        double(figures.sound.silenceUs) / 1000.0, double(figures.historyShortUs) / 1000.0, stalls.worstMs());
+    EXPECT_EQ(accounted.size(), figures.live.avOffsets);
+    EXPECT_NEAR(figures.live.avOffsetMs, percentileOf(accounted, 0.5), 1.0);
+    EXPECT_NEAR(figures.live.avOffsetP95Ms, percentileOf(accountedSizes, 0.95), 1.0);
     if (unspoiled < fewestPairs)
         GTEST_SKIP() << "this machine let nobody be in time for long enough";
     // All but those at the ends, whose beep may not be in the recording.
