@@ -62,13 +62,8 @@ endforeach()
 # reports by name would mean to suppress the very functions under test.
 zev_test(tst_videoframeconverter NO_TSAN SOURCES ${unit}/tst_videoframeconverter.cpp ${fake_store} LIBRARIES ${core_libraries})
 set(provider_libraries zevqt-mm-objects Qt5::Test PkgConfig::FFMPEG)
-zev_test(tst_mediaprovider NO_TSAN SOURCES ${unit}/tst_mediaprovider.cpp ${fake_store} ${fake_camera}
-    LIBRARIES ${provider_libraries})
-zev_test(tst_mediaproviderrunning NO_TSAN SOURCES ${unit}/tst_mediaproviderrunning.cpp ${fake_store} ${fake_camera}
-    LIBRARIES ${provider_libraries})
-zev_test(tst_mediaprovidercamera NO_TSAN SOURCES ${unit}/tst_mediaprovidercamera.cpp ${fake_store} ${fake_camera}
-    LIBRARIES ${provider_libraries})
-foreach(test tst_mediaprovider tst_mediaproviderrunning tst_mediaprovidercamera)
+foreach(test tst_mediaprovider tst_mediaprovidernosignal tst_mediaproviderrunning tst_mediaprovidercamera)
+    zev_test(${test} NO_TSAN SOURCES ${unit}/${test}.cpp ${fake_store} ${fake_camera} LIBRARIES ${provider_libraries})
     if(TARGET ${test}) # not under the thread sanitizer
         target_include_directories(${test} PRIVATE $<TARGET_PROPERTY:Zev::zevmm,INTERFACE_INCLUDE_DIRECTORIES>)
     endif()

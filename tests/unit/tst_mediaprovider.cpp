@@ -8,10 +8,7 @@
 
 #include <QtTest/QtTest>
 
-#include <limits>
 #include <stdexcept>
-
-using std::chrono::seconds;
 
 class tst_MediaProvider : public QObject
 {
@@ -52,24 +49,6 @@ private Q_SLOTS:
     void frameRate();
     void frameRateOfTheThread();
 
-    void validFramesPass();
-    void invalidFramesAreIdleFirst();
-    void neverAFrameShowsThePictureAtOnce();
-    void pictureAfterTheDelay();
-    void pictureAfterFiveSecondsByDefault();
-    void imagesHaveNoIdleSignal();
-    void endlessDelay_data();
-    void endlessDelay();
-    void delayThatIsOverBeforeItBegins_data();
-    void delayThatIsOverBeforeItBegins();
-    void noSignalImageIsScaled();
-    void newSizeScalesAgain();
-    void sameSizeDoesNothing();
-    void unreadablePicture();
-    void emptyPathKeepsThePicture();
-    void samePathReloadsNothing();
-    void settersEmitNothing();
-
     void deliversInItsOwnThread();
     void destructionWhileRunning();
     void framesOutliveTheProvider();
@@ -78,18 +57,11 @@ private:
     static QUrl url(const char *text) { return QUrl(QString::fromUtf8(text)); }
 
     FakeShm &store = FakeShm::instance();
-    QTemporaryDir folder;
-    QString picture; // 100 x 50, red
 };
 
 void tst_MediaProvider::initTestCase()
 {
     qunsetenv("ZEV_GL_DMABUF");
-    QVERIFY(folder.isValid());
-    picture = folder.filePath(QStringLiteral("nosignal.png"));
-    QImage image(100, 50, QImage::Format_ARGB32);
-    image.fill(Qt::red);
-    QVERIFY(image.save(picture));
 }
 
 void tst_MediaProvider::init()
@@ -490,249 +462,6 @@ void tst_MediaProvider::frameRateOfTheThread()
     provider.setFrameRate(100); // a stopped provider stays stopped
     QCoreApplication::processEvents();
     QCOMPARE(ticks.loadRelaxed(), then);
-}
-
-void tst_MediaProvider::validFramesPass()
-{
-    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
-    QSignalSpy frames(&provider, &MediaProvider::videoReady);
-    QSignalSpy idle(&provider, &MediaProvider::videoIdle);
-    const QVideoFrame frame(QImage(16, 16, QImage::Format_RGB32));
-    provider.emitVideoFrame(frame);
-    QCOMPARE(frames.count(), 1);
-    QVERIFY(frames.at(0).at(0).value<QVideoFrame>() == frame);
-    QCOMPARE(idle.count(), 0);
-}
-
-void tst_MediaProvider::invalidFramesAreIdleFirst()
-{
-    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
-    provider.setNoSignalImage(picture, seconds(3600));
-    QSignalSpy frames(&provider, &MediaProvider::videoReady);
-    QSignalSpy idle(&provider, &MediaProvider::videoIdle);
-    provider.emitVideoFrame(QVideoFrame(QImage(16, 16, QImage::Format_RGB32)));
-    for (int i = 0; i < 3; ++i)
-        provider.emitVideoFrame(QVideoFrame());
-    QCOMPARE(frames.count(), 1);
-    QCOMPARE(idle.count(), 3);
-}
-
-void tst_MediaProvider::neverAFrameShowsThePictureAtOnce()
-{
-    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
-    provider.setNoSignalImage(picture, seconds(5)); // the default delay: the deadline stays expired
-    QSignalSpy frames(&provider, &MediaProvider::videoReady);
-    QSignalSpy images(&provider, &MediaProvider::imageReady);
-    QSignalSpy idle(&provider, &MediaProvider::videoIdle);
-    provider.emitVideoFrame(QVideoFrame());
-    provider.emitImageFrame(QImage());
-    QCOMPARE(idle.count(), 0);
-    QCOMPARE(images.count(), 1);
-    QCOMPARE(frames.count(), 1);
-    auto frame = frames.at(0).at(0).value<QVideoFrame>();
-    QCOMPARE(frame.size(), QSize(100, 50)); // its own size
-    QCOMPARE(frame.pixelFormat(), QVideoFrame::Format_RGB32);
-    QCOMPARE(frame.image().pixelColor(3, 3), QColor(Qt::red));
-}
-
-void tst_MediaProvider::pictureAfterTheDelay()
-{
-    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
-    provider.setNoSignalImage(picture, seconds(0)); // a delay that is over at once
-    QSignalSpy frames(&provider, &MediaProvider::videoReady);
-    QSignalSpy idle(&provider, &MediaProvider::videoIdle);
-    provider.emitVideoFrame(QVideoFrame(QImage(16, 16, QImage::Format_RGB32)));
-    provider.emitVideoFrame(QVideoFrame());
-    provider.emitVideoFrame(QVideoFrame());
-    QCOMPARE(idle.count(), 0);
-    QCOMPARE(frames.count(), 3); // the picture on every delivery
-    QCOMPARE(frames.at(2).at(0).value<QVideoFrame>().size(), QSize(100, 50));
-    provider.emitVideoFrame(QVideoFrame(QImage(16, 16, QImage::Format_RGB32)));
-    QCOMPARE(frames.at(3).at(0).value<QVideoFrame>().size(), QSize(16, 16)); // and the source is back
-}
-
-// In real time, since the deadline knows no other; a coarse one may be off by 5 %.
-void tst_MediaProvider::pictureAfterFiveSecondsByDefault()
-{
-    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
-    provider.setNoSignalImage(picture, seconds(5));
-    QSignalSpy frames(&provider, &MediaProvider::videoReady);
-    QSignalSpy idle(&provider, &MediaProvider::videoIdle);
-    provider.emitVideoFrame(QVideoFrame());
-    QCOMPARE(frames.count(), 1); // another delay would have armed the deadline
-    frames.clear();
-    QElapsedTimer clock;
-    clock.start();
-    provider.emitVideoFrame(QVideoFrame(QImage(16, 16, QImage::Format_RGB32)));
-    const qint64 armedBy = clock.elapsed();
-    int asked = 0;
-    for (; frames.count() == 1; ++asked) {
-        const qint64 now = clock.elapsed();
-        provider.emitVideoFrame(QVideoFrame());
-        QVERIFY(frames.count() == 2 || now < armedBy + 5250);
-        if (now > 2500)
-            provider.setNoSignalImage(picture, seconds(5)); // nothing new: the deadline stays
-        QThread::msleep(20);
-    }
-    QVERIFY2(clock.elapsed() >= 4750, qPrintable(QString::number(clock.elapsed())));
-    QCOMPARE(idle.count(), asked - 1); // each of them, but the last
-    for (int i = 0; i < 3; ++i)
-        provider.emitVideoFrame(QVideoFrame());
-    QCOMPARE(frames.count(), 5);
-    QCOMPARE(idle.count(), asked - 1);
-    QCOMPARE(frames.at(4).at(0).value<QVideoFrame>().size(), QSize(100, 50));
-}
-
-void tst_MediaProvider::imagesHaveNoIdleSignal()
-{
-    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
-    QSignalSpy images(&provider, &MediaProvider::imageReady);
-    QSignalSpy idle(&provider, &MediaProvider::videoIdle);
-    provider.emitImageFrame(
-        QImage(16, 16, QImage::Format_RGB16)); // five seconds from here nothing replaces it
-    provider.emitImageFrame(QImage());
-    QCOMPARE(images.count(), 1);
-    QCOMPARE(idle.count(), 0);
-    provider.setNoSignalImage(QString(), seconds(0));
-    provider.emitImageFrame(QImage());
-    QCOMPARE(images.count(), 2);
-    QVERIFY(images.at(1).at(0).value<QImage>().isNull()); // no picture was set
-}
-
-void tst_MediaProvider::endlessDelay_data()
-{
-    QTest::addColumn<qint64>("delay");
-    QTest::newRow("largest") << qint64(seconds::max().count());
-    QTest::newRow("one less") << qint64(seconds::max().count() - 1);
-    QTest::newRow("beyond the nanoseconds") << qint64(std::numeric_limits<qint64>::max() / 1000000000 + 1);
-}
-
-void tst_MediaProvider::endlessDelay()
-{
-    QFETCH(qint64, delay);
-    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
-    provider.setNoSignalImage(picture, seconds(delay));
-    QSignalSpy idle(&provider, &MediaProvider::videoIdle);
-    provider.emitVideoFrame(QVideoFrame());
-    QCOMPARE(idle.count(), 1);
-}
-
-void tst_MediaProvider::delayThatIsOverBeforeItBegins_data()
-{
-    QTest::addColumn<qint64>("delay");
-    QTest::newRow("a second ago") << qint64(-1);
-    QTest::newRow("beyond the nanoseconds") << qint64(-10000000000); // wraps to 268 years to come
-    QTest::newRow("least") << qint64(seconds::min().count());
-}
-
-void tst_MediaProvider::delayThatIsOverBeforeItBegins()
-{
-    QFETCH(qint64, delay);
-    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
-    provider.setNoSignalImage(picture, seconds(delay));
-    QSignalSpy idle(&provider, &MediaProvider::videoIdle);
-    provider.emitVideoFrame(QVideoFrame(QImage(16, 16, QImage::Format_RGB32)));
-    provider.emitVideoFrame(QVideoFrame());
-    QCOMPARE(idle.count(), 0);
-}
-
-void tst_MediaProvider::noSignalImageIsScaled()
-{
-    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
-    provider.setNoSignalImage(picture, seconds(0));
-    QSignalSpy images(&provider, &MediaProvider::imageReady);
-    provider.emitImageFrame(QImage());
-    const auto image = images.at(0).at(0).value<QImage>();
-    QCOMPARE(image.size(), QSize(320, 160)); // 100 x 50 in 320 x 240
-    QCOMPARE(image.format(), QImage::Format_RGB16);
-    QCOMPARE(image.pixelColor(100, 100), QColor(Qt::red));
-}
-
-void tst_MediaProvider::newSizeScalesAgain()
-{
-    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
-    provider.setNoSignalImage(picture, seconds(0));
-    provider.setRequestedFrameSize(QSize(50, 50));
-    QSignalSpy images(&provider, &MediaProvider::imageReady);
-    provider.emitImageFrame(QImage());
-    QCOMPARE(images.at(0).at(0).value<QImage>().size(), QSize(50, 25));
-    provider.getVideoSource()->requestImage(0);
-    const auto image = images.at(1).at(0).value<QImage>();
-    QCOMPARE(image.size(), QSize(50, 28));
-    QCOMPARE(image.format(), QImage::Format_RGB16);
-}
-
-void tst_MediaProvider::sameSizeDoesNothing()
-{
-    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
-    provider.setNoSignalImage(picture, seconds(0));
-    const QString moved = picture + ".moved";
-    QVERIFY(QFile::rename(picture, moved)); // loading it now would give a null image
-    provider.setRequestedFrameSize(QSize(320, 240));
-    QVERIFY(QFile::rename(moved, picture));
-    QSignalSpy images(&provider, &MediaProvider::imageReady);
-    provider.emitImageFrame(QImage());
-    QCOMPARE(images.at(0).at(0).value<QImage>().size(), QSize(320, 160));
-}
-
-QStringList logged;
-
-void tst_MediaProvider::unreadablePicture()
-{
-    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
-    logged.clear();
-    const auto before = qInstallMessageHandler(
-        [](QtMsgType, const QMessageLogContext &, const QString &text) { logged << text; });
-    provider.setNoSignalImage(picture, seconds(0));
-    provider.setNoSignalImage(folder.filePath(QStringLiteral("none.png")), seconds(0));
-    QSignalSpy frames(&provider, &MediaProvider::videoReady);
-    QSignalSpy images(&provider, &MediaProvider::imageReady);
-    provider.emitVideoFrame(QVideoFrame());
-    provider.emitImageFrame(QImage());
-    qInstallMessageHandler(before);
-    QVERIFY(!frames.at(0).at(0).value<QVideoFrame>().isValid());
-    QVERIFY(images.at(0).at(0).value<QImage>().isNull());
-    QCOMPARE(logged, QStringList()); // nothing of Qt's either
-}
-
-void tst_MediaProvider::emptyPathKeepsThePicture()
-{
-    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
-    provider.setNoSignalImage(picture, seconds(0));
-    provider.setNoSignalImage(QString(), seconds(0));
-    QSignalSpy frames(&provider, &MediaProvider::videoReady);
-    provider.emitVideoFrame(QVideoFrame());
-    QCOMPARE(frames.at(0).at(0).value<QVideoFrame>().size(), QSize(100, 50));
-}
-
-void tst_MediaProvider::samePathReloadsNothing()
-{
-    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
-    provider.setNoSignalImage(picture, seconds(0));
-    const QString moved = picture + ".moved";
-    QVERIFY(QFile::rename(picture, moved)); // loading it now would give nothing
-    QSignalSpy idle(&provider, &MediaProvider::videoIdle);
-    QSignalSpy frames(&provider, &MediaProvider::videoReady);
-    provider.setNoSignalImage(picture, seconds(3600)); // re-arms the deadline
-    provider.emitVideoFrame(QVideoFrame());
-    provider.setNoSignalImage(picture, seconds(0));
-    provider.emitVideoFrame(QVideoFrame());
-    QVERIFY(QFile::rename(moved, picture));
-    QCOMPARE(idle.count(), 1);
-    QCOMPARE(frames.count(), 1);
-    QCOMPARE(frames.at(0).at(0).value<QVideoFrame>().size(), QSize(100, 50));
-}
-
-void tst_MediaProvider::settersEmitNothing()
-{
-    MediaProvider provider(url("shm:///cam0"), QUrl(), true);
-    QSignalSpy paths(&provider, &MediaProvider::noSignalImagePathChanged);
-    QSignalSpy delays(&provider, &MediaProvider::noSignalDelayChanged);
-    provider.setNoSignalImage(picture, seconds(7));
-    QCOMPARE(paths.count() + delays.count(), 0);
-    QVERIFY(QMetaObject::invokeMethod(&provider, "noSignalDelayChanged",
-                                      Q_ARG(std::chrono::seconds, seconds(3))));
-    QCOMPARE(delays.count(), 1);
 }
 
 void tst_MediaProvider::deliversInItsOwnThread()
