@@ -40,9 +40,9 @@ protected:
 TEST_F(ZevshmErrors, usage)
 {
     expectFailure(run({}), 2,
-                  "a command is missing, give one of dump, info, list, publish, record, snapshot;");
+                  "a command is missing, give one of dump, info, list, publish, record, snapshot, top;");
     expectFailure(run({"frobnicate"}), 2,
-                  "'frobnicate', give one of dump, info, list, publish, record, snapshot;");
+                  "'frobnicate', give one of dump, info, list, publish, record, snapshot, top;");
     expectFailure(run({"--frobnicate"}), 2, "'--frobnicate', the command comes first, give one of dump,");
     expectFailure(run({"publish", "cam"}), 2, "INPUT is missing");
     expectFailure(run({"publish", "cam", "test:", "--speed", "2"}), 2, "'--speed'");
