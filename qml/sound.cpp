@@ -17,8 +17,19 @@ constexpr int checkIntervalMs = 100;
 constexpr qint64 slackUs = 100000;   // how much farther behind it may fall
 constexpr qint64 clockStepMs = 1000; // the player's own limit
 constexpr qint64 stopReasonMs = 300;
+constexpr char soundServerRealm[] = "default"; // what Qt calls PulseAudio's devices
 
 void ignoreAlsa(const char *, int, const char *, int, const char *, ...) {}
+
+// A sound server that converts the rate keeps up to a period to itself and does not tell, so that nobody
+// knows when it is heard. The player's own resampler tells what it keeps. Elsewhere the source's rate is
+// best.
+int rateFor(const QAudioDeviceInfo &device)
+{
+    const int rate =
+        device.realm() == QLatin1String(soundServerRealm) ? device.preferredFormat().sampleRate() : -1;
+    return rate > 0 ? rate : -1;
+}
 
 } // namespace
 
@@ -142,6 +153,7 @@ bool Sound::selectDevice()
     if (isSelected && !name.isEmpty()) {
         m_playedOn = name;
         m_deviceInfo = m_player->selectedDevice();
+        m_player->setFixedSampleRate(rateFor(m_deviceInfo));
         return true;
     }
     if (m_starts > 0)

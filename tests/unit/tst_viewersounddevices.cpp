@@ -21,6 +21,8 @@ private Q_SLOTS:
     void deviceThatCannotBeOpenedIsNamed();
     void deviceThatIsGoneIsToldOnce();
     void reportRateReachesWhatIsPlaying();
+    void soundServerIsAskedForItsOwnRate_data();
+    void soundServerIsAskedForItsOwnRate();
 
 private:
     static FakeAudioSystem &devices() { return FakeAudioSystem::instance(); }
@@ -84,6 +86,7 @@ void tst_ViewerSoundDevices::formatThatIsRefusedIsNamed()
 
 void tst_ViewerSoundDevices::deviceThatCannotBeOpenedIsNamed()
 {
+    devices().preferred.setSampleRate(48000);
     devices().startError = QAudio::OpenError;
     begin();
     QTRY_VERIFY_WITH_TIMEOUT(!problems.isEmpty(), patienceMs);
@@ -122,6 +125,38 @@ void tst_ViewerSoundDevices::reportRateReachesWhatIsPlaying()
     devices().output->enter(QAudio::StoppedState, QAudio::FatalError);
     QTRY_COMPARE_WITH_TIMEOUT(starts, 2, patienceMs);
     QCOMPARE(devices().output->notifyInterval(), 16);
+}
+
+void tst_ViewerSoundDevices::soundServerIsAskedForItsOwnRate_data()
+{
+    QTest::addColumn<int>("source");
+    QTest::addColumn<int>("sink");
+    QTest::newRow("higher") << 44100 << 48000;
+    QTest::newRow("lower") << 48000 << 44100;
+    QTest::newRow("the same") << 48000 << 48000;
+}
+
+// What the server would convert, the player does: it tells what it keeps.
+void tst_ViewerSoundDevices::soundServerIsAskedForItsOwnRate()
+{
+    QFETCH(int, source);
+    QFETCH(int, sink);
+    devices().rates = {44100, 48000};
+    devices().preferred.setSampleRate(sink);
+    begin(source);
+    QTRY_COMPARE_WITH_TIMEOUT(starts, 1, patienceMs);
+    QCOMPARE(devices().output->format().sampleRate(), sink);
+    QCOMPARE(sound->figures().rate, sink);
+    // The same output goes on after a stop.
+    devices().output->enter(QAudio::StoppedState, QAudio::FatalError);
+    QTRY_COMPARE_WITH_TIMEOUT(starts, 2, patienceMs);
+    QCOMPARE(devices().output->format().sampleRate(), sink);
+    QCOMPARE(devices().createdOn.size(), 1);
+    // The sink is another one now.
+    devices().preferred.setSampleRate(source);
+    devices().output->enter(QAudio::StoppedState, QAudio::FatalError);
+    QTRY_COMPARE_WITH_TIMEOUT(starts, 3, patienceMs);
+    QCOMPARE(devices().output->format().sampleRate(), source);
 }
 
 QTEST_GUILESS_MAIN(tst_ViewerSoundDevices)
