@@ -29,3 +29,11 @@ bool ToolPublisher::hasFrame() const
                    {QStringLiteral("snapshot"), m_name, m_directory + QStringLiteral("/frame.png")});
     return snapshot.waitForFinished(30000) && snapshot.exitCode() == 0;
 }
+
+int ToolPublisher::end()
+{
+    m_process.terminate();
+    if (!m_process.waitForFinished(30000) || m_process.exitStatus() != QProcess::NormalExit)
+        return -1;
+    return m_process.exitCode();
+}

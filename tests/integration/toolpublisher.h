@@ -16,6 +16,8 @@ public:
     bool isReady() const { return m_ready; }
     /* A viewer that is there before the first frame begins with the no-signal picture. */
     bool hasFrame() const;
+    /* Ended as by somebody at a terminal; the exit code, -1 when it crashed or did not end. */
+    int end();
 
 private:
     const QString m_directory;

@@ -1,6 +1,7 @@
 // Whether the viewer's picture comes with its sound: a flash and a beep at every full second, the flash as it
 // is handed out, the beep as the sink plays it.
 
+#include "beeps.h"
 #include "monitorrecorder.h"
 #include "processorwaits.h"
 #include "pulseserver.h"
@@ -118,25 +119,6 @@ protected:
                              countedBefore = counted;
                          });
     }
-    // Beeps in the recording, which begin at full amplitude.
-    static std::vector<double> beepsOf(const MonitorRecorder &recorder, int rate)
-    {
-        std::vector<double> beeps;
-        const std::vector<int16_t> &samples = recorder.samples();
-        int quiet = 0;
-        for (std::size_t i = 0; i < samples.size(); ++i) {
-            if (samples[i] < 3000) {
-                ++quiet;
-                continue;
-            }
-            const double heardAt = quiet > rate / 2 ? recorder.heardAt(i) : 0.0;
-            if (heardAt > 0.0)
-                beeps.push_back(heardAt);
-            quiet = 0;
-        }
-        return beeps;
-    }
-
     bool isFirstOfFlash(std::size_t i) const
     {
         return i > 0 && handOuts[i].isFlash && !handOuts[i - 1].isFlash;
@@ -307,8 +289,7 @@ TEST_P(ViewerSync, theFlashComesWithItsBeep)
     // All but those at the ends, whose beep may not be in the recording.
     ASSERT_GE(offsets.size(), std::size_t(unspoiled - mostUnpaired));
     EXPECT_LE(p95, intervalUs / 2000.0 + 10.0);
-    // Where the server converts the rate, it keeps to itself up to 20 ms, of which 15 are reckoned with.
-    EXPECT_LE(percentileOf(accountErrors, 0.95), c.rate == 48000 ? 8.0 : 18.0);
+    EXPECT_LE(percentileOf(accountErrors, 0.95), 8.0);
 }
 
 } // namespace

@@ -155,8 +155,9 @@ if(ZEV_BUILD_EXAMPLES AND ZEV_BUILD_QML)
                 "run scripts/dependencies, or leave the tests out with -DZEV_BUILD_TESTS=OFF.")
         endif()
         zev_test(tst_viewersync NO_TEST
-            SOURCES integration/tst_viewersync.cpp integration/monitorrecorder.cpp integration/processorwaits.cpp
-                integration/toolpublisher.cpp integration/viewerrig.cpp integration/testpattern.cpp
+            SOURCES integration/tst_viewersync.cpp integration/beeps.h integration/monitorrecorder.cpp
+                integration/processorwaits.cpp integration/toolpublisher.cpp integration/viewerrig.cpp
+                integration/testpattern.cpp
                 integration/xvfbserver.cpp integration/pulseserver.cpp integration/pulseserver.h
             LIBRARIES zevqt-viewer-parts Zev::shm Qt5::Gui PkgConfig::FFMPEG PkgConfig::PULSE GTest::gtest
             LABEL integration)
@@ -171,6 +172,21 @@ if(ZEV_BUILD_EXAMPLES AND ZEV_BUILD_QML)
         zev_side_by_side(tst_viewersync tst_viewersync --gtest_filter=*fps25rate48000 --gtest_filter=*fps25rate44100
             --gtest_filter=*fps60rate48000 --gtest_filter=*fps60rate44100)
         set_tests_properties(tst_viewersync PROPERTIES PROCESSORS 2)
+
+        zev_test(tst_viewerdelay NO_TEST
+            SOURCES integration/tst_viewerdelay.cpp integration/monitorrecorder.cpp integration/beeps.h
+                integration/toolpublisher.cpp integration/viewerrig.cpp integration/testpattern.cpp
+                integration/xvfbserver.cpp integration/pulseserver.cpp integration/pulseserver.h
+            LIBRARIES zevqt-viewer-parts Zev::shm Qt5::Gui PkgConfig::FFMPEG PkgConfig::PULSE GTest::gtest
+            LABEL integration)
+        target_compile_definitions(tst_viewerdelay PRIVATE
+            VIEWER="$<TARGET_FILE:zevqt-viewer>"
+            PUBLISHER="$<TARGET_FILE:zevqt-testpublisher>"
+            ZEVSHM="$<TARGET_FILE:zevshm>"
+            ARTIFACTS_DIR="${PROJECT_BINARY_DIR}/artifacts")
+        add_dependencies(tst_viewerdelay zevqt-viewer zevshm)
+        # 43 s.
+        zev_side_by_side(tst_viewerdelay tst_viewerdelay --gtest_filter=*killed --gtest_filter=*ended)
     endif()
 endif()
 
