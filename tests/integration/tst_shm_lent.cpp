@@ -1,8 +1,11 @@
 // Several slots acquired at once, as a device takes them that fills them by itself.
 #include "../unit/shm_testing.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <deque>
+#include <map>
 #include <set>
 
 using namespace testing_shm;
@@ -220,6 +223,53 @@ TEST_F(ShmLent, FreshMemoryComesAndGoesBesideTheLentSlots)
     shm_video_frame_t frame;
     ASSERT_EQ(lockFrame(pinner.get(), &frame, SHM_VIDEO_NEWEST), 0);
     EXPECT_EQ(frame.planes[0][0], 99);
+}
+
+// A device's driver may have looked up what an address means, and has to learn that it means other memory.
+TEST_F(ShmLent, FreshMemoryOfASlotIsToldFromWhatItHadBefore)
+{
+    open(3);
+    Reader pinner = openReader("a", nullptr, 64);
+    std::map<int, std::pair<uint32_t, uint64_t>> known; // by slot: the memory, by its inode
+    int renewed = 0;
+    for (int i = 0; i < 2; ++i)
+        ASSERT_EQ(lend(), 0);
+    const auto look = [&] {
+        const shm_writer_frame_t &newest = lent.back();
+        struct stat status = {};
+        ASSERT_EQ(fstat(newest.memory_fd, &status), 0);
+        ASSERT_GT(newest.memory_generation, 0u);
+        const auto [slot, isNew] =
+            known.try_emplace(newest.slot, newest.memory_generation, uint64_t{status.st_ino});
+        const auto [generation, inode] = slot->second;
+        EXPECT_EQ(generation == newest.memory_generation, inode == status.st_ino) << "slot " << newest.slot;
+        EXPECT_LE(generation, newest.memory_generation);
+        slot->second = {newest.memory_generation, status.st_ino};
+        renewed += generation != newest.memory_generation ? 1 : 0;
+        EXPECT_TRUE(isNew || generation != 0);
+    };
+    for (int round = 0; round < 3; ++round) {
+        std::vector<shm_video_frame_t> pinned;
+        for (int i = 0; i < 6; ++i) {
+            ASSERT_TRUE(turn(1));
+            look();
+            shm_video_frame_t frame;
+            ASSERT_EQ(lockFrame(pinner.get(), &frame, SHM_VIDEO_NEWEST), 0);
+            pinned.push_back(frame);
+            for (int k = 0; k < 9; ++k) {
+                ASSERT_TRUE(turn(1));
+                look();
+            }
+        }
+        for (shm_video_frame_t &frame : pinned)
+            shm_reader_unlock_video(pinner.get(), &frame);
+        EXPECT_TRUE(eventually([&] {
+            if (turn(1))
+                look();
+            return statsOf(writer.get()).slot_count == 8 + 4 + 2;
+        }));
+    }
+    EXPECT_GT(renewed, 0);
 }
 
 // A reader that pins until it is cut off starves nobody: the device has its slots all the time, and gets

@@ -7,8 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <functional>
 #include <map>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 namespace fake {
@@ -33,7 +35,7 @@ struct Taker : zevmm::v4l2::FrameTaker
         free.pop_front();
         memory->address = contents[number].data();
         memory->dmabuf = hasDmabufs ? static_cast<int>(1000 + number) : -1;
-        memory->id = number;
+        memory->id = std::uint64_t{generations[number]} << 32 | number;
         lent[number] = *memory;
         return true;
     }
@@ -41,7 +43,7 @@ struct Taker : zevmm::v4l2::FrameTaker
     {
         if (frame.memory.address != nullptr) {
             giveBack(frame.memory);
-            kept.push_back(static_cast<unsigned int>(frame.memory.id));
+            kept.push_back(numberOf(frame.memory));
             if (kept.size() > historyLength) {
                 free.push_back(kept.front());
                 kept.pop_front();
@@ -63,16 +65,26 @@ struct Taker : zevmm::v4l2::FrameTaker
     void returned(const zevmm::v4l2::FrameMemory &memory) override
     {
         giveBack(memory);
-        free.push_back(static_cast<unsigned int>(memory.id));
+        ++returnedCount;
+        free.push_back(numberOf(memory));
+        if (onReturned)
+            std::exchange(onReturned, nullptr)();
     }
     void giveBack(const zevmm::v4l2::FrameMemory &memory)
     {
-        ASSERT_EQ(lent.count(static_cast<unsigned int>(memory.id)), 1u) << "it was not lent";
-        EXPECT_EQ(lent[static_cast<unsigned int>(memory.id)].address, memory.address);
-        lent.erase(static_cast<unsigned int>(memory.id));
+        const unsigned int number = numberOf(memory);
+        ASSERT_EQ(lent.count(number), 1u) << "it was not lent";
+        EXPECT_EQ(lent[number].address, memory.address);
+        EXPECT_EQ(lent[number].id, memory.id);
+        lent.erase(number);
+    }
+    static unsigned int numberOf(const zevmm::v4l2::FrameMemory &memory)
+    {
+        return static_cast<unsigned int>(memory.id & 0xffffffff);
     }
 
     std::vector<std::vector<std::uint8_t>> contents;
+    std::map<unsigned int, std::uint32_t> generations; // rise with other memory in the place of a free one
     std::deque<unsigned int> free;
     std::deque<unsigned int> kept; // as a history keeps them
     std::map<unsigned int, zevmm::v4l2::FrameMemory> lent;
@@ -81,6 +93,8 @@ struct Taker : zevmm::v4l2::FrameTaker
     bool hasDmabufs = true;
     bool isPainted = true;
     int lendCalls = 0;
+    int returnedCount = 0;
+    std::function<void()> onReturned; // called once
     int frames = 0;
     int throwsAt = 0;
     std::uint32_t sequence = 0;

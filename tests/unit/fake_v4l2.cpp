@@ -226,6 +226,8 @@ int Kernel::answer(unsigned long request, void *argument)
             return -EINVAL;
         memory = buffers->memory;
         places.assign(32, {});
+        pinned.assign(32, {});
+        orphans.clear();
         bufferCount = buffers->count = std::min(buffers->count, driver.mostBuffers);
         contents.assign(bufferCount, 0);
         exports.assign(bufferCount, 0);
@@ -337,9 +339,26 @@ int Kernel::takeMemory(const v4l2_buffer &buffer)
         violations.push_back("queued memory that the driver has");
         return -EINVAL;
     }
+    if (given[0] == refusedPlace)
+        return -EFAULT; // with what was looked up before left as it is
+    if (places[buffer.index] != given)
+        pinned[buffer.index] = given;
     relocations += !places[buffer.index].empty() && places[buffer.index] != given ? 1 : 0;
     places[buffer.index] = given;
     return 0;
+}
+
+void Kernel::replaceMemory(std::uint8_t *address, std::size_t bytes)
+{
+    const Lock lock(mutex);
+    const auto begin = reinterpret_cast<std::uintptr_t>(address);
+    orphans.emplace_back(bytes);
+    for (auto &planes : pinned) {
+        for (std::uintptr_t &place : planes) {
+            if (place >= begin && place - begin < bytes)
+                place = reinterpret_cast<std::uintptr_t>(orphans.back().data()) + (place - begin);
+        }
+    }
 }
 
 std::set<std::uintptr_t> Kernel::foreign() const
@@ -382,9 +401,10 @@ void Kernel::paint(unsigned int index)
     if (memory == V4L2_MEMORY_DMABUF || places.empty() || places[index].empty())
         return;
     const std::uint32_t line = std::max(stride, driver.stride != 0 ? driver.stride : driver.width);
-    auto *luma = reinterpret_cast<std::uint8_t *>(places[index][0]);
-    auto *chroma = places[index].size() > 1 ? reinterpret_cast<std::uint8_t *>(places[index][1])
-                                            : luma + std::size_t{line} * driver.height;
+    const auto &planes = memory == V4L2_MEMORY_USERPTR ? pinned[index] : places[index];
+    auto *luma = reinterpret_cast<std::uint8_t *>(planes[0]);
+    auto *chroma = planes.size() > 1 ? reinterpret_cast<std::uint8_t *>(planes[1])
+                                     : luma + std::size_t{line} * driver.height;
     for (std::uint32_t row = 0; row < driver.height; ++row)
         luma[std::size_t{row} * line] = static_cast<std::uint8_t>(nextSequence);
     for (std::uint32_t row = 0; row < (driver.height + 1) / 2; ++row)

@@ -92,7 +92,11 @@ public:
     std::map<void *, std::vector<std::uint8_t>> mapped; // what is mapped now
     // What the driver has been given and not yet given back: the address, or the DMA-buf's number as one.
     std::set<std::uintptr_t> foreign() const;
-    int relocations = 0; // buffers that were given other memory than they had before
+    // Another memory is at these addresses from now on. What the driver has looked up before goes on to be
+    // the old one, which nobody else has any more.
+    void replaceMemory(std::uint8_t *address, std::size_t bytes);
+    std::uintptr_t refusedPlace = 0; // memory that VIDIOC_QBUF refuses with EFAULT
+    int relocations = 0;             // buffers that were given other memory than they had before
     std::uint32_t nextSequence = 1;
     bool isStreaming = false;
     v4l2_format current = {}; // as last set
@@ -130,7 +134,10 @@ private:
     std::uint32_t memory = V4L2_MEMORY_MMAP;
     std::uint32_t stride = 0;                        // that was asked for and granted
     std::vector<std::vector<std::uintptr_t>> places; // by buffer: where each plane goes
-    std::deque<unsigned int> queue;                  // with the driver, to be filled
+    // The same, as it was looked up when the buffer came with other addresses than before.
+    std::vector<std::vector<std::uintptr_t>> pinned;
+    std::deque<std::vector<std::uint8_t>> orphans; // that are pinned, and at no address any more
+    std::deque<unsigned int> queue;                // with the driver, to be filled
     std::deque<Filled> done;
 };
 

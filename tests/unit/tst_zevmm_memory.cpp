@@ -58,6 +58,15 @@ protected:
         change = stream->step(events);
     }
 
+    // Other memory, at the same address.
+    void renew(unsigned int number)
+    {
+        auto &content = taker.contents[number];
+        content.assign(content.size(), 0xee);
+        kernel.replaceMemory(content.data(), content.size());
+        ++taker.generations[number];
+    }
+
     fake::Kernel kernel;
     fake::Taker taker;
     Change change = Change::None;
@@ -251,6 +260,102 @@ TEST_P(Ways, aDeviceThatGoesIsUsedAgainWhenItIsBack)
     EXPECT_EQ(taker.frames, 2);
     EXPECT_EQ(stream->statistics().returns, 1u);
     EXPECT_EQ(stream->trouble(), "");
+    stream->stop();
+}
+
+// Frames are looked at where they should be: in memory that came to an address where other memory was.
+TEST_P(Ways, otherMemoryAtAnAddressThatIsKnownIsWrittenAllTheSame)
+{
+    const auto [way, isMultiplanar] = GetParam();
+    if (isMultiplanar)
+        makeMultiplanar();
+    for (const unsigned int most : {32u, 10u, 5u, 4u}) {
+        kernel.driver.mostBuffers = most;
+        begin(way);
+        for (int i = 0; i < 200; ++i) {
+            if (i % 3 == 0) {
+                renew(taker.free.front());
+                renew(taker.free.back());
+            }
+            ASSERT_TRUE(fillAndStep());
+            ASSERT_FALSE(HasFailure()) << most << " buffers, frame " << i;
+        }
+        EXPECT_EQ(stream->statistics().skipped, 0u);
+        EXPECT_EQ(stream->statistics().restarts, 0u);
+        stream->stop();
+    }
+    EXPECT_EQ(taker.frames, 800);
+}
+
+// The only free buffer is one that the kernel would take to have the memory already: better one frame less in
+// the queue.
+TEST_F(Memory, memoryThatNoBufferCanTakeGoesBackAtOnce)
+{
+    kernel.driver.mostBuffers = 4;
+    begin(MemoryWay::Address);
+    taker.historyLength = 2;
+    const unsigned int only = taker.free.front();
+    const std::deque<unsigned int> others(taker.free.begin() + 1, taker.free.end());
+    taker.free = {only};
+    // Its memory is refused and goes back, the driver is made to stream anew, and at the same address there
+    // is other memory when the next is lent.
+    kernel.fault = {-1, VIDIOC_QBUF, EIO, false};
+    taker.onReturned = [this, only] { renew(only); };
+    ASSERT_TRUE(fillAndStep());
+    EXPECT_EQ(taker.frames, 1);
+    EXPECT_EQ(stream->statistics().restarts, 1u);
+    EXPECT_EQ(taker.returnedCount, 2);
+    EXPECT_EQ(kernel.queuedCount(), 3u);
+    taker.free.insert(taker.free.end(), others.begin(), others.end());
+    taker.free.push_back(only);
+    taker.free.pop_front();
+    advance(1000);
+    EXPECT_EQ(kernel.queuedCount(), 4u);
+    for (int i = 0; i < 30; ++i)
+        ASSERT_TRUE(fillAndStep());
+    EXPECT_EQ(taker.frames, 31);
+    stream->stop();
+}
+
+TEST_P(Ways, memoryThatTheDriverRefusesLaterIsGivenBackAndOtherMemoryServes)
+{
+    const auto [way, isMultiplanar] = GetParam();
+    if (way == MemoryWay::Mapped)
+        return; // there is none
+    if (isMultiplanar)
+        makeMultiplanar();
+    begin(way);
+    for (int i = 0; i < 20; ++i)
+        ASSERT_TRUE(fillAndStep());
+    const unsigned int number = taker.free[1];
+    kernel.refusedPlace = way == MemoryWay::Address
+                              ? reinterpret_cast<std::uintptr_t>(taker.contents[number].data())
+                              : std::uintptr_t{1000} + number;
+    const int before = taker.frames;
+    for (int i = 0; i < 40; ++i) {
+        fillAndStep();
+        advance(second / 2); // for the pause before a restart
+    }
+    EXPECT_GE(taker.frames, before + 30);
+    EXPECT_GE(taker.returnedCount, 1);
+    EXPECT_EQ(taker.lent.count(number), 0u);
+    EXPECT_EQ(stream->statistics().returns, 0u) << "the device is not even closed";
+    kernel.refusedPlace = 0;
+
+    // And when the device comes back and takes none of what it had.
+    const unsigned int had = taker.lent.begin()->first;
+    kernel.unplug();
+    advance(1000, POLLERR | POLLHUP);
+    kernel.refusedPlace = way == MemoryWay::Address
+                              ? reinterpret_cast<std::uintptr_t>(taker.contents[had].data())
+                              : std::uintptr_t{1000} + had;
+    kernel.plugIn();
+    for (int i = 0; i < 3; ++i)
+        advance(second / 2);
+    EXPECT_EQ(taker.lent.count(had), 0u);
+    const int after = taker.frames;
+    ASSERT_TRUE(fillAndStep());
+    EXPECT_EQ(taker.frames, after + 1);
     stream->stop();
 }
 

@@ -63,6 +63,11 @@ bool isDmabuf(int fd)
     return fstatfs(fd, &system) == 0 && static_cast<unsigned long>(system.f_type) == magic;
 }
 
+size_t slotOf(const zevmm::v4l2::FrameMemory &memory)
+{
+    return memory.id & 0xffffffff;
+}
+
 // The rate whose interval, rounded to microseconds, is this one: of the usual ones if one fits.
 std::optional<Ratio> rateOf(int64_t frameInterval)
 {
@@ -244,7 +249,8 @@ void CameraPublisher::follow()
 {
     while (!m_stopping) {
         m_capture.stop();
-        std::string problem = "offers no NV12 any more";
+        std::string problem =
+            m_settings.device + ": offers no NV12 any more; start zevshm again to publish it through FFmpeg";
         try {
             if (setUpCamera()) {
                 start();
@@ -281,20 +287,21 @@ bool CameraPublisher::lend(zevmm::v4l2::FrameMemory *memory)
     m_slots[number] = slot;
     memory->address = slot.planes[0];
     memory->dmabuf = slot.memory_fd;
-    memory->id = number;
+    // Fresh memory of the same slot often lies at the address of what was there before.
+    memory->id = static_cast<uint64_t>(slot.memory_generation) << 32 | number;
     return true;
 }
 
 void CameraPublisher::returned(const zevmm::v4l2::FrameMemory &memory)
 {
-    m_store.abandon(m_slots[memory.id]);
+    m_store.abandon(m_slots[slotOf(memory)]);
 }
 
 void CameraPublisher::taken(const zevmm::v4l2::FilledFrame &frame)
 {
     const int64_t labelUs = labelFor(frame.timestamp);
     if (frame.memory.address != nullptr)
-        publish(m_slots[frame.memory.id], labelUs);
+        publish(m_slots[slotOf(frame.memory)], labelUs);
     else
         copy(frame, labelUs);
 }

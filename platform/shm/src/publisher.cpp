@@ -159,6 +159,7 @@ void Publisher::describe(uint32_t slot, shm_writer_frame_t *frame) const
     frame->height = static_cast<int32_t>(m_store.policy.height);
     frame->slot = static_cast<int32_t>(slot);
     frame->memory_fd = memory.dmabuf ? memory.dmabuf.get() : memory.fd.get();
+    frame->memory_generation = m_store.slots[slot].memoryGeneration;
 }
 
 int Publisher::acquire(shm_writer_frame_t *frame, Filler filler)

@@ -76,7 +76,7 @@ struct Slot
     // A reader that was cut off while it lives may go on looking at this memory: never write it again.
     Atomic<bool> poisoned{false};
     SharedMemory memory;           // owner's
-    uint32_t memoryGeneration = 0; // service thread's; 0 = never had memory
+    uint32_t memoryGeneration = 0; // service thread writes it while Empty; 0 = never had memory
 };
 
 // Counters of the publisher that others read.

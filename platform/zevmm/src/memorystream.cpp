@@ -139,18 +139,28 @@ ForeignMemory MemoryStream::foreign(const FrameMemory &memory) const
     return result;
 }
 
-// The free buffer that had this memory last, else one that had none yet, else any.
-unsigned int MemoryStream::bufferFor(std::uint64_t id) const
+// The free buffer that had this memory last, else one that had none yet, else any that the kernel does not
+// take to have it already. A buffer that comes with the address it had last is not looked up anew: the driver
+// would go on writing into what was at that address then.
+unsigned int MemoryStream::bufferFor(const FrameMemory &memory) const
 {
-    const auto indexOf = [this](auto matches) {
+    const auto isMistaken = [this, &memory](const Buffer &buffer) {
+        return way == MemoryWay::Address &&
+               std::any_of(buffer.known.begin(), buffer.known.end(), [&](const FrameMemory &known) {
+                   return known.address == memory.address && known.id != memory.id;
+               });
+    };
+    const auto indexOf = [this, &isMistaken](auto matches) {
         const auto found = std::find_if(buffers.begin(), buffers.end(), [&](const Buffer &buffer) {
-            return !buffer.memory && matches(buffer);
+            return !buffer.memory && !isMistaken(buffer) && matches(buffer);
         });
         return static_cast<unsigned int>(found - buffers.begin());
     };
-    unsigned int index = indexOf([id](const Buffer &buffer) { return buffer.last == id; });
+    unsigned int index = indexOf([&memory](const Buffer &buffer) {
+        return !buffer.known.empty() && buffer.known.back().id == memory.id;
+    });
     if (index == buffers.size())
-        index = indexOf([](const Buffer &buffer) { return !buffer.last; });
+        index = indexOf([](const Buffer &buffer) { return buffer.known.empty(); });
     if (index == buffers.size())
         index = indexOf([](const Buffer &) { return true; });
     return index;
@@ -167,19 +177,24 @@ int MemoryStream::queueBuffer(unsigned int index)
 {
     if (way == MemoryWay::Mapped)
         return camera.queue(index);
-    const ForeignMemory memory = foreign(*buffers[index].memory);
-    return camera.queue(index, &memory);
+    Buffer &buffer = buffers[index];
+    const ForeignMemory memory = foreign(*buffer.memory);
+    const int result = camera.queue(index, &memory);
+    buffer.isRefused = result < 0;
+    if (!buffer.isRefused)
+        buffer.known.clear();
+    buffer.known.push_back(*buffer.memory);
+    return result;
 }
 
 // Gives the driver everything that is lent to us and that it has not.
 int MemoryStream::queueAll()
 {
     while (!kept.empty()) {
-        const unsigned int index = bufferFor(kept.back().id);
+        const unsigned int index = bufferFor(kept.back());
         if (index == buffers.size()) // the driver came back with fewer
             break;
         buffers[index].memory = kept.back();
-        buffers[index].last = kept.back().id;
         kept.pop_back();
     }
     for (unsigned int index = 0; index < buffers.size(); ++index) {
@@ -197,9 +212,12 @@ int MemoryStream::refill()
         FrameMemory fresh;
         if (!taker->lend(&fresh))
             return 0;
-        const unsigned int index = bufferFor(fresh.id);
+        const unsigned int index = bufferFor(fresh);
+        if (index == buffers.size()) {
+            taker->returned(fresh); // another one may do
+            return 0;
+        }
         buffers[index].memory = fresh;
-        buffers[index].last = fresh.id;
         const int result = queueBuffer(index);
         if (result < 0)
             return result;
@@ -284,14 +302,26 @@ void MemoryStream::closeDevice()
     camera.close();
     for (Buffer &buffer : buffers) {
         if (buffer.memory && way != MemoryWay::Mapped)
-            kept.push_back(*buffer.memory);
+            (buffer.isRefused ? refused : kept).push_back(*buffer.memory);
     }
     buffers.clear();
+    returnRefused();
 }
 
 void MemoryStream::returnMemory()
 {
     for (const FrameMemory &memory : std::exchange(kept, {}))
+        taker->returned(memory);
+}
+
+// So that other memory is lent instead. To be called while the driver has none.
+void MemoryStream::returnRefused()
+{
+    for (Buffer &buffer : buffers) {
+        if (std::exchange(buffer.isRefused, false) && way != MemoryWay::Mapped)
+            refused.push_back(*std::exchange(buffer.memory, std::nullopt));
+    }
+    for (const FrameMemory &memory : std::exchange(refused, {}))
         taker->returned(memory);
 }
 
@@ -385,18 +415,21 @@ int MemoryStream::take(const FilledBuffer &filled)
     }
     // Other memory first: the driver is never left with less, whatever becomes of this frame.
     FrameMemory fresh;
-    if (!taker->lend(&fresh)) {
+    const bool isLent = taker->lend(&fresh);
+    Buffer &buffer = buffers[filled.index];
+    const FrameMemory memory = *std::exchange(buffer.memory, std::nullopt);
+    const unsigned int index = isLent ? bufferFor(fresh) : static_cast<unsigned int>(buffers.size());
+    if (index == buffers.size()) {
+        if (isLent)
+            taker->returned(fresh); // at an address where memory is already: no good
+        buffer.memory = memory;
         {
             const std::lock_guard<std::mutex> lock(mutex);
             ++counters.skipped;
         }
         return queueBuffer(filled.index);
     }
-    Buffer &buffer = buffers[filled.index];
-    const FrameMemory memory = *std::exchange(buffer.memory, std::nullopt);
-    const unsigned int index = bufferFor(fresh.id);
     buffers[index].memory = fresh;
-    buffers[index].last = fresh.id;
     const int result = queueBuffer(index);
     deliver(filled, memory);
     return result;
@@ -447,6 +480,7 @@ void MemoryStream::restart()
     const char *request = "VIDIOC_STREAMOFF";
     int result = camera.stopStreaming(); // the driver lets go of all memory
     if (result == 0) {
+        returnRefused();
         {
             const std::lock_guard<std::mutex> lock(mutex);
             ++counters.restarts;

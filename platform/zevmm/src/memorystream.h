@@ -48,13 +48,16 @@ private:
     struct Buffer
     {
         std::optional<FrameMemory> memory; // that the driver has; none: the buffer is free
-        std::optional<std::uint64_t> last; // id of the memory that it had last
+        bool isRefused = false;            // that memory, by the driver
+        // What the kernel may take it to be still: its memory of the last time, and after a refusal also what
+        // was refused.
+        std::vector<FrameMemory> known;
     };
 
     void open(std::uint32_t width, std::uint32_t height);
     void checkLayout() const;
     ForeignMemory foreign(const FrameMemory &memory) const;
-    unsigned int bufferFor(std::uint64_t id) const;
+    unsigned int bufferFor(const FrameMemory &memory) const;
     unsigned int lentCount() const;
     int queueBuffer(unsigned int index);
     int queueAll();
@@ -69,6 +72,7 @@ private:
     Change reopen();
     void closeDevice();
     void returnMemory();
+    void returnRefused();
     void setTrouble(const std::string &text);
 
     System &system;
@@ -85,6 +89,7 @@ private:
     std::vector<Buffer> buffers;      // by the driver's index
     std::vector<MappedBuffer> mapped; // the same, with MemoryWay::Mapped
     std::vector<FrameMemory> kept;    // lent to us, and no driver has it
+    std::vector<FrameMemory> refused; // the same, to be returned
 
     mutable std::mutex mutex; // guards all that follows; never held while the driver or the taker runs
     CaptureFormat publicFormat;

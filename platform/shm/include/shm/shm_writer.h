@@ -104,13 +104,15 @@ typedef struct shm_writer_frame
     int32_t width, height;
     int32_t slot;
     int32_t memory_fd; /* borrowed descriptor of the slot's memory, for import by a device; -1 when none */
-    int64_t plane_offsets[4]; /* in that memory */
+    int64_t plane_offsets[4];   /* in that memory */
+    uint32_t memory_generation; /* rises when the slot is given other memory, often at the same address; 0
+                                   when none */
 } shm_writer_frame_t;
 
 /*
  * Where the planes of such frames lie in a slot of any store: fills strides, plane_offsets, width and height
  * of `frame` (whose memory is none), and with `bytes` given the size of a slot in plain memory, so that a
- * device can be asked for this layout before there is a store. Returns 0, or EINVAL (size or format).
+ * device can be asked for this layout before there is a store. Returns 0, or -EINVAL (size or format).
  */
 SHM_API int shm_writer_describe_frame(int32_t width, int32_t height, int32_t pixel_format,
                                       shm_writer_frame_t *frame, int64_t *bytes);

@@ -32,8 +32,9 @@ struct FrameMemory
 {
     std::uint8_t *address = nullptr; /* page-aligned; null with MemoryWay::DmaBuf if it is not mapped */
     int dmabuf = -1;                 /* borrowed while the memory is lent; -1 if it is none */
-    std::uint64_t id =
-        0; /* the taker's: memory that comes again with the id it had is taken to be the same */
+    /* The taker's. Memory that comes again with the id it had is taken to be the same; other memory has
+     * another id, above all where it lies at an address at which there was memory before. */
+    std::uint64_t id = 0;
 };
 
 /* A frame that the driver has filled. */
