@@ -312,6 +312,7 @@ public:
     bool isIdle(int) override { return true; }
     void beginWrite(int) override {}
     void endWrite(int) override {}
+    void takeDeviceWrites(int) override {}
 };
 
 TEST_F(ShmRights, DmabufsOfOtherUsersNeedThePublishersLeave)

@@ -65,6 +65,11 @@ public:
         events += 'e';
         EXPECT_EQ(dmabuf, written);
     }
+    void takeDeviceWrites(int dmabuf) override
+    {
+        events += 'd';
+        taken.push_back(dmabuf);
+    }
 
     int exportResult = 0;
     size_t exportsBefore = 0; // that it does not refuse
@@ -78,6 +83,7 @@ public:
     std::vector<std::string> heaps;
     std::string events; // of the publishing thread
     int written = -1;
+    std::vector<int> taken; // of devices' writes
 };
 
 class ShmDmabuf : public testing::Test
@@ -158,7 +164,8 @@ TEST_F(ShmDmabuf, WritesAreBracketed)
 }
 
 // The processor's caches have nothing of what a device writes: to bracket that as the processor's would write
-// them over it.
+// them over it. What they have of the frame before is forgotten, when the device is done and before anybody
+// reads.
 TEST_F(ShmDmabuf, ADevicesWritesAreNotBracketed)
 {
     params.lent_frames = 3;
@@ -169,11 +176,14 @@ TEST_F(ShmDmabuf, ADevicesWritesAreNotBracketed)
     EXPECT_EQ(device.events, "ii") << "a device that still reads is waited for all the same";
     ASSERT_EQ(shm_writer_acquire(writer, &own), 0);
     EXPECT_EQ(device.events, "iiib");
+    const std::vector<int> dmabufs = {second.memory_fd, first.memory_fd};
     ASSERT_EQ(shm_writer_publish(writer, &second, 1000), 0);
+    EXPECT_EQ(device.events, "iiibd");
     shm_writer_abandon(writer, &first);
-    EXPECT_EQ(device.events, "iiib");
+    EXPECT_EQ(device.events, "iiibdd");
+    EXPECT_EQ(device.taken, dmabufs);
     ASSERT_EQ(shm_writer_publish(writer, &own, 2000), 0);
-    EXPECT_EQ(device.events, "iiibe");
+    EXPECT_EQ(device.events, "iiibdde");
 }
 
 TEST_F(ShmDmabuf, PlainMemoryCostsNoCalls)

@@ -1,8 +1,13 @@
-// Slots that the publishing thread gives up.
+// Slots that the publishing thread gives up, and a reader that is told of fresh ones.
+#include "messages.h"
 #include "publisher.h"
+#include "shm_connection.h"
 
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+
+#include <cerrno>
 #include <memory>
 
 using namespace shm;
@@ -76,6 +81,42 @@ TEST_F(ShmPublisher, givesUpWhatWasAdded)
     store.surplusSlots.store(2);
     publish(20);
     EXPECT_EQ(returned(), 2);
+}
+
+// The message of fresh memory is taken when a frame in it is met. One that is wrong does not come again, so
+// that the reader would be without that slot for good: it has to connect anew.
+TEST_F(ShmPublisher, aReaderThatIsToldNonsenseOfFreshMemoryIsAtItsEnd)
+{
+    SharedMemory control;
+    ASSERT_EQ(createSharedMemory(&control, "shm-control", sizeof(ControlPage), kMemfd, sealsForShared()), 0);
+    for (const bool isNonsense : {false, true}) {
+        StoreConnection connection = testing_shm::connectTo(store, control);
+        int sockets[2] = {-1, -1};
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sockets), 0);
+        connection.socket.reset(sockets[0]);
+        const UniqueFd writer(sockets[1]);
+        shm_reader reader(std::move(connection), 4, 1000);
+        ASSERT_NO_FATAL_FAILURE(publish(1));
+        for (uint32_t s = 0; s < store.policy.slotCapacity; ++s) // from now on all memory is unknown to it
+            ++store.slots[s].memoryGeneration, store.index.metas[s].memoryGeneration.fetch_add(1);
+        ASSERT_NO_FATAL_FAILURE(publish(1));
+        ASSERT_TRUE(reader.live(shm_reader::Look::Now));
+        shm_video_frame_t frame = {};
+        EXPECT_EQ(reader.lock(&frame, SHM_VIDEO_NEWEST), -ENOENT);
+        EXPECT_TRUE(reader.live(shm_reader::Look::Now)) << "the message may be on its way";
+
+        auto message = makeMessage<SlotsMessage>(kSlots);
+        std::vector<int> fds;
+        for (uint32_t s = 0; s < store.policy.slotCount; ++s) {
+            message.entries[message.count++] = {isNonsense ? 1u << 20 : s, store.slots[s].memoryGeneration};
+            fds.push_back(store.slots[s].memory.fd.get());
+        }
+        ASSERT_EQ(sendMessage(writer.get(), &message, sizeof message, fds.data(), fds.size()), 0);
+        EXPECT_EQ(reader.lock(&frame, SHM_VIDEO_NEWEST), isNonsense ? -ENOENT : 0);
+        EXPECT_EQ(reader.live(), !isNonsense);
+        if (!isNonsense)
+            reader.unlock(&frame);
+    }
 }
 
 } // namespace

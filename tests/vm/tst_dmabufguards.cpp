@@ -48,6 +48,7 @@ public:
     bool isIdle(int dmabuf) override { return systemDmabufDevice().isIdle(dmabuf); }
     void beginWrite(int dmabuf) override { systemDmabufDevice().beginWrite(dmabuf); }
     void endWrite(int dmabuf) override { systemDmabufDevice().endWrite(dmabuf); }
+    void takeDeviceWrites(int dmabuf) override { systemDmabufDevice().takeDeviceWrites(dmabuf); }
 
     uint64_t offBytes = 0; // added; wraps to take away
     int exportsBefore = 0; // that are as they should be

@@ -73,6 +73,11 @@ public:
 
     void beginWrite(int dmabuf) override { synchronize(dmabuf, DMA_BUF_SYNC_START | DMA_BUF_SYNC_WRITE); }
     void endWrite(int dmabuf) override { synchronize(dmabuf, DMA_BUF_SYNC_END | DMA_BUF_SYNC_WRITE); }
+    void takeDeviceWrites(int dmabuf) override
+    {
+        synchronize(dmabuf, DMA_BUF_SYNC_START | DMA_BUF_SYNC_READ);
+        synchronize(dmabuf, DMA_BUF_SYNC_END | DMA_BUF_SYNC_READ);
+    }
 
 private:
     static void synchronize(int dmabuf, uint64_t flags)

@@ -32,6 +32,10 @@ public:
     // device that has work under way: ask isIdle() first.
     virtual void beginWrite(int dmabuf) = 0;
     virtual void endWrite(int dmabuf) = 0;
+    // Between a device's writes and the processor's reads: what caches have of before is forgotten, nothing
+    // of theirs is written over what the device wrote. To be asked once the device is done, then it does not
+    // wait.
+    virtual void takeDeviceWrites(int dmabuf) = 0;
 };
 
 DmabufDevice &systemDmabufDevice();

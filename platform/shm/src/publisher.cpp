@@ -141,6 +141,8 @@ void Publisher::takeBack(uint32_t slot)
     const UniqueFd &dmabuf = m_store.slots[slot].memory.dmabuf;
     if (dmabuf && m_lent[slot] == Lent::ToProcessor)
         m_store.dmabufDevice->endWrite(dmabuf.get());
+    else if (dmabuf)
+        m_store.dmabufDevice->takeDeviceWrites(dmabuf.get());
     m_lent[slot] = Lent::No;
     m_store.lentSlots.store(--m_lentCount, std::memory_order_relaxed);
 }

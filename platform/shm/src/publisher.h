@@ -18,7 +18,8 @@ class Publisher
 public:
     Publisher(Store &store, const ClockSource &clock);
 
-    // Who writes into a slot: a processor's writes into a DMA-buf are bracketed, a device's are its driver's.
+    // Who writes into a slot: a processor's writes into a DMA-buf are bracketed, a device's are its driver's,
+    // and caches forget what they had before.
     enum class Filler : uint8_t { Processor, Device };
 
     int acquire(shm_writer_frame_t *frame, Filler filler);
@@ -55,7 +56,8 @@ private:
     enum class Lent : uint8_t { No, ToProcessor, ToDevice };
     int acquireSlot(Filler filler, uint32_t *slot);
     bool isLent(const shm_writer_frame_t &frame) const;
-    // The slot is no longer lent; processor's writes are at their end.
+    // The slot is no longer lent. A processor's writes are at their end; a device's are there for readers
+    // that map them: caches are the machine's, so that doing it once here serves every reader.
     void takeBack(uint32_t slot);
     int pickSlot();
     enum class Use { Free, Locked, Gone };

@@ -121,10 +121,14 @@ shm_reader::Attempt shm_reader::tryLock(uint64_t generation, uint32_t slot, uint
     if (revoked || memory == 0 ||
         (memory != m_described[slot].record.memory_generation && !describeSlot(slot, memory))) {
         lock.store(0, std::memory_order_release);
+        if (revoked)
+            return Attempt::NoFrame;
         // Memory that we have not been given yet; if its message has come, the frame can be had after all.
-        return !revoked && pollConnection() && memory == m_connection.slots[slot].memoryGeneration
-                   ? Attempt::Retry
-                   : Attempt::NoFrame;
+        if (!pollConnection()) {
+            m_gone = true; // a message that is taken and not understood does not come again
+            return Attempt::NoFrame;
+        }
+        return memory == m_connection.slots[slot].memoryGeneration ? Attempt::Retry : Attempt::NoFrame;
     }
     describe(slot, generation, frame);
     m_lastSlot = slot;

@@ -126,8 +126,9 @@ SHM_API int shm_writer_acquire(shm_writer_t *writer, shm_writer_frame_t *frame);
 
 /*
  * The same for a slot that a device writes and this process does not: a DMA-buf of it is not bracketed as
- * written by the processor, whose caches could else be written over what the device wrote. Whoever hands the
- * memory to the device's driver leaves its coherence to that driver.
+ * written by the processor, whose caches could else be written over what the device wrote. Publish or abandon
+ * it when the device is done: then caches forget what they had of it, and readers that map it see what the
+ * device wrote.
  */
 SHM_API int shm_writer_acquire_for_device(shm_writer_t *writer, shm_writer_frame_t *frame);
 
