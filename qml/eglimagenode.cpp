@@ -9,6 +9,7 @@
 #include <QSGMaterialShader>
 
 #include <atomic>
+#include <utility>
 
 namespace zevqml {
 
@@ -45,6 +46,7 @@ void main()
 class EglImageMaterial : public QSGMaterial
 {
 public:
+    explicit EglImageMaterial(std::shared_ptr<ShownFrame> shown) : texture(std::move(shown)) {}
     QSGMaterialType *type() const override
     {
         static QSGMaterialType external;
@@ -109,8 +111,9 @@ QSGMaterialShader *EglImageMaterial::createShader() const
     return new EglImageShader;
 }
 
-EglImageNode::EglImageNode()
-    : m_geometry(QSGGeometry::defaultAttributes_TexturedPoint2D(), 4), m_material(new EglImageMaterial)
+EglImageNode::EglImageNode(std::shared_ptr<ShownFrame> shown)
+    : m_geometry(QSGGeometry::defaultAttributes_TexturedPoint2D(), 4),
+      m_material(new EglImageMaterial(std::move(shown)))
 {
     QSGGeometry::updateTexturedRectGeometry(&m_geometry, QRectF(), QRectF());
     QSGGeometryNode::setGeometry(&m_geometry);

@@ -6,9 +6,12 @@
 #include <QSGGeometryNode>
 #include <QVideoFrame>
 
+#include <memory>
+
 namespace zevqml {
 
 class EglImageMaterial;
+class ShownFrame;
 
 /*
  * Draws a frame whose memory EGL imports (EglImageTexture).
@@ -19,13 +22,13 @@ class EglImageMaterial;
  * another matrix have beyond. Images that a frame borrows (a camera's) are shown as EGL decodes them: who
  * made them told it the colors.
  *
- * Threads: the scene graph's render thread only. Ownership: holds the shown frame until the next one is
- * shown.
+ * Threads: the scene graph's render thread only. Ownership: holds the shown frame, in the holder that it is
+ * given, until the next one is shown.
  */
 class EglImageNode : public QSGGeometryNode
 {
 public:
-    EglImageNode();
+    explicit EglImageNode(std::shared_ptr<ShownFrame> shown);
     ~EglImageNode() override;
 
     /* Shows `frame` from now on; false when EGL or GL refuses (EglImageTexture), and then the node shows

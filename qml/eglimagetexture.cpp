@@ -10,6 +10,7 @@
 #include <QOpenGLFunctions>
 
 #include <atomic>
+#include <utility>
 
 namespace zevqml {
 
@@ -54,6 +55,28 @@ QMutex &imageMutex()
 
 } // namespace
 
+void ShownFrame::set(const QVideoFrame &frame)
+{
+    QVideoFrame next = frame;
+    const QMutexLocker lock(&m_mutex);
+    std::swap(m_frame, next);
+}
+
+bool ShownFrame::drop()
+{
+    QVideoFrame dropped;
+    const QMutexLocker lock(&m_mutex);
+    {
+        // Another window may be making and destroying its image just now.
+        const QMutexLocker imageLock(&imageMutex());
+        const ShmemDmaVideoBuffer *buffer = StoreFrame::of(m_frame).dmaBuffer;
+        if (!m_frame.isValid() || (buffer && buffer->handle().value<void *>()))
+            return false;
+    }
+    std::swap(m_frame, dropped);
+    return true;
+}
+
 bool EglImageTexture::isCandidate(const QVideoFrame &frame)
 {
     if (!frame.isValid() || frame.handleType() != QAbstractVideoBuffer::EGLImageHandle)
@@ -93,7 +116,7 @@ bool EglImageTexture::show(const QVideoFrame &frame)
         }
     }
     if (isShown)
-        m_frame = frame; // the one before goes now that the texture has left its memory
+        m_shown->set(frame); // the one before goes now that the texture has left its memory
     else
         release();
     return isShown;
@@ -138,7 +161,7 @@ void EglImageTexture::release()
     if (context && m_texture != 0)
         context->functions()->glDeleteTextures(1, &m_texture);
     m_texture = 0;
-    m_frame = QVideoFrame();
+    m_shown->set(QVideoFrame());
 }
 
 void EglImageTexture::bind(QOpenGLFunctions *gl) const

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <QMutex>
 #include <QString>
 #include <QVideoFrame>
 #include <QtGui/qopengl.h>
+
+#include <memory>
 
 QT_BEGIN_NAMESPACE
 class QOpenGLContext;
@@ -10,6 +13,27 @@ class QOpenGLFunctions;
 QT_END_NAMESPACE
 
 namespace zevqml {
+
+/*
+ * The frame that a texture shows. Who knows that nothing of it is drawn any more, as in a window that is
+ * hidden, lets it go without waiting for the render thread, which does nothing for such a window.
+ *
+ * Threads: any. Ownership: shared by the texture and that one; holds the frame.
+ */
+class ShownFrame
+{
+public:
+    /* The frame before goes in the calling thread. */
+    void set(const QVideoFrame &frame);
+    /* Lets go of the frame; nothing may draw from the texture until another one is shown. False when there is
+     * none, or when it carries an image that somebody made of it: that could only be destroyed where its
+     * context is current, and the frame stays until the texture goes. */
+    bool drop();
+
+private:
+    QMutex m_mutex;
+    QVideoFrame m_frame;
+};
 
 /*
  * The frame on screen as an external texture, without a copy: its memory, imported by EGL.
@@ -21,12 +45,13 @@ namespace zevqml {
  *
  * Threads: bound to the thread of the context that was current at the first show(), the destructor included.
  * Ownership: owns the texture and holds the frame, so that its memory is not written while it is shown; both
- * until the next show() or release(). The texture goes before the frame.
+ * until the next show() or release(), or until the frame is dropped (ShownFrame). The texture goes before the
+ * frame.
  */
 class EglImageTexture
 {
 public:
-    EglImageTexture() = default;
+    explicit EglImageTexture(std::shared_ptr<ShownFrame> shown) : m_shown(std::move(shown)) {}
     ~EglImageTexture() { release(); }
     EglImageTexture(const EglImageTexture &) = delete;
     EglImageTexture &operator=(const EglImageTexture &) = delete;
@@ -53,7 +78,7 @@ private:
     bool importInto(void *image);
 
     GLuint m_texture = 0;
-    QVideoFrame m_frame;
+    const std::shared_ptr<ShownFrame> m_shown;
 };
 
 } // namespace zevqml

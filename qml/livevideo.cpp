@@ -62,6 +62,7 @@ LiveVideo::LiveVideo(QQuickItem *parent) : QQuickItem(parent), m_hooks(new zevqm
         updateProblem();
         update();
     });
+    watchWindow(window()); // a parent that is in one was given to the constructor: nothing tells of it
 }
 
 LiveVideo::~LiveVideo()
@@ -146,6 +147,48 @@ void LiveVideo::updateShown()
     if (!isShown)
         clear();
     m_liveSource->setShown(this, isShown);
+}
+
+void LiveVideo::watchWindow(QQuickWindow *window)
+{
+    disconnect(m_windowVisibility);
+    if (m_watchedWindow)
+        m_watchedWindow->removeEventFilter(this);
+    m_watchedWindow = window;
+    m_wasExposed = window && window->isExposed();
+    if (!window)
+        return;
+    window->installEventFilter(this);
+    m_windowVisibility = connect(window, &QWindow::visibilityChanged, this, &LiveVideo::updateShown);
+}
+
+bool LiveVideo::eventFilter(QObject *watched, QEvent *event)
+{
+    if (event->type() == QEvent::Expose && watched == m_watchedWindow) {
+        if (m_watchedWindow->isExposed())
+            m_wasExposed = true;
+        else
+            dropUnseen();
+    }
+    return QQuickItem::eventFilter(watched, event);
+}
+
+// What is on screen stays locked until the scene graph has another frame, which it never gets while its
+// window is not exposed. The window stops drawing when it has handled the event that tells it so; before it
+// draws again it synchronizes, and the item shows what it has then.
+void LiveVideo::dropUnseen()
+{
+    if (!m_shownFrame || !m_watchedWindow || !m_wasExposed)
+        return;
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            if (!m_watchedWindow || m_watchedWindow->isExposed() || !m_shownFrame->drop())
+                return;
+            ++m_serial;
+            update();
+        },
+        Qt::QueuedConnection);
 }
 
 void LiveVideo::attachHooks()
@@ -302,10 +345,7 @@ void LiveVideo::itemChange(ItemChange change, const ItemChangeData &value)
     if (change == ItemSceneChange) {
         m_eglImageFailure.clear(); // another window, another context
         attachHooks();
-        disconnect(m_windowVisibility);
-        if (value.window)
-            m_windowVisibility =
-                connect(value.window, &QWindow::visibilityChanged, this, &LiveVideo::updateShown);
+        watchWindow(value.window);
         updateShown();
     } else if (change == ItemVisibleHasChanged) {
         update(); // hidden: to let go of what was drawn
@@ -445,8 +485,9 @@ QSGNode *LiveVideo::updateEglImageNode(QSGNode *oldNode, Choice *choice)
 {
     auto *node = static_cast<EglImageNode *>(oldNode);
     const bool fresh = !node;
+    const auto shown = fresh ? std::make_shared<zevqml::ShownFrame>() : m_shownFrame;
     if (fresh)
-        node = new EglImageNode;
+        node = new EglImageNode(shown);
     if ((fresh || m_nodeSerial != m_serial) && !node->show(m_frame, zevqml::frameColors(m_frame))) {
         if (fresh)
             delete node;
@@ -458,6 +499,7 @@ QSGNode *LiveVideo::updateEglImageNode(QSGNode *oldNode, Choice *choice)
             m_eglImageFailure.clear();
         return oldNode;
     }
+    m_shownFrame = shown;
     m_nodeSerial = m_serial;
     node->setGeometry(geometryOf(m_fillMode, size(), m_frame.size()));
     reportPath(*choice);

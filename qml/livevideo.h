@@ -7,10 +7,13 @@
 #include <QSize>
 #include <QVideoFrame>
 
+#include <memory>
+
 class LiveSource;
 class MediaProvider;
 
 namespace zevqml {
+class ShownFrame;
 class SourceHooks;
 } // namespace zevqml
 
@@ -50,6 +53,7 @@ class SourceHooks;
  * screen, and no other once the scene graph has taken it over. A hidden item keeps the newest frame, draws
  * nothing and does nothing with the frames that come; it is drawn again once it is shown. clear() lets go of
  * the frame. Of a LiveSource, which does nothing while nobody sees it, a hidden item keeps no frame either.
+ * The same holds in a window that is not exposed: what was on its screen last is let go of.
  * No frame carries an EGL image when it leaves the render thread, so copies of it may go in any
  * thread. The source's GL resources are released when no item shows it any more, and with the scene graph; a
  * camera's frame is not drawn again after that. Errors: none are thrown; a frame that cannot be drawn leaves
@@ -128,6 +132,7 @@ Q_SIGNALS:
 protected:
     QSGNode *updatePaintNode(QSGNode *oldNode, UpdatePaintNodeData *data) override;
     void itemChange(ItemChange change, const ItemChangeData &value) override;
+    bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
     struct Choice
@@ -149,6 +154,8 @@ private:
     void updateProblem();
     void setProvider(MediaProvider *provider);
     void updateShown();
+    void watchWindow(QQuickWindow *window);
+    void dropUnseen();
     bool admitStandIn();
     void dropPicture();
     void takeFromSource(const QVideoFrame &frame);
@@ -162,6 +169,8 @@ private:
     QPointer<MediaProvider> m_provider;
     QPointer<LiveSource> m_liveSource; // whose provider it is; null: the application's own
     QMetaObject::Connection m_windowVisibility;
+    QPointer<QQuickWindow> m_watchedWindow;
+    bool m_wasExposed = false; // the watched window; that of a QQuickRenderControl never is
     bool m_isShown = false;
     zevqml::SourceHooks *m_hooks; // child
     QString m_hookError;          // the GUI thread's; read by the render thread while that waits
@@ -188,6 +197,7 @@ private:
     FramePath m_nodePath = NoPath;
     bool m_isNodeBlack = false; // then there is no path
     quint64 m_nodeSerial = 0;
+    std::shared_ptr<zevqml::ShownFrame> m_shownFrame; // of the newest EglImageNode
     Choice m_reported{NoPath, QString()};
     bool m_mappingFailed = false; // until clear()
     QString m_eglImageFailure;    // until clear(), another window, or a publisher that has started anew

@@ -20,16 +20,23 @@ set_target_properties(pbufferwindow PROPERTIES PREFIX "" C_EXTENSIONS ON)
 add_test(NAME rig_scripts COMMAND ${rig}/check-scripts)
 set_tests_properties(rig_scripts PROPERTIES LABELS unit TIMEOUT 60)
 
-# zev_rig_test(NAME SOURCES ... LIBRARIES ... MACHINE MACHINE [ARGUMENTS ...] [VM_FUNCTIONS FUNCTION...] [ONLY_VM]):
+# zev_rig_test(NAME SOURCES ... LIBRARIES ... MACHINE MACHINE [ARGUMENTS ...] [VM_FUNCTIONS FUNCTION...] [ONLY_VM]
+# [ONLY_FAST] [PRELOAD LIBRARY]):
 # builds a program, registers fast_NAME, and has it run by vm_MACHINE, with these functions of it alone if they are
 # given. What needs a kernel module has no fast tier.
 function(zev_rig_test name)
-    cmake_parse_arguments(arg "ONLY_VM" "MACHINE" "SOURCES;LIBRARIES;ARGUMENTS;VM_FUNCTIONS" ${ARGN})
+    cmake_parse_arguments(arg "ONLY_VM;ONLY_FAST" "MACHINE;PRELOAD" "SOURCES;LIBRARIES;ARGUMENTS;VM_FUNCTIONS" ${ARGN})
     add_executable(${name} ${arg_SOURCES})
     zev_target(${name})
     target_link_libraries(${name} PRIVATE ${arg_LIBRARIES})
     target_compile_definitions(${name} PRIVATE QT_NO_KEYWORDS ARTIFACTS_DIR="${PROJECT_BINARY_DIR}/artifacts")
     set_target_properties(${name} PROPERTIES AUTOMOC ON)
+
+    set(preload)
+    if(arg_PRELOAD)
+        set(preload --preload $<TARGET_FILE:${arg_PRELOAD}>)
+        add_dependencies(${name} ${arg_PRELOAD})
+    endif()
 
     # The driver is not built for ThreadSanitizer, which then sees races where there are none. AddressSanitizer cannot
     # have the stand-in loaded after itself unless told, and its leak check sees the driver's own.
@@ -38,20 +45,21 @@ function(zev_rig_test name)
     endif()
     if(NOT arg_ONLY_VM)
         add_test(NAME fast_${name}
-            COMMAND ${rig}/with-gl --preload $<TARGET_FILE:fakedmabuf> $<TARGET_FILE:${name}> ${arg_ARGUMENTS})
+            COMMAND ${rig}/with-gl --preload $<TARGET_FILE:fakedmabuf> ${preload} $<TARGET_FILE:${name}>
+                ${arg_ARGUMENTS})
         set_tests_properties(fast_${name} PROPERTIES
             LABELS integration TIMEOUT 120 SKIP_RETURN_CODE 77 FIXTURES_REQUIRED rig)
         zev_test_environment(fast_${name})
     endif()
-    if(ZEV_SANITIZE)
-        if(NOT arg_ONLY_VM)
+    if(ZEV_SANITIZE OR arg_ONLY_FAST)
+        if(ZEV_SANITIZE AND NOT arg_ONLY_VM)
             set_property(TEST fast_${name} APPEND PROPERTY
                 ENVIRONMENT "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0")
         endif()
         return() # emulated and instrumented at once takes too long
     endif()
     set_property(GLOBAL APPEND PROPERTY zev_rig_${arg_MACHINE}
-        -- ${rig}/with-gl $<TARGET_FILE:${name}> ${arg_ARGUMENTS} ${arg_VM_FUNCTIONS})
+        -- ${rig}/with-gl ${preload} $<TARGET_FILE:${name}> ${arg_ARGUMENTS} ${arg_VM_FUNCTIONS})
 endfunction()
 
 # zev_rig_machine(MACHINE [MODULE "NAME=PARAMETERS"]): registers vm_MACHINE, which boots once and runs the programs given
@@ -102,6 +110,10 @@ if(TARGET Zev::items)
             survivesAnotherWindow goesWithAFrameShownAndOneToCome)
     zev_rig_test(tst_eglimageleaks MACHINE item SOURCES ${rig}/tst_eglimageleaks.cpp ${recorded_egl} ${item_sources}
         LIBRARIES Zev::items Qt5::Test ${CMAKE_DL_LIBS})
+    # With a window, and so with the scene graph's own render thread; the kernel has no part in what it is about.
+    zev_rig_test(tst_eglimagewindow ONLY_FAST PRELOAD pbufferwindow
+        SOURCES ${rig}/tst_eglimagewindow.cpp ${item_sources}
+        LIBRARIES Zev::items Qt5::Test)
     # They stand before EGL where entry points are looked up, so their symbols have to be seen.
     set_target_properties(tst_publishedframes tst_eglimageitem tst_eglimageleaks PROPERTIES ENABLE_EXPORTS ON)
     if(ZEV_BUILD_EXAMPLES)
