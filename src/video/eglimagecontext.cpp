@@ -9,8 +9,8 @@ namespace zevgl {
 
 namespace {
 
-// Values of the EGL registry and of DRM. Written out because EGL is only looked up at run time: the headers
-// need not be there to build.
+// Values of the EGL registry and of DRM. Written out because EGL is only looked up at run time:
+// nothing here includes its headers.
 enum : int {
     eglTrue = 1,
     eglNone = 0x3038,
