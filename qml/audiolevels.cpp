@@ -84,21 +84,18 @@ void AudioLevels::update(const QVector<AudioLevel> &levels)
 {
     const int before = count();
     const qint64 now = m_clock.nsecsElapsed() / 1000;
-    if (!levels.isEmpty() && levels.size() != before) {
+    LevelMeter next = m_meter;
+    next.update(now, levels);
+    if (next.channels().size() != before) { // others, or forgotten
         beginResetModel();
-        m_meter.update(now, levels);
+        m_meter = next;
         endResetModel();
-    } else {
-        m_meter.update(now, levels);
-    }
-    if (count() == 0 && before > 0) { // forgotten
-        beginResetModel();
-        endResetModel();
-    }
-    if (count() != before)
         emit countChanged();
-    else if (count() > 0)
-        emit dataChanged(index(0), index(count() - 1));
+        return;
+    }
+    m_meter = next;
+    if (before > 0)
+        emit dataChanged(index(0), index(before - 1));
 }
 
 int AudioLevels::rowCount(const QModelIndex &parent) const

@@ -117,6 +117,20 @@ TEST_F(AudioLevelsTest, theyFallWhenTheSourceIsGoneAndReturnWithIt)
     EXPECT_TRUE(waitUntil([&] { return isTheTone(); }));
 }
 
+// A source without sound for ten seconds has no meter.
+TEST_F(AudioLevelsTest, theRowsGoAfterTheModelHasSaidSo)
+{
+    auto publisher = std::make_unique<StorePublisher>("tone", Qt::red);
+    levels.setSource(&source);
+    ASSERT_TRUE(waitUntil([&] { return isTheTone(); }));
+    QVector<int> rows;
+    QObject::connect(&levels, &AudioLevels::modelAboutToBeReset, [&] { rows << levels.rowCount(); });
+    QObject::connect(&levels, &AudioLevels::modelReset, [&] { rows << levels.rowCount(); });
+    publisher.reset();
+    ASSERT_TRUE(waitUntil([&] { return levels.count() == 0; }));
+    EXPECT_EQ(rows, QVector<int>({2, 0}));
+}
+
 TEST_F(AudioLevelsTest, aSourceThatDiesTakesThemWithIt)
 {
     const StorePublisher publisher("tone", Qt::red);
