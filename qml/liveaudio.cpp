@@ -33,9 +33,7 @@ LiveAudio::LiveAudio(QObject *parent) : QObject(parent), m_delayMs(int(Sound::us
 LiveAudio::~LiveAudio()
 {
     m_isRebuilding = true; // nothing is made any more
-    if (m_stream)
-        m_stream->setSound(nullptr);
-    m_sound.reset();
+    dropSound();
     if (theOne == this)
         theOne = nullptr;
 }
@@ -70,7 +68,20 @@ void LiveAudio::setSource(LiveSource *source)
     emit sourceChanged();
 }
 
-// Qt's sound backends handle events while they start and stop, and one of those may bring us here.
+void LiveAudio::dropSound()
+{
+    if (!m_sound)
+        return;
+    const std::unique_ptr<Sound> old = std::move(m_sound);
+    disconnect(old.get(), nullptr, this, nullptr);
+    if (m_stream) {
+        m_stream->setSound(nullptr);
+        disconnect(m_stream, nullptr, old.get(), nullptr); // it may tell something while the sound stops
+    }
+}
+
+// Qt's sound backends handle events while they start and stop, and one of those may bring us here. So may a
+// handler of what the sound or its player is telling.
 void LiveAudio::rebuild()
 {
     if (m_isRebuilding || (m_sound && m_sound->isBusy())) {
@@ -78,12 +89,7 @@ void LiveAudio::rebuild()
         return;
     }
     m_isRebuilding = true;
-    if (m_sound) {
-        if (m_stream)
-            m_stream->setSound(nullptr);
-        const std::unique_ptr<Sound> old = std::move(m_sound);
-        disconnect(old.get(), nullptr, this, nullptr);
-    }
+    dropSound();
     m_playedUs = 0;
     m_stream = m_source && m_source->running() ? m_source->stream() : nullptr;
     if (m_stream && m_stream->soundSource()) {

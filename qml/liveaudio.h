@@ -30,6 +30,9 @@ QT_END_NAMESPACE
  *   Waiting   for the source's sound, or for a device: errorString says which is missing
  *   Playing   the device takes sound
  *
+ * All of it, and the source, may be changed from handlers of its own signals too; what is playing follows a
+ * moment later then.
+ *
  * Threads: the GUI thread. Start and stop may wait for the sound server. Units: delay in milliseconds, volume
  * linear from 0 to 1, playedTime in milliseconds since the epoch, on the clock of the source's timestamps.
  * Ownership: borrows the source; takes AudioPlayer::getInstance() for itself while there is one.
@@ -91,6 +94,7 @@ Q_SIGNALS:
 
 private:
     void rebuild();
+    void dropSound();
 
     QPointer<LiveSource> m_source;
     QTimer m_later; // for a rebuild() that came at the wrong moment

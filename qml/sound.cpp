@@ -6,6 +6,7 @@
 #include <zevqt-mm/mediasource.h>
 
 #include <QLibrary>
+#include <QScopedValueRollback>
 #include <QTimer>
 
 #include <algorithm>
@@ -79,6 +80,11 @@ void Sound::setReportRate(double fps)
         m_player->setReportRate(fps);
 }
 
+bool Sound::isBusy() const
+{
+    return m_isStopping || m_telling > 0 || (m_player && m_player->isEmitting());
+}
+
 void Sound::stop()
 {
     for (QTimer *timer : findChildren<QTimer *>())
@@ -94,6 +100,7 @@ void Sound::stop()
 
 void Sound::check()
 {
+    const QScopedValueRollback<int> telling(m_telling, m_telling + 1);
     if (m_isStopping)
         return; // Qt's backend handles events while it opens and closes
     // Before there is audio there is nothing to play, and the device's format would be a guess.
@@ -124,6 +131,7 @@ void Sound::check()
 
 bool Sound::tryStart()
 {
+    const QScopedValueRollback<int> telling(m_telling, m_telling + 1);
     m_isStopping = true; // selecting stops what there was
     const bool isSelected = selectDevice();
     const bool isStarted = isSelected && m_player->start(m_source, m_fps);
@@ -222,6 +230,7 @@ void Sound::sayDeviceGone()
 
 void Sound::onStopped()
 {
+    const QScopedValueRollback<int> telling(m_telling, m_telling + 1);
     m_age.begin();
     if (!m_isStopping && m_hasStarted) {
         m_stopShiftMs = m_clock.check();
@@ -277,6 +286,7 @@ qint64 Sound::newestAudio() const
 
 void Sound::setVolume(double volume)
 {
+    const QScopedValueRollback<int> telling(m_telling, m_telling + 1);
     m_volume = std::clamp(volume, 0.0, 1.0);
     if (m_player)
         m_player->setVolume(m_volume);
@@ -285,6 +295,7 @@ void Sound::setVolume(double volume)
 
 void Sound::setMuted(bool muted)
 {
+    const QScopedValueRollback<int> telling(m_telling, m_telling + 1);
     m_isMuted = muted;
     if (m_player)
         m_player->setMuted(muted);
@@ -321,12 +332,7 @@ Sound::Figures Sound::figures() const
 
 QStringList Sound::deviceNames()
 {
-    QStringList names;
-    const auto devices = QAudioDeviceInfo::availableDevices(QAudio::AudioOutput);
-    for (const QAudioDeviceInfo &device : devices) // without a sound server, the default one has no name
-        if (!device.deviceName().isEmpty() && !names.contains(device.deviceName()))
-            names << device.deviceName();
-    return names;
+    return AudioPlayer::deviceNames();
 }
 
 void Sound::silenceLibraries()

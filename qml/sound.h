@@ -69,8 +69,11 @@ public:
     /* Also of what is playing. */
     void setReportRate(double fps);
 
-    /* Starts or stops, which handles events: not to be destroyed from one of them. */
-    bool isBusy() const { return m_isStopping; }
+    /*
+     * Starts or stops, which handles events, or tells something, like its player: it must not be destroyed
+     * by whoever is called then.
+     */
+    bool isBusy() const;
 
     double volume() const { return m_volume; }
     void setVolume(double volume);
@@ -83,6 +86,7 @@ public:
     const AudioPlaybackAge &heardAge() const { return m_age; }
     Figures figures() const;
 
+    /* AudioPlayer's. */
     static QStringList deviceNames();
     /* Without a sound server, ALSA and Qt write pages about it; one line of ours is enough. */
     static void silenceLibraries();
@@ -120,6 +124,7 @@ private:
     double m_volume = 1.0;
     bool m_isMuted = false;
     bool m_isStopping = false; // by this class
+    int m_telling = 0;         // so many of the functions that emit are at work
     bool m_isWanted = false;
     bool m_hasStarted = false;     // what playing there is, is ours
     QAudioDeviceInfo m_deviceInfo; // of what was played on last

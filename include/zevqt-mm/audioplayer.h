@@ -9,6 +9,7 @@
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>
 #include <QtCore/QString>
+#include <QtCore/QStringList>
 #include <QtMultimedia/QAudio>
 #include <QtMultimedia/QAudioDeviceInfo>
 
@@ -39,10 +40,11 @@ class QAudioOutput;
  * Errors: false from setDevice() and start(), with a message in the category "zevqt.audio", also for a device
  * that the sound server has no longer; start() without a device or source says nothing. failure() tells which
  * of these it was. A sound server that was not there when Qt first looked for devices is found by
- * setDevice(), which has to be asked again then, some seconds later; so ask it before anything else in the
- * process looks.
+ * setDevice() and deviceNames(), which have to be asked again then, some seconds later; so ask one of them
+ * before anything else in the process looks.
  *
- * Cost: start() opens the device and may wait for a sound server; the rest does not wait.
+ * Cost: start() opens the device and may wait for a sound server; deviceNames() asks all systems for all
+ * their devices, which takes about a tenth of a second; the rest does not wait.
  */
 class ZEVQTMM_EXPORT AudioPlayer : public QObject
 {
@@ -67,12 +69,20 @@ public:
     static AudioPlayer *getInstance();
     static void teardown();
 
+    /*!
+     * The names that setDevice() takes, each once, without "default". Needs no player and makes none. In the
+     * application object's thread; a server that came later is found from there only.
+     */
+    static QStringList deviceNames();
+
     /*! True once a device is selected. */
     bool enabled() const;
     /*! Null while none is selected. */
     const QAudioDeviceInfo &selectedDevice() const { return device; }
     /*! True while the device takes audio. */
     bool isActive() const;
+    /*! True while its signals are being told: it must not be destroyed then. */
+    bool isEmitting() const { return isOutputEmitting; }
     double volume() const;
     bool muted() const;
     /*! How far behind the source's newest audio reading starts. */

@@ -43,6 +43,19 @@ void AudioPlayer::teardown()
     instance = nullptr;
 }
 
+QStringList AudioPlayer::deviceNames()
+{
+    SoundServerReturn::watch(); // which a player would do only later
+    SoundServerReturn::findBackend();
+    const QList<QAudioDeviceInfo> devices = QAudioDeviceInfo::availableDevices(QAudio::AudioOutput);
+    SoundServerReturn::lookForServer(devices);
+    QStringList names;
+    for (const QAudioDeviceInfo &device : devices) // without a sound server, the default one has no name
+        if (!device.deviceName().isEmpty() && !names.contains(device.deviceName()))
+            names << device.deviceName();
+    return names;
+}
+
 AudioPlayer::AudioPlayer()
     : output(nullptr), volume_(1.0), muted_(false), timeBase(0), correction(0.0), fixedSampleRate_(-1),
       isOutputEmitting(false), isRateConverted(false), failure_(NoFailure)
@@ -330,6 +343,7 @@ void AudioPlayer::setVolume(double newVolume)
     volume_ = clamped;
     if (output && !muted_)
         output->setVolume(volume_);
+    const QScopedValueRollback<bool> emitting(isOutputEmitting, true);
     if (isAnnounced)
         Q_EMIT volumeChanged();
 }
@@ -340,6 +354,7 @@ void AudioPlayer::setMuted(bool mute)
     muted_ = mute;
     if (output)
         output->setVolume(muted_ ? 0.0 : volume_);
+    const QScopedValueRollback<bool> emitting(isOutputEmitting, true);
     if (isChanged)
         Q_EMIT mutedChanged();
 }

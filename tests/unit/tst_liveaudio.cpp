@@ -10,15 +10,19 @@
 #include "sound.h"
 #include "storepublisher.h"
 
+#include <zevqt-mm/audioplayer.h>
+
 #include <gtest/gtest.h>
 
 #include <QDateTime>
+#include <QPointer>
 #include <QQmlComponent>
 #include <QQmlEngine>
 #include <QQuickWindow>
 #include <QTemporaryDir>
 
 #include <cmath>
+#include <functional>
 #include <memory>
 
 namespace {
@@ -104,6 +108,43 @@ TEST_F(LiveAudioTest, playsAndTellsTheTime)
     EXPECT_TRUE(audio.muted());
     source.setVideo(QUrl(QStringLiteral("shm:///nosuchstore")));
     EXPECT_TRUE(isSoon(LiveAudio::Waiting));
+}
+
+// Each of these replaces the player, which is telling something meanwhile.
+TEST_F(LiveAudioTest, mayBeChangedFromItsHandlers)
+{
+    if (!server)
+        GTEST_SKIP() << "no sound server: is pulseaudio installed?";
+    const StorePublisher publisher("tone", Qt::red);
+    const std::function<void()> changes[] = {
+        [&] { audio.setSource(nullptr); },
+        [&] { source.setRunning(false); },
+        [&] { audio.setDelay(audio.delay() + 50); },
+        [&] { audio.setDevice(QStringLiteral("a")); },
+    };
+    using Signal = void (LiveAudio::*)();
+    for (const Signal signal : {&LiveAudio::playedTimeChanged, &LiveAudio::stateChanged}) {
+        for (const auto &change : changes) {
+            audio.setDevice(QStringLiteral("default"));
+            audio.setSource(&source);
+            source.setRunning(true);
+            QPointer<AudioPlayer> player;
+            bool isDone = false;
+            const auto connection = QObject::connect(&audio, signal, &source, [&] {
+                if (isDone || audio.state() != LiveAudio::Playing)
+                    return;
+                isDone = true;
+                player = AudioPlayer::getInstance();
+                change();
+                EXPECT_TRUE(player) << "it was destroyed while it told the time, or that it plays";
+            });
+            ASSERT_TRUE(waitUntil([&] { return isDone; }));
+            EXPECT_TRUE(waitUntil([&] { return !player; }));
+            QObject::disconnect(connection);
+            EXPECT_TRUE(isSoon(audio.source() && source.running() ? LiveAudio::Playing : LiveAudio::Silent));
+            audio.setSource(nullptr); // a state of its own for what follows
+        }
+    }
 }
 
 TEST_F(LiveAudioTest, thePictureFollows)

@@ -60,6 +60,12 @@ zev_test(tst_liveaudio
     LIBRARIES Zev::items Zev::shm GTest::gtest
     LABEL integration)
 target_include_directories(tst_liveaudio PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/integration)
+zev_test(tst_liveaudioserver
+    SOURCES unit/tst_liveaudioserver.cpp unit/scenegraph_testing.cpp unit/scenegraph_testing.h unit/storepublisher.cpp
+        unit/storepublisher.h integration/xvfbserver.cpp integration/pulseserver.cpp integration/pulseserver.h
+    LIBRARIES Zev::items Zev::shm GTest::gtest
+    LABEL integration)
+target_include_directories(tst_liveaudioserver PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/integration)
 
 zev_test(tst_viewerwindow
     SOURCES unit/tst_viewerwindow.cpp integration/xvfbserver.cpp
