@@ -253,6 +253,21 @@ TEST_F(ZevshmTop, theTerminalIsGivenBackWhileItIsStopped)
     EXPECT_TRUE(sameSettings(terminal.settings(), before));
 }
 
+TEST_F(ZevshmTop, aTerminalThatCannotBeWrittenIsLeftAsItWas)
+{
+    const Terminal terminal(80, 24);
+    const termios before = terminal.settings();
+    const std::string path = "/proc/self/fd/" + std::to_string(terminal.slave());
+    const int readOnly = open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(readOnly, 0);
+    Zevshm top({"top"}, terminal.slave(), -1, readOnly);
+    EXPECT_EQ(top.wait(), 10);
+    EXPECT_NE(top.errors().find("the terminal cannot be written"), std::string::npos) << top.errors();
+    EXPECT_NE(top.errors().find("'zevshm top --once'"), std::string::npos) << top.errors();
+    EXPECT_TRUE(sameSettings(terminal.settings(), before));
+    close(readOnly);
+}
+
 TEST_F(ZevshmTop, itFitsIntoNarrowTerminalsAndFollowsTheirSize)
 {
     std::vector<std::unique_ptr<OwnStore>> cameras;

@@ -34,7 +34,12 @@ TopScreen::TopScreen()
     if (m_signals < 0)
         throw Failure(ExitResources, "no descriptors left; raise 'ulimit -n'");
     m_hasKeys = isatty(STDIN_FILENO) == 1;
-    enter();
+    try {
+        enter();
+    } catch (...) {
+        close(m_signals);
+        throw;
+    }
 }
 
 TopScreen::~TopScreen()
@@ -49,15 +54,27 @@ TopScreen::~TopScreen()
 
 void TopScreen::enter()
 {
-    if (tcgetattr(STDOUT_FILENO, &m_before) == 0) {
+    m_hasBefore = tcgetattr(STDOUT_FILENO, &m_before) == 0;
+    if (m_hasBefore) {
         termios raw = m_before;
         raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO); // Ctrl-C and Ctrl-Z remain signals
         raw.c_cc[VMIN] = 0;
         raw.c_cc[VTIME] = 0;
         tcsetattr(STDOUT_FILENO, TCSANOW, &raw);
     }
+    try {
+        put("\x1b[?1049h\x1b[?25l");
+    } catch (...) {
+        restoreSettings();
+        throw;
+    }
     m_isEntered = true;
-    put("\x1b[?1049h\x1b[?25l");
+}
+
+void TopScreen::restoreSettings() const
+{
+    if (m_hasBefore)
+        tcsetattr(STDOUT_FILENO, TCSANOW, &m_before);
 }
 
 void TopScreen::leave()
@@ -65,7 +82,7 @@ void TopScreen::leave()
     if (!m_isEntered)
         return;
     m_isEntered = false;
-    tcsetattr(STDOUT_FILENO, TCSANOW, &m_before);
+    restoreSettings();
     put("\x1b[?25h\x1b[?1049l");
 }
 
@@ -80,7 +97,8 @@ void TopScreen::put(const std::string &text)
             poll(&terminal, 1, 1000);
         } else if (written < 0 && errno != EINTR)
             throw Failure(ExitOutput,
-                          std::string("the terminal cannot be written (") + std::strerror(errno) + ")");
+                          std::string("the terminal cannot be written (") + std::strerror(errno) +
+                              "); print the table with 'zevshm top --once', or use another terminal");
     }
 }
 

@@ -32,12 +32,14 @@ public:
 private:
     void enter();
     void leave();
+    void restoreSettings() const;
     void put(const std::string &text);
     void stopHere();
 
     int m_signals = -1;
     bool m_hasKeys = false;
     bool m_isEntered = false;
+    bool m_hasBefore = false;
     termios m_before{};
 };
 
