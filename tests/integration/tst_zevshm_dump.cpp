@@ -239,6 +239,36 @@ TEST_F(ZevshmDump, aDumpThatFailsLeavesNothing)
     EXPECT_FALSE(std::filesystem::exists(folder()));
 }
 
+TEST_F(ZevshmDump, aDumpThatIsEndedLeavesNothing)
+{
+    OwnStore store("cam", 1920, 1080, {true, 0});
+    store.publish(20, 0);
+    for (const int number : {SIGINT, SIGTERM}) {
+        Zevshm dump({"dump", "cam", folder()}); // takes seconds to compress them
+        ASSERT_TRUE(waitFor([&] { return std::filesystem::exists(folder() + "/frame-0001.png"); }));
+        dump.signal(number);
+        EXPECT_EQ(dump.wait(), 1) << dump.errors();
+        EXPECT_NE(dump.errors().find("nothing of the dump is left"), std::string::npos) << dump.errors();
+        EXPECT_FALSE(std::filesystem::exists(folder()));
+    }
+}
+
+TEST_F(ZevshmDump, soundThatIsTooOldIsSaidToBeLeftOut)
+{
+    OwnStore store("cam", 320, 240);
+    store.publish(5, 0);
+    store.stopSound();
+    store.publish(10, 0);
+    const Result result = run({"dump", "cam", folder(), "--last", "100"});
+    EXPECT_EQ(result.code, 0);
+    EXPECT_NE(result.errors.find("cam: the sound of stream 0 is left out, because its newest is older"),
+              std::string::npos)
+        << result.errors;
+    const QJsonObject stream = dumped()["audio"].toObject()["streams"].toArray()[0].toObject();
+    EXPECT_TRUE(stream["file"].isNull());
+    EXPECT_EQ(dumped()["video"].toObject()["frames"].toArray().size(), 3);
+}
+
 TEST_F(ZevshmDump, whatCannotBeIsRefusedAtOnce)
 {
     OwnStore store("cam", 320, 240);

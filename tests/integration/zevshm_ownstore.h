@@ -38,13 +38,15 @@ public:
     void publish(int frames, int paceMs = 10);
     // The next timestamps come so much later.
     void skip(int64_t us) { m_nowUs += us; }
+    // Frames alone from now on.
+    void stopSound() { m_plan.audioStreams = 0; }
 
     int number() const { return m_number; }   // of the next frame
     int64_t nowUs() const { return m_nowUs; } // its timestamp
     shm_writer_stats_t stats() const;
 
 private:
-    const Plan m_plan;
+    Plan m_plan;
     zevshm::TestPattern m_pattern;
     zevshm::ToneGenerator m_tones;
     shm_writer_t *m_writer = nullptr;

@@ -4,8 +4,10 @@
 #include "dumpfolder.h"
 #include "hostclock.h"
 #include "json.h"
+#include "messages.h"
 #include "pngwriter.h"
 #include "storecapture.h"
+#include "wakeups.h"
 
 #include <algorithm>
 #include <cmath>
@@ -59,18 +61,27 @@ struct Held // copied out of the store
     std::vector<Sound> sounds;
 };
 
-Held::Sound copySound(shm_reader_t *reader, int stream, const shm_reader_format_t &format,
-                      int64_t notBeforeUs)
+// Timestamps are whatever another process has written: what they ask for is bounded by what is held.
+Held::Sound copySound(shm_reader_t *reader, const std::string &name, int stream,
+                      const shm_reader_format_t &format, int64_t notBeforeUs)
 {
     Held::Sound sound;
     shm_audio_status_t status{};
     if (shm_reader_get_audio_status(reader, stream, &status) < 0 || status.frames == 0)
         return sound;
     sound.timestampUs = std::max<int64_t>(status.oldest_timestamp, notBeforeUs);
-    const int64_t lengthUs = status.newest_timestamp - sound.timestampUs;
-    if (lengthUs <= 0)
+    if (status.newest_timestamp <= sound.timestampUs) {
+        say(name + ": the sound of stream " + std::to_string(stream) +
+            " is left out, because its newest is older than what is asked for: it has stopped, or its "
+            "timestamps went back; see 'zevshm info " +
+            name + "'");
         return sound;
-    const auto frames = static_cast<size_t>(lengthUs * format.sample_rate / 1000000 + 1);
+    }
+    const uint64_t lengthUs =
+        static_cast<uint64_t>(status.newest_timestamp) - static_cast<uint64_t>(sound.timestampUs);
+    const auto rate = static_cast<uint64_t>(format.sample_rate);
+    const auto frames = static_cast<size_t>(std::min<uint64_t>(
+        lengthUs / 1000000 * rate + lengthUs % 1000000 * rate / 1000000 + 1, status.frames));
     sound.samples.resize(frames * static_cast<size_t>(format.channels));
     const int64_t got =
         shm_reader_query_audio2(reader, stream, sound.samples.data(), frames, 1, sound.timestampUs, -1);
@@ -99,7 +110,7 @@ void copyFrames(shm_reader_t *reader, Held &held, const std::vector<long long> &
 }
 
 // Nothing is written before everything is copied: what is held now is gone in a second.
-Held copyHeld(shm_reader_t *reader, int64_t lastUs, bool withVideo, bool withAudio)
+Held copyHeld(shm_reader_t *reader, const std::string &name, int64_t lastUs, bool withVideo, bool withAudio)
 {
     Held held;
     shm_reader_get_format(reader, &held.format);
@@ -126,7 +137,7 @@ Held copyHeld(shm_reader_t *reader, int64_t lastUs, bool withVideo, bool withAud
 
     const int streams = withAudio ? std::clamp(held.info.audio_streams, 1, int{SHM_STREAMS_MAX}) : 0;
     for (int stream = 0; stream < streams; ++stream)
-        held.sounds.push_back(copySound(reader, stream, held.format, notBeforeUs));
+        held.sounds.push_back(copySound(reader, name, stream, held.format, notBeforeUs));
     if (!timestamps.empty())
         copyFrames(reader, held, timestamps);
     return held;
@@ -211,10 +222,15 @@ int dumpCommand(const std::vector<std::string> &words)
     const bool withAudio = !options.has("--no-audio");
     if (!withVideo && !withAudio)
         throw Failure(ExitUsage, "dump: --no-video and --no-audio leave nothing to dump; give one of them");
-    DumpFolder folder(options.positional()[1]);
+    const Wakeups wakeups;
+    DumpFolder folder(options.positional()[1], [&wakeups] {
+        if (wakeups.wait(0))
+            throw Failure(ExitInternal,
+                          "dump: was ended by a signal; nothing of the dump is left, start it again");
+    });
     const ReaderPtr reader = openStore(name);
     const int64_t lastUs = last ? std::llround(*last * 1000) : INT64_MAX;
-    const Held held = copyHeld(reader.get(), lastUs, withVideo, withAudio);
+    const Held held = copyHeld(reader.get(), name, lastUs, withVideo, withAudio);
     const bool hasSound = std::any_of(held.sounds.begin(), held.sounds.end(),
                                       [](const Held::Sound &sound) { return !sound.samples.empty(); });
     if (held.frames.empty() && !hasSound)

@@ -11,6 +11,7 @@
 #include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace zevshm {
 
@@ -52,7 +53,8 @@ std::string y4mHeader(const Y4mStream &stream)
 
 } // namespace
 
-DumpFolder::DumpFolder(const std::string &path) : m_path(path)
+DumpFolder::DumpFolder(const std::string &path, std::function<void()> check)
+    : m_path(path), m_check(std::move(check))
 {
     struct stat status
     {};
@@ -94,6 +96,7 @@ void DumpFolder::make()
 
 void DumpFolder::write(const std::string &name, const std::function<void(const Put &)> &content)
 {
+    m_check();
     const std::string path = m_path + "/" + name;
     std::unique_ptr<std::FILE, FileClose> file(std::fopen(path.c_str(), "wbxe"));
     if (!file)
@@ -148,6 +151,7 @@ void DumpFolder::writeY4m(const std::string &name, const Y4mStream &stream,
         put(header.data(), header.size());
         std::vector<uint8_t> row(static_cast<size_t>(chromaWidth));
         for (const AVFrame *picture : pictures) {
+            m_check();
             put("FRAME\n", 6);
             for (int y = 0; y < stream.height; ++y)
                 put(picture->data[0] + std::ptrdiff_t{picture->linesize[0]} * y,

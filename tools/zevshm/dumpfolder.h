@@ -24,12 +24,12 @@ struct Y4mStream
 // A folder that is complete, or not there.
 //
 // Usage: construct (checks, changes nothing), make(), write..., keep(). Without keep() what was written is
-// removed again, and the folder too when make() made it.
-// Errors: Failure (ExitOutput).
+// removed again, and the folder too when make() made it. `check` is called before every file and picture;
+// what it throws ends the writing. Errors: Failure (ExitOutput).
 class DumpFolder
 {
 public:
-    explicit DumpFolder(const std::string &path);
+    DumpFolder(const std::string &path, std::function<void()> check);
     ~DumpFolder();
     DumpFolder(const DumpFolder &) = delete;
     DumpFolder &operator=(const DumpFolder &) = delete;
@@ -50,6 +50,7 @@ private:
     void write(const std::string &name, const std::function<void(const Put &)> &content);
 
     const std::string m_path;
+    const std::function<void()> m_check;
     bool m_isOurs = false;
     std::vector<std::string> m_written;
 };
