@@ -16,6 +16,9 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <memory>
+#include <optional>
 #include <set>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -140,45 +143,57 @@ TEST_F(ZevshmRecord, aPublishedFileIsRecordedWhole)
     Zevshm publisher({"publish", "cam", media, "--history", "100"});
     const Reader reader = openStore("cam");
     ASSERT_TRUE(reader) << publisher.errors();
-    // A machine that is not in time for a frame publishes one less: what counts is what the store had.
-    uint64_t published = 0;
+    // A machine that is not in time for a frame publishes one less: what counts is what the store had. All of
+    // it is in the history.
+    std::set<int64_t> timestamps;
     waitFor([&] {
-        shm_video_status_t status{};
-        shm_reader_get_video_status(reader.get(), &status);
-        if (!status.live)
-            return true;
-        published = status.frames_published;
-        return false;
+        long long held[SHM_FRAMES_MAX];
+        const int count = shm_reader_get_video_timestamps(reader.get(), held, SHM_FRAMES_MAX);
+        timestamps.insert(held, held + std::max(count, 0));
+        return count < 0;
     });
+    const uint64_t published = storeInfo(reader.get()).frames_published;
     EXPECT_EQ(publisher.wait(), 0) << publisher.errors();
     EXPECT_EQ(recorder.wait(), 0) << recorder.errors();
     const Recording recording = read("out.mkv");
     EXPECT_GT(published, 30u);
     EXPECT_EQ(recording.pictures.size(), published);
     ASSERT_FALSE(recording.pictures.empty());
-    const ToneGenerator tones(OwnStore::sampleRate, 2);
-    const bool isUndisturbed = publisher.errors().empty();
+    // Each has its own timestamp of the store, rounded to milliseconds.
+    std::optional<int64_t> lastNumber;
     for (const auto &picture : recording.pictures) {
         ASSERT_TRUE(picture.code);
-        // A file's frame n is at n times 40 ms, less what the machine came late in all.
-        const int64_t number = picture.code->frameNumber;
-        if (isUndisturbed) {
-            EXPECT_NEAR(static_cast<double>(picture.us), static_cast<double>(number * OwnStore::intervalUs),
-                        1000);
-            const int64_t sample = picture.us * OwnStore::sampleRate / 1000000;
-            if (sample * 2 + 200 > static_cast<int64_t>(recording.samples.size()))
-                continue;
-            const std::vector<int16_t> got(recording.samples.begin() + sample * 2,
-                                           recording.samples.begin() + sample * 2 + 200);
-            bool isFound = false; // timestamps are rounded to milliseconds, and to samples
-            for (int shift = -50; shift <= 50 && !isFound; ++shift) {
-                std::vector<int16_t> wanted(200);
-                tones.tones(wanted.data(), 100, number * OwnStore::samplesAFrame + shift);
-                isFound = got == wanted;
-            }
-            EXPECT_TRUE(isFound) << "the sound of frame " << number << " is not there";
-        }
+        EXPECT_GT(int64_t{picture.code->frameNumber}, lastNumber.value_or(-1));
+        lastNumber = picture.code->frameNumber;
+        const auto next = timestamps.lower_bound(recording.originUs + picture.us - 1000);
+        ASSERT_NE(next, timestamps.end()) << *lastNumber;
+        EXPECT_LE(*next, recording.originUs + picture.us + 1000) << *lastNumber;
+        timestamps.erase(timestamps.begin(), std::next(next));
     }
+    if (!publisher.errors().empty())
+        GTEST_SKIP() << "the sound is not looked at: the machine was too slow for the publisher: "
+                     << publisher.errors();
+    const ToneGenerator tones(OwnStore::sampleRate, 2);
+    int compared = 0;
+    for (const auto &picture : recording.pictures) {
+        const int64_t number = picture.code->frameNumber;
+        EXPECT_NEAR(static_cast<double>(picture.us), static_cast<double>(number * OwnStore::intervalUs),
+                    1000);
+        const int64_t sample = picture.us * OwnStore::sampleRate / 1000000;
+        if (sample * 2 + 200 > static_cast<int64_t>(recording.samples.size()))
+            continue;
+        const std::vector<int16_t> got(recording.samples.begin() + sample * 2,
+                                       recording.samples.begin() + sample * 2 + 200);
+        bool isFound = false; // timestamps are rounded to milliseconds, and to samples
+        for (int shift = -50; shift <= 50 && !isFound; ++shift) {
+            std::vector<int16_t> wanted(200);
+            tones.tones(wanted.data(), 100, number * OwnStore::samplesAFrame + shift);
+            isFound = got == wanted;
+        }
+        EXPECT_TRUE(isFound) << "the sound of frame " << number << " is not there";
+        ++compared;
+    }
+    EXPECT_GT(compared, 30);
 }
 
 TEST_F(ZevshmRecord, theBeepIsWithTheFlash)
@@ -277,6 +292,105 @@ TEST_F(ZevshmRecord, aWriterThatComesBackIsInTheNextFile)
     EXPECT_EQ(second.pictures.size(), 20u); // from its beginning on
     expectExact(second, 0);
     EXPECT_EQ(second.pictures.at(0).width, 160);
+}
+
+TEST_F(ZevshmRecord, aFileIsCompletedWhenTheStoreCannotBeOpenedAgain)
+{
+    auto store = std::make_unique<OwnStore>("cam", 320, 240);
+    store->publish();
+    Zevshm recorder({"record", "cam", file("out.mp4"), "--return", "60"});
+    ASSERT_TRUE(waitForFile("out.mp4.part")) << recorder.errors();
+    store->publish(30);
+    ASSERT_TRUE(waitForCapture(recorder));
+    const rlimit few = {3, 3}; // for what it opens from now on
+    ASSERT_EQ(prlimit(recorder.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+    store.reset();
+    store = std::make_unique<OwnStore>("cam", 320, 240);
+    EXPECT_EQ(recorder.wait(), 7) << recorder.errors();
+    EXPECT_NE(recorder.errors().find("what was recorded until then is in " + file("out.mp4") + "\n"),
+              std::string::npos)
+        << recorder.errors();
+    EXPECT_NE(recorder.output().find("out.mp4: 31 frames"), std::string::npos) << recorder.output();
+    EXPECT_FALSE(isThere("out.mp4.part"));
+    EXPECT_EQ(read("out.mp4").pictures.size(), 31u);
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they allocate in their own way
+TEST_F(ZevshmRecord, aFileIsCompletedWhenMemoryRunsOut)
+{
+    OwnStore store("cam", 640, 480);
+    store.publish();
+    // An encoder that is too slow, but keeps no frames: what is captured waits.
+    Zevshm recorder({"record", "cam", file("out.mp4"), "--video-options",
+                     "preset=slower:tune=zerolatency:threads=1:refs=1", "--no-audio"});
+    ASSERT_TRUE(waitForFile("out.mp4.part")) << recorder.errors();
+    for (int i = 0; i < 5; ++i) { // it has what it needs after these
+        const auto size = [&] { return std::filesystem::file_size(file("out.mp4.part")); };
+        const auto before = size();
+        store.publish();
+        ASSERT_TRUE(waitFor([&] { return size() > before; }));
+    }
+    std::ifstream statm("/proc/" + std::to_string(recorder.pid()) + "/statm");
+    rlim_t pages = 0;
+    ASSERT_TRUE(statm >> pages);
+    const rlim_t bytes = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (20u << 20);
+    const rlimit limit = {bytes, bytes};
+    ASSERT_EQ(prlimit(recorder.pid(), RLIMIT_AS, &limit, nullptr), 0);
+    for (int i = 0; i < 2000 && waitsOfCapture(recorder); ++i)
+        store.publish(1, 2);
+    EXPECT_EQ(recorder.wait(90000), 7) << recorder.errors();
+    EXPECT_NE(recorder.errors().find("not enough memory"), std::string::npos) << recorder.errors();
+    EXPECT_NE(recorder.errors().find("what was recorded until then is in " + file("out.mp4") + "\n"),
+              std::string::npos)
+        << recorder.errors();
+    EXPECT_FALSE(isThere("out.mp4.part"));
+    EXPECT_GT(read("out.mp4").pictures.size(), 5u);
+}
+#endif
+
+TEST_F(ZevshmRecord, whatAWriterTakesWithItIsCounted)
+{
+    auto store = std::make_unique<OwnStore>("cam", 320, 240);
+    store->publish();
+    Zevshm recorder({"record", "cam", file("out.mkv"), "--return", "0"});
+    ASSERT_TRUE(waitForFile("out.mkv.part")) << recorder.errors();
+    store->publish(10);
+    ASSERT_TRUE(waitForCapture(recorder));
+    recorder.signal(SIGSTOP);
+    store->publish(7, 0);
+    store.reset();
+    recorder.signal(SIGCONT);
+    EXPECT_EQ(recorder.wait(), 0) << recorder.errors();
+    EXPECT_NE(recorder.output().find("out.mkv: 11 frames"), std::string::npos) << recorder.output();
+    EXPECT_NE(recorder.output().find(", 7 lost\n"), std::string::npos) << recorder.output();
+    EXPECT_NE(recorder.errors().find("the last 7 frames lost, because the writer ended"), std::string::npos)
+        << recorder.errors();
+}
+
+TEST_F(ZevshmRecord, whatIsPublishedBeforeItIsBackIsCounted)
+{
+    Zevshm publisher({"publish", "cam", "test:", "--size", "320x240", "--history", "4"});
+    Zevshm recorder({"record", "cam", file("out.mkv"), "--wait", "60", "--return", "60"});
+    ASSERT_TRUE(waitForFile("out.mkv.part")) << recorder.errors();
+    // A writer that is stopped is as good as gone, but goes on in the same session.
+    publisher.signal(SIGSTOP);
+    ASSERT_TRUE(waitFor([&] { return !waitsOfCapture(recorder); }));
+    recorder.signal(SIGSTOP);
+    publisher.signal(SIGCONT);
+    const Reader reader = openStore("cam");
+    ASSERT_TRUE(reader);
+    const uint64_t before = storeInfo(reader.get()).frames_published;
+    ASSERT_TRUE(waitForFrames(reader.get(), before + 40)); // more than are held
+    recorder.signal(SIGCONT);
+    ASSERT_TRUE(waitFor([&] { return waitsOfCapture(recorder).has_value(); }));
+    ASSERT_TRUE(waitForCapture(recorder));
+    recorder.signal(SIGINT);
+    EXPECT_EQ(recorder.wait(), 0) << recorder.errors();
+    EXPECT_FALSE(isThere("out-2.mkv"));
+    const std::string output = recorder.output();
+    const size_t at = output.rfind(", ");
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_GE(std::atol(output.c_str() + at + 2), 20) << output;
 }
 
 TEST_F(ZevshmRecord, aJumpOfTheTimestampsBeginsANewFile)

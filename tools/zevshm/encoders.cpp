@@ -62,6 +62,22 @@ void openContext(AVCodecContext &context, const AVCodec *codec, const EncoderCho
                                      "'; see 'ffmpeg -h encoder=" + choice.name + "'");
 }
 
+[[noreturn]] void failEncoding(const AVCodecContext &encoder, int code)
+{
+    if (code == AVERROR(ENOMEM))
+        throw std::bad_alloc();
+    throw Failure(ExitInternal,
+                  "the encoder " + std::string(encoder.codec->name) + " failed (" + avError(code) +
+                      "); try another " +
+                      (encoder.codec_type == AVMEDIA_TYPE_VIDEO ? "--video-codec" : "--audio-codec"));
+}
+
+[[noreturn]] void failConversion(const std::string &why)
+{
+    throw Failure(ExitInternal, "sound cannot be converted for the encoder" + why +
+                                    "; try --audio-codec pcm_s16le, or --no-audio");
+}
+
 void receive(AVCodecContext &encoder, const PacketSink &sink)
 {
     const AvPtr<AVPacket> packet(av_packet_alloc());
@@ -72,8 +88,7 @@ void receive(AVCodecContext &encoder, const PacketSink &sink)
         if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF)
             return;
         if (rc < 0)
-            throw Failure(ExitInternal, "the encoder " + std::string(encoder.codec->name) + " failed (" +
-                                            avError(rc) + ")");
+            failEncoding(encoder, rc);
         sink(packet.get());
         av_packet_unref(packet.get());
     }
@@ -83,8 +98,7 @@ void send(AVCodecContext &encoder, const AVFrame *frame, const PacketSink &sink)
 {
     const int rc = avcodec_send_frame(&encoder, frame);
     if (rc < 0 && rc != AVERROR_EOF)
-        throw Failure(ExitInternal,
-                      "the encoder " + std::string(encoder.codec->name) + " failed (" + avError(rc) + ")");
+        failEncoding(encoder, rc);
     receive(encoder, sink);
 }
 
@@ -231,7 +245,7 @@ SoundEncoder::SoundEncoder(const EncoderChoice &choice, int sampleRate, int chan
     if (rc >= 0)
         rc = swr_init(resampler);
     if (rc < 0)
-        throw Failure(ExitInternal, "sound cannot be converted (" + avError(rc) + ")");
+        failConversion(" (" + avError(rc) + ")");
     m_waiting.reset(av_audio_fifo_alloc(m_encoder->sample_fmt, channels, m_encoder->sample_rate));
     if (!m_waiting)
         throw std::bad_alloc();
@@ -294,7 +308,7 @@ void SoundEncoder::convert(const int16_t *samples, int frames)
         got >= 0 && av_audio_fifo_write(m_waiting.get(), reinterpret_cast<void **>(planes), got) == got;
     av_freep(&planes[0]);
     if (!isKept)
-        throw Failure(ExitInternal, "sound cannot be converted");
+        failConversion("");
 }
 
 void SoundEncoder::drain(int frames, const PacketSink &sink)

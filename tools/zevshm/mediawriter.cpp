@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <exception>
 #include <new>
 
 namespace zevshm {
@@ -32,22 +33,6 @@ std::string iso8601(int64_t us)
     return text + std::string(fraction);
 }
 
-int interrupted(void *settings)
-{
-    const auto &aborted = static_cast<const MediaWriter::Settings *>(settings)->aborted;
-    return aborted && aborted() ? 1 : 0;
-}
-
-// What is written about a target: a URL's password is nobody's business.
-std::string shownTarget(const std::string &target)
-{
-    const size_t scheme = target.find("://");
-    const size_t at = target.find('@');
-    if (scheme == std::string::npos || at == std::string::npos || target.find('/', scheme + 3) < at)
-        return target;
-    return target.substr(0, scheme + 3) + target.substr(at + 1);
-}
-
 } // namespace
 
 MediaWriter::MediaWriter(const Settings &settings, const Format &format)
@@ -72,7 +57,6 @@ void MediaWriter::chooseContainer()
                                                                  "name it .mkv or .mp4, or give --container");
     const std::string name = m_output->oformat->name;
     m_hasEditLists = name == "mp4" || name == "mov" || name == "ipod";
-    m_output->interrupt_callback = {interrupted, &m_settings};
     const AVOutputFormat *muxer = m_output->oformat;
     if (m_format.video && muxer->video_codec == AV_CODEC_ID_NONE)
         throw Failure(ExitUsage, std::string(muxer->name) + " holds no pictures; give --no-video or another "
@@ -138,8 +122,9 @@ void MediaWriter::check(int code) const
                          : error == AVERROR(EACCES) || error == AVERROR(ENOENT) || error == AVERROR(EROFS)
                              ? "check the path and its permissions"
                              : "check where it goes";
-    throw Failure(ExitOutput,
-                  shownTarget(m_settings.target) + ": cannot be written (" + avError(error) + "); " + remedy);
+    if (error == AVERROR(ENOMEM))
+        throw std::bad_alloc();
+    throw Failure(ExitOutput, m_settings.target + ": cannot be written (" + avError(error) + "); " + remedy);
 }
 
 AVStream *MediaWriter::addStream(const AVCodecContext *encoder)
@@ -174,13 +159,10 @@ void MediaWriter::open(const AVFrame *first, int64_t originUs)
 
     if (!(m_output->oformat->flags & AVFMT_NOFILE)) {
         // With its protocol said, a file may have any name.
-        const std::string url = m_settings.part.empty() ? m_settings.target : "file:" + m_settings.part;
-        check(
-            avio_open2(&m_output->pb, url.c_str(), AVIO_FLAG_WRITE, &m_output->interrupt_callback, nullptr));
+        const std::string url = "file:" + m_settings.part;
+        check(avio_open2(&m_output->pb, url.c_str(), AVIO_FLAG_WRITE, nullptr, nullptr));
     }
     AVDictionary *options = nullptr;
-    for (const auto &[key, value] : m_settings.muxer)
-        av_dict_set(&options, key.c_str(), value.c_str(), 0);
     if (m_hasEditLists)
         av_dict_set(&options, "movflags", "use_metadata_tags", 0); // or they would drop ours
     m_output->flags |= AVFMT_FLAG_FLUSH_PACKETS; // a recording that is killed has what came before, too
@@ -227,16 +209,24 @@ void MediaWriter::write(CapturedItem &item)
 
 void MediaWriter::finish()
 {
-    if (m_video)
-        m_video->flush(sink(m_video->context(), 0));
-    for (size_t i = 0; i < m_sounds.size(); ++i)
-        m_sounds[i]->flush(sink(m_sounds[i]->context(), static_cast<int>(i) + (m_video ? 1 : 0)));
+    // An encoder that has failed does not take from the file what makes it playable.
+    std::exception_ptr failure;
+    try {
+        if (m_video)
+            m_video->flush(sink(m_video->context(), 0));
+        for (size_t i = 0; i < m_sounds.size(); ++i)
+            m_sounds[i]->flush(sink(m_sounds[i]->context(), static_cast<int>(i) + (m_video ? 1 : 0)));
+    } catch (...) {
+        failure = std::current_exception();
+    }
     check(av_write_trailer(m_output.get()));
     if (m_output->pb)
         avio_flush(m_output->pb);
     check(0);
     if (!(m_output->oformat->flags & AVFMT_NOFILE))
         check(avio_closep(&m_output->pb));
+    if (failure)
+        std::rethrow_exception(failure);
 }
 
 int64_t MediaWriter::bytes() const

@@ -1,11 +1,10 @@
-// Writes what a store carries into a file or to a server, through FFmpeg.
+// Writes what a store carries into a file, through FFmpeg.
 #ifndef ZEVSHM_MEDIAWRITER_H
 #define ZEVSHM_MEDIAWRITER_H
 
 #include "encoders.h"
 #include "storecapture.h"
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,20 +16,17 @@ namespace zevshm {
 // Threads: one at a time.
 // Units: timestamps are the store's; `originUs` becomes time 0 of the output.
 // Errors: Failure: ExitUsage for containers and encoders that do not go together, ExitOutput when nothing can
-// be written. After one nothing is complete.
+// be written or an encoder fails. After one finish() may still complete what came before.
 class MediaWriter
 {
 public:
     struct Settings
     {
-        std::string target;    // file or URL as its user knows it
-        std::string part;      // of a file: where it is written to; empty: `target` is a URL
+        std::string target;    // file as its user knows it
+        std::string part;      // where it is written to
         std::string container; // FFmpeg's name of it; empty: by the target's ending
         EncoderChoice video;   // no name: what suits the container
         EncoderChoice sound;
-        bool live = false; // hand on at once, and let nothing wait
-        std::map<std::string, std::string> muxer;
-        std::function<bool()> aborted; // asked while a connection waits
     };
     struct Format
     {
@@ -50,7 +46,7 @@ public:
     // `first` is null without video.
     void open(const AVFrame *first, int64_t originUs);
     void write(CapturedItem &item);
-    // Completes the output: everything has been written when this returns.
+    // Completes the output: everything has been written when this returns. Once, also when it throws.
     void finish();
 
     int64_t bytes() const;

@@ -44,9 +44,9 @@ void printHelp()
         "together. A\n"
         "recording is FILE.part until it is complete. What cannot go on in one file goes on in a next one, "
         "FILE-2:\n"
-        "when the writer comes back, with another format or not, and when timestamps go back or leave out "
-        "more than\n"
-        "10 s.\n\n"
+        "when the writer comes back, with another format or not, when timestamps go back, and, with sound, "
+        "when they\n"
+        "leave out more than 10 s.\n\n"
         "Examples:\n"
         "  zevshm record cam1 cam1.mkv\n"
         "  zevshm record cam1 minute.mp4 --seconds 60\n"
@@ -117,11 +117,14 @@ int recordCommand(const std::vector<std::string> &words)
     }
     thread.join();
     endProgress();
-    for (const Recorder::Segment &segment : recorder.segments())
-        std::printf("%s: %llu frames, %s of sound, %s, %s, %llu lost\n", segment.file.c_str(),
+    for (const Recorder::Segment &segment : recorder.segments()) {
+        const std::string lostSound =
+            segment.lostSoundUs > 0 ? ", " + durationText(segment.lostSoundUs) + " of sound lost" : "";
+        std::printf("%s: %llu frames, %s of sound, %s, %s, %llu lost%s\n", segment.file.c_str(),
                     static_cast<unsigned long long>(segment.frames), durationText(segment.soundUs).c_str(),
                     durationText(segment.lengthUs).c_str(), byteText(segment.bytes).c_str(),
-                    static_cast<unsigned long long>(segment.lost));
+                    static_cast<unsigned long long>(segment.lost), lostSound.c_str());
+    }
     if (failure) {
         std::fflush(stdout);
         std::rethrow_exception(failure);

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <new>
 #include <unistd.h>
 
 namespace zevshm {
@@ -30,19 +31,24 @@ bool isThere(const std::string &path)
     return access(path.c_str(), F_OK) == 0;
 }
 
+std::string folderOf(const std::string &file)
+{
+    const std::filesystem::path path(file);
+    return path.has_parent_path() ? path.parent_path().string() : ".";
+}
+
 [[noreturn]] void failOutput(const std::string &path, int error, const std::string &remedy)
 {
     throw Failure(ExitOutput, path + ": cannot be created (" + std::strerror(error) + "); " + remedy);
 }
 
-// What has been written is on the disk, and has the name, when this returns.
-void complete(const std::string &part, const std::string &file, bool overwrite)
+// What has been written is on the disk, and has the name, when this returns; the name is on the disk, too,
+// where the folder can be synchronized. Closes `written`, so that it needs no descriptor more than there was.
+void complete(FileDescriptor &written, const std::string &part, const std::string &file, bool overwrite)
 {
-    const int fd = open(part.c_str(), O_WRONLY | O_CLOEXEC);
-    const bool isSynced = fd >= 0 && (fsync(fd) == 0 || errno == EINVAL || errno == EROFS);
+    const bool isSynced = fsync(written.get()) == 0 || errno == EINVAL || errno == EROFS;
     const int error = errno;
-    if (fd >= 0)
-        close(fd);
+    written.reset();
     if (!isSynced)
         throw Failure(ExitOutput,
                       part + ": cannot be written (" + std::strerror(error) + "); check the free space");
@@ -53,6 +59,16 @@ void complete(const std::string &part, const std::string &file, bool overwrite)
     if (rc != 0)
         throw Failure(ExitOutput, file + ": cannot be created (" + std::strerror(errno) +
                                       "); the complete recording is " + part);
+    FileDescriptor folder;
+    folder.reset(open(folderOf(file).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder.get() >= 0)
+        fsync(folder.get());
+}
+
+Failure outOfMemory(const std::string &store)
+{
+    return Failure(ExitResources, store + ": there is not enough memory to go on recording it; end other "
+                                          "programs or publish smaller frames");
 }
 
 std::optional<Ratio> rateOf(const shm_store_info_t &info)
@@ -66,6 +82,13 @@ std::optional<Ratio> rateOf(const shm_store_info_t &info)
 }
 
 } // namespace
+
+void FileDescriptor::reset(int fd)
+{
+    if (m_fd >= 0)
+        close(m_fd);
+    m_fd = fd;
+}
 
 std::string durationText(int64_t us)
 {
@@ -92,11 +115,9 @@ void Recorder::checkFile() const
 {
     const std::string &file = m_settings.file;
     MediaWriter(writerSettings(file), {}); // container and encoders are there
-    const std::filesystem::path path(file);
-    const std::string folder = path.has_parent_path() ? path.parent_path().string() : ".";
-    if (std::filesystem::is_directory(path))
+    if (std::filesystem::is_directory(file))
         failOutput(file, EISDIR, "name a file");
-    if (access(folder.c_str(), W_OK | X_OK) != 0)
+    if (access(folderOf(file).c_str(), W_OK | X_OK) != 0)
         failOutput(file, errno, "check the path and its permissions");
     if (m_settings.overwrite)
         return;
@@ -129,6 +150,7 @@ void Recorder::noteProgress()
         if (m_open.frames == 0)
             m_open.lengthUs = m_open.soundUs;
         m_open.lost = m_lostBefore + (m_capture ? m_capture->lost() : 0);
+        m_open.lostSoundUs = m_lostSoundBeforeUs + (m_capture ? m_capture->lostSoundUs() : 0);
     }
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_shown = m_writer ? m_open : Segment();
@@ -156,18 +178,46 @@ void Recorder::run()
     try {
         recordAll();
     } catch (const Failure &failure) {
-        if (!m_writer)
-            throw;
-        const std::string part = partName(m_open.file);
-        m_capture.reset();
-        m_writer.reset();
-        if (m_open.frames == 0 && m_open.soundUs == 0) {
-            unlink(part.c_str());
-            throw;
-        }
-        throw Failure(failure.code(),
-                      std::string(failure.what()) + "; what was recorded until then is in " + part);
+        saveAndThrow(failure);
+    } catch (const std::bad_alloc &) {
+        endCapture(); // what waits in it is memory
+        saveAndThrow(outOfMemory(m_settings.name));
     }
+}
+
+// What was recorded is completed, where it can be, before it is said what went wrong.
+void Recorder::saveAndThrow(const Failure &failure)
+{
+    endCapture();
+    if (!m_writer)
+        throw Failure(failure);
+    std::string kept = partName(m_open.file);
+    if (m_open.frames == 0 && m_open.soundUs == 0) {
+        m_writer.reset();
+        unlink(kept.c_str());
+        throw Failure(failure);
+    }
+    if (!m_isFinishing) {
+        try {
+            finishFile();
+            kept = m_open.file;
+        } catch (const Failure &) {
+            // What is there of it is in the part. The first failure is what has to be mended.
+        } catch (const std::bad_alloc &) {
+        }
+    }
+    m_writer.reset();
+    throw Failure(failure.code(),
+                  std::string(failure.what()) + "; what was recorded until then is in " + kept);
+}
+
+void Recorder::endCapture()
+{
+    if (!m_capture)
+        return;
+    m_lostBefore += m_capture->lost();
+    m_lostSoundBeforeUs += m_capture->lostSoundUs();
+    m_capture.reset();
 }
 
 void Recorder::recordAll()
@@ -205,8 +255,11 @@ void Recorder::openCapture(ReaderPtr reader)
     if (info.session != m_session && m_session != 0) {
         finishFile();
         m_resumeUs = 0;
+        m_generation = 0;
     }
+    m_unseen = 0; // it is seen now, or counted by the capture
     settings.startUs = m_resumeUs;
+    settings.generation = m_generation;
     if (m_writer)
         settings.soundStartUs = m_writer->originUs() + m_writer->soundEndUs();
     else
@@ -235,9 +288,12 @@ Recorder::Next Recorder::follow()
         noteProgress();
     }
     m_resumeUs = m_capture->resumeUs();
+    m_generation = m_capture->generation();
+    m_unseen = m_capture->unseen();
     const StoreCapture::End end = m_capture->end();
-    m_lostBefore += m_capture->lost();
-    m_capture.reset();
+    endCapture();
+    if (end == StoreCapture::End::Failed)
+        throw outOfMemory(m_settings.name);
     if (isLast || end == StoreCapture::End::Stopped)
         return Next::End;
     if (end == StoreCapture::End::Jumped) {
@@ -321,10 +377,12 @@ void Recorder::startFile(int64_t originUs)
         open(part.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (m_settings.overwrite ? 0 : O_EXCL), 0666);
     if (fd < 0)
         failOutput(part, errno, "check the path, its permissions and the free space");
-    close(fd);
+    m_part.reset(fd);
     m_open = Segment();
     m_open.file = file;
+    m_isFinishing = false;
     m_lostBefore = 0;
+    m_lostSoundBeforeUs = 0;
     m_videoOverUs = 0;
     m_isSoundOver = false;
     m_writer = std::move(writer);
@@ -338,19 +396,28 @@ void Recorder::finishFile()
 {
     if (!m_writer)
         return;
+    m_isFinishing = true;
+    m_lostBefore += m_unseen;
     m_writer->finish();
     noteProgress();
     const std::string part = partName(m_open.file);
-    complete(part, m_open.file, m_settings.overwrite);
+    complete(m_part, part, m_open.file, m_settings.overwrite);
     std::error_code ignored;
     const auto bytes = std::filesystem::file_size(m_open.file, ignored);
     m_open.bytes = ignored ? m_open.bytes : bytes;
     m_writer.reset();
     m_completedUs += m_open.lengthUs;
     m_segments.push_back(m_open);
-    if (m_open.lost > 0)
-        say(m_open.file + ": " + std::to_string(m_open.lost) +
-            " frames lost, because encoding or the disk is too slow; try --video-options preset=ultrafast");
+    const std::string remedy =
+        "because encoding or the disk is too slow; try --video-options preset=ultrafast";
+    if (m_open.lost > m_unseen)
+        say(m_open.file + ": " + std::to_string(m_open.lost - m_unseen) + " frames lost, " + remedy);
+    if (m_unseen > 0)
+        say(m_open.file + ": the last " + std::to_string(m_unseen) +
+            " frames lost, because the writer ended right after them; let it stay a moment");
+    if (m_open.lostSoundUs > 0)
+        say(m_open.file + ": " + durationText(m_open.lostSoundUs) + " of sound lost, " + remedy);
+    m_unseen = 0;
 }
 
 } // namespace zevshm

@@ -2,6 +2,7 @@
 #ifndef ZEVSHM_RECORDER_H
 #define ZEVSHM_RECORDER_H
 
+#include "failure.h"
 #include "hostclock.h"
 #include "mediawriter.h"
 
@@ -15,6 +16,20 @@ namespace zevshm {
 
 // "00:01:02.345"
 std::string durationText(int64_t us);
+
+class FileDescriptor // closes it
+{
+public:
+    FileDescriptor() = default;
+    ~FileDescriptor() { reset(); }
+    FileDescriptor(const FileDescriptor &) = delete;
+    FileDescriptor &operator=(const FileDescriptor &) = delete;
+    int get() const { return m_fd; }
+    void reset(int fd = -1);
+
+private:
+    int m_fd = -1;
+};
 
 // Usage: checkFile(), run() in a thread, stop() from another one.
 // Threads: run() in one; stop() and progressLine() in any; segments() after run() has returned or thrown.
@@ -41,7 +56,8 @@ public:
         std::string file;
         uint64_t frames = 0;
         uint64_t lost = 0;
-        int64_t lengthUs = 0; // of the picture, or of the sound where there is no picture
+        int64_t lostSoundUs = 0; // of all streams together
+        int64_t lengthUs = 0;    // of the picture, or of the sound where there is no picture
         int64_t soundUs = 0;
         uint64_t bytes = 0;
     };
@@ -62,6 +78,8 @@ private:
     ReaderPtr waitForStore(int64_t waitUs);
     void recordAll();
     void openCapture(ReaderPtr reader);
+    void endCapture();
+    [[noreturn]] void saveAndThrow(const Failure &failure);
     Next follow();
     void startFile(int64_t originUs);
     void take(CapturedItem &item);
@@ -82,9 +100,14 @@ private:
     int64_t m_startedUs = 0;           // monotonic, of the file
     int64_t m_completedUs = 0;         // in the files before
     uint64_t m_lostBefore = 0;         // in this file, by captures before
-    int64_t m_videoOverUs = 0;         // monotonic, when all frames were there; 0: not yet
+    int64_t m_lostSoundBeforeUs = 0;
+    uint64_t m_generation = 0;  // of the session's newest frame that was taken
+    uint64_t m_unseen = 0;      // since then, by a writer that has gone; lost if it stays so
+    bool m_isFinishing = false; // the file, or trying
+    int64_t m_videoOverUs = 0;  // monotonic, when all frames were there; 0: not yet
     bool m_isSoundOver = false;
-    Segment m_open; // the file that is open
+    Segment m_open;        // the file that is open
+    FileDescriptor m_part; // the same
     std::vector<Segment> m_segments;
 
     mutable std::mutex m_mutex;

@@ -25,6 +25,17 @@ int64_t framesToUs(int64_t frames, int sampleRate)
     return (frames * 1000000 + sampleRate / 2) / sampleRate;
 }
 
+// Of timestamps, which are whatever another process has written.
+int64_t difference(int64_t later, int64_t earlier)
+{
+    return static_cast<int64_t>(static_cast<uint64_t>(later) - static_cast<uint64_t>(earlier));
+}
+
+int64_t sum(int64_t timestamp, int64_t us)
+{
+    return static_cast<int64_t>(static_cast<uint64_t>(timestamp) + static_cast<uint64_t>(us));
+}
+
 } // namespace
 
 FramePool makeFramePool(const shm_reader_format_t &format)
@@ -78,7 +89,8 @@ AvPtr<AVFrame> describeFrame(const shm_reader_format_t &format, const shm_color_
 }
 
 StoreCapture::StoreCapture(ReaderPtr reader, const Settings &settings)
-    : m_reader(std::move(reader)), m_settings(settings), m_startedUs(monotonicUs())
+    : m_reader(std::move(reader)), m_settings(settings), m_startedUs(monotonicUs()),
+      m_generation(settings.generation)
 {
     shm_reader_get_format(m_reader.get(), &m_format);
     m_info.size = sizeof m_info;
@@ -138,8 +150,31 @@ int64_t StoreCapture::resumeUs() const
     return m_resumeUs;
 }
 
+uint64_t StoreCapture::generation() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_endGeneration;
+}
+
+uint64_t StoreCapture::unseen() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_unseen;
+}
+
+// Of a writer that has gone, too: its count outlives its frames.
+uint64_t StoreCapture::publishedSinceLast() const
+{
+    shm_store_info_t info{};
+    info.size = sizeof info;
+    if (m_generation == 0 || shm_reader_get_info(m_reader.get(), &info) < 0)
+        return 0;
+    return info.frames_published > m_generation ? info.frames_published - m_generation : 0;
+}
+
 void StoreCapture::finish(End end, int64_t resumeUs)
 {
+    const uint64_t unseen = end == End::WriterGone ? publishedSinceLast() : 0;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_ended)
@@ -147,6 +182,8 @@ void StoreCapture::finish(End end, int64_t resumeUs)
         m_ended = true;
         m_end = end;
         m_resumeUs = resumeUs;
+        m_endGeneration = m_generation;
+        m_unseen = unseen;
     }
     m_changed.notify_all();
 }
@@ -158,14 +195,8 @@ bool StoreCapture::push(CapturedItem item, size_t bytes)
     const size_t room = (item.picture ? 1 : 2) * m_settings.queueBytes;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_settings.keepNewest) {
-            for (; m_queuedBytes + bytes > room && !m_items.empty(); m_items.pop_front()) {
-                m_lost += m_items.front().first.picture ? 1 : 0;
-                m_queuedBytes -= m_items.front().second;
-            }
-        } else if (m_queuedBytes + bytes > room && !m_items.empty()) {
+        if (m_queuedBytes + bytes > room && !m_items.empty())
             return false;
-        }
         m_queuedBytes += bytes;
         m_items.emplace_back(std::move(item), bytes);
     }
@@ -183,14 +214,14 @@ void StoreCapture::run()
             const bool isLast = m_stopToken.stopped(); // what is there now is taken all the same
             going = (!m_hasVideo || takeVideo()) && (!m_hasAudio || takeSound(monotonicUs())) && !isLast;
             if (going && !shm_reader_is_ready(m_reader.get())) {
-                finish(End::WriterGone, m_lastFrameUs ? *m_lastFrameUs + 1 : 0);
+                finish(End::WriterGone, m_lastFrameUs ? sum(*m_lastFrameUs, 1) : 0);
                 going = false;
             }
         }
     } catch (const std::bad_alloc &) {
-        // What the frames take is bounded; whoever fetches notices the end.
+        finish(End::Failed, 0);
     }
-    finish(End::Stopped, m_lastFrameUs ? *m_lastFrameUs + 1 : 0);
+    finish(End::Stopped, m_lastFrameUs ? sum(*m_lastFrameUs, 1) : 0);
 }
 
 void StoreCapture::waitForNews()
@@ -215,7 +246,7 @@ bool StoreCapture::takeVideo()
 {
     for (;;) {
         shm_video_frame_t frame{};
-        frame.timestamp = m_lastFrameUs ? *m_lastFrameUs + 1 : m_settings.startUs.value_or(0);
+        frame.timestamp = m_lastFrameUs ? sum(*m_lastFrameUs, 1) : m_settings.startUs.value_or(0);
         const auto mode = m_lastFrameUs || m_settings.startUs ? SHM_VIDEO_AT_OR_AFTER : SHM_VIDEO_NEWEST;
         if (shm_reader_lock_video(m_reader.get(), &frame, mode) < 0) {
             if (isSteppedBack()) {
@@ -238,8 +269,10 @@ bool StoreCapture::takeVideo()
 bool StoreCapture::takeFrame(shm_video_frame_t &frame)
 {
     const int64_t timestamp = frame.timestamp;
-    if (m_hasAudio && m_lastFrameUs &&
-        timestamp - *m_lastFrameUs > std::max(longestSilenceUs, 3 * m_info.frame_interval_us)) {
+    constexpr int64_t intervalLimitUs = int64_t{1} << 50;
+    const int64_t leftOutUs =
+        std::max(longestSilenceUs, 3 * std::min<int64_t>(m_info.frame_interval_us, intervalLimitUs));
+    if (m_hasAudio && m_lastFrameUs && difference(timestamp, *m_lastFrameUs) > leftOutUs) {
         finish(End::Jumped, timestamp);
         return false;
     }
@@ -250,7 +283,7 @@ bool StoreCapture::takeFrame(shm_video_frame_t &frame)
     if (!m_soundFromUs)
         m_soundFromUs = timestamp;
     bool isFull = false;
-    if (!m_settings.keepNewest) {
+    {
         const std::lock_guard<std::mutex> lock(m_mutex);
         isFull = m_queuedBytes >= m_settings.queueBytes;
     }
@@ -298,13 +331,13 @@ bool StoreCapture::takeSound(int stream)
             track.runUs = std::max<int64_t>(*m_soundFromUs, status.oldest_timestamp);
             track.running = true;
         }
-        const int64_t nextUs = track.runUs + framesToUs(track.taken, rate);
-        const int64_t aheadUs = status.newest_timestamp - nextUs;
+        const int64_t nextUs = sum(track.runUs, framesToUs(track.taken, rate));
+        const int64_t aheadUs = difference(status.newest_timestamp, nextUs);
         if (track.taken > 0 && (aheadUs < -500000 || aheadUs > longestSilenceUs)) {
             finish(End::Jumped, aheadUs < 0 ? 0 : status.oldest_timestamp);
             return false;
         }
-        if (2 * aheadUs <= framesToUs(1, rate))
+        if (aheadUs <= framesToUs(1, rate) / 2)
             return true;
         CapturedItem item;
         item.timestampUs = nextUs;
@@ -323,7 +356,8 @@ bool StoreCapture::takeSound(int stream)
         track.taken += got;
         item.samples.resize(static_cast<size_t>(got) * static_cast<size_t>(m_format.channels));
         const size_t bytes = item.samples.size() * sizeof(int16_t);
-        push(std::move(item), bytes);
+        if (!push(std::move(item), bytes))
+            m_lostSoundUs += framesToUs(got, rate); // becomes silence
     }
 }
 

@@ -41,10 +41,11 @@ FramePool makeFramePool(const shm_reader_format_t &format);
 //
 // A frame is locked for as long as it takes to copy it, one at a time: a writer has spare slots for more. A
 // frame that this thread comes late for is still in the history; only when it comes too late for that, or
-// when what was taken is not fetched and fills `queueBytes`, are frames lost, and counted.
+// when what was taken is not fetched and fills `queueBytes`, are frames lost, and counted; sound when it
+// fills twice as much.
 //
 // Usage: construct, next() until done() says so, look at end().
-// Threads: next(), done(), end() and resumeUs() in one thread; stop() and lost() in any.
+// Threads: stop(), lost() and lostSoundUs() in any; the others in one.
 // Ownership: takes the reader.
 // Units: microseconds of the store's timestamps.
 class StoreCapture
@@ -58,14 +59,16 @@ public:
         // first frame, where there are frames, else at this.
         std::optional<int64_t> startUs;
         std::optional<int64_t> soundStartUs; // instead of at the first frame
+        // Of the frame that was taken last, by a capture of the same session: what comes between that and the
+        // first one here is lost. 0: there was none.
+        uint64_t generation = 0;
         size_t queueBytes = 256u << 20;
-        // Fetching too slowly loses the oldest that waits instead of the newest that comes.
-        bool keepNewest = false;
     };
     enum class End {
         Stopped,
         WriterGone,
-        Jumped // timestamps went back, or on by more than sound can be silent for; resumeUs() goes on there
+        Failed, // out of memory
+        Jumped  // timestamps went back, or on by more than sound can be silent for; resumeUs() goes on there
     };
 
     StoreCapture(ReaderPtr reader, const Settings &settings);
@@ -83,10 +86,16 @@ public:
     // Ended, and everything has been fetched.
     bool done() const;
     End end() const;
-    int64_t resumeUs() const; // where a capture of this store has to begin to continue this one
+    // Where a capture of this store has to begin to continue this one, and the newest frame that this one
+    // took.
+    int64_t resumeUs() const;
+    uint64_t generation() const;
+    // Frames that the writer published at its very end: they went with it.
+    uint64_t unseen() const;
     void stop();
 
     uint64_t lost() const { return m_lost; }
+    int64_t lostSoundUs() const { return m_lostSoundUs; } // of all streams together
 
     static constexpr int64_t longestSilenceUs = 10000000;
 
@@ -100,6 +109,7 @@ private:
     bool isSteppedBack();
     bool push(CapturedItem item, size_t bytes);
     void finish(End end, int64_t resumeUs);
+    uint64_t publishedSinceLast() const;
 
     // immutable
     const ReaderPtr m_reader;
@@ -113,7 +123,7 @@ private:
     const int64_t m_startedUs; // monotonic
 
     // the capturing thread only
-    uint64_t m_generation = 0;
+    uint64_t m_generation;
     std::optional<int64_t> m_lastFrameUs;
     std::optional<int64_t> m_soundFromUs;
     struct Track
@@ -126,6 +136,7 @@ private:
 
     StopToken m_stopToken;
     std::atomic<uint64_t> m_lost{0};
+    std::atomic<int64_t> m_lostSoundUs{0};
 
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
@@ -134,6 +145,8 @@ private:
     bool m_ended = false;
     End m_end = End::Stopped;
     int64_t m_resumeUs = 0;
+    uint64_t m_endGeneration = 0;
+    uint64_t m_unseen = 0;
 
     std::thread m_thread; // last: it uses all of the above
 };
