@@ -75,6 +75,22 @@ protected:
         }
         return std::nullopt;
     }
+    // Of a signal that stops it, too, the threads learn one after the other.
+    static bool stop(const Zevshm &process)
+    {
+        process.signal(SIGSTOP);
+        return waitFor([&] {
+            std::error_code ignored;
+            for (const auto &task : std::filesystem::directory_iterator(
+                     "/proc/" + std::to_string(process.pid()) + "/task", ignored)) {
+                std::ifstream file(task.path() / "stat");
+                const std::string text{std::istreambuf_iterator<char>(file), {}};
+                if (text.find(") T ") == std::string::npos)
+                    return false;
+            }
+            return true;
+        });
+    }
     // Waits until the recorder has the newest frame as its first.
     bool waitForFile(const std::string &name) const
     {
@@ -356,7 +372,7 @@ TEST_F(ZevshmRecord, whatAWriterTakesWithItIsCounted)
     ASSERT_TRUE(waitForFile("out.mkv.part")) << recorder.errors();
     store->publish(10);
     ASSERT_TRUE(waitForCapture(recorder));
-    recorder.signal(SIGSTOP);
+    ASSERT_TRUE(stop(recorder));
     store->publish(7, 0);
     store.reset();
     recorder.signal(SIGCONT);
@@ -375,7 +391,7 @@ TEST_F(ZevshmRecord, whatIsPublishedBeforeItIsBackIsCounted)
     // A writer that is stopped is as good as gone, but goes on in the same session.
     publisher.signal(SIGSTOP);
     ASSERT_TRUE(waitFor([&] { return !waitsOfCapture(recorder); }));
-    recorder.signal(SIGSTOP);
+    ASSERT_TRUE(stop(recorder));
     publisher.signal(SIGCONT);
     const Reader reader = openStore("cam");
     ASSERT_TRUE(reader);
