@@ -272,7 +272,8 @@ source_interval_us, latency_ms (clock minus the frame's timestamp when it is han
 frame_path (mapped: planes uploaded as they are; converted: RGB made by the CPU; image: converted by the
 library; none), audio: device and rate (Hz) last played on, delay_ms (newest sound of the store minus the one
 heard, at the end), underrun_episodes (how often the device had to be given silence) and silence_ms (how much of
-it), jumps (how often reading had fallen behind and jumped to live), restarts (starts after the first),
+it), jumps (how often reading had fallen behind and jumped to live, or began anew with another format), restarts
+(starts after the first),
 av_offset_ms (at every picture handed out, its timestamp minus that of the sound reported as heard at this moment:
 positive means that the picture is ahead; p50 is the median, p95 the size that 95 % of the pictures stay below;
 null before there is any), history_short_ms (by how much the store's history is too short for the picture to wait

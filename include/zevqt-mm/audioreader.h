@@ -50,9 +50,10 @@ public:
     /*! Where sound was missing since construction; the numbers only grow. */
     struct Gaps
     {
-        qint64 silence = 0;    //!< delivered because there was no audio; microseconds of the output
-        int episodes = 0;      //!< how often silence began after a read that was full
-        int jumps = 0;         //!< how often reading had fallen behind and jumped forward
+        qint64 silence = 0; //!< delivered because there was no audio; microseconds of the output
+        int episodes = 0;   //!< how often silence began after a read that was full
+        //! How often reading went on elsewhere: it had fallen behind, or the source's format had changed.
+        int jumps = 0;
         bool isSilent = false; //!< the last read ended in silence
     };
 

@@ -221,6 +221,8 @@ qint64 AudioReader::readDataInternal(char *data, qint64 maxSize)
         if (!updateResampler(format))
             return -1;
         inputFormat = format;
+        if (readTimer.isValid())
+            ++gaps.jumps;
         readTimer.invalidate();
     }
 

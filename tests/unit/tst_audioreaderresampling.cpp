@@ -137,6 +137,7 @@ void tst_AudioReaderResampling::newFormatMidStreamAnchorsAnew()
     read(3840);
     read(3840);
     QCOMPARE(fakeresampler::live, 0);
+    QCOMPARE(reader->getGaps().jumps, 0); // the first read has left nothing
     store().sampleRate = 44100;
     QVERIFY(source->open());
     store().pass(50000);
@@ -144,6 +145,7 @@ void tst_AudioReaderResampling::newFormatMidStreamAnchorsAnew()
     QVERIFY(read(3840) != QByteArray(3840, 0));
     QCOMPARE(fakeresampler::live, 1);
     QCOMPARE(store().queries.front().timestamp, store().newest - 200000);
+    QCOMPARE(reader->getGaps().jumps, 1);
 
     // More channels: the staging buffer has room for them by the time they are asked for.
     store().channels = 8;
@@ -154,6 +156,11 @@ void tst_AudioReaderResampling::newFormatMidStreamAnchorsAnew()
     QVERIFY(source->open());
     read(3840);
     QCOMPARE(fakeresampler::live, 0);
+    QCOMPARE(reader->getGaps().jumps, 3);
+    reader->close(); // what a start finds is no jump
+    QVERIFY(reader->open(source.get(), pcm(48000, 2), true));
+    read(3840);
+    QCOMPARE(reader->getGaps().jumps, 3);
 }
 
 // A tick thread that asks the same source for audio notices the new format first; the reader has asked for
