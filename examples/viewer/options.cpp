@@ -174,6 +174,9 @@ void fill(Options &options, const QCommandLineParser &parser)
     if (given("size"))
         options.windowSize = windowSize(parser.value(QStringLiteral("size")));
     options.headless = given("headless");
+    if (options.headless && options.framePath == Options::FramePath::Egl)
+        throw Problem{
+            QStringLiteral("--frame-path egl does not go with --headless; only a window draws frames")};
     if (options.video.scheme() == QLatin1String("v4l"))
         checkCamera(options);
     options.statistics = given("stats");

@@ -91,8 +91,12 @@ void ViewerWindow::updateFramePath()
     const auto paths = QMetaEnum::fromType<LiveVideo::FramePath>();
     m_viewer->setFramePath(QString::fromLatin1(paths.valueToKey(m_video->framePath())).toLower(),
                            m_video->framePathReason());
+    // The no-signal picture is none of the source's frames.
     const bool isOtherwise =
-        m_video->framePath() == LiveVideo::Mapped || m_video->framePath() == LiveVideo::Converted;
-    if (m_wantsEglImages && isOtherwise)
-        qWarning("frames are not imported into the GPU: %s", qPrintable(m_video->framePathReason()));
+        m_video->videoState() != LiveVideo::NoSignal &&
+        (m_video->framePath() == LiveVideo::Mapped || m_video->framePath() == LiveVideo::Converted);
+    if (!m_wantsEglImages || !isOtherwise || m_saidReason == m_video->framePathReason())
+        return;
+    m_saidReason = m_video->framePathReason();
+    qWarning("frames are not imported into the GPU: %s", qPrintable(m_saidReason));
 }

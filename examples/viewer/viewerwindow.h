@@ -47,6 +47,7 @@ private:
     std::unique_ptr<QQuickView> m_view;
     LiveVideo *m_video = nullptr;  // in the view
     bool m_wantsEglImages = false; // said when it cannot be
+    QString m_saidReason;          // what was said last of that
     QRect m_normalGeometry;        // before full screen
     QString m_error;
 };

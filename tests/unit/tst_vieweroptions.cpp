@@ -138,6 +138,7 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{"shm:///cam0 --seconds -1", "--seconds -1"}, Bad{"shm:///cam0 --frames both", "video, image"},
         Bad{"shm:///cam0 --fill wide", "crop"}, Bad{"shm:///cam0 --frame-path gl", "auto, mapped, egl"},
         Bad{"shm:///cam0 --frames image --frame-path egl", "--frame-path egl"},
+        Bad{"shm:///cam0 --headless --frame-path egl", "--frame-path egl does not go with --headless"},
         Bad{"shm:///cam0 --size big", "--size big"}, Bad{"shm:///cam0 --size 640x", "--size 640x"},
         Bad{"shm:///cam0 --snapshot s.jpg", "name it s.png"},
         Bad{"shm:///cam0 --snapshot s.xyz", "--snapshot s.xyz"}, Bad{"shm:///cam0 --block 3", "AFTER,FOR"},

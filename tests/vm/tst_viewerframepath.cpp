@@ -72,6 +72,7 @@ private Q_SLOTS:
     void imported();
     void uploaded_data();
     void uploaded();
+    void aSourceThatIsNotThereIsNoReason();
     void onAKernelWithoutUdmabuf();
     void dmabufsAreAskedForWhereFramesAreDrawn_data();
     void dmabufsAreAskedForWhereFramesAreDrawn();
@@ -243,6 +244,22 @@ void tst_ViewerFramePath::uploaded()
     // Who asks for images is told in so many words.
     QCOMPARE(messages.contains(QLatin1String("frames are not imported into the GPU: ") + reason),
              framePath == QLatin1String("egl"));
+}
+
+// The picture that stands in for it is not imported, and nobody is told that his frames are not.
+void tst_ViewerFramePath::aSourceThatIsNotThereIsNoReason()
+{
+    QImage yellow(8, 8, QImage::Format_RGB32);
+    yellow.fill(Qt::yellow);
+    const QString picture = folder->filePath(QStringLiteral("none.png"));
+    QVERIFY(yellow.save(picture));
+    arguments =
+        QStringList{QStringLiteral("--no-signal"), picture, QStringLiteral("--seconds"), QStringLiteral("8")};
+    viewOnRig(QStringLiteral("egl"), QStringLiteral("no-signal"));
+    const QImage shot(rigScreenshot());
+    const bool isSeen = !shot.isNull() && QColor(shot.pixel(40, 22)) == QColor(Qt::yellow);
+    QVERIFY2(isSeen, qPrintable(problem));
+    QVERIFY2(!messages.contains(QLatin1String("frames are not imported")), qPrintable(messages));
 }
 
 // The machine's own, without the stand-in.
