@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <utility>
+#include <vector>
 
 namespace zevqml {
 
@@ -51,6 +52,42 @@ QMutex &imageMutex()
 {
     static QMutex mutex;
     return mutex;
+}
+
+// A frame whose image EGL did not destroy: whoever dropped the last copy of it would destroy the image, and
+// that may be a thread without a context.
+struct Undestroyed
+{
+    void *display;
+    QVideoFrame frame;
+};
+
+// By imageMutex(). Never destroyed: nobody has a context when the program ends.
+std::vector<Undestroyed> &undestroyed()
+{
+    static auto *const all = new std::vector<Undestroyed>;
+    return *all;
+}
+
+// Tries again for those of this display. Frames that are free go to `freed`. False when some are left: what
+// is imported now would only be added to them.
+bool destroyRemaining(void *display, std::vector<QVideoFrame> *freed)
+{
+    bool isDone = true;
+    std::vector<Undestroyed> &all = undestroyed();
+    for (auto entry = all.begin(); entry != all.end();) {
+        ShmemDmaVideoBuffer *const buffer = StoreFrame::of(entry->frame).dmaBuffer;
+        if (entry->display == display)
+            buffer->destroyHandle();
+        if (!buffer->handle().value<void *>()) {
+            freed->push_back(entry->frame);
+            entry = all.erase(entry);
+            continue;
+        }
+        isDone = isDone && entry->display != display;
+        ++entry;
+    }
+    return isDone;
 }
 
 } // namespace
@@ -103,14 +140,19 @@ QString EglImageTexture::whyNot(QOpenGLContext *context)
 bool EglImageTexture::show(const QVideoFrame &frame)
 {
     bool isShown = false;
+    std::vector<QVideoFrame> freed; // go after the mutex is let go of
     {
         const QMutexLocker lock(&imageMutex());
+        void *const display = zevgl::EGLImageContext::currentContext().display;
+        const bool mayImport = destroyRemaining(display, &freed);
         if (ShmemDmaVideoBuffer *buffer = StoreFrame::of(frame).dmaBuffer) {
             // An image that somebody else made of the frame is his to destroy.
             const bool isOurs = !buffer->handle().value<void *>();
-            isShown = buffer->createHandle() && importInto(buffer->handle().value<void *>());
+            isShown = mayImport && buffer->createHandle() && importInto(buffer->handle().value<void *>());
             if (isOurs)
                 buffer->destroyHandle();
+            if (isOurs && buffer->handle().value<void *>())
+                undestroyed().push_back({display, frame});
         } else if (void *image = frame.handle().value<void *>()) {
             isShown = importInto(image);
         }

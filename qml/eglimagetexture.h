@@ -40,7 +40,8 @@ private:
  *
  * The image is made of the frame, bound to the texture, and destroyed again at once; the texture keeps the
  * memory. So no frame ever carries an image outside show(), and its last copy may go in any thread: an image
- * that is destroyed where its context is not current could only crash or leak. Nothing is kept for later
+ * that is destroyed where its context is not current could only crash or leak. Where EGL refuses to destroy
+ * one, its frame is kept, and no more are imported, until it does. Nothing is kept for later
  * frames either: an image of its own for every slot would hold memory that the store has replaced.
  *
  * Threads: bound to the thread of the context that was current at the first show(), the destructor included.

@@ -41,7 +41,11 @@ LiveSource::LiveSource(QObject *parent) : QObject(parent)
     connect(&m_retry, &QTimer::timeout, this, &LiveSource::update);
 }
 
-LiveSource::~LiveSource() = default;
+// While this is still whole: who shows the stream asks for it when it goes, and finds none.
+LiveSource::~LiveSource()
+{
+    m_stream.reset();
+}
 
 void LiveSource::setVideo(const QUrl &url)
 {

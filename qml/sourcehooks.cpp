@@ -9,11 +9,13 @@
 #include <QOpenGLContext>
 #include <QQuickWindow>
 #include <QRunnable>
+#include <QThread>
 
 #include <atomic>
 #include <exception>
 #include <iterator>
 #include <map>
+#include <optional>
 
 namespace zevqml {
 
@@ -66,7 +68,16 @@ struct SourceHooks::Hooked
         : source(hookedSource), resources(Resources::of(hookedSource.data()))
     {}
 
-    ~Hooked() { giveUp(); }
+    // Often in the render thread, where the source must not go.
+    ~Hooked()
+    {
+        giveUp();
+        QCoreApplication *const application = QCoreApplication::instance();
+        if (application && QThread::currentThread() != source->thread()) {
+            QMetaObject::invokeMethod(
+                application, [owner = std::move(source)] {}, Qt::QueuedConnection);
+        }
+    }
 
     // Without a release: the scene graph that could do it is gone, or another window's now.
     void giveUp()
@@ -77,9 +88,15 @@ struct SourceHooks::Hooked
         isUser = false;
     }
 
+    struct Failure
+    {
+        QString message;
+        QString hint;
+    };
+
     // True when the hook was called and did not throw.
-    template <typename Hook, typename Report>
-    bool call(Hook hook, Report report)
+    template <typename Hook>
+    bool call(Hook hook, std::optional<Failure> *failure)
     {
         if (isBroken)
             return false;
@@ -88,53 +105,70 @@ struct SourceHooks::Hooked
             return true;
         } catch (const std::exception &error) {
             isBroken = true;
-            report(QString::fromUtf8(error.what()), whyNoEgl());
+            *failure = {QString::fromUtf8(error.what()), whyNoEgl()};
             return false;
         }
     }
 
+    // These report with the mutex free: whoever hears of it may be led to any of them again.
     template <typename Report>
     bool prepare(Report report)
     {
-        const QMutexLocker lock(&resources->mutex);
-        if (!isUser)
-            ++resources->users;
-        isUser = true; // also of what a hook that throws has made until then
-        return call(&MediaSourceBase::doBeforeGLSynchronizing, report);
+        std::optional<Failure> failure;
+        bool isPrepared = false;
+        {
+            const QMutexLocker lock(&resources->mutex);
+            if (!isUser)
+                ++resources->users;
+            isUser = true; // also of what a hook that throws has made until then
+            isPrepared = call(&MediaSourceBase::doBeforeGLSynchronizing, &failure);
+        }
+        if (failure)
+            report(failure->message, failure->hint);
+        return isPrepared;
     }
 
     template <typename Report>
     void finish(Report report)
     {
-        const QMutexLocker lock(&resources->mutex);
-        call(&MediaSourceBase::doAfterGLSynchronizing, report);
+        std::optional<Failure> failure;
+        {
+            const QMutexLocker lock(&resources->mutex);
+            call(&MediaSourceBase::doAfterGLSynchronizing, &failure);
+        }
+        if (failure)
+            report(failure->message, failure->hint);
     }
 
     template <typename Report>
     void release(Report report)
     {
-        const QMutexLocker lock(&resources->mutex);
-        if (!isUser)
-            return;
-        isUser = false;
-        if (--resources->users > 0)
-            return;
-        const bool isKnown = isBroken; // and told already
-        isBroken = false;
-        ++resources->generation;
-        ++resources->settling;
-        call(&MediaSourceBase::releaseGLResources, [&](const QString &message, const QString &hint) {
-            if (!isKnown)
-                report(message, hint);
-        });
-        isBroken = false; // a new scene graph is a new attempt
-        // Behind all frames that were queued before, and never the last owner in the render thread.
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(), [common = resources, owner = source] { --common->settling; },
-            Qt::QueuedConnection);
+        std::optional<Failure> failure;
+        {
+            const QMutexLocker lock(&resources->mutex);
+            if (!isUser)
+                return;
+            isUser = false;
+            if (--resources->users > 0)
+                return;
+            const bool isKnown = isBroken; // and told already
+            isBroken = false;
+            ++resources->generation;
+            ++resources->settling;
+            call(&MediaSourceBase::releaseGLResources, &failure);
+            if (isKnown)
+                failure.reset();
+            isBroken = false; // a new scene graph is a new attempt
+            // Behind all frames that were queued before.
+            QMetaObject::invokeMethod(
+                QCoreApplication::instance(), [common = resources, owner = source] { --common->settling; },
+                Qt::QueuedConnection);
+        }
+        if (failure)
+            report(failure->message, failure->hint);
     }
 
-    const QSharedPointer<MediaSourceBase> source;
+    QSharedPointer<MediaSourceBase> source; // never null, but at its end
     const std::shared_ptr<Resources> resources;
     bool isUser = false;    // by the resources' mutex
     bool isBroken = false;  // the render thread only

@@ -19,7 +19,7 @@ using DeleteTextures = void (*)(GLsizei, const GLuint *);
 using ShaderSource = void (*)(GLuint, GLsizei, const char *const *, const GLint *);
 using GetInteger = void (*)(GLenum, GLint *);
 
-enum : int { none = 0x3038, success = 0x3000 };
+enum : int { none = 0x3038, success = 0x3000, badAccess = 0x3002 };
 
 CreateImage realCreate;
 DestroyImage realDestroy;
@@ -51,6 +51,10 @@ void *createImage(void *display, void *context, unsigned int target, void *buffe
 
 unsigned int destroyImage(void *display, void *image)
 {
+    if (RecordedEgl::instance().refuseDestroying) {
+        pendingError = badAccess;
+        return 0;
+    }
     const unsigned int isDestroyed = realDestroy(display, image);
     if (isDestroyed) {
         ++RecordedEgl::instance().destroyed;

@@ -31,6 +31,8 @@ struct RecordedEgl
 
     /*! GL is given no image to bind a texture to, which it refuses (GL_INVALID_VALUE). */
     bool refuseTextures = false;
+    /*! Images are not destroyed from now on (EGL_BAD_ACCESS). */
+    bool refuseDestroying = false;
     /*! Shaders with this word in their source are not built from now on; empty: all are. */
     QByteArray brokenShader;
 

@@ -57,6 +57,7 @@ private Q_SLOTS:
     void aFreshPublisherIsTriedAgain();
     void imagesCanBeSwitchedOff();
     void aTextureThatIsRefusedIsSaidSo();
+    void aFrameWhoseImageIsNotDestroyedIsKept();
     void holdsTheShownFrameAndNoOther();
     void imageAndTextureGoBeforeTheLock();
     void twoItemsShowOneFrame();
@@ -326,6 +327,35 @@ void tst_EglImageItem::aTextureThatIsRefusedIsSaidSo()
     item()->present(nv12(-1, 4));
     COMPARE_PICTURE(renderer->render());
     QCOMPARE(item()->framePath(), LiveVideo::EglImage);
+}
+
+// A copy of it may go in any thread, and would call EGL there.
+void tst_EglImageItem::aFrameWhoseImageIsNotDestroyedIsKept()
+{
+    egl.refuseDestroying = true;
+    criticals.clear();
+    const QtMessageHandler before = qInstallMessageHandler(noteCriticals);
+    item()->present(nv12(-1, 1));
+    QImage image = renderer->render();
+    QCOMPARE(item()->framePath(), LiveVideo::EglImage);
+    item()->present(nv12(-1, 2)); // of a fresh publisher, so that it is tried
+    image = renderer->render();
+    qInstallMessageHandler(before);
+    COMPARE_PICTURE(image);
+    QCOMPARE(item()->framePath(), LiveVideo::Mapped);
+    QCOMPARE(egl.created, 1); // another image would only stay, too
+    QCOMPARE(criticals,
+             QStringList({QStringLiteral("eglDestroyImageKHR failed: \"Resource inaccessible\""),
+                          QStringLiteral("eglDestroyImageKHR failed: \"Resource inaccessible\"")}));
+    item()->clear(); // and with it the item's copies, in this thread
+    renderer->renderUnseen();
+    QCOMPARE(framesAlive, 1);
+    egl.refuseDestroying = false;
+    item()->present(nv12(-1, 3));
+    COMPARE_PICTURE(renderer->render());
+    QCOMPARE(item()->framePath(), LiveVideo::EglImage);
+    QCOMPARE(egl.alive(), 0);
+    QCOMPARE(framesAlive, 1);
 }
 
 void tst_EglImageItem::holdsTheShownFrameAndNoOther()
