@@ -189,6 +189,8 @@ void LiveSource::update()
         if (isWanted())
             startWaiting();
         m_stream->setRunning(isWanted());
+        if (!isWanted())
+            emit stopped();
     }
     follow();
 }

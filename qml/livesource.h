@@ -105,6 +105,8 @@ Q_SIGNALS:
     void videoSizeChanged();
     void statisticsChanged();
     void providerChanged();
+    /* Nothing is asked of the source any more; who shows it lets go of what he has. */
+    void stopped();
 
 private:
     bool isWanted() const { return m_isRunning && !m_shownBy.isEmpty(); }

@@ -92,6 +92,7 @@ void LiveVideo::setSource(QObject *source)
     }
     m_liveSource = liveSource;
     if (liveSource) {
+        connect(liveSource, &LiveSource::stopped, this, &LiveVideo::clear);
         connect(liveSource, &LiveSource::providerChanged, this,
                 [this] { setProvider(m_liveSource->provider()); });
         connect(liveSource, &QObject::destroyed, this, &LiveVideo::sourceChanged);
@@ -253,7 +254,7 @@ bool LiveVideo::admitStandIn()
 
 void LiveVideo::takeFromSource(const QVideoFrame &frame)
 {
-    if (m_liveSource && !m_isShown)
+    if (m_liveSource && !(m_isShown && m_liveSource->running()))
         return; // it was on its way
     const bool isStandIn = zevqml::isStandIn(frame);
     setVideoState(isStandIn ? NoSignal : Live);

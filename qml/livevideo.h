@@ -44,9 +44,14 @@ class SourceHooks;
  *   Idle       the source has nothing new (a camera: for half a second and five of its intervals) or is gone;
  *              its last picture stays
  *   NoSignal   the source has had nothing new for the provider's delay; noSignalPolicy says what is shown
- * then: Picture      the one that stands in for it; its last one where the provider has none HoldLast     the
- * source's last picture stays Black        the whole item is black Transparent  nothing is drawn, what is
- * below the item is seen A provider of images tells no idleness: Live is followed by NoSignal there.
+ * then:
+ *
+ *   Picture      the one that stands in for it; its last one where the provider has none
+ *   HoldLast     the source's last picture stays
+ *   Black        the whole item is black
+ *   Transparent  nothing is drawn, what is below the item is seen
+ *
+ * A provider of images tells no idleness: Live is followed by NoSignal there.
  *
  * Threads: an item lives in the GUI thread like all others; present() is called there.
  * Ownership: keeps exactly the newest frame, so that one frame of the store stays locked while it is on

@@ -240,6 +240,17 @@ TEST_F(LiveSourceHidden, neitherDoesOneThatIsInNoWindow)
     EXPECT_TRUE(showsSoon(Qt::red));
 }
 
+TEST_F(LiveSourceHidden, norDoesOneWhoseSourceIsToldNotToRun)
+{
+    source.setRunning(false);
+    expectNothingIsDone();
+    EXPECT_EQ(item->videoState(), LiveVideo::Waiting);
+    EXPECT_EQ(item->videoSize(), QSize(0, 0));
+    EXPECT_TRUE(near(middle(), Qt::green));
+    source.setRunning(true);
+    EXPECT_TRUE(showsSoon(Qt::red));
+}
+
 TEST_F(LiveSourceHidden, nothingIsDoneForNobody)
 {
     delete item;
