@@ -43,6 +43,7 @@ protected:
         source.setNoSignalDelay(1);
         item->setSource(&source);
     }
+    ~LiveSourceTest() override { delete item; }
 
     QRgb middle()
     {
@@ -82,7 +83,7 @@ protected:
     const QTemporaryDir folder;
     LiveSource source;
     std::unique_ptr<QQuickWindow> window;
-    LiveVideo *item; // the window's
+    LiveVideo *item; // this fixture's: a window owns none that is only shown in it
 };
 
 TEST_F(LiveSourceTest, withoutAUrlThereIsNoSource)
@@ -260,7 +261,7 @@ TEST_F(LiveSourceHidden, nothingIsDoneForNobody)
 
 TEST_F(LiveSourceHidden, oneOfTwoIsEnough)
 {
-    auto *second = new LiveVideo;
+    const auto second = std::make_unique<LiveVideo>();
     second->setParentItem(window->contentItem());
     second->setSize(QSizeF(20, 20));
     second->setSource(&source);
