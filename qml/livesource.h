@@ -25,7 +25,8 @@ class MediaSourceBase;
  *
  * Nothing is asked of a source, no frame locked and no tick made, while it is not running or no LiveVideo
  * shows it: items that are not visible, that are in no window, or in a window that is hidden or minimized, do
- * not count. A camera is closed meanwhile. A store's connection stays, its statistics too.
+ * not count. A camera is closed with the window's next synchronization, which one that is hidden does not
+ * have: it streams on until then. A store's connection stays, its statistics too.
  *
  * `state`:
  *   NoSource   there is no URL, or one that cannot be used: errorString says why
