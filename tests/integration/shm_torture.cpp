@@ -358,20 +358,60 @@ bool killReaders(Torture &torture, int kills)
     return shared->torn.load() == 0;
 }
 
+// What the command line asks for. Without numbers of kills of its own, the scale multiplies those too.
+struct Plan
+{
+    double scale = 1.0;
+    int writerKills = -1;
+    int readerKills = -1;
+};
+
+bool parseCount(const char *text, int *count)
+{
+    char *end = nullptr;
+    const long value = std::strtol(text, &end, 10);
+    *count = static_cast<int>(value);
+    return end != text && *end == '\0' && value >= 0 && value <= 10000000;
+}
+
+bool parse(int argc, char **argv, Plan *plan)
+{
+    for (int i = 1; i < argc; ++i) {
+        const bool writers = std::strcmp(argv[i], "--writer-kills") == 0;
+        if (writers || std::strcmp(argv[i], "--reader-kills") == 0) {
+            if (++i == argc || !parseCount(argv[i], writers ? &plan->writerKills : &plan->readerKills))
+                return false;
+            continue;
+        }
+        char *end = nullptr;
+        plan->scale = std::strtod(argv[i], &end);
+        if (end == argv[i] || *end != '\0' || !(plan->scale > 0))
+            return false;
+    }
+    if (plan->writerKills < 0)
+        plan->writerKills = static_cast<int>(210 * plan->scale);
+    if (plan->readerKills < 0)
+        plan->readerKills = static_cast<int>(200 * plan->scale);
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-    const double scale = argc > 1 ? std::atof(argv[1]) : 1.0;
+    Plan plan;
+    if (!parse(argc, argv, &plan)) {
+        std::fprintf(stderr, "usage: shm_torture [SCALE] [--writer-kills N] [--reader-kills N]\n");
+        return 2;
+    }
     const testing_shm::StoreDirectory directory;
     shared = sharedWithChildren<Shared>();
 
     Torture torture;
     const int64_t start = nowUs();
-    const bool good = duel(torture, static_cast<int64_t>(6e6 * scale)) &&
-                      overrun(torture, static_cast<int64_t>(6e6 * scale)) &&
-                      killWriters(torture, static_cast<int>(210 * scale)) &&
-                      killReaders(torture, static_cast<int>(200 * scale));
+    const bool good = duel(torture, static_cast<int64_t>(6e6 * plan.scale)) &&
+                      overrun(torture, static_cast<int64_t>(6e6 * plan.scale)) &&
+                      killWriters(torture, plan.writerKills) && killReaders(torture, plan.readerKills);
     for (pid_t &reader : torture.readers)
         killAndReap(&reader);
     killAndReap(&torture.writer);
