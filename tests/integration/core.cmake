@@ -18,7 +18,8 @@ if(Python3_FOUND AND NOT ZEV_SANITIZE)
         ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER} $<$<TARGET_EXISTS:zevshm>:$<TARGET_FILE:zevshm>>
         COMMAND_EXPAND_LISTS)
     set_tests_properties(installed_tree PROPERTIES LABELS integration TIMEOUT 120)
-    add_test(NAME installed_pkgconfig COMMAND Python3::Interpreter ${integration}/installed_pkgconfig.py
-        ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})
-    set_tests_properties(installed_pkgconfig PROPERTIES LABELS integration TIMEOUT 120)
+    get_target_property(qmake Qt5::qmake IMPORTED_LOCATION)
+    add_test(NAME installed_consumers COMMAND Python3::Interpreter ${integration}/installed_consumers.py
+        ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER} ${qmake})
+    set_tests_properties(installed_consumers PROPERTIES LABELS integration TIMEOUT 120)
 endif()
