@@ -21,6 +21,13 @@ void deleteTheOne()
     delete theOne;
 }
 
+Sound::Remedies remedies()
+{
+    return {QStringLiteral("start the sound server, or connect a device"),
+            QStringLiteral("LiveAudio.devices has the names, after refreshDevices()"),
+            QStringLiteral("set LiveAudio.device to another one")};
+}
+
 } // namespace
 
 LiveAudio::LiveAudio(QObject *parent) : QObject(parent), m_delayMs(int(Sound::usualDelayUs / 1000))
@@ -93,8 +100,8 @@ void LiveAudio::rebuild()
     m_playedUs = 0;
     m_stream = m_source && m_source->running() ? m_source->stream() : nullptr;
     if (m_stream && m_stream->soundSource()) {
-        m_sound = std::make_unique<Sound>(
-            m_stream->soundSource(), Sound::Wishes{m_device, m_volume, m_isMuted, qint64(m_delayMs) * 1000});
+        const Sound::Wishes wishes = {m_device, m_volume, m_isMuted, qint64(m_delayMs) * 1000, remedies()};
+        m_sound = std::make_unique<Sound>(m_stream->soundSource(), wishes);
         m_stream->setSound(m_sound.get());
         connect(m_sound.get(), &Sound::changed, this, &LiveAudio::stateChanged);
         connect(m_sound.get(), &Sound::problem, this, &LiveAudio::stateChanged);
@@ -162,8 +169,7 @@ LiveAudio::State LiveAudio::state() const
 
 QString LiveAudio::errorString() const
 {
-    // The remedies at its end are those of the viewer's command line.
-    return m_sound ? m_sound->figures().problem.section(QStringLiteral(" (--"), 0, 0) : QString();
+    return m_sound ? m_sound->figures().problem : QString();
 }
 
 double LiveAudio::playedTime() const

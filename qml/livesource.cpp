@@ -215,6 +215,9 @@ void LiveSource::makeStream()
     wishes.audio = m_audio;
     wishes.frameRate = m_frameRate;
     wishes.screenRate = screenRate();
+    wishes.remedies = {
+        QStringLiteral("set LiveSource.video to one with pictures, and LiveSource.audio to this one"),
+        QStringLiteral("set LiveSource.audio to another one, or to none")};
     m_refusal.clear();
     try {
         m_stream = std::make_unique<LiveStream>(wishes);
@@ -231,6 +234,7 @@ void LiveSource::makeStream()
     }
     connect(m_stream.get(), &LiveStream::stateChanged, this, &LiveSource::follow);
     connect(m_stream.get(), &LiveStream::troubleChanged, this, &LiveSource::follow);
+    connect(m_stream.get(), &LiveStream::soundTroubleChanged, this, &LiveSource::follow);
     connect(m_stream.get(), &LiveStream::looked, this, &LiveSource::statisticsChanged);
     connect(m_stream->provider(), &MediaProvider::videoReady, this, &LiveSource::follow);
     emit providerChanged();
@@ -272,6 +276,8 @@ void LiveSource::follow()
             break;
         }
     }
+    if (m_stream && error.isEmpty())
+        error = m_stream->soundTrouble(); // may be heard without being seen
     const QSize size = m_stream ? m_stream->size() : QSize(0, 0);
     if (size != m_videoSize) {
         m_videoSize = size;

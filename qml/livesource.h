@@ -1,6 +1,6 @@
 #pragma once
 
-#include "livestatistics.h"
+#include <zevqt-mm/livestatistics.h>
 
 #include <QObject>
 #include <QQmlParserStatus>
@@ -26,11 +26,12 @@ class MediaSourceBase;
  * Nothing is asked of a source, no frame locked and no tick made, while it is not running or no LiveVideo
  * shows it: items that are not visible, that are in no window, or in a window that is hidden or minimized, do
  * not count. A camera is closed with the window's next synchronization, which one that is hidden does not
- * have: it streams on until then. A store's connection stays, its statistics too.
+ * have: it streams on until then. A store's connection stays, its statistics too. A source of sound alone has
+ * nothing to be seen and runs when it is told to.
  *
  * `state`:
  *   NoSource   there is no URL, or one that cannot be used: errorString says why
- *   Waiting    no picture has come since it began to run and to be shown
+ *   Waiting    no picture has come since it began to run and to be shown; sound alone stays at this
  *   Live       the newest picture is the source's
  *   Idle       the source has nothing new; its last picture stays
  *   NoSignal   the source has had nothing new for noSignalDelay
@@ -81,7 +82,7 @@ public:
     QString errorString() const { return m_errorString; }
     /* Pixels of the source's last picture; 0 x 0 without one. */
     QSize videoSize() const { return m_videoSize; }
-    /* At this moment; the signal comes twice a second. */
+    /* At this moment; the signal comes twice a second while it works, or LiveAudio plays its sound. */
     LiveStatistics statistics() const;
 
     /* Null while there is none. */
@@ -110,7 +111,7 @@ Q_SIGNALS:
     void stopped();
 
 private:
-    bool isWanted() const { return m_isRunning && !m_shownBy.isEmpty(); }
+    bool isWanted() const { return m_isRunning && (m_video.isEmpty() || !m_shownBy.isEmpty()); }
     void scheduleUpdate();
     void update();
     void dropStream();

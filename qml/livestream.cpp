@@ -123,10 +123,8 @@ void LiveStream::setRunning(bool on)
     if (on) {
         setTrouble(QString());
         setState(State::Waiting);
-        m_looks.start();
-    } else {
-        m_looks.stop();
     }
+    updateLooks();
     m_provider->setRunning(on);
 }
 
@@ -153,6 +151,7 @@ void LiveStream::setSound(const Sound *sound)
     if (m_sound)
         disconnect(m_sound, nullptr, this, nullptr);
     m_sound = sound;
+    updateLooks();
     if (!sound)
         return;
     connect(sound, &Sound::started, this, [this] { m_follower.soundStarted(); });
@@ -295,6 +294,14 @@ void LiveStream::setTrouble(const QString &text)
     emit troubleChanged();
 }
 
+void LiveStream::setSoundTrouble(const QString &text)
+{
+    if (text == m_soundTrouble)
+        return;
+    m_soundTrouble = text;
+    emit soundTroubleChanged();
+}
+
 void LiveStream::setTickRate(double rate)
 {
     m_tickRate = rate;
@@ -312,21 +319,50 @@ void LiveStream::updateTickRate(long long sourceIntervalUs)
         setTickRate(rate);
 }
 
+// Sound is played, and may be missing, while the picture is not seen.
+void LiveStream::updateLooks()
+{
+    if (m_isRunning || m_sound) {
+        if (!m_looks.isActive())
+            m_looks.start();
+        return;
+    }
+    m_looks.stop();
+    m_newestSound = 0;
+    setSoundTrouble(QString());
+}
+
 void LiveStream::look()
 {
-    if (m_source) {
+    if (m_source && m_isRunning) {
         checkSource();
         checkReadPoint();
     }
+    checkSound();
     emit looked();
 }
 
 // A source that is waited for may be missing for good: whoever waits is told what for.
 void LiveStream::checkSource()
 {
-    if (m_state == State::Live || (m_state == State::Idle && !m_camera) || m_checks++ % 2 != 0)
+    if (m_state == State::Live || m_checks++ % 2 != 0)
         return;
-    setTrouble(m_camera ? m_camera->trouble() : whyNoPicture(m_wishes.video));
+    setTrouble(m_camera ? m_camera->trouble() : whyNoPicture(m_wishes.video, m_wishes.remedies));
+}
+
+// Of sound that nobody named, none may be meant.
+void LiveStream::checkSound()
+{
+    auto *source = qobject_cast<MediaSource *>(m_soundSource.data());
+    if (m_wishes.audio.isEmpty() || !source)
+        return;
+    const qint64 newest = source->getAudioLastTimestamp();
+    const bool goesOn = newest != m_newestSound && newest > 0;
+    m_newestSound = newest;
+    if (goesOn)
+        setSoundTrouble(QString());
+    else if (m_soundChecks++ % 2 == 0)
+        setSoundTrouble(whyNoSound(m_wishes.audio, m_wishes.remedies));
 }
 
 void LiveStream::checkReadPoint()

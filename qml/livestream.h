@@ -1,11 +1,13 @@
 #pragma once
 
 #include "framestatistics.h"
-#include "livestatistics.h"
 #include "offsetstatistics.h"
 #include "picturefollower.h"
 #include "ratefollower.h"
 #include "readpointwatch.h"
+#include "sourcecheck.h"
+
+#include <zevqt-mm/livestatistics.h>
 
 #include <QElapsedTimer>
 #include <QImage>
@@ -38,8 +40,8 @@ QT_END_NAMESPACE
  * Ownership: owns the provider. Keeps no frame.
  * Errors: the constructor throws std::logic_error for URLs that MediaProvider does not take, and what the
  * capture library throws for a device that cannot be used. After that trouble() says why nothing comes.
- * Cost: per picture, one look at the source's status; twice a second, while there is no picture, a look at
- * the source from outside (whyNoPicture()).
+ * Cost: per picture, one look at the source's status; once a second, while there is no picture or the sound
+ * that the audio URL names does not go on, a look at the source from outside (whyNoPicture(), whyNoSound()).
  */
 class LiveStream : public QObject
 {
@@ -55,6 +57,7 @@ public:
         double frameRate = 0.0;  // ticks a second; 0: the source's own, up to the screen's
         double screenRate = 0.0; // pictures a second that can be shown; 0: no limit
         bool images = false;     // instead of frames
+        SourceRemedies remedies; // in trouble() and soundTrouble()
     };
 
     explicit LiveStream(const Wishes &wishes, QObject *parent = nullptr);
@@ -86,6 +89,8 @@ public:
     /* One line with the thing and the remedy while nothing comes; empty when it does, or when there is
      * nothing to say. */
     QString trouble() const { return m_trouble; }
+    /* The same of the sound that the audio URL names; empty without that. */
+    QString soundTrouble() const { return m_soundTrouble; }
     /* How the picture is drawn, from whoever draws it. */
     void setFramePath(const QString &path, const QString &reason);
 
@@ -100,8 +105,9 @@ public:
 signals:
     void stateChanged();
     void troubleChanged();
+    void soundTroubleChanged();
     void tickRateChanged();
-    /* Twice a second while it runs. */
+    /* Twice a second while it runs, or somebody plays its sound. */
     void looked();
     /* One for every request, invalid ones too. */
     void audioReady(const QAudioBuffer &buffer);
@@ -116,12 +122,15 @@ private:
     void onInterruption(State state);
     void setState(State state);
     void setTrouble(const QString &text);
+    void setSoundTrouble(const QString &text);
     void setTickRate(double rate);
     void updateTickRate(long long sourceIntervalUs);
     void connectSound(const QUrl &audio);
     void countAnswers();
     void look();
     void checkSource();
+    void checkSound();
+    void updateLooks();
     void checkReadPoint();
     qint64 monotonicUs() const { return m_monotonic.nsecsElapsed() / 1000; }
 
@@ -143,7 +152,10 @@ private:
     RateFollower m_rate;
     ReadPointWatch m_readPoint;
     int m_checks = 0;
+    int m_soundChecks = 0;
+    qint64 m_newestSound = 0; // as it was at the last look; 0: none
     QString m_trouble;
+    QString m_soundTrouble;
     State m_state = State::Waiting;
     bool m_isRunning = false;
     bool m_isPaused = false;  // it ran: what is still on its way is late

@@ -36,7 +36,7 @@ int rateFor(const QAudioDeviceInfo &device)
 
 Sound::Sound(QSharedPointer<MediaSourceBase> source, const Wishes &wishes, QObject *parent)
     : QObject(parent), m_holder(source), m_source(qobject_cast<MediaSource *>(source.data())),
-      m_device(wishes.device), m_volume(wishes.volume), m_isMuted(wishes.isMuted)
+      m_device(wishes.device), m_remedies(wishes.remedies), m_volume(wishes.volume), m_isMuted(wishes.isMuted)
 {
     m_isWanted = m_source && m_device != QLatin1String("none");
     m_monotonic.start();
@@ -168,12 +168,12 @@ bool Sound::selectDevice()
         sayDeviceGone(); // it was there before
     else if (m_device == QLatin1String("default") || deviceNames().isEmpty())
         complain(QStringLiteral("there is no sound: no audio device was found; the picture goes on, and the "
-                                "sound begins when there is one (start the sound server; --audio-device none "
-                                "keeps this quiet)"));
+                                "sound begins when there is one (%1)")
+                     .arg(m_remedies.noDevices));
     else
         complain(QStringLiteral("there is no sound: no audio device has the name '%1'; the picture goes on "
-                                "(--list-audio-devices prints the names)")
-                     .arg(m_device));
+                                "(%2)")
+                     .arg(m_device, m_remedies.noSuchDevice));
     return false;
 }
 
@@ -193,8 +193,8 @@ void Sound::sayWhyNotStarted()
         break;
     case AudioPlayer::FormatRefused:
         complain(QStringLiteral("there is no sound: the audio device %1 takes %2, which the sound cannot be "
-                                "converted to; the picture goes on (--audio-device names another one)")
-                     .arg(m_playedOn, asked));
+                                "converted to; the picture goes on (%3)")
+                     .arg(m_playedOn, asked, m_remedies.otherFormat));
         break;
     default:
         complain(QStringLiteral("there is no sound: the audio device %1 cannot be opened for %2; the picture "

@@ -38,17 +38,26 @@ public:
     /* Enough for the device's buffer of usually 250 ms. */
     static constexpr qint64 usualDelayUs = 400000;
 
+    /* What problem() says that a person can do, in the terms of what he sits in front of. */
+    struct Remedies
+    {
+        QString noDevices;    // there is no device at all
+        QString noSuchDevice; // none of that name
+        QString otherFormat;  // the device does not take what there is
+    };
+
     struct Wishes
     {
         QString device = QStringLiteral("default"); // or a name, or "none"
         double volume = 1.0;
         bool isMuted = false;
         qint64 delayUs = usualDelayUs; // how far behind the newest audio it is read
+        Remedies remedies;
     };
 
     struct Figures
     {
-        bool isWanted = false; // not --audio-device none, and the source is one that can have sound
+        bool isWanted = false; // not the device "none", and the source is one that can have sound
         bool isPlaying = false;
         QString device; // that was played on last; empty: none yet
         int rate = 0;   // its sample rate
@@ -115,6 +124,7 @@ private:
     const QSharedPointer<MediaSourceBase> m_holder;
     MediaSource *const m_source; // null: not one that has sound
     const QString m_device;
+    const Remedies m_remedies;
     AudioPlayer *m_player = nullptr;
     AudioPlaybackWatch m_watch;
     AudioPlaybackAge m_age;

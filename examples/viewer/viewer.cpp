@@ -28,7 +28,27 @@ QString colorsName(const QVideoFrame &frame)
 
 LiveStream::Wishes wishesOf(const Options &options, double screenRate)
 {
-    return {options.video, options.audio, options.fps, screenRate, options.frames == Options::Frames::Image};
+    LiveStream::Wishes wishes;
+    wishes.video = options.video;
+    wishes.audio = options.audio;
+    wishes.frameRate = options.fps;
+    wishes.screenRate = screenRate;
+    wishes.images = options.frames == Options::Frames::Image;
+    wishes.remedies = {QStringLiteral("name one with pictures, and this one with --audio"),
+                       QStringLiteral("name another one with --audio, or none")};
+    return wishes;
+}
+
+Sound::Wishes soundWishesOf(const Options &options)
+{
+    Sound::Wishes wishes;
+    wishes.device = options.audioDevice;
+    wishes.volume = options.volume;
+    wishes.isMuted = options.mute;
+    wishes.remedies = {QStringLiteral("start the sound server; --audio-device none keeps this quiet"),
+                       QStringLiteral("--list-audio-devices prints the names"),
+                       QStringLiteral("--audio-device names another one")};
+    return wishes;
 }
 
 } // namespace
@@ -40,17 +60,18 @@ Viewer::Viewer(const Options &options, double screenRate, QObject *parent)
                                                             : options.noSignal,
                                  noSignalDelay);
     m_monotonic.start();
-    m_sound = std::make_unique<Sound>(m_stream->soundSource(),
-                                      Sound::Wishes{options.audioDevice, options.volume, options.mute});
+    m_sound = std::make_unique<Sound>(m_stream->soundSource(), soundWishesOf(options));
     m_stream->setSound(m_sound.get());
 
     connect(provider(), &MediaProvider::videoReady, this, &Viewer::onVideo);
     connect(provider(), &MediaProvider::imageReady, this, &Viewer::onImage);
     connect(m_stream.get(), &LiveStream::audioReady, this, &Viewer::onAudio);
     connect(m_stream.get(), &LiveStream::looked, this, &Viewer::refresh);
-    connect(m_stream.get(), &LiveStream::troubleChanged, this, [this] {
-        if (!m_stream->trouble().isEmpty())
-            emit problem(m_stream->trouble() + QStringLiteral(" (waiting)"));
+    connect(m_stream.get(), &LiveStream::troubleChanged, this, &Viewer::sayTrouble);
+    connect(m_stream.get(), &LiveStream::stateChanged, this, &Viewer::sayTrouble);
+    connect(m_stream.get(), &LiveStream::soundTroubleChanged, this, [this] {
+        if (!m_stream->soundTrouble().isEmpty())
+            emit problem(QStringLiteral("there is no sound: %1 (waiting)").arg(m_stream->soundTrouble()));
     });
 }
 
@@ -89,6 +110,17 @@ void Viewer::setImageSize(const QSize &size)
 void Viewer::setFramePath(const QString &path, const QString &reason)
 {
     m_stream->setFramePath(path, reason);
+}
+
+// A publisher that is started again is not worth a line; one that stays away is. The overlay has both.
+void Viewer::sayTrouble()
+{
+    if (m_stream->state() == LiveStream::State::Idle && !m_stream->camera())
+        return;
+    const QString trouble = m_stream->trouble();
+    if (trouble != m_saidTrouble && !trouble.isEmpty())
+        emit problem(trouble + QStringLiteral(" (waiting)"));
+    m_saidTrouble = trouble;
 }
 
 void Viewer::onVideo(const QVideoFrame &frame)

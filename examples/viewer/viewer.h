@@ -92,6 +92,7 @@ private:
     void onImage(const QImage &image);
     void onAudio(const QAudioBuffer &buffer);
     void refresh();
+    void sayTrouble();
     QString stateText() const;
     QStringList soundText(const ViewerFigures &figures) const;
     qint64 monotonicUs() const { return m_monotonic.nsecsElapsed() / 1000; }
@@ -101,6 +102,7 @@ private:
     std::unique_ptr<Sound> m_sound; // after the stream, so that it goes first
     QElapsedTimer m_monotonic;
     LevelMeter m_meter;
+    QString m_saidTrouble;
     QVideoFrame m_lastFrame;
     QImage m_lastImage;
 };

@@ -38,8 +38,8 @@ qint64 wallClockUs()
 
 } // namespace
 
-StorePublisher::StorePublisher(const QString &name, const QColor &color, const QSize &size)
-    : m_name(name), m_color(color), m_size(size)
+StorePublisher::StorePublisher(const QString &name, const QColor &color, const QSize &size, bool hasSound)
+    : m_name(name), m_color(color), m_size(size), m_hasSound(hasSound)
 {
     const QByteArray utf8 = name.toUtf8();
     shm_writer_params_t params;
@@ -47,14 +47,14 @@ StorePublisher::StorePublisher(const QString &name, const QColor &color, const Q
     params.name = utf8.constData();
     params.width = size.width();
     params.height = size.height();
-    params.pixel_format = SHM_PIXEL_FORMAT_NV12;
+    params.pixel_format = size.isEmpty() ? SHM_PIXEL_FORMAT_NONE : SHM_PIXEL_FORMAT_NV12;
     params.color.matrix = SHM_MATRIX_BT601;
     params.color.range = SHM_RANGE_FULL;
-    params.rate_numerator = 25;
-    params.rate_denominator = 1;
-    params.sample_rate = rate;
-    params.channels = 2;
-    params.audio_streams = 1;
+    params.rate_numerator = size.isEmpty() ? 0 : 25;
+    params.rate_denominator = size.isEmpty() ? 0 : 1;
+    params.sample_rate = hasSound ? rate : 0;
+    params.channels = hasSound ? 2 : 0;
+    params.audio_streams = hasSound ? 1 : 0;
     shm_error_t error = {};
     if (shm_writer_open(&params, &m_writer, &error) != 0) {
         qWarning("%s", error.message);
@@ -95,7 +95,7 @@ void StorePublisher::run()
     auto due = std::chrono::steady_clock::now();
     while (!m_isEnding) {
         shm_writer_frame_t frame = {};
-        if (shm_writer_acquire(m_writer, &frame) == 0) {
+        if (!m_isPaused && !m_size.isEmpty() && shm_writer_acquire(m_writer, &frame) == 0) {
             std::fill_n(frame.planes[0], std::ptrdiff_t(frame.strides[0]) * m_size.height(), sample.y);
             uint8_t *chroma = frame.planes[1];
             for (int i = 0; i < frame.strides[1] * (m_size.height() / 2); ++i)
@@ -103,7 +103,8 @@ void StorePublisher::run()
             if (shm_writer_publish(m_writer, &frame, wallClockUs()) == 0)
                 ++m_published;
         }
-        shm_writer_publish_audio(m_writer, 0, sound.data(), samplesOfInterval, soundAt);
+        if (!m_isPaused && m_hasSound)
+            shm_writer_publish_audio(m_writer, 0, sound.data(), samplesOfInterval, soundAt);
         soundAt += intervalUs; // without a gap, whenever this thread comes to it
         due += interval;
         std::this_thread::sleep_until(due);

@@ -82,6 +82,8 @@ TEST_F(LiveAudioTest, aDeviceThatIsNotThereIsSaidAndWaitedFor)
     audio.setSource(&source);
     EXPECT_TRUE(waitUntil([&] { return !audio.errorString().isEmpty(); }));
     EXPECT_FALSE(audio.errorString().contains("--")) << audio.errorString().toStdString();
+    EXPECT_TRUE(audio.errorString().contains(server ? "LiveAudio.devices" : "sound server"))
+        << audio.errorString().toStdString();
     EXPECT_EQ(audio.state(), LiveAudio::Waiting);
 }
 

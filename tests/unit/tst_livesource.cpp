@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QQmlComponent>
 #include <QQmlEngine>
@@ -63,6 +64,23 @@ protected:
             return testing::AssertionSuccess();
         return testing::AssertionFailure()
                << "state " << source.state() << ", " << source.errorString().toStdString();
+    }
+    // Its errorString has this; an empty one: is empty.
+    testing::AssertionResult says(const char *part)
+    {
+        const QString text = QString::fromUtf8(part);
+        const auto isSaid = [&] {
+            return text.isEmpty() ? source.errorString().isEmpty() : source.errorString().contains(text);
+        };
+        if (waitUntil(isSaid))
+            return testing::AssertionSuccess();
+        return testing::AssertionFailure() << "it says '" << source.errorString().toStdString() << "'";
+    }
+    static QElapsedTimer startedTimer()
+    {
+        QElapsedTimer timer;
+        timer.start();
+        return timer;
     }
     // The store goes on meanwhile.
     bool wait(const StorePublisher &publisher, quint64 frames)
@@ -153,6 +171,72 @@ TEST_F(LiveSourceTest, aStoreThatComesLaterIsFound)
     const StorePublisher late("late", Qt::red);
     EXPECT_TRUE(isSoon(LiveSource::Live));
     EXPECT_TRUE(showsSoon(Qt::red));
+}
+
+TEST_F(LiveSourceTest, whyItIsIdleIsSaid)
+{
+    source.setNoSignalDelay(100000);
+    auto red = std::make_unique<StorePublisher>("red", Qt::red);
+    source.setVideo(store("red"));
+    ASSERT_TRUE(isSoon(LiveSource::Live));
+    red->setPaused(true);
+    ASSERT_TRUE(isSoon(LiveSource::Idle));
+    EXPECT_TRUE(says("store \"red\" is there and publishes no new pictures"));
+    red->setPaused(false);
+    EXPECT_TRUE(isSoon(LiveSource::Live));
+    EXPECT_TRUE(says(""));
+    red.reset();
+    ASSERT_TRUE(isSoon(LiveSource::Idle));
+    EXPECT_TRUE(says("no store \"red\""));
+}
+
+TEST_F(LiveSourceTest, soundThatIsMissingBesideAPictureIsSaid)
+{
+    const StorePublisher red("red", Qt::red);
+    source.setVideo(store("red"));
+    source.setAudio(store("voice"));
+    ASSERT_TRUE(isSoon(LiveSource::Live));
+    EXPECT_TRUE(says("no store \"voice\""));
+    {
+        StorePublisher voice("voice", Qt::blue, QSize(0, 0));
+        EXPECT_TRUE(says(""));
+        voice.setPaused(true);
+        EXPECT_TRUE(says("store \"voice\" is there and publishes no new sound"));
+    }
+    const StorePublisher mute("voice", Qt::blue, QSize(64, 32), false);
+    EXPECT_TRUE(says("store \"voice\" carries no sound"));
+    EXPECT_TRUE(source.errorString().contains("LiveSource.audio")) << source.errorString().toStdString();
+    EXPECT_EQ(source.state(), LiveSource::Live);
+}
+
+TEST_F(LiveSourceTest, aStoreOfSoundAloneIsNoPictureAndTheRemedyIsOfQml)
+{
+    const StorePublisher voice("voice", Qt::red, QSize(0, 0));
+    ASSERT_TRUE(voice.isOpen());
+    source.setVideo(store("voice"));
+    EXPECT_TRUE(says("carries sound only"));
+    EXPECT_TRUE(source.errorString().contains("LiveSource.audio")) << source.errorString().toStdString();
+    EXPECT_FALSE(source.errorString().contains("--")) << source.errorString().toStdString();
+}
+
+// Nothing is to be seen of it, so nobody shows it.
+TEST_F(LiveSourceTest, aSourceOfSoundAloneTellsOfItself)
+{
+    item->setSource(nullptr);
+    int looks = 0;
+    QObject::connect(&source, &LiveSource::statisticsChanged, [&] { ++looks; });
+    source.setAudio(store("voice"));
+    EXPECT_TRUE(says("no store \"voice\""));
+    const StorePublisher voice("voice", Qt::red, QSize(0, 0));
+    EXPECT_TRUE(says(""));
+    EXPECT_EQ(source.state(), LiveSource::Waiting);
+    const int before = looks;
+    EXPECT_TRUE(waitUntil([&] { return looks > before + 2; }));
+    source.setRunning(false);
+    ASSERT_TRUE(waitUntil([&] { return !source.provider()->running(); }));
+    const int after = looks;
+    ASSERT_TRUE(waitUntil([timer = startedTimer()] { return timer.hasExpired(1200); }));
+    EXPECT_EQ(looks, after);
 }
 
 TEST_F(LiveSourceTest, severalChangesAtOnceAreOne)
@@ -362,6 +446,7 @@ TEST_F(LiveSourceTest, statisticsAreASnapshot)
     EXPECT_EQ(now.size, QSize(64, 32));
     EXPECT_EQ(now.pixelFormat, "nv12");
     EXPECT_TRUE(std::isnan(now.avOffsetMs));
+    EXPECT_GE(source.property("statistics").value<LiveStatistics>().frames, now.frames);
     ASSERT_TRUE(waitUntil([&] {
         return source.statistics().framePath ==
                (withOpenGl() ? QLatin1String("mapped") : QLatin1String("converted"));
