@@ -534,6 +534,7 @@ TEST_F(ShmStore, TellsEverythingAToolShows)
     EXPECT_EQ(info.session, frame.session);
     EXPECT_EQ(info.writer_pid, getpid());
     EXPECT_EQ(info.readers, 1);
+    EXPECT_EQ(info.capture, SHM_CAPTURE_NONE);
     EXPECT_EQ(info.slot_count, 12);
     EXPECT_EQ(info.slot_bytes % 4096, 0u);
     EXPECT_EQ(info.frames_published, 1u);
@@ -547,6 +548,13 @@ TEST_F(ShmStore, TellsEverythingAToolShows)
     EXPECT_STRNE(info.dmabuf, "");
     EXPECT_STRNE(info.dmabuf, "yes");
     EXPECT_EQ(info.total_bytes, statsOf(writer.get()).total_bytes);
+
+    EXPECT_EQ(shm_writer_set_capture(writer.get(), SHM_CAPTURE_DMABUF), 0);
+    EXPECT_EQ(infoOf(reader.get()).capture, SHM_CAPTURE_DMABUF);
+    EXPECT_EQ(shm_writer_set_capture(writer.get(), SHM_CAPTURE_USERPTR + 1), -EINVAL);
+    EXPECT_EQ(shm_writer_set_capture(writer.get(), -1), -EINVAL);
+    EXPECT_EQ(shm_writer_set_capture(nullptr, SHM_CAPTURE_COPIED), -EINVAL);
+    EXPECT_EQ(infoOf(reader.get()).capture, SHM_CAPTURE_DMABUF);
 }
 
 TEST_F(ShmStore, NonsenseArgumentsAreRefused)

@@ -61,6 +61,36 @@ TEST_F(ZevshmErrors, usage)
     expectFailure(run({"publish", "cam", "test:", "--copy"}), 2, "--copy is for cameras");
     expectFailure(run({"publish", "cam", "test:avsync", "--av-offset", "501"}), 2, "--av-offset");
     expectFailure(run({"publish", "cam", "x.mkv", "--latency", "-1"}), 2, "--latency");
+    // Before the device is looked at.
+    const std::string camera = "v4l2:/dev/there-is-none";
+    for (const std::vector<std::string> &options :
+         std::vector<std::vector<std::string>>{{"--loop"},
+                                               {"--latency", "50"},
+                                               {"--no-video"},
+                                               {"--audio-rate", "8000"},
+                                               {"--audio-channels", "1"},
+                                               {"--av-offset", "10"}}) {
+        std::vector<std::string> words = {"publish", "cam", camera};
+        words.insert(words.end(), options.begin(), options.end());
+        expectFailure(run(words), 2, options.front() + " does not go with a camera: ");
+    }
+    for (const std::vector<std::string> &options :
+         std::vector<std::vector<std::string>>{{"--fps", "10"},
+                                               {"--jitter", "5"},
+                                               {"--ppm", "5"},
+                                               {"--drop", "5"},
+                                               {"--stall", "1,1"},
+                                               {"--clock-step", "1,1"}}) {
+        std::vector<std::string> words = {"publish", "cam", camera, "--copy"};
+        words.insert(words.end(), options.begin(), options.end());
+        expectFailure(run(words), 2, "--copy does not go with " + options.front() + ", ");
+    }
+    expectFailure(run({"publish", "cam", camera, "--no-audio"}), 8,
+                  "/dev/there-is-none: open failed: No such file");
+    expectFailure(run({"publish", "cam", camera, "--fps", "10"}), 8,
+                  "/dev/there-is-none: open failed: No such file");
+    expectFailure(run({"publish", "cam", "v4l2:/dev/null"}), 8,
+                  "/dev/null: this is not a video4linux2 device");
     expectFailure(run({"list", "more"}), 2, "'more'");
     expectFailure(run({"info"}), 2, "NAME is missing");
     expectFailure(run({"snapshot", "cam"}), 2, "FILE.png is missing");

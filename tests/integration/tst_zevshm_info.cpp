@@ -86,6 +86,26 @@ TEST_F(ZevshmInfo, theIntervalAndTheJitterAreThoseOfTheTimestamps)
     EXPECT_NE(text().find("jitter 5."), std::string::npos) << text();
 }
 
+TEST_F(ZevshmInfo, howTheFramesOfACameraComeIntoTheStore)
+{
+    open(4);
+    EXPECT_EQ(info()["video"].toObject()["capture"].toString(), "none");
+    EXPECT_EQ(text().find("  capture "), std::string::npos) << text();
+    const struct
+    {
+        int capture;
+        const char *name;
+        const char *line;
+    } ways[] = {{SHM_CAPTURE_COPIED, "copied", "  capture   one copy, from the driver's buffers\n"},
+                {SHM_CAPTURE_DMABUF, "dmabuf", "  capture   straight into the store (DMABUF)\n"},
+                {SHM_CAPTURE_USERPTR, "userptr", "  capture   straight into the store (USERPTR)\n"}};
+    for (const auto &way : ways) {
+        ASSERT_EQ(shm_writer_set_capture(writer, way.capture), 0);
+        EXPECT_EQ(info()["video"].toObject()["capture"].toString(), way.name);
+        EXPECT_NE(text().find(way.line), std::string::npos) << text();
+    }
+}
+
 TEST_F(ZevshmInfo, locksAreCounted)
 {
     open(4);

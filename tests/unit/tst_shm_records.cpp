@@ -55,6 +55,10 @@ TEST(ShmNames, OfValues)
     EXPECT_STREQ(shm_siting_name(SHM_SITING_LEFT), "left");
     for (const auto name : {shm_matrix_name, shm_range_name, shm_transfer_name, shm_siting_name})
         EXPECT_STREQ(name(0), "unknown");
+    EXPECT_STREQ(shm_capture_name(SHM_CAPTURE_COPIED), "copied");
+    EXPECT_STREQ(shm_capture_name(SHM_CAPTURE_DMABUF), "dmabuf");
+    EXPECT_STREQ(shm_capture_name(SHM_CAPTURE_USERPTR), "userptr");
+    EXPECT_STREQ(shm_capture_name(SHM_CAPTURE_NONE), "none");
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <system_error>
 
 using namespace zevmm::v4l2;
 
@@ -101,6 +102,48 @@ TEST(Cameras, leavesOutWhatIsNone)
     kernel.driver.isVideo = false;
     EXPECT_FALSE(describeCamera(kernel, "/dev/video0", &camera));
     EXPECT_FALSE(describeCamera(kernel, "/dev/video1", &camera)); // gone since the folder was read
+    EXPECT_TRUE(kernel.openDescriptors.empty());
+}
+
+TEST(Cameras, tellsHowTheSamplesOfAnyFormatAreToBeRead)
+{
+    fake::Kernel kernel;
+    kernel.driver.formats = {V4L2_PIX_FMT_YUYV};
+    CameraState state = stateOfCamera(kernel, "/dev/video0");
+    EXPECT_FALSE(state.multiplanar);
+    EXPECT_EQ(state.encoding, ColorEncoding::Bt601);
+    EXPECT_FALSE(state.fullRange);
+    for (const bool multiplanar : {false, true}) {
+        kernel.driver.multiplanar = multiplanar;
+        kernel.driver.colorspace = V4L2_COLORSPACE_REC709;
+        kernel.driver.quantization = V4L2_QUANTIZATION_FULL_RANGE;
+        state = stateOfCamera(kernel, "/dev/video0");
+        EXPECT_EQ(state.multiplanar, multiplanar);
+        EXPECT_EQ(state.encoding, ColorEncoding::Bt709);
+        EXPECT_TRUE(state.fullRange);
+    }
+    EXPECT_EQ(kernel.callsOf.count(VIDIOC_S_FMT), 0u);
+    EXPECT_TRUE(kernel.openDescriptors.empty());
+}
+
+TEST(Cameras, saysWhyAStateCannotBeTold)
+{
+    fake::Kernel kernel;
+    const auto refusal = [&kernel](int code) {
+        try {
+            stateOfCamera(kernel, "/dev/video0");
+        } catch (const std::system_error &error) {
+            EXPECT_EQ(error.code().value(), code);
+            return std::string(error.what());
+        }
+        return std::string();
+    };
+    kernel.fault = {-1, VIDIOC_G_FMT, EIO, false};
+    EXPECT_EQ(refusal(EIO).find("/dev/video0: VIDIOC_G_FMT failed: Input/output error; check cable"), 0u);
+    kernel.driver.isCapture = false;
+    EXPECT_EQ(refusal(ENOTTY).find("/dev/video0: this is not a capture device"), 0u);
+    kernel.openError = EACCES;
+    EXPECT_EQ(refusal(EACCES).find("/dev/video0: open failed: Permission denied"), 0u);
     EXPECT_TRUE(kernel.openDescriptors.empty());
 }
 

@@ -319,6 +319,12 @@ void tst_CameraPublish::straightIntoTheStore()
     QCOMPARE(frame.height, frameSize.height());
     QCOMPARE(int(frame.matrix), int(SHM_MATRIX_BT601));
     QCOMPARE(int(frame.range), int(isFull || isCopied ? SHM_RANGE_FULL : SHM_RANGE_LIMITED));
+    shm_store_info_t info = {};
+    info.size = sizeof info;
+    QCOMPARE(shm_reader_get_info(reader.get(), &info), 0);
+    QCOMPARE(QByteArray(shm_capture_name(info.capture)), isCopied                  ? QByteArray("copied")
+                                                         : way.contains("(DMABUF") ? QByteArray("dmabuf")
+                                                                                   : QByteArray("userptr"));
     // The time of the picture, not of something else: the driver's is the end of the frame's interval.
     const qint64 ageMs = QDateTime::currentMSecsSinceEpoch() - frame.timestamp / 1000;
     QVERIFY2(ageMs > -50 && ageMs < 2000, qPrintable(QString::number(ageMs)));
@@ -345,8 +351,8 @@ void tst_CameraPublish::outlivesItsReadersAndItsCamera()
     int exitCode = 0;
     QCOMPARE(sayingOf(QString::fromLatin1("v4l2:" + camera.device()), &exitCode),
              "zevshm: " + camera.device() +
-                 ": cannot be opened (Device or resource busy); end the program that uses it: 'fuser -v " +
-                 camera.device() + "' names it\n");
+                 ": VIDIOC_S_FMT failed: Device or resource busy; end the program that uses it: `fuser -v " +
+                 camera.device() + "` names it\n");
     QCOMPARE(exitCode, 8);
     QVERIFY(second.waitForFrames(5));
 
@@ -373,15 +379,16 @@ void tst_CameraPublish::saysWhatIsWrong_data()
     QTest::addColumn<QByteArray>("text");
     QTest::newRow("missing") << QStringLiteral("v4l2:/dev/video63") << 8
                              << QByteArray(
-                                    "zevshm: /dev/video63: cannot be opened (No such file or directory); "
-                                    "connect the camera, or name one that 'v4l2-ctl --list-devices' lists\n");
+                                    "zevshm: /dev/video63: open failed: No such file or directory; "
+                                    "connect the camera, or name one that `v4l2-ctl --list-devices` lists\n");
     QTest::newRow("no device") << QStringLiteral("v4l2:") << 2
                                << QByteArray(
                                       "zevshm: publish: 'v4l2:' names no device; give v4l2:/dev/video0\n");
-    QTest::newRow("no camera") << QStringLiteral("v4l2:/dev/null") << 8
-                               << QByteArray(
-                                      "zevshm: /dev/null: is no capture device; name one that 'v4l2-ctl "
-                                      "--list-devices' lists\n");
+    QTest::newRow("no camera")
+        << QStringLiteral("v4l2:/dev/null") << 8
+        << QByteArray("zevshm: /dev/null: this is not a video4linux2 device (VIDIOC_QUERYCAP is "
+                      "unknown there); name a capture device: `v4l2-ctl --list-devices` "
+                      "lists them\n");
     const QByteArray other = VirtualCamera::all(true).first().device();
     QTest::newRow("multi-planar, at a rate of its own")
         << QString::fromLatin1("v4l2:" + other) << 8

@@ -4,6 +4,8 @@
 
 #include "ffmpeg.h"
 
+#include <zevmm/v4l2/cameras.h>
+
 #include <string>
 
 namespace zevshm {
@@ -14,20 +16,17 @@ bool isCameraInput(const std::string &input);
 // nobody else here needs: it is loaded when the first camera is opened. Throws Failure when it cannot be.
 const AVInputFormat *cameraDemuxer();
 
-struct CameraColor
-{
-    AVColorSpace matrix = AVCOL_SPC_UNSPECIFIED;
-    AVColorRange range = AVCOL_RANGE_UNSPECIFIED;
-};
-// What the driver says of the samples of its present format; nothing when it cannot be asked.
-CameraColor colorOfCamera(const std::string &device);
+// What the device is at present. Throws Failure: it cannot be opened, or is no camera.
+zevmm::v4l2::CameraState stateOfCamera(const std::string &device);
 
-// Why FFmpeg could not open a device, and what helps; `error` is FFmpeg's.
+AVColorSpace colorSpaceOf(zevmm::v4l2::ColorEncoding encoding);
+inline AVColorRange colorRangeOf(bool fullRange)
+{
+    return fullRange ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
+}
+
+// Why FFmpeg could not open a camera, and what helps; `error` is FFmpeg's.
 std::string cameraProblem(int error, const std::string &device);
-// What can be told without FFmpeg of a device that is no use; empty when nothing can.
-std::string cameraProblem(const std::string &device);
-// It has the multi-planar interface only, which FFmpeg does not read.
-bool isMultiplanarCamera(const std::string &device);
 
 } // namespace zevshm
 

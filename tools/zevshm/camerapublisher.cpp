@@ -43,29 +43,11 @@ uint8_t matrixOf(ColorEncoding encoding)
     return SHM_MATRIX_BT601;
 }
 
-AVColorSpace colorSpaceOf(ColorEncoding encoding)
-{
-    switch (encoding) {
-    case ColorEncoding::Bt709:
-        return AVCOL_SPC_BT709;
-    case ColorEncoding::Bt2020:
-        return AVCOL_SPC_BT2020_NCL;
-    case ColorEncoding::Bt601:
-        break;
-    }
-    return AVCOL_SPC_SMPTE170M;
-}
-
 bool isDmabuf(int fd)
 {
     constexpr auto magic = 0x444d4142;
     struct statfs system = {};
     return fstatfs(fd, &system) == 0 && static_cast<unsigned long>(system.f_type) == magic;
-}
-
-size_t slotOf(const zevmm::v4l2::FrameMemory &memory)
-{
-    return memory.id & 0xffffffff;
 }
 
 // The rate whose interval, rounded to microseconds, is this one: of the usual ones if one fits.
@@ -107,14 +89,9 @@ bool CameraPublisher::setUpCamera()
         m_capture.setup();
         return true;
     } catch (const std::system_error &error) {
-        const int code = error.code().value();
-        if (code == EINVAL)
+        if (error.code().value() == EINVAL)
             return false;
-        const bool isKnown =
-            code == EBUSY || code == EACCES || code == EPERM || code == ENOENT || code == ENXIO;
-        throw Failure(ExitInput,
-                      isKnown ? m_settings.device + ": " + cameraProblem(AVERROR(code), m_settings.device)
-                              : std::string(error.what()));
+        throw Failure(ExitInput, error.what());
     }
 }
 
@@ -150,6 +127,7 @@ void CameraPublisher::start()
     Publisher::Settings wishes;
     wishes.size = m_settings.size;
     wishes.keepRange = m_settings.keepRange;
+    m_store.setCapture(SHM_CAPTURE_COPIED);
     m_store.open(Publisher::storeFormat({camera, std::nullopt}, wishes), m_settings.pixelFormat);
     std::string refusal;
     if (!m_capture.start(MemoryWay::Mapped, {}, *this, &refusal))
@@ -175,23 +153,46 @@ bool CameraPublisher::startStraight(const VideoFormat &format, std::string *why)
         *why = "the driver wants " + std::to_string(lent) + " frames at once";
         return false;
     }
-    m_store.open({format, std::nullopt}, SHM_PIXEL_FORMAT_NV12, lent);
-    std::vector<std::pair<MemoryWay, const char *>> ways;
-    if (std::strcmp(m_store.stats().dmabuf, "yes") == 0)
-        ways.emplace_back(MemoryWay::DmaBuf, "DMABUF");
-    ways.emplace_back(MemoryWay::Address, "USERPTR");
-    for (const auto &[memoryWay, name] : ways) {
+    struct Way
+    {
+        MemoryWay way;
+        const char *name;
+        int capture;
+    };
+    std::vector<Way> ways;
+    if (m_store.isExportWished())
+        ways.push_back({MemoryWay::DmaBuf, "DMABUF", SHM_CAPTURE_DMABUF});
+    ways.push_back({MemoryWay::Address, "USERPTR", SHM_CAPTURE_USERPTR});
+    m_wantedStore = {format, lent};
+    const uint64_t noSlotBefore = m_noSlot;
+    for (const Way &next : ways) {
         std::string refusal;
-        m_needsDmabufs = memoryWay == MemoryWay::DmaBuf;
-        if (m_capture.start(memoryWay, layout, *this, &refusal)) {
-            m_way = std::string("captured straight into the store (") + name + ")";
+        m_needsDmabufs = next.way == MemoryWay::DmaBuf;
+        if (m_capture.start(next.way, layout, *this, &refusal)) {
+            m_store.setCapture(next.capture);
+            m_way = std::string("captured straight into the store (") + next.name + ")";
             if (!why->empty()) // the other way's refusal
                 m_way += ", not " + *why;
             return true;
         }
-        *why += (why->empty() ? "" : "; ") + std::string(name) + ": " + refusal;
+        // What is not to be had while a way is tried is no frame that was left out.
+        m_noSlot = noSlotBefore;
+        if (m_needsDmabufs && !m_wantedStore && std::strcmp(m_store.stats().dmabuf, "yes") != 0)
+            refusal = "the store's frames have none";
+        *why += (why->empty() ? "" : "; ") + std::string(next.name) + ": " + refusal;
     }
+    m_wantedStore.reset();
     return false;
+}
+
+// The store that the driver is to write into is opened when it asks for the first memory: one that cannot be
+// captured into, for the layout of its frames, is never seen by anybody.
+void CameraPublisher::openWantedStore()
+{
+    if (!m_wantedStore)
+        return;
+    m_store.open({m_wantedStore->format, std::nullopt}, SHM_PIXEL_FORMAT_NV12, m_wantedStore->lentFrames);
+    m_wantedStore.reset();
 }
 
 void CameraPublisher::run(std::function<void()> wake)
@@ -272,6 +273,7 @@ void CameraPublisher::follow()
 
 bool CameraPublisher::lend(zevmm::v4l2::FrameMemory *memory)
 {
+    openWantedStore();
     shm_writer_frame_t slot{};
     if (m_store.acquireForDevice(slot) != 0) {
         ++m_noSlot;
@@ -283,13 +285,19 @@ bool CameraPublisher::lend(zevmm::v4l2::FrameMemory *memory)
         ++m_noSlot;
         return false;
     }
-    const auto number = static_cast<size_t>(slot.slot);
-    m_slots[number] = slot;
-    memory->address = slot.planes[0];
-    memory->dmabuf = slot.memory_fd;
-    // Fresh memory of the same slot often lies at the address of what was there before.
-    memory->id = static_cast<uint64_t>(slot.memory_generation) << 32 | number;
+    *memory = memoryOf(slot);
+    m_slots[slotOf(*memory)] = slot;
     return true;
+}
+
+// Fresh memory of the same slot often lies at the address of what was there before: it has another number.
+zevmm::v4l2::FrameMemory CameraPublisher::memoryOf(const shm_writer_frame_t &slot)
+{
+    zevmm::v4l2::FrameMemory memory;
+    memory.address = slot.planes[0];
+    memory.dmabuf = slot.memory_fd;
+    memory.id = static_cast<uint64_t>(slot.memory_generation) << 32 | static_cast<uint32_t>(slot.slot);
+    return memory;
 }
 
 void CameraPublisher::returned(const zevmm::v4l2::FrameMemory &memory)
@@ -344,7 +352,7 @@ void CameraPublisher::copy(const zevmm::v4l2::FilledFrame &frame, int64_t labelU
     picture->width = static_cast<int>(camera.width);
     picture->height = static_cast<int>(camera.height);
     picture->colorspace = colorSpaceOf(camera.encoding);
-    picture->color_range = camera.fullRange ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
+    picture->color_range = colorRangeOf(camera.fullRange);
     for (int plane = 0; plane < 2; ++plane) {
         picture->data[plane] = const_cast<uint8_t *>(frame.planes[plane]); // read only
         picture->linesize[plane] = static_cast<int>(frame.strideBytes[plane]);

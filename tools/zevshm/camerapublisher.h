@@ -41,13 +41,17 @@ public:
         std::string obstacle; // why no frame can be captured straight; empty: none known
     };
 
+    // A slot's memory as it is lent, and the slot of what comes back.
+    static zevmm::v4l2::FrameMemory memoryOf(const shm_writer_frame_t &slot);
+    static size_t slotOf(const zevmm::v4l2::FrameMemory &memory) { return memory.id & 0xffffffff; }
+
     CameraPublisher(const Settings &settings, StoreWriter &store, SharedClock &clock);
     ~CameraPublisher() override;
 
     // Opens the camera and the store and starts both. False when the camera offers no NV12; then nothing is
     // open. Throws Failure: the camera cannot be used, or the store not be opened.
     bool open();
-    // How the frames come into the store, in words.
+    // How the frames come into the store, in words; the store tells its readers the same.
     std::string way() const { return m_way; }
 
     // `wake` is called from the thread when it ends.
@@ -66,6 +70,7 @@ private:
     bool setUpCamera();
     void start();
     bool startStraight(const VideoFormat &format, std::string *why);
+    void openWantedStore();
     void loop();
     void follow();
     int64_t labelFor(int64_t capturedUs);
@@ -78,6 +83,12 @@ private:
     zevmm::v4l2::MemoryCapture m_capture;
     std::vector<shm_writer_frame_t> m_slots; // by number, those that are lent
     bool m_needsDmabufs = false;
+    struct Wanted
+    {
+        VideoFormat format;
+        uint32_t lentFrames;
+    };
+    std::optional<Wanted> m_wantedStore; // is opened when the driver is to have memory of it
     SlotConverter m_converter;
     std::string m_way;
     std::string m_trouble; // as last told

@@ -102,10 +102,7 @@ void Demuxer::open()
 {
     const AVInputFormat *camera = nullptr;
     if (m_name.isCamera) {
-        const std::string problem = cameraProblem(m_name.url);
-        if (!problem.empty())
-            throw Failure(ExitInput, m_name.display + ": " + problem);
-        if (isMultiplanarCamera(m_name.url))
+        if (stateOfCamera(m_name.url).multiplanar)
             throw Failure(ExitInput,
                           m_name.display +
                               ": has the multi-planar interface, of which NV12 can be published, without "
@@ -150,7 +147,7 @@ void Demuxer::open()
     if (rc < 0)
         refuse(rc);
     if (m_name.isCamera)
-        m_cameraColor = colorOfCamera(m_name.url);
+        m_camera = stateOfCamera(m_name.url);
 
     m_live = m_name.isLive;
     if (m_live)
@@ -381,9 +378,9 @@ void Demuxer::handOut(Decoder &decoder, AvPtr<AVFrame> frame, const Sink &sink)
     decoder.lastUs = ptsUs;
     if (isVideo && m_name.isCamera) { // FFmpeg does not ask the driver
         if (frame->colorspace == AVCOL_SPC_UNSPECIFIED)
-            frame->colorspace = m_cameraColor.matrix;
+            frame->colorspace = colorSpaceOf(m_camera.encoding);
         if (frame->color_range == AVCOL_RANGE_UNSPECIFIED)
-            frame->color_range = m_cameraColor.range;
+            frame->color_range = colorRangeOf(m_camera.fullRange);
     }
     if (isVideo)
         sink.video(std::move(frame), ptsUs);

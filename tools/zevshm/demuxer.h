@@ -98,10 +98,10 @@ private:
     Decoder m_audio;
     bool m_live = false;
     bool m_drained = false;
-    int64_t m_deadlineUs = INT64_MAX; // monotonic; a network call that lasts longer is given up
-    int64_t m_lastPacketUs = 0;       // monotonic; of a camera
-    CameraColor m_cameraColor;
-    int64_t m_jumpUs = 0; // added to timestamps after jumps in the input
+    int64_t m_deadlineUs = INT64_MAX;  // monotonic; a network call that lasts longer is given up
+    int64_t m_lastPacketUs = 0;        // monotonic; of a camera
+    zevmm::v4l2::CameraState m_camera; // once it is open
+    int64_t m_jumpUs = 0;              // added to timestamps after jumps in the input
     uint64_t m_damaged = 0;
     std::string m_lastError;
 };

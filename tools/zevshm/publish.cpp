@@ -10,9 +10,11 @@
 #include "testinput.h"
 #include "wakeups.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <random>
 
 namespace zevshm {
@@ -117,14 +119,40 @@ FaultPlan parseFaults(const Options &options)
     return plan;
 }
 
+constexpr const char *faultOptions[] = {"--jitter", "--ppm", "--drop", "--stall", "--clock-step"};
+
+// An option that would change nothing is not what was meant.
+void checkCameraOptions(const Options &options)
+{
+    const auto refuse = [](const std::string &what) { throw Failure(ExitUsage, "publish: " + what); };
+    const std::pair<const char *, const char *> without[] = {
+        {"--loop", "a camera has no end, leave it out"},
+        {"--latency", "a camera comes through no network, leave it out"},
+        {"--no-video", "a camera has no sound that could be left, leave it out"},
+        {"--audio-rate", "a camera has no sound, publish its microphone as a store of its own"},
+        {"--audio-channels", "a camera has no sound, publish its microphone as a store of its own"},
+        {"--av-offset", "it is for test:avsync, leave it out"}};
+    for (const auto &[name, why] : without) {
+        if (options.has(name))
+            refuse(std::string(name) + " does not go with a camera: " + why);
+    }
+    if (!options.has("--copy"))
+        return;
+    std::vector<const char *> copying = {"--fps"};
+    copying.insert(copying.end(), std::begin(faultOptions), std::end(faultOptions));
+    for (const char *name : copying) {
+        if (options.has(name))
+            refuse("--copy does not go with " + std::string(name) +
+                   ", which has each frame copied in any case; leave --copy out");
+    }
+}
+
 // What a camera that offers NV12 is published like without FFmpeg; nothing with what only FFmpeg's way has.
 std::optional<CameraPublisher::Settings> cameraSettings(const Options &options, const PublishPlan &plan)
 {
-    for (const char *name :
-         {"--fps", "--no-video", "--jitter", "--ppm", "--drop", "--stall", "--clock-step"}) {
-        if (options.has(name))
-            return std::nullopt;
-    }
+    const auto isGiven = [&options](const char *name) { return options.has(name); };
+    if (isGiven("--fps") || std::any_of(std::begin(faultOptions), std::end(faultOptions), isGiven))
+        return std::nullopt;
     CameraPublisher::Settings settings;
     settings.device = plan.input.substr(plan.input.find(':') + 1);
     settings.pixelFormat = plan.store.pixelFormat;
@@ -161,6 +189,8 @@ PublishPlan makePlan(const Options &options)
     plan.isTest = plan.input.rfind("test:", 0) == 0;
     if (isCameraInput(plan.input) && plan.input.back() == ':')
         throw Failure(ExitUsage, "publish: '" + plan.input + "' names no device; give v4l2:/dev/video0");
+    if (isCameraInput(plan.input))
+        checkCameraOptions(options);
     if (plan.isTest && options.has("--copy"))
         throw Failure(ExitUsage, "publish: --copy is for cameras; leave it out");
 
@@ -288,9 +318,6 @@ std::string describe(const InputFormat &format, int pixelFormat)
 // Whether it was published; a camera that offers no NV12 is not.
 bool publishCamera(const PublishPlan &plan, const Wakeups &wakeups, SharedClock &clock)
 {
-    const std::string problem = cameraProblem(plan.camera->device);
-    if (!problem.empty())
-        throw Failure(ExitInput, plan.camera->device + ": " + problem);
     StoreWriter store(plan.store);
     CameraPublisher publisher(*plan.camera, store, clock);
     if (!publisher.open())
@@ -354,6 +381,8 @@ int publishCommand(const std::vector<std::string> &words)
         std::rethrow_exception(failure);
 
     StoreWriter store(plan.store);
+    if (isCameraInput(plan.input))
+        store.setCapture(SHM_CAPTURE_COPIED);
     store.open(Publisher::storeFormat(*format, plan.publisher));
     input->prepare();
     if (plan.isTest)

@@ -39,6 +39,18 @@ std::string rateText(const shm_store_info_t &info)
     return "not known yet";
 }
 
+std::string captureText(int capture)
+{
+    switch (capture) {
+    case SHM_CAPTURE_DMABUF:
+        return "straight into the store (DMABUF)";
+    case SHM_CAPTURE_USERPTR:
+        return "straight into the store (USERPTR)";
+    default:
+        return "one copy, from the driver's buffers";
+    }
+}
+
 } // namespace
 
 std::string byteText(uint64_t bytes)
@@ -120,6 +132,8 @@ std::string describe(const StoreReport &report, int64_t nowUs)
     text += print("%s\n", info.sealed ? ", sealed" : "");
     if (report.format.has_video)
         text += print("  DMA-buf   %s\n", info.dmabuf);
+    if (report.format.has_video && info.capture != SHM_CAPTURE_NONE)
+        text += print("  capture   %s\n", captureText(info.capture).c_str());
     return text;
 }
 
@@ -157,7 +171,7 @@ void writeJson(JsonWriter &json, const StoreReport &report)
         json.member("wishedRate", info.wished_denominator
                                       ? static_cast<double>(info.wished_numerator) / info.wished_denominator
                                       : 0.0);
-        json.member("dmabuf", info.dmabuf);
+        json.member("dmabuf", info.dmabuf).member("capture", shm_capture_name(info.capture));
         json.endObject();
     } else {
         json.key("video").null();

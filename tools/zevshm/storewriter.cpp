@@ -73,7 +73,22 @@ void StoreWriter::open(const InputFormat &format, int pixelFormat, uint32_t lent
                                                                     std::strerror(-rc) + ")");
     m_format = format;
     m_pixelFormat = pixelFormat;
+    shm_writer_set_capture(m_writer, m_capture);
     tellOfExport();
+}
+
+void StoreWriter::setCapture(int capture)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_capture = capture;
+    if (m_writer)
+        shm_writer_set_capture(m_writer, capture);
+}
+
+bool StoreWriter::isExportWished() const
+{
+    const std::string &memory = m_settings.memory;
+    return memory == "udmabuf" || memory.rfind("dma-heap:", 0) == 0;
 }
 
 void StoreWriter::reportExport()
@@ -86,9 +101,7 @@ void StoreWriter::reportExport()
 // Asked for and not to be had is worth a line; once, however often the store is opened anew.
 void StoreWriter::tellOfExport()
 {
-    const std::string &memory = m_settings.memory;
-    const bool isAskedFor = memory == "udmabuf" || memory.rfind("dma-heap:", 0) == 0;
-    if (!isAskedFor || m_exportReported || !m_format.video)
+    if (!isExportWished() || m_exportReported || !m_format.video)
         return;
     shm_writer_stats_t now{};
     now.size = sizeof now;

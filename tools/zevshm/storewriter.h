@@ -41,6 +41,10 @@ public:
     void open(const InputFormat &format) { open(format, m_settings.pixelFormat); }
     // With a pixel format of the input's own, and with so many slots that may be acquired at once.
     void open(const InputFormat &format, int pixelFormat, uint32_t lentFrames = 1);
+    // How frames come into the store (shm_capture), also into those that are opened after this.
+    void setCapture(int capture);
+    // Frames are to have DMA-bufs; stats() says whether they do.
+    bool isExportWished() const;
     const InputFormat &format() const { return m_format; }
     int pixelFormat() const { return m_pixelFormat; }
 
@@ -67,6 +71,7 @@ private:
     const StoreSettings m_settings;
     int m_pixelFormat = m_settings.pixelFormat;
     bool m_exportReported = false;
+    int m_capture = SHM_CAPTURE_NONE;
     InputFormat m_format;
     mutable std::mutex m_mutex; // held while the writer is replaced, and by threads other than the video's
     shm_writer_t *m_writer = nullptr; // owned

@@ -100,3 +100,17 @@ const char *shm_siting_name(int siting)
         return "unknown";
     }
 }
+
+const char *shm_capture_name(int capture)
+{
+    switch (capture) {
+    case SHM_CAPTURE_COPIED:
+        return "copied";
+    case SHM_CAPTURE_DMABUF:
+        return "dmabuf";
+    case SHM_CAPTURE_USERPTR:
+        return "userptr";
+    default:
+        return "none";
+    }
+}

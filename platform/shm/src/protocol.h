@@ -14,7 +14,7 @@
 //    320 | wake                       futex word: low half of newest
 //    384 | interval, jitter           microseconds
 //    448 | published, dropped, refused
-//    512 | readers, locks, slots, bytes, wish      written by the service thread
+//    512 | readers, locks, slots, bytes, wish      written by the service thread; capture
 //   1024 | gen[slotCapacity]          64 bytes each
 //      + | meta[slotCapacity]         64 bytes each
 //      + | history[historyRing]       32 bytes each, historyRing a power of two
@@ -122,7 +122,7 @@ struct IndexHead
     alignas(64) Atomic<uint32_t> readers;
     Atomic<uint32_t> locksHeld;
     Atomic<uint32_t> slots;
-    Atomic<uint32_t> reserved;
+    Atomic<uint32_t> capture; // shm_capture; written by who publishes
     Atomic<uint64_t> totalBytes;
     Atomic<uint64_t> wish; // numerator << 32 | denominator, 0 = none
 };

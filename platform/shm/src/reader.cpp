@@ -177,6 +177,8 @@ void shm_reader::info(shm_store_info_t *info, bool isLive)
                   : m_dmabufTrouble != nullptr && !m_dmabufsComplete ? m_dmabufTrouble
                                                                      : layout.dmabuf);
     std::snprintf(now.directory, sizeof now.directory, "%s", m_connection.directory.c_str());
+    const uint32_t capture = head.capture.load(std::memory_order_relaxed);
+    now.capture = capture <= SHM_CAPTURE_USERPTR ? static_cast<int32_t>(capture) : SHM_CAPTURE_NONE;
     const uint32_t size = info->size;
     now.size = size;
     std::memcpy(info, &now, std::min<size_t>(size, sizeof now));

@@ -251,6 +251,14 @@ int shm_writer_publish_audio(shm_writer_t *writer, int stream, const int16_t *sa
     return writer->publishAudio(stream, samples, frames, timestamp);
 }
 
+int shm_writer_set_capture(shm_writer_t *writer, int capture)
+{
+    if (writer == nullptr || !writer->mine() || capture < SHM_CAPTURE_NONE || capture > SHM_CAPTURE_USERPTR)
+        return -EINVAL;
+    writer->tellCapture(static_cast<uint32_t>(capture));
+    return 0;
+}
+
 int shm_writer_get_stats(shm_writer_t *writer, shm_writer_stats_t *stats)
 {
     if (writer == nullptr || stats == nullptr || stats->size < sizeof stats->size || !writer->mine())

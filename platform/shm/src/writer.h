@@ -27,6 +27,10 @@ public:
     shm::Publisher *publisher() { return m_publisher ? &*m_publisher : nullptr; }
     int publishAudio(int stream, const int16_t *samples, uint32_t frames, int64_t timestamp);
     void statistics(shm_writer_stats_t *stats) const;
+    void tellCapture(uint32_t capture)
+    {
+        m_store.index.head->capture.store(capture, std::memory_order_relaxed);
+    }
 
 private:
     const shm::ClockSource &m_clock;

@@ -129,6 +129,26 @@ bool describeCamera(System &system, const std::string &path, Camera *camera)
     return true;
 }
 
+CameraState stateOfCamera(System &system, const std::string &path)
+{
+    Device device(system, path);
+    device.open();
+    CameraState state;
+    state.multiplanar = device.bufferType() == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    v4l2_format format = {};
+    format.type = device.bufferType();
+    const int result = system.request(device.descriptor(), VIDIOC_G_FMT, &format);
+    if (result < 0)
+        throw DeviceError::ofRequest(-result, path, "VIDIOC_G_FMT", remedyFor(-result, path));
+    readColors(format, &state.encoding, &state.fullRange);
+    return state;
+}
+
+CameraState stateOfCamera(const std::string &device)
+{
+    return stateOfCamera(kernelSystem(), device);
+}
+
 std::vector<Camera> listCameras()
 {
     std::vector<std::pair<int, std::string>> nodes;

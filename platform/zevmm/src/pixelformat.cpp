@@ -9,8 +9,7 @@ namespace {
 
 constexpr std::uint32_t largestSide = 32768;
 
-// The encoding that V4L2 says a color space has when the driver names none; what EGL has no hint for takes
-// the nearest.
+// The encoding that V4L2 says a color space has when the driver names none.
 ColorEncoding encodingOf(std::uint32_t colorspace, std::uint32_t encoding)
 {
     switch (encoding) {
@@ -60,6 +59,17 @@ std::string fourccText(std::uint32_t code)
     return (code & v4l2_fourcc_be(0, 0, 0, 0)) != 0 ? text + "-BE" : text;
 }
 
+void readColors(const v4l2_format &format, ColorEncoding *encoding, bool *fullRange)
+{
+    const bool multiplanar = format.type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    const v4l2_pix_format &single = format.fmt.pix;
+    const v4l2_pix_format_mplane &multi = format.fmt.pix_mp;
+    const auto colorspace = multiplanar ? multi.colorspace : single.colorspace;
+    *encoding = encodingOf(colorspace, multiplanar ? std::uint32_t(multi.ycbcr_enc) : single.ycbcr_enc);
+    *fullRange =
+        isFullRange(colorspace, multiplanar ? std::uint32_t(multi.quantization) : single.quantization);
+}
+
 bool readFormat(const v4l2_format &answer, Negotiated *negotiated, std::string *why)
 {
     const bool multiplanar = answer.type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
@@ -100,10 +110,7 @@ bool readFormat(const v4l2_format &answer, Negotiated *negotiated, std::string *
         *why = "a picture of " + std::to_string(lumaBytes) + " bytes";
         return false;
     }
-    const auto colorspace = multiplanar ? multi.colorspace : single.colorspace;
-    format.encoding = encodingOf(colorspace, multiplanar ? std::uint32_t(multi.ycbcr_enc) : single.ycbcr_enc);
-    format.fullRange =
-        isFullRange(colorspace, multiplanar ? std::uint32_t(multi.quantization) : single.quantization);
+    readColors(answer, &format.encoding, &format.fullRange);
 
     negotiated->format = format;
     negotiated->multiplanar = multiplanar;

@@ -39,6 +39,9 @@ struct Negotiated
 // "NV12"; what is not printable as a question mark.
 std::string fourccText(std::uint32_t code);
 
+// How the samples of any format are to be read. What EGL has no hint for takes the nearest.
+void readColors(const v4l2_format &format, ColorEncoding *encoding, bool *fullRange);
+
 // A picture of NV12 or NM12 as the driver answered it. False when the answer makes no sense; then `why` says
 // so.
 bool readFormat(const v4l2_format &answer, Negotiated *negotiated, std::string *why);

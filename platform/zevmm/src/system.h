@@ -30,7 +30,7 @@ public:
     int request(int fd, unsigned long request, void *argument);
 };
 
-// The kernel.
+// The kernel; in a file of its own, so that a test which links the library's parts may play it.
 System &kernelSystem();
 
 } // namespace v4l2

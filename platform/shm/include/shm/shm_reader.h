@@ -214,6 +214,7 @@ typedef struct shm_store_info
     char memory[32];                 /* "memfd", "huge", ... */
     char dmabuf[128];                /* "yes", "yes, but ...", else why frames have no DMA-buf */
     char directory[128];             /* where the store's socket lies */
+    int32_t capture;                 /* shm_capture: how frames come into the store, as its writer tells */
 } shm_store_info_t;
 
 /* Returns 0 or a negative errno. Fills at most info->size bytes. */

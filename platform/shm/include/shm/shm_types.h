@@ -53,6 +53,14 @@ typedef enum shm_siting {
     SHM_SITING_TOPLEFT = 3
 } shm_siting;
 
+/* How the frames of a capture device come into a store. */
+typedef enum shm_capture {
+    SHM_CAPTURE_NONE = 0,   /* they come from no device, or their writer does not tell */
+    SHM_CAPTURE_COPIED = 1, /* the processor writes them, from the driver's buffers */
+    SHM_CAPTURE_DMABUF = 2, /* the driver writes them into the store's memory, given to it as DMA-bufs */
+    SHM_CAPTURE_USERPTR = 3 /* the same, given to it by address */
+} shm_capture;
+
 typedef struct shm_color
 {
     uint8_t matrix;   /* shm_matrix */
@@ -78,13 +86,14 @@ typedef struct shm_error
     char message[SHM_ERROR_MAX];
 } shm_error_t;
 
-/* Null-terminated text for a value of the enumerations above ("bt709", "full", "nv12"); "unknown" for 0,
- * never null. */
+/* Null-terminated text for a value of the enumerations above ("bt709", "full", "nv12", "copied"); "unknown"
+ * for 0 and what is none ("none" of captures), never null. */
 SHM_API const char *shm_pixel_format_name(int pixel_format);
 SHM_API const char *shm_matrix_name(int matrix);
 SHM_API const char *shm_range_name(int range);
 SHM_API const char *shm_transfer_name(int transfer);
 SHM_API const char *shm_siting_name(int siting);
+SHM_API const char *shm_capture_name(int capture);
 
 /* 0 when `name` may name a store, else -EINVAL and, with `error` given, why and what is allowed. */
 SHM_API int shm_check_name(const char *name, shm_error_t *error);

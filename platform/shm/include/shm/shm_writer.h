@@ -155,6 +155,12 @@ SHM_API int shm_writer_publish_video(shm_writer_t *writer, const uint8_t *const 
 SHM_API int shm_writer_publish_audio(shm_writer_t *writer, int stream, const int16_t *samples,
                                      uint32_t frames, int64_t timestamp);
 
+/*
+ * Tells readers how the frames of a capture device come into the store (shm_capture), for those who want to
+ * know; changes nothing else. Any thread. Returns 0, or -EINVAL.
+ */
+SHM_API int shm_writer_set_capture(shm_writer_t *writer, int capture);
+
 typedef struct shm_writer_stats
 {
     uint32_t size; /* set by the caller: sizeof(shm_writer_stats_t) */

@@ -47,6 +47,23 @@ struct Camera
  */
 ZEVMM_EXPORT std::vector<Camera> listCameras();
 
+/* What a camera is at present, whatever its pixel format. */
+struct CameraState
+{
+    bool multiplanar = false; /* it has the multi-planar interface only */
+    ColorEncoding encoding = ColorEncoding::Bt601;
+    bool fullRange = false; /* luma 0 to 255; else 16 to 235 */
+};
+
+/*
+ * Asks one device, and changes nothing; also while somebody streams from it.
+ *
+ * Threads: reentrant. Errors: throws std::system_error whose code is the errno and whose text names device,
+ * request and remedy, as DmaEglCapture::setup() does: no such device, no permission, not a capture device.
+ * Cost: opens the device for a moment, blocks as long as its driver does.
+ */
+ZEVMM_EXPORT CameraState stateOfCamera(const std::string &device);
+
 } // namespace v4l2
 } // namespace zevmm
 
