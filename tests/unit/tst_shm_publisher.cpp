@@ -119,4 +119,44 @@ TEST_F(ShmPublisher, aReaderThatIsToldNonsenseOfFreshMemoryIsAtItsEnd)
     }
 }
 
+// Records are prepared for each slot with the addresses of its memory. A writer that sends other memory, or
+// takes it away, and goes on speaking of it by the same number must not have a reader look where it was.
+TEST_F(ShmPublisher, aReaderForgetsWhereASlotWasWhateverTheWriterCallsWhatItSends)
+{
+    SharedMemory control;
+    ASSERT_EQ(createSharedMemory(&control, "shm-control", sizeof(ControlPage), kMemfd, sealsForShared()), 0);
+    for (const bool isReplaced : {true, false}) {
+        StoreConnection connection = testing_shm::connectTo(store, control);
+        int sockets[2] = {-1, -1};
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sockets), 0);
+        connection.socket.reset(sockets[0]);
+        const UniqueFd writer(sockets[1]);
+        shm_reader reader(std::move(connection), 4, 1000);
+        ASSERT_NO_FATAL_FAILURE(publish(1));
+        shm_video_frame_t frame = {};
+        ASSERT_EQ(reader.lock(&frame, SHM_VIDEO_NEWEST), 0);
+        const uint8_t *const former = frame.planes[0];
+        const uint32_t slot = frame.slot;
+        reader.unlock(&frame);
+
+        SharedMemory fresh;
+        ASSERT_EQ(createSharedMemory(&fresh, "shm-frame", store.policy.slotBytes, kMemfd, sealsForShared()),
+                  0);
+        fresh.mapping.data()[0] = 77;
+        auto message = makeMessage<SlotsMessage>(kSlots);
+        message.count = 1;
+        message.entries[0] = {slot, isReplaced ? store.slots[slot].memoryGeneration : 0};
+        const int fd = fresh.fd.get();
+        ASSERT_EQ(sendMessage(writer.get(), &message, sizeof message, &fd, isReplaced ? 1 : 0), 0);
+        ASSERT_TRUE(reader.live(shm_reader::Look::Now));
+
+        ASSERT_EQ(reader.lock(&frame, SHM_VIDEO_NEWEST), isReplaced ? 0 : -ENOENT);
+        if (isReplaced) {
+            ASSERT_NE(frame.planes[0], former) << "nothing is mapped there any more";
+            EXPECT_EQ(frame.planes[0][0], 77);
+            reader.unlock(&frame);
+        }
+    }
+}
+
 } // namespace
