@@ -89,7 +89,7 @@ QImage frameToImage(const QVideoFrame &frame, YuvColors colors)
     QVideoFrame mapped(frame);
     if (format == QImage::Format_Invalid || !mapped.map(QAbstractVideoBuffer::ReadOnly))
         return {};
-    const QImage image =
+    QImage image =
         QImage(mapped.bits(), mapped.width(), mapped.height(), mapped.bytesPerLine(), format).copy();
     mapped.unmap();
     return image;

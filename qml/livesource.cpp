@@ -96,7 +96,8 @@ void LiveSource::setNoSignalImage(const QUrl &url)
         return;
     QImageReader reader(pathOf(url));
     if (!url.isEmpty() && !reader.canRead())
-        qmlWarning(this) << "cannot read the picture " << url.toString() << ": " << reader.errorString();
+        qmlWarning(this) << "cannot read the picture " << url.toString() << ": " << reader.errorString()
+                         << "; set noSignalImage to a picture that is there, as PNG or JPEG, or to none";
     m_noSignalImage = url;
     if (url.isEmpty()) { // a provider that had one keeps it
         m_isStreamOld = true;

@@ -14,6 +14,13 @@ double milliseconds(int steps)
     return steps * double(stepUs) / 1000.0;
 }
 
+/* Of so many steps from zero, in the table. */
+std::size_t at(int steps)
+{
+    const int index = side + steps;
+    return std::size_t(index);
+}
+
 } // namespace
 
 OffsetStatistics::OffsetStatistics() : m_steps(2 * side + 1, 0) {}
@@ -21,7 +28,7 @@ OffsetStatistics::OffsetStatistics() : m_steps(2 * side + 1, 0) {}
 void OffsetStatistics::add(qint64 offsetUs)
 {
     const double step = std::round(double(offsetUs) / double(stepUs));
-    ++m_steps[std::size_t(side + int(std::clamp(step, -double(side), double(side))))];
+    ++m_steps[at(int(std::clamp(step, -double(side), double(side))))];
     ++m_count;
 }
 
@@ -29,7 +36,7 @@ double OffsetStatistics::medianMs() const
 {
     quint64 seen = 0;
     for (int i = -side; i <= side && m_count > 0; ++i) {
-        seen += m_steps[std::size_t(side + i)];
+        seen += m_steps[at(i)];
         if (2 * seen >= m_count)
             return milliseconds(i);
     }
@@ -40,7 +47,7 @@ double OffsetStatistics::sizePercentileMs(double share) const
 {
     quint64 seen = 0;
     for (int i = 0; i <= side && m_count > 0; ++i) {
-        seen += m_steps[std::size_t(side + i)] + (i > 0 ? m_steps[std::size_t(side - i)] : 0);
+        seen += m_steps[at(i)] + (i > 0 ? m_steps[at(-i)] : 0);
         if (double(seen) >= share * double(m_count))
             return milliseconds(i);
     }

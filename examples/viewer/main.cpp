@@ -38,7 +38,9 @@ QString checkFiles(const Options &options)
     if (!options.noSignal.isEmpty()) {
         QImageReader reader(options.noSignal);
         if (reader.read().isNull())
-            return QStringLiteral("cannot read the picture '%1': %2")
+            return QStringLiteral(
+                       "cannot read the picture '%1': %2; give --no-signal a picture that is there, as "
+                       "PNG or JPEG, or leave it out")
                 .arg(options.noSignal, reader.errorString());
     }
     for (const QString &path : {options.snapshot, options.report}) {
@@ -196,7 +198,11 @@ int run(QCoreApplication &application, const Options &options)
         chooseOpenGl(options);
         window = std::make_unique<ViewerWindow>(viewer.get(), options);
         if (!window->error().isEmpty())
-            return complain(WrongUse, QStringLiteral("cannot build the window: %1").arg(window->error()));
+            return complain(
+                WrongUse,
+                QStringLiteral("cannot build the window: %1; install Qt Quick's modules (on Debian "
+                               "qml-module-qtquick2 and qml-module-qtquick-window2), or run with --headless")
+                    .arg(window->error()));
         QObject::connect(window.get(), &ViewerWindow::closed, &application, &QCoreApplication::quit);
     }
 

@@ -56,7 +56,7 @@ void checkStoreName(const QUrl &url, const QString &text)
 
 QUrl sourceUrl(const QString &text)
 {
-    const QUrl url(text, QUrl::StrictMode);
+    QUrl url(text, QUrl::StrictMode);
     if (!url.isValid() || text.isEmpty())
         throw Problem{QStringLiteral("'%1' is not a URL; a store is named shm:///NAME, a capture device "
                                      "v4l:///dev/videoN")

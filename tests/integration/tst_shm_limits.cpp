@@ -1,11 +1,14 @@
 // Too few descriptors, too little address space, too small files: whoever meets such a limit is told, nothing
 // is left behind, and the same process carries on once the limit is gone.
+#include "../remedies.h"
 #include "../unit/shm_testing.h"
 
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <set>
 
 using namespace testing_shm;
 
@@ -48,6 +51,7 @@ struct Tally
 {
     int opened = 0;
     int refused = 0;
+    std::set<int> codes; // of those
 };
 
 // Opens under every limit; `open` answers whether it worked and, if not, with an error.
@@ -67,7 +71,8 @@ Tally sweep(int which, const std::vector<rlim_t> &limits, Open &&open)
         (worked ? tally.opened : tally.refused)++;
         if (!worked) {
             EXPECT_LT(error.code, 0) << "limit " << limit;
-            EXPECT_STRNE(error.message, "") << "limit " << limit;
+            EXPECT_TRUE(namesARemedy(error.message)) << "limit " << limit << ": " << error.message;
+            tally.codes.insert(error.code);
         }
         EXPECT_EQ(openDescriptors(), descriptors) << "limit " << limit << ": " << error.message;
         EXPECT_EQ(shmMappings(), mappings) << "limit " << limit << ": " << error.message;
@@ -118,6 +123,7 @@ TEST_F(ShmLimits, AReaderWithAnyNumberOfDescriptorsLeft)
     const Tally tally = sweep(RLIMIT_NOFILE, steps(used - 1, used + 80, 1), readsFrame);
     EXPECT_GT(tally.refused, 5);
     EXPECT_GT(tally.opened, 5);
+    EXPECT_EQ(tally.codes, std::set<int>({-EMFILE})) << "neither a dead writer nor a damaged message";
     EXPECT_TRUE(readsFrame(&error)) << error.message;
 }
 

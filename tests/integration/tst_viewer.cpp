@@ -1,5 +1,6 @@
 // The viewer as a person uses it: real processes, a store, a virtual display looked at from outside.
 
+#include "../remedies.h"
 #include "stallwatch.h"
 #include "viewerrig.h"
 
@@ -10,6 +11,8 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonValue>
+#include <QLibraryInfo>
+#include <QProcessEnvironment>
 #include <QThread>
 
 #include <algorithm>
@@ -306,6 +309,7 @@ TEST_P(ViewerWrongUse, endsWithOneLineThatNamesIt)
     EXPECT_TRUE(run.errors().startsWith("zevqt-viewer: ")) << run.errors().toStdString();
     EXPECT_TRUE(run.errors().contains(QLatin1String(GetParam().named))) << run.errors().toStdString();
     EXPECT_EQ(run.errors().count(QLatin1Char('\n')), 1) << run.errors().toStdString();
+    EXPECT_TRUE(namesARemedy(run.errors().toStdString())) << run.errors().toStdString();
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -322,6 +326,31 @@ INSTANTIATE_TEST_SUITE_P(
                     Wrong{{"shm:///cam0", "--report", "/tmp", "--headless"}, 2, "'/tmp': it is not a file"},
                     Wrong{{"shm:///cam0", "--snapshot", "/tmp/s.xyz", "--headless"}, 2, "name it s.png"},
                     Wrong{{"shm:///cam0"}, 3, "run with --headless"}));
+
+// A copy of the program beside a qt.conf that leads to no modules.
+TEST_F(ViewerTest, aWindowThatCannotBeBuiltTellsWhatToInstall)
+{
+    const QString program = file("zevqt-viewer");
+    ASSERT_TRUE(QFile::copy(VIEWER, program));
+    QFile conf(file("qt.conf"));
+    ASSERT_TRUE(conf.open(QIODevice::WriteOnly));
+    conf.write("[Paths]\nPrefix=" + QLibraryInfo::location(QLibraryInfo::PrefixPath).toUtf8() +
+               "\nPlugins=" + QLibraryInfo::location(QLibraryInfo::PluginsPath).toUtf8() +
+               "\nQml2Imports=" + file("none").toUtf8() + "\n");
+    conf.close();
+    BoundProcess run;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("QT_QPA_PLATFORM", "offscreen");
+    environment.remove("QML2_IMPORT_PATH");
+    run.setProcessEnvironment(environment);
+    run.start(program, {"shm:///cam0"});
+    ASSERT_TRUE(run.waitForFinished(30000));
+    EXPECT_EQ(run.exitCode(), 2);
+    const std::string said = run.readAllStandardError().toStdString();
+    const size_t last = said.find("zevqt-viewer: cannot build the window: ");
+    ASSERT_NE(last, std::string::npos) << said;
+    EXPECT_TRUE(namesARemedy(said.substr(last))) << said;
+}
 
 TEST_F(ViewerTest, aSnapshotOfNothingIsAFailure)
 {

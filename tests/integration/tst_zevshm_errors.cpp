@@ -1,4 +1,5 @@
 // Everything that can be wrong: one line on standard error and the documented exit code.
+#include "../remedies.h"
 #include "zevshm_driver.h"
 #include "zevshm_media.h"
 
@@ -27,6 +28,7 @@ void expectFailure(const Result &result, int code, const std::string &mentions)
     EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), 1) << result.errors;
     EXPECT_EQ(result.errors.rfind("zevshm: ", 0), 0u) << result.errors;
     EXPECT_NE(result.errors.find(mentions), std::string::npos) << result.errors;
+    EXPECT_TRUE(namesARemedy(result.errors)) << result.errors;
 }
 
 class ZevshmErrors : public testing::Test

@@ -1,3 +1,4 @@
+#include "../remedies.h"
 #include "options.h"
 
 #include <gtest/gtest.h>
@@ -123,6 +124,7 @@ TEST_P(ViewerOptionsBad, isRefusedInOneLineThatNamesIt)
     const ParsedOptions p = parse(GetParam().line);
     EXPECT_TRUE(p.error.contains(QLatin1String(GetParam().named))) << p.error.toStdString();
     EXPECT_FALSE(p.error.contains(QLatin1Char('\n')));
+    EXPECT_TRUE(namesARemedy(p.error.toStdString())) << p.error.toStdString();
 }
 
 INSTANTIATE_TEST_SUITE_P(

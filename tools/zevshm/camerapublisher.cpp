@@ -331,8 +331,8 @@ void CameraPublisher::publish(shm_writer_frame_t &slot, int64_t labelUs)
     else if (published == -EEXIST)
         ++m_refused;
     else
-        throw Failure(ExitInternal,
-                      std::string("a frame cannot be published (") + std::strerror(-published) + ")");
+        throw Failure(ExitInternal, std::string("a frame cannot be published (") + std::strerror(-published) +
+                                        "); start publishing again");
 }
 
 void CameraPublisher::copy(const zevmm::v4l2::FilledFrame &frame, int64_t labelUs)

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace zevshm {
 
@@ -139,7 +140,7 @@ void MediaInput::end(std::exception_ptr failure)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_ended = true;
-        m_failure = failure;
+        m_failure = std::move(failure);
     }
     m_changed.notify_all();
 }

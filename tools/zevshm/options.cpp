@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <numeric>
+#include <utility>
 
 namespace zevshm {
 
@@ -127,15 +128,16 @@ Options::Options(std::string command, std::vector<OptionSpec> specs, std::vector
             m_values[name];
             continue;
         }
-        if (equals != std::string::npos) {
-            m_values[name] = word.substr(equals + 1);
-        } else {
-            if (i + 1 >= words.size())
-                refuse("option '" + name + "' needs a value, give " + name + " " + spec->argument);
-            m_values[name] = words[++i];
+        std::string value;
+        if (equals != std::string::npos)
+            value = word.substr(equals + 1);
+        else if (i + 1 < words.size())
+            value = words[++i];
+        if (value.empty()) {
+            const std::string usage = name + " " + spec->argument;
+            refuse("option '" + name + "' needs a value, give " + usage);
         }
-        if (m_values[name].empty())
-            refuse("option '" + name + "' needs a value, give " + name + " " + spec->argument);
+        m_values[name] = std::move(value);
     }
     if (has("--help"))
         return;
@@ -251,7 +253,7 @@ std::optional<std::pair<double, double>> Options::pair(const std::string &name) 
 std::optional<std::string> Options::choice(const std::string &name,
                                            const std::vector<std::string> &allowed) const
 {
-    const auto value = text(name);
+    auto value = text(name);
     if (!value || std::find(allowed.begin(), allowed.end(), *value) != allowed.end())
         return value;
     std::string list;

@@ -57,7 +57,8 @@ std::vector<uint8_t> encodePng(const std::vector<uint8_t> &rgb, int width, int h
     if (rc >= 0)
         rc = avcodec_receive_packet(encoder.get(), packet.get());
     if (rc < 0)
-        throw Failure(ExitInternal, "the picture cannot be encoded (" + avError(rc) + ")");
+        throw Failure(ExitInternal,
+                      "the picture cannot be encoded (" + avError(rc) + "); publish smaller frames");
     return {packet->data, packet->data + packet->size};
 }
 

@@ -262,10 +262,10 @@ PublishPlan makePlan(const Options &options)
 std::string progressLine(const std::string &name, const Publisher::Counters &counters,
                          const shm_writer_stats_t &stats, double framesPerSecond)
 {
+    const unsigned long long dropped = counters.noSlot + counters.refused + counters.withheld;
     char line[200];
     std::snprintf(line, sizeof line, "%s: %llu frames, %.1f fps, %llu dropped, %llu late, %d reader%s",
-                  name.c_str(), static_cast<unsigned long long>(counters.frames), framesPerSecond,
-                  static_cast<unsigned long long>(counters.noSlot + counters.refused + counters.withheld),
+                  name.c_str(), static_cast<unsigned long long>(counters.frames), framesPerSecond, dropped,
                   static_cast<unsigned long long>(counters.late), stats.readers,
                   stats.readers == 1 ? "" : "s");
     return line;

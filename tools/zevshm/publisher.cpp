@@ -189,8 +189,8 @@ void Publisher::publishFrame(const VideoItem &item, uint64_t number)
     const int acquired = m_store.acquire(slot);
     if (acquired < 0) {
         if (acquired != -EAGAIN)
-            throw Failure(ExitInternal,
-                          std::string("the store gives no slot (") + std::strerror(-acquired) + ")");
+            throw Failure(ExitInternal, std::string("the store gives no slot (") + std::strerror(-acquired) +
+                                            "); start publishing again");
         ++m_noSlot;
         m_stopToken.waitUntil(dueUs);
         return;
@@ -212,8 +212,8 @@ void Publisher::publishFrame(const VideoItem &item, uint64_t number)
     } else if (published == -EEXIST) {
         ++m_refused;
     } else {
-        throw Failure(ExitInternal,
-                      std::string("a frame cannot be published (") + std::strerror(-published) + ")");
+        throw Failure(ExitInternal, std::string("a frame cannot be published (") + std::strerror(-published) +
+                                        "); start publishing again");
     }
 }
 

@@ -22,7 +22,7 @@ int guarded(shm_error_t *error, Body &&body) noexcept
     } catch (const std::bad_alloc &) {
         return fail(error, ENOMEM, "out of memory; close something and try again");
     } catch (const std::exception &exception) {
-        return fail(error, EIO, "internal error: %s", exception.what());
+        return fail(error, EIO, "internal error: %s; this is unexpected, please report it", exception.what());
     }
 }
 

@@ -17,6 +17,12 @@
 
 namespace shm {
 
+namespace {
+
+constexpr char kNoRoom[] = "its memory cannot be mapped; end other programs or raise the limit (ulimit -v)";
+
+} // namespace
+
 int StoreConnection::beginSlots(const Message &message, SlotsMessage *list, const char **why) const
 {
     return checkSlots(message.bytes, message.length, message.fds.size(), layout.slotCapacity, list, why);
@@ -54,7 +60,7 @@ int StoreConnection::mapSlots(Message &message, const SlotsMessage &list, const 
             }
             result = fresh.mapping.map(fd, layout.slotBytes, !readOnly);
             if (result != 0) {
-                *why = "a frame cannot be mapped";
+                *why = kNoRoom;
                 return result;
             }
         }
@@ -135,8 +141,11 @@ int Handshake::begin(const std::string &directory, const std::string &name, int 
     case -EAGAIN:
         return failSilent(error);
     default:
-        return fail(error, -result, "store \"%s\" in %s cannot be opened: %s", name.c_str(),
-                    directory.c_str(), std::strerror(-result));
+        return fail(error, -result, "store \"%s\" in %s cannot be opened: %s; %s", name.c_str(),
+                    directory.c_str(), std::strerror(-result),
+                    result == -EMFILE || result == -ENFILE
+                        ? "close some files or raise the limit (ulimit -n)"
+                        : "check what lies there, or start its writer again");
     }
     if (!peerOf(m_connection.socket.get(), &m_connection.peer))
         return reject(EPROTO, "its writer cannot be identified", error);
@@ -156,7 +165,7 @@ int Handshake::begin(const std::string &directory, const std::string &name, int 
     SHM_STEP("open: said hello");
     // A writer that refuses at once may have hung up already; its reason is there to be read.
     if (result != 0 && result != -EPIPE && result != -ECONNRESET)
-        return reject(-result, "it does not take messages", error);
+        return reject(-result, "its writer does not take messages; try again", error);
     return 0;
 }
 
@@ -170,7 +179,7 @@ int Handshake::wait(int64_t deadlineUs, shm_error_t *error)
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)
-            return reject(errno, std::strerror(errno), error);
+            return reject(errno, "it cannot be waited for; end other programs", error);
         if (count == 0)
             return failSilent(error);
         // What it sent before it died is of no use.
@@ -193,6 +202,11 @@ int Handshake::advance(int64_t deadlineUs, shm_error_t *error)
         }
         if (result == -EPIPE)
             return reject(ECONNREFUSED, "its writer hung up; try again", error);
+        if (result == -EMFILE || result == -ENFILE)
+            return reject(
+                -result,
+                "no descriptors are left for its memory; close some files or raise the limit (ulimit -n)",
+                error);
         if (result != 0)
             return reject(EPROTO, "a message is damaged", error);
         result = handle(message, error);
@@ -257,7 +271,7 @@ int Handshake::handleWelcome(Message &message, shm_error_t *error)
             result = -EPROTO;
         }
         if (result == 0) {
-            why = "its memory cannot be mapped";
+            why = kNoRoom;
             result = parts[i].mapping->map(fd, parts[i].bytes, parts[i].writable);
         }
         if (result != 0)

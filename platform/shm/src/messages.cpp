@@ -1,5 +1,6 @@
 #include "messages.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 
@@ -92,6 +93,14 @@ int receiveMessage(int socket, Message *message)
         return -EPIPE;
     message->length = static_cast<size_t>(received);
     const MessageHeader head = message->header();
+    // Cut short for want of room in this process, which those that came still take up? Then it is not
+    // damaged.
+    if ((header.msg_flags & MSG_CTRUNC) != 0 && !UniqueFd(fcntl(socket, F_DUPFD_CLOEXEC, 0)) &&
+        (errno == EMFILE || errno == ENFILE)) {
+        const int code = errno;
+        message->fds.clear();
+        return -code;
+    }
     if ((header.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0 || message->length < sizeof head ||
         head.magic != kProtocolMagic || head.length != message->length) {
         message->fds.clear();

@@ -32,7 +32,8 @@ T makeMessage(MessageType type)
 int sendMessage(int socket, const void *bytes, size_t length, const int *fds, size_t fdCount);
 
 // Never waits. Returns 0, -EAGAIN, -EPIPE when the peer has hung up, -EPROTO for a message that is cut off,
-// too long or has no valid header (its descriptors are closed).
+// too long or has no valid header, -EMFILE or -ENFILE when there is no room for its descriptors (those that
+// came are closed).
 int receiveMessage(int socket, Message *message);
 
 struct Peer
