@@ -1,5 +1,6 @@
 #include "livesource.h"
 
+#include "camera.h"
 #include "livestream.h"
 
 #include <zevqt-mm/mediaprovider.h>
@@ -15,7 +16,8 @@
 
 namespace {
 
-constexpr int retryMs = 2000; // of a camera that cannot be opened
+constexpr int retryMs = 2000;   // of a camera that cannot be opened
+constexpr int leavingMs = 1500; // less: at the next attempt it is over
 
 double screenRate()
 {
@@ -200,8 +202,16 @@ void LiveSource::dropStream()
 {
     if (!m_stream)
         return;
-    const std::unique_ptr<LiveStream> old = std::move(m_stream);
+    if (m_stream->camera())
+        m_leaving = m_stream->provider()->getVideoSource();
+    std::unique_ptr<LiveStream> old = std::move(m_stream);
     emit providerChanged(); // whoever draws lets go first
+    old.reset();
+    // What has images in the GPU goes with the next synchronization of the window that shows them.
+    if (const auto leaving = m_leaving.toStrongRef()) {
+        m_leavingLimit.setRemainingTime(leavingMs);
+        connect(leaving.data(), &QObject::destroyed, this, &LiveSource::scheduleUpdate);
+    }
     if (!m_videoSize.isEmpty()) {
         m_videoSize = QSize(0, 0);
         emit videoSizeChanged();
@@ -209,8 +219,19 @@ void LiveSource::dropStream()
     emit statisticsChanged();
 }
 
+// Until then it would be busy.
+bool LiveSource::isCameraLeaving() const
+{
+    return !m_leaving.isNull() && !m_leavingLimit.hasExpired();
+}
+
 void LiveSource::makeStream()
 {
+    if (m_video.scheme() == QLatin1String("v4l") && isCameraLeaving()) {
+        m_refusal.clear();
+        m_retry.start();
+        return;
+    }
     LiveStream::Wishes wishes;
     wishes.video = m_video;
     wishes.audio = m_audio;

@@ -2,6 +2,7 @@
 
 #include <zevqt-mm/livestatistics.h>
 
+#include <QDeadlineTimer>
 #include <QObject>
 #include <QQmlParserStatus>
 #include <QSet>
@@ -9,6 +10,7 @@
 #include <QSize>
 #include <QTimer>
 #include <QUrl>
+#include <QWeakPointer>
 
 #include <memory>
 
@@ -25,9 +27,9 @@ class MediaSourceBase;
  *
  * Nothing is asked of a source, no frame locked and no tick made, while it is not running or no LiveVideo
  * shows it: items that are not visible, that are in no window, or in a window that is hidden or minimized, do
- * not count. A camera is closed with the window's next synchronization, which one that is hidden does not
- * have: it streams on until then. A store's connection stays, its statistics too. A source of sound alone has
- * nothing to be seen and runs when it is told to.
+ * not count. A camera is closed then, and opened when it is shown again; one that is still about to be
+ * closed, with a window's next synchronization, is waited for. A store's connection stays, its statistics
+ * too. A source of sound alone has nothing to be seen and runs when it is told to.
  *
  * `state`:
  *   NoSource   there is no URL, or one that cannot be used: errorString says why
@@ -116,6 +118,7 @@ private:
     void update();
     void dropStream();
     void makeStream();
+    bool isCameraLeaving() const;
     void startWaiting();
     void applyNoSignal();
     void follow();
@@ -138,6 +141,9 @@ private:
     QString m_refusal;          // why there is no stream
     bool m_isRefusalFinal = false;
     QTimer m_retry;
+    // The camera of the last stream while somebody has it still, and how long that is waited for.
+    QWeakPointer<MediaSourceBase> m_leaving;
+    QDeadlineTimer m_leavingLimit;
     QSet<const QObject *> m_shownBy;
     std::unique_ptr<LiveStream> m_stream;
 };

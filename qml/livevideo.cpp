@@ -62,6 +62,7 @@ LiveVideo::LiveVideo(QQuickItem *parent) : QQuickItem(parent), m_hooks(new zevqm
         updateProblem();
         update();
     });
+    connect(m_hooks, &zevqml::SourceHooks::released, this, [this] { update(); });
     watchWindow(window()); // a parent that is in one was given to the constructor: nothing tells of it
 }
 

@@ -72,11 +72,25 @@ struct SourceHooks::Hooked
     ~Hooked()
     {
         giveUp();
+        drop();
+    }
+
+    // The source; for one that nobody will prepare any more.
+    void drop()
+    {
         QCoreApplication *const application = QCoreApplication::instance();
-        if (application && QThread::currentThread() != source->thread()) {
+        if (source && application && QThread::currentThread() != source->thread()) {
             QMetaObject::invokeMethod(
                 application, [owner = std::move(source)] {}, Qt::QueuedConnection);
         }
+        source.reset();
+    }
+
+    // It has resources that it alone can release, or shares some.
+    bool hasResources() const
+    {
+        const QMutexLocker lock(&resources->mutex);
+        return isUser;
     }
 
     // Without a release: the scene graph that could do it is gone, or another window's now.
@@ -168,12 +182,59 @@ struct SourceHooks::Hooked
             report(failure->message, failure->hint);
     }
 
-    QSharedPointer<MediaSourceBase> source; // never null, but at its end
+    QSharedPointer<MediaSourceBase> source; // null when it was dropped
     const std::shared_ptr<Resources> resources;
     bool isUser = false;    // by the resources' mutex
     bool isBroken = false;  // the render thread only
     bool hasFailed = false; // likewise: said and not taken back
+    // After it was detached: of the window that may stop drawing before it synchronizes once more.
+    QMetaObject::Connection stopping;
 };
+
+namespace {
+
+// In the thread that draws a window, where that is not to be drawn for now: its context is current there, but
+// nobody promises it.
+class UnseenContext
+{
+public:
+    explicit UnseenContext(QQuickWindow *window)
+        : m_context(window->openglContext()), m_before(QOpenGLContext::currentContext()),
+          m_surfaceBefore(m_before ? m_before->surface() : nullptr)
+    {
+        if (!m_context || m_context->thread() != QThread::currentThread())
+            return;
+        m_isSwitched = m_context != m_before && m_context->makeCurrent(window);
+        m_isCurrent = m_isSwitched || m_context == m_before;
+    }
+    ~UnseenContext()
+    {
+        if (!m_isSwitched)
+            return;
+        if (m_before)
+            m_before->makeCurrent(m_surfaceBefore);
+        else
+            m_context->doneCurrent();
+    }
+    UnseenContext(const UnseenContext &) = delete;
+    UnseenContext &operator=(const UnseenContext &) = delete;
+
+    bool isCurrent() const { return m_isCurrent; }
+
+private:
+    QOpenGLContext *const m_context;
+    QOpenGLContext *const m_before;
+    QSurface *const m_surfaceBefore;
+    bool m_isSwitched = false;
+    bool m_isCurrent = false;
+};
+
+void warn(const QString &message, const QString &)
+{
+    qWarning("LiveVideo: the source cannot release what it has in the GPU: %s", qPrintable(message));
+}
+
+} // namespace
 
 /* Releases in the render thread, at the next synchronization or at the window's end. */
 class SourceHooks::Release : public QRunnable
@@ -182,9 +243,9 @@ public:
     explicit Release(std::shared_ptr<Hooked> toRelease) : hooked(std::move(toRelease)) {}
     void run() override
     {
-        hooked->release([](const QString &message, const QString &) {
-            qWarning("LiveVideo: the source cannot release what it has in the GPU: %s", qPrintable(message));
-        });
+        QObject::disconnect(hooked->stopping);
+        hooked->release(warn);
+        hooked->drop();
     }
 
 private:
@@ -227,6 +288,15 @@ void SourceHooks::attach(QQuickWindow *window, const QSharedPointer<MediaSourceB
     connect(
         window, &QQuickWindow::sceneGraphInvalidated, this, [hooked, report] { hooked->release(report); },
         Qt::DirectConnection);
+    // A hidden window may not synchronize for hours, and a camera would go on for nobody.
+    connect(
+        window, &QQuickWindow::sceneGraphAboutToStop, this,
+        [this, window, hooked, report] {
+            const UnseenContext context(window);
+            hooked->release(report);
+            emit released();
+        },
+        Qt::DirectConnection);
     // Render loops with one context for all windows do not tell when one of several goes.
     connect(window, &QObject::destroyed, this, [hooked] { hooked->giveUp(); });
 }
@@ -235,13 +305,36 @@ void SourceHooks::detach()
 {
     if (m_window) {
         disconnect(m_window, nullptr, this, nullptr);
-        if (m_hooked) {
-            m_window->scheduleRenderJob(new Release(m_hooked), QQuickWindow::BeforeSynchronizingStage);
-            m_window->update();
-        }
+        if (m_hooked && m_hooked->hasResources())
+            releaseSoon(m_window, m_hooked);
     }
     m_window = nullptr;
     m_hooked.reset();
+}
+
+// At the next synchronization, or as soon as it is certain that there will be none for now.
+void SourceHooks::releaseSoon(QQuickWindow *window, const std::shared_ptr<Hooked> &hooked)
+{
+    if (!window->isExposed() && window->handle()) {
+        // Render loops without a thread of their own do not tell when a window is minimized.
+        const UnseenContext context(window);
+        if (context.isCurrent()) {
+            hooked->release(warn);
+            return;
+        }
+    }
+    hooked->stopping = connect(
+        window, &QQuickWindow::sceneGraphAboutToStop, window,
+        [window, hooked] {
+            const auto last = hooked; // the connection's own goes with the connection
+            const UnseenContext context(window);
+            QObject::disconnect(last->stopping);
+            last->release(warn);
+            last->drop();
+        },
+        Qt::DirectConnection);
+    window->scheduleRenderJob(new Release(hooked), QQuickWindow::BeforeSynchronizingStage);
+    window->update();
 }
 
 quint64 SourceHooks::generation() const

@@ -15,8 +15,9 @@ namespace zevqml {
 
 /*
  * Calls a source's GL hooks in a window's render thread: before and after every synchronization, and when the
- * scene graph's resources go or nobody shows the source any more. Sources whose frames live in the GPU need
- * them; to others they are empty calls.
+ * window is not drawn any more, the scene graph's resources go or nobody shows the source any more. Sources
+ * whose frames live in the GPU need them; to others they are empty calls. A window that is drawn again
+ * prepares the source again.
  *
  * Several items, also of several windows, may show one source: its resources are released with the last one.
  * Frames that borrow an image of the source are worth nothing after that, and some may still be on their way
@@ -50,11 +51,14 @@ Q_SIGNALS:
     void failed(const QString &message, const QString &hint);
     /* After failed(), the hooks work again. */
     void recovered();
+    /* The window has stopped drawing; what it shows of the source's is worth nothing any more. */
+    void released();
 
 private:
     class Resources;
     struct Hooked;
     class Release;
+    static void releaseSoon(QQuickWindow *window, const std::shared_ptr<Hooked> &hooked);
 
     std::shared_ptr<Hooked> m_hooked;
     QPointer<QQuickWindow> m_window;

@@ -4,7 +4,9 @@
 
 #include <QtCore/QMutexLocker>
 
+#include <cerrno>
 #include <stdexcept>
+#include <system_error>
 
 namespace {
 
@@ -40,6 +42,7 @@ void FakeZevmm::reset()
     format.width = 64;
     format.height = 36;
     images.clear();
+    isExclusive = false;
     lateFrame = false;
     trouble.clear();
     statistics = {};
@@ -141,6 +144,8 @@ DmaEglCapture::~DmaEglCapture() = default;
 void DmaEglCapture::setup()
 {
     note("setup");
+    if (fake().isExclusive && fake().alive > 1)
+        throw std::system_error(EBUSY, std::generic_category(), device());
 }
 
 void DmaEglCapture::createEGLImages(void *display, CreateImage create)

@@ -37,6 +37,7 @@ public:
     QStringList failing;
     zevmm::v4l2::CaptureFormat format;
     QVector<void *> images; // waiting: one for each readFrame(), oldest first
+    bool isExclusive;       // the device is: a second capture's setup() says that it is busy
     bool lateFrame;         // isFrameReady() does not see them, readFrame() does
     std::string trouble;
     zevmm::v4l2::CaptureStatistics statistics;

@@ -83,6 +83,66 @@ TEST_F(Hooks, resourcesAreReleasedWithTheWindowAlsoAfterDetaching)
     EXPECT_EQ(source->hadContextAtRelease, withOpenGl());
 }
 
+TEST_F(Hooks, resourcesAreReleasedWhenTheWindowIsHiddenAndMadeAnewWhenItIsShown)
+{
+    zevqml::SourceHooks hooks;
+    int released = 0;
+    QObject::connect(&hooks, &zevqml::SourceHooks::released, window.get(), [&] { ++released; });
+    hooks.attach(window.get(), source);
+    synchronize();
+    window->hide();
+    EXPECT_EQ(source->released, 1);
+    EXPECT_EQ(source->hadContextAtRelease, withOpenGl());
+    EXPECT_TRUE(waitUntil([&] { return released == 1; }));
+    EXPECT_EQ(hooks.generation(), 1u);
+
+    const int before = source->before;
+    window->show();
+    ASSERT_TRUE(waitUntil([&] { return window->isExposed(); }));
+    synchronize();
+    EXPECT_GT(source->before, before);
+    EXPECT_EQ(source->released, 1);
+    window.reset();
+    EXPECT_EQ(source->released, 2);
+}
+
+TEST_F(Hooks, resourcesAreReleasedWhenTheWindowIsHiddenAfterDetaching)
+{
+    QWeakPointer<MediaSourceBase> owned;
+    {
+        const QSharedPointer<HookedSource> other(new HookedSource);
+        owned = other;
+        zevqml::SourceHooks hooks;
+        hooks.attach(window.get(), other);
+        synchronize();
+        hooks.detach();
+        window->hide();
+        EXPECT_EQ(other->released, 1);
+        EXPECT_EQ(other->hadContextAtRelease, withOpenGl());
+    }
+    // What waits in the window for its next synchronization does not keep it.
+    EXPECT_TRUE(waitUntil([&] { return owned.isNull(); }));
+    window->show();
+    ASSERT_TRUE(waitUntil([&] { return window->isExposed(); }));
+    synchronize();
+}
+
+TEST_F(Hooks, nobodyIsKeptThatHasNothingToRelease)
+{
+    QWeakPointer<MediaSourceBase> owned;
+    {
+        const QSharedPointer<HookedSource> other(new HookedSource);
+        owned = other;
+        zevqml::SourceHooks hooks;
+        hooks.attach(window.get(), other);
+        synchronize();
+        window->hide();
+        hooks.detach();
+        EXPECT_EQ(other->released, 1);
+    }
+    EXPECT_TRUE(waitUntil([&] { return owned.isNull(); }));
+}
+
 TEST_F(Hooks, whatWasNeverPreparedIsNotReleased)
 {
     window->hide();

@@ -31,6 +31,20 @@ add_test(NAME tst_livevideocamera_opengl COMMAND tst_livevideocamera --opengl)
 set_tests_properties(tst_livevideocamera_opengl PROPERTIES LABELS integration TIMEOUT 120 SKIP_RETURN_CODE 77)
 zev_test_environment(tst_livevideocamera_opengl)
 
+# A camera by URL, on OpenGL through EGL, in either of Qt's render loops.
+zev_test(tst_livesourcecamera
+    SOURCES unit/tst_livesourcecamera.cpp unit/fake_zevmm.cpp unit/fake_zevmm.h unit/scenegraph_testing.cpp
+        unit/scenegraph_testing.h integration/xvfbserver.cpp
+    LIBRARIES Zev::items GTest::gtest
+    LABEL integration)
+target_include_directories(tst_livesourcecamera PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/integration
+    $<TARGET_PROPERTY:Zev::zevmm,INTERFACE_INCLUDE_DIRECTORIES>)
+set_property(TEST tst_livesourcecamera APPEND PROPERTY ENVIRONMENT QSG_RENDER_LOOP=threaded)
+add_test(NAME tst_livesourcecamera_basic COMMAND tst_livesourcecamera)
+set_tests_properties(tst_livesourcecamera_basic PROPERTIES LABELS integration TIMEOUT 120 SKIP_RETURN_CODE 77)
+zev_test_environment(tst_livesourcecamera_basic)
+set_property(TEST tst_livesourcecamera_basic APPEND PROPERTY ENVIRONMENT QSG_RENDER_LOOP=basic)
+
 # Sources by URL on real stores, twice likewise.
 zev_test(tst_livesource
     SOURCES unit/tst_livesource.cpp unit/scenegraph_testing.cpp unit/scenegraph_testing.h unit/storepublisher.cpp
