@@ -152,4 +152,5 @@ def main():
             wait_for_picture(shoot, expected)
 
 
-main()
+if __name__ == "__main__":
+    main()

@@ -215,3 +215,16 @@ if(Python3_FOUND AND NOT ZEV_SANITIZE AND TARGET zevshm)
         ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER} $<TARGET_FILE:zevshm>)
     set_tests_properties(installed_qml PROPERTIES LABELS integration TIMEOUT 120)
 endif()
+
+# The documents: what they name is there, and what they tell a new user to do works.
+if(Python3_FOUND AND TARGET zevshm)
+    add_test(NAME documents COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/documents.py ${PROJECT_SOURCE_DIR}
+        $<TARGET_FILE:zevshm> $<TARGET_FILE:zevqt-viewer>)
+    set_tests_properties(documents PROPERTIES LABELS integration TIMEOUT 60)
+    zev_test_environment(documents)
+    if(NOT ZEV_SANITIZE)
+        add_test(NAME getting_started COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/getting_started.py
+            ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})
+        set_tests_properties(getting_started PROPERTIES LABELS integration TIMEOUT 120)
+    endif()
+endif()
