@@ -162,6 +162,10 @@ if(TARGET Zev::items)
             ${rig}/itemrenderer.cpp ${rig}/itemrenderer.h
         LIBRARIES Zev::items Zev::zevmm Qt5::Test ${CMAKE_DL_LIBS})
     set_target_properties(tst_cameraitem PROPERTIES ENABLE_EXPORTS ON)
+    zev_rig_test(tst_camerawindow ONLY_VM MACHINE pictures PRELOAD pbufferwindow
+        SOURCES ${rig}/tst_camerawindow.cpp ${rig}/colorbars.cpp ${rig}/colorbars.h ${rig}/virtualcamera.cpp
+            ${rig}/virtualcamera.h
+        LIBRARIES Zev::items Zev::zevmm Qt5::Test)
     if(ZEV_BUILD_EXAMPLES)
         zev_rig_test(tst_viewerofcamera ONLY_VM MACHINE pictures
             SOURCES ${rig}/tst_viewerofcamera.cpp ${rig}/colorbars.cpp ${rig}/colorbars.h ${rig}/virtualcamera.cpp

@@ -1,21 +1,25 @@
-// A camera by URL: when it is opened, closed and opened again. On a virtual display of its own whose OpenGL comes
-// through EGL, over a capture library of the test's own; what its frames look like is for the virtual machine's
-// tests.
+// A camera by URL: when it is opened, closed and opened again. On a virtual display of its own whose OpenGL
+// comes through EGL, over a capture library of the test's own; what its frames look like is for the virtual
+// machine's tests.
 #include "fake_zevmm.h"
 #include "livesource.h"
 #include "livestream.h"
 #include "livevideo.h"
 #include "scenegraph_testing.h"
+#include "storepublisher.h"
 
 #include <zevqt-mm/eglimagecontext.h>
 #include <zevqt-mm/mediaprovider.h>
 
 #include <gtest/gtest.h>
 
+#include <QAudioBuffer>
+#include <QColor>
 #include <QCoreApplication>
-#include <QElapsedTimer>
+#include <QFile>
 #include <QOpenGLContext>
 #include <QQuickWindow>
+#include <QTemporaryDir>
 
 #include <atomic>
 #include <memory>
@@ -176,13 +180,18 @@ TEST_F(CameraSource, isNotWaitedForForEver)
 
 TEST_F(CameraSource, soundBesideItIsAskedForWithItsTicks)
 {
+    const QTemporaryDir folder;
+    qputenv("ZEV_SHM_DIR", QFile::encodeName(folder.path()));
+    const StorePublisher microphone(QStringLiteral("mic"), QColor(), QSize(0, 0));
+    ASSERT_TRUE(microphone.isOpen());
     source.setAudio(QUrl(QStringLiteral("shm:///mic")));
     source.setVideo(camera);
     ASSERT_TRUE(isStarted());
     // A provider with audio of its own would ask for video alone, which a camera does not answer.
     EXPECT_EQ(source.provider()->getAudioSource(), nullptr);
     int buffers = 0;
-    QObject::connect(source.stream(), &LiveStream::audioReady, &source, [&] { ++buffers; });
+    QObject::connect(source.stream(), &LiveStream::audioReady, &source,
+                     [&](const QAudioBuffer &buffer) { buffers += buffer.isValid() ? 1 : 0; });
     EXPECT_TRUE(waitUntil([&] { return buffers > 3; }));
     EXPECT_EQ(source.stream()->soundSource()->name(), QStringLiteral("mic"));
     EXPECT_EQ(told, QStringList());

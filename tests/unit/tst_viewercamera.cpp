@@ -3,6 +3,7 @@
 #include "cameralist.h"
 #include "fake_zevmm.h"
 #include "report.h"
+#include "storepublisher.h"
 #include "viewer.h"
 
 #include <zevqt-mm/mediaprovider.h>
@@ -13,7 +14,9 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
+#include <QFile>
 #include <QJsonObject>
+#include <QTemporaryDir>
 
 #include <ctime>
 #include <functional>
@@ -137,6 +140,10 @@ TEST_F(ViewerCamera, ticksBetweenTwoFramesAreNoPause)
 
 TEST_F(ViewerCamera, soundBesideItIsASourceOfItsOwn)
 {
+    const QTemporaryDir folder;
+    qputenv("ZEV_SHM_DIR", QFile::encodeName(folder.path()));
+    const StorePublisher microphone(QStringLiteral("mic"), QColor(), QSize(0, 0));
+    ASSERT_TRUE(microphone.isOpen());
     options.audio = QUrl("shm:///mic");
     options.audioDevice = QStringLiteral("default");
     Viewer viewer(options, 60.0);
@@ -146,6 +153,9 @@ TEST_F(ViewerCamera, soundBesideItIsASourceOfItsOwn)
     viewer.provider()->setRunning(true);
     library.offer(&image);
     EXPECT_TRUE(waitFor([&] { return viewer.figures().live.frames == 1; }));
+    // It comes with the ticks, also with those that find no frame.
+    EXPECT_TRUE(waitFor([&] { return viewer.figures().audioBuffers > 3; }));
+    EXPECT_EQ(viewer.figures().live.frames, 1u);
     viewer.stop();
 }
 

@@ -1,8 +1,9 @@
 foreach(name framestatistics ratefollower readpointwatch vieweroptions viewersound)
     zev_test(tst_${name} SOURCES unit/tst_${name}.cpp LIBRARIES zevqt-viewer-parts GTest::gtest_main)
 endforeach()
-zev_test(tst_viewercamera SOURCES unit/tst_viewercamera.cpp unit/fake_zevmm.cpp unit/fake_zevmm.h
-    LIBRARIES zevqt-viewer-parts GTest::gtest)
+zev_test(tst_viewercamera
+    SOURCES unit/tst_viewercamera.cpp unit/fake_zevmm.cpp unit/fake_zevmm.h unit/storepublisher.cpp unit/storepublisher.h
+    LIBRARIES zevqt-viewer-parts Zev::shm GTest::gtest)
 foreach(name fillgeometry yuvcolors)
     zev_test(tst_${name} SOURCES unit/tst_${name}.cpp LIBRARIES Zev::items GTest::gtest_main)
 endforeach()
@@ -34,8 +35,8 @@ zev_test_environment(tst_livevideocamera_opengl)
 # A camera by URL, on OpenGL through EGL, in either of Qt's render loops.
 zev_test(tst_livesourcecamera
     SOURCES unit/tst_livesourcecamera.cpp unit/fake_zevmm.cpp unit/fake_zevmm.h unit/scenegraph_testing.cpp
-        unit/scenegraph_testing.h integration/xvfbserver.cpp
-    LIBRARIES Zev::items GTest::gtest
+        unit/scenegraph_testing.h unit/storepublisher.cpp unit/storepublisher.h integration/xvfbserver.cpp
+    LIBRARIES Zev::items Zev::shm GTest::gtest
     LABEL integration)
 target_include_directories(tst_livesourcecamera PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/integration
     $<TARGET_PROPERTY:Zev::zevmm,INTERFACE_INCLUDE_DIRECTORIES>)
