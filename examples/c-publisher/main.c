@@ -1,4 +1,5 @@
-/* c-publisher NAME: publishes a bar that wanders, and a tone of 440 Hz, as the store NAME until it is ended. */
+/* c-publisher NAME: publishes a bar that wanders, and a tone of 440 Hz, as the store NAME until it is ended.
+ */
 #include <shm/shm_writer.h>
 
 #include <math.h>
@@ -10,7 +11,11 @@
 enum { WIDTH = 640, HEIGHT = 360, FPS = 25, RATE = 48000, SAMPLES = RATE / FPS };
 
 static volatile sig_atomic_t is_ended;
-static void end(int number) { (void)number; is_ended = 1; }
+static void end(int number)
+{
+    (void)number;
+    is_ended = 1;
+}
 
 static int64_t now_us(clockid_t clock)
 {

@@ -13,7 +13,7 @@ class QAudioFormat;
 /*! One channel's level in decibels relative to full scale; -120 stands for silence. */
 struct AudioLevel
 {
-    float rms;
+    float rms; //!< root of the mean square
     float max; //!< of the largest sample
 };
 Q_DECLARE_TYPEINFO(AudioLevel, Q_PRIMITIVE_TYPE);
@@ -27,6 +27,7 @@ Q_DECLARE_TYPEINFO(AudioLevel, Q_PRIMITIVE_TYPE);
  */
 ZEVQTMM_EXPORT QVector<AudioLevel> getRmsMaxDecibels(const void *data, size_t frames,
                                                      const QAudioFormat &format);
+/*! The same of a buffer. */
 ZEVQTMM_EXPORT QVector<AudioLevel> getRmsMaxDecibels(const QAudioBuffer &buffer);
 
 #endif

@@ -53,6 +53,7 @@ public:
      */
     static constexpr int sampleIntervalMs = 7;
 
+    /*! Forgets everything: playing was started anew. */
     void begin();
     /*! `devicePosition`: AudioPlayer::getDevicePosition() at this moment; 0 for none. */
     void sample(qint64 now, qint64 devicePosition);

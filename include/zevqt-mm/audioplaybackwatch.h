@@ -43,8 +43,10 @@ public:
         SourceBack, // the source was away and has returned
     };
 
+    /*! Playing was started, or an attempt failed. */
     void begin(qint64 now);
-    /*! `reserve`: what the last read left, however long ago that was; -1: not known. */
+    /*! True when it should be started anew. `reserve`: what the last read left, however long ago that was;
+     * -1: not known. */
     bool check(qint64 now, bool isActive, qint64 readPosition, qint64 newest, qint64 reserve);
     /*! Of the last check(); None since begin(). */
     Reason reason() const { return lastReason; }

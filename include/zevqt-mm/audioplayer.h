@@ -66,7 +66,9 @@ public:
         DeviceFailed,  // it could not be opened
     };
 
+    /*! The one player, made by the first call. */
     static AudioPlayer *getInstance();
+    /*! Deletes it, and stops it before; nothing without one. */
     static void teardown();
 
     /*!
@@ -83,7 +85,9 @@ public:
     bool isActive() const;
     /*! True while its signals are being told: it must not be destroyed then. */
     bool isEmitting() const { return isOutputEmitting; }
+    /*! Linear, 0 to 1. */
     double volume() const;
+    /*! Plays on, and is not heard. */
     bool muted() const;
     /*! How far behind the source's newest audio reading starts. */
     qint64 delay() const;
@@ -93,6 +97,7 @@ public:
     int fixedSampleRate() const;
     /*! Of the device; 0 when not active. */
     int sampleRate() const;
+    /*! Of the last start(). */
     Failure failure() const { return failure_; }
     /*! What the device was asked for in the last start(). */
     QAudioFormat playedFormat() const { return playedFormat_; }
@@ -130,8 +135,11 @@ public:
     void setWaveformFile(const QString &path);
 
 Q_SIGNALS:
+    /*! Once a frame interval while it plays: the source timestamp being heard; 0: not known. */
     void audioPlayed(qint64 timestamp);
+    /*! It has stopped, whoever wanted that. */
     void playerStopped();
+    /*! muted() is another one. */
     void mutedChanged();
     /*! Only for moves of more than 0.05. */
     void volumeChanged();
@@ -144,11 +152,17 @@ public Q_SLOTS:
      * as silence until it has some, unless `requireAudio` is set.
      */
     bool start(MediaSource *source, double fps = 0, bool requireAudio = false);
+    /*! The device stays selected. */
     void stop();
+    /*! Of what plays, too. Linear, 0 to 1. */
     void setVolume(double volume);
+    /*! Of what plays, too. */
     void setMuted(bool mute);
+    /*! As delay(), in microseconds; from the next time on that the position is found anew. */
     void setDelay(qint64 delay);
+    /*! As maxDelay(), in microseconds; from the next read on. */
     void setMaxDelay(qint64 maxDelay);
+    /*! As fixedSampleRate(); from the next start() on. */
     void setFixedSampleRate(int fixedSampleRate);
 
 private Q_SLOTS:

@@ -57,6 +57,7 @@ public:
         bool isSilent = false; //!< the last read ended in silence
     };
 
+    /*! Closed. */
     explicit AudioReader(QObject *parent = nullptr);
     ~AudioReader() override;
 
@@ -66,19 +67,27 @@ public:
      * and `requireAudio` is set. Without it, a source without audio reads as silence.
      */
     bool open(MediaSource *source, const QAudioFormat &outputFormat, bool requireAudio);
+    /*! Lets go of the source. */
     void close() override;
+    /*! True. */
     bool isSequential() const override;
+    /*! 0: what there is to read is not counted, silence fills the rest. */
     qint64 bytesAvailable() const override;
+    /*! False: it cannot. */
     bool seek(qint64 pos) override;
 
     /*! `maxSize` bytes, or -1; what was delivered is copied to the waveform output. */
     qint64 readData(char *data, qint64 maxSize) override;
+    /*! 0: nothing can be written. */
     qint64 writeData(const char *data, qint64 size) override;
+    /*! readData() without the waveform output. */
     qint64 readDataInternal(char *data, qint64 maxSize);
+    /*! Makes the conversion from `inputFormat`; false, with a message, when there is none. */
     bool updateResampler(QAudioFormat inputFormat);
 
-    /*! Take effect at the next read. */
+    /*! How far behind the newest audio reading starts. Takes effect at the next read. */
     void setDelay(qint64 delay);
+    /*! How far behind it may fall. Takes effect at the next read. */
     void setMaxDelay(qint64 maxDelay);
     /*! Null for none. The previous one is neither closed nor deleted. */
     void setWaveformOutput(QIODevice *output);
@@ -88,8 +97,11 @@ public:
     /*! True when the time read has strayed from the time passed by more than `maxDelay`. */
     bool check_delta();
 
+    /*! As set, 200 ms at first. */
     qint64 getDelay() const { return delay; }
+    /*! As set, 300 ms at first. */
     qint64 getMaxDelay() const { return maxDelay; }
+    /*! Null while it is closed. */
     MediaSource *getSource() const { return source; }
     /*! Timestamp of the next sample to read; 0 before the first read. */
     qint64 getReadPosition() const { return readPosition; }
@@ -97,6 +109,7 @@ public:
     qint64 getFirstTimestamp() const { return firstTimestamp; }
     /*! Audio that was read from the source and not yet taken by the output; microseconds. */
     qint64 readAhead() const;
+    /*! Since construction. */
     const Gaps &getGaps() const { return gaps; }
     /*!
      * What the last read left: the newest audio at that time less the position after it; microseconds, 0 when

@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 
+/*! A locked frame: libshm's, of shm/shm_reader.h. */
 typedef struct shm_video_frame shm_video_frame_t;
 
 namespace zevgl {
@@ -25,16 +26,20 @@ namespace zevgl {
  */
 struct ZEVQTMM_EXPORT EGLImageContext
 {
+    /*! Of eglCreateImageKHR. */
     using CreateImage = void *(*)(void *display, void *context, unsigned int target, void *buffer,
                                   const int *attribs);
+    /*! Of eglDestroyImageKHR. */
     using DestroyImage = unsigned int (*)(void *display, void *image);
+    /*! Of eglGetError. */
     using GetError = int (*)();
 
-    void *display = nullptr;
-    CreateImage eglCreateImageKHR = nullptr;
-    DestroyImage eglDestroyImageKHR = nullptr;
-    GetError eglGetError = nullptr;
+    void *display = nullptr;                   //!< EGL's; null for no context, or none of EGL
+    CreateImage eglCreateImageKHR = nullptr;   //!< null where EGL does not have it
+    DestroyImage eglDestroyImageKHR = nullptr; //!< likewise
+    GetError eglGetError = nullptr;            //!< likewise
 
+    /*! Of the calling thread, at this moment. */
     static EGLImageContext currentContext();
 
     /*!
@@ -44,6 +49,7 @@ struct ZEVQTMM_EXPORT EGLImageContext
      */
     template <class FrameHolder>
     void *createImage(FrameHolder &frame, int dmabufFd, QVideoFrame::PixelFormat format);
+    /*! False when EGL refuses. */
     bool destroyImage(void *image);
 };
 

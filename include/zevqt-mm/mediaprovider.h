@@ -50,11 +50,14 @@ public:
     /*! URL schemes by name; none stands for an empty URL. */
     enum Schemes { shm, v4l, none };
 
+    /*! Does not run yet. With `useExternalTicks` there is no tick thread. */
     MediaProvider(const QUrl &video, const QUrl &audio, bool useExternalTicks = false,
                   QObject *parent = nullptr);
     ~MediaProvider() override;
 
+    /*! It ticks. */
     bool running() const;
+    /*! Starts or stops the ticks; either tells of an empty audio buffer first. */
     void setRunning(bool on);
 
     /*! Ticks a second, and the rate wished from the source. */
@@ -71,9 +74,12 @@ public:
 
     /*! The picture that stands in for a source that has been silent for `delay` (5 s at first). */
     void setNoSignalImage(const QString &path, std::chrono::seconds delay);
+    /*! Loads that picture again, for images in the requested size. */
     void updateNoSignalImage();
 
+    /*! What the source has answered, as this provider's signals tell it. */
     void emitImageFrame(const QImage &image);
+    /*! The same of a frame. */
     void emitVideoFrame(const QVideoFrame &frame);
 
     /*! Null without one. For the GL hooks. */
@@ -84,12 +90,20 @@ public:
     VideoTimeline *getTimeline() const;
 
 Q_SIGNALS:
+    /*! running() is another one. */
     void runningChanged(bool running);
+    /*! The picture to show now; the no-signal picture, or a null image without one, when that is over. */
     void imageReady(QImage image);
+    /*! The same; an invalid frame where there is no no-signal picture. */
     void videoReady(const QVideoFrame &frame);
+    /*! Sound that goes with the picture, 100 ms of it; an empty buffer when there is none, and at each start
+     * and stop. */
     void audioReady(QAudioBuffer buffer);
+    /*! Declared for those who connect to it; setNoSignalImage() does not tell. */
     void noSignalImagePathChanged(QString path);
+    /*! Likewise. */
     void noSignalDelayChanged(std::chrono::seconds delay);
+    /*! A tick has found no frame, and it is not yet no signal. */
     void videoIdle();
 
 private:

@@ -60,7 +60,9 @@ public:
      * Never waits, any thread.
      */
     int getHeldFrames() const;
+    /*! The frame nearest to `ts` (0: the newest), locked; invalid when there is none near enough. */
     QVideoFrame grabVideo(long long ts);
+    /*! That frame converted, as setRequestedImageFormat() says; null when there is none. */
     QImage grabImage(long long ts);
     /*!
      * `frames` audio frames of stream 0 from `ts` on. 0 asks for the newest block, a negative `ts` for one

@@ -43,22 +43,26 @@ public:
         long long jitter = 0; //!< how far the actual intervals stray from frameInterval, microseconds
     };
 
+    /*! Opens nothing. */
     explicit MediaSourceBase(QObject *parent = nullptr);
     ~MediaSourceBase() override;
 
     /*! Connects to the source; true when it is usable. */
     virtual bool open() = 0;
+    /*! What it was made for: a store, a device. */
     virtual QString name() const = 0;
     /*!
      * Only frames whose timestamp minus the current wall-clock time lies within [min, max] milliseconds are
      * delivered; (0, 0) delivers all.
      */
     virtual void setRealtimeSyncRange(int min, int max) = 0;
+    /*! At this moment. */
     virtual VideoStatus getVideoStatus() = 0;
     /*! QSize(-1, -1) while unknown. */
     virtual QSize getVideoFrameSize() = 0;
     /*! Wished rate: numerator / denominator frames a second. */
     virtual void setVideoFrameRate(unsigned int numerator, unsigned int denominator) = 0;
+    /*! The same in frames a second. */
     virtual void setVideoFrameRate(double fps) = 0;
     /*! What imageReady() is to deliver; the flags are those of VideoFrameConverter. */
     virtual void setRequestedImageFormat(const QSize &size, QImage::Format format, bool keepAspectRatio,
@@ -73,15 +77,23 @@ public:
     virtual void releaseGLResources();
 
 Q_SIGNALS:
+    /*! The answer to a request for video; invalid when there is none. */
     void videoReady(QVideoFrame frame);
+    /*! The answer to a request for an image; null when there is none. */
     void imageReady(QImage image);
+    /*! The answer to a request for audio; empty when there is none. */
     void audioReady(QAudioBuffer buffer);
 
 public Q_SLOTS:
+    /*! Asks for the frame nearest to `ts`. */
     virtual void requestVideo(long long ts = 0) = 0;
+    /*! Asks for the image of that frame. */
     virtual void requestImage(long long ts = 0) = 0;
+    /*! Asks for a block of audio from `ts` on. */
     virtual void requestAudio(long long ts = 0) = 0;
+    /*! Asks for a frame and the audio from its timestamp on. */
     virtual void requestVideoAudio(long long ts = 0) = 0;
+    /*! Asks for an image and the audio from its frame's timestamp on. */
     virtual void requestImageAudio(long long ts = 0) = 0;
 };
 

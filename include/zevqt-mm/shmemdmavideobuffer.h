@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 
+/*! A locked frame: libshm's, of shm/shm_reader.h. */
 typedef struct shm_video_frame shm_video_frame_t;
 
 /*!
@@ -36,17 +37,25 @@ typedef struct shm_video_frame shm_video_frame_t;
 class ZEVQTMM_EXPORT ShmemDmaVideoBuffer : public QAbstractVideoBuffer
 {
 public:
+    /*! Takes `frame`, which is locked, and borrows the descriptor. */
     ShmemDmaVideoBuffer(SHM_PIXEL_FORMAT pixelFormat, int dmabufFd,
                         std::unique_ptr<shm_video_frame_t, std::function<void(shm_video_frame_t *)>> &frame);
     ~ShmemDmaVideoBuffer() override;
 
+    /*! NotMapped. */
     MapMode mapMode() const override;
+    /*! Null. */
     uchar *map(MapMode mode, int *numBytes, int *bytesPerLine) override;
+    /*! Nothing. */
     void unmap() override;
+    /*! The EGL image, null before createHandle(). */
     QVariant handle() const override;
 
+    /*! Of the frame, as QVideoFrame has it. */
     QVideoFrame::PixelFormat format() const;
+    /*! Makes the image, once. */
     bool createHandle();
+    /*! Destroys it, if there is one. */
     void destroyHandle();
 
     /*! Planes, color and memory identity of the locked frame; dmaBuffer is this. */

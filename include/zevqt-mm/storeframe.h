@@ -23,22 +23,25 @@ class ShmemDmaVideoBuffer;
  */
 struct ZEVQTMM_EXPORT StoreFrame
 {
+    /*! By which samples become colors. */
     enum Matrix : quint8 { MatrixUnknown, MatrixBt601, MatrixBt709, MatrixBt2020 };
+    /*! Which values are black and white. */
     enum Range : quint8 { RangeUnknown, RangeFull, RangeLimited };
 
-    Matrix matrix = MatrixUnknown;
-    Range range = RangeUnknown;
-    QSize size = QSize(-1, -1);
-    int planeCount = 0; //!< 0: the frame does not come from a store
-    const uchar *planes[4] = {};
-    int strides[4] = {};
-    quint64 session = 0;          //!< of the writer; differs after a restart
-    quint32 memoryGeneration = 0; //!< rises when the slot's memory is replaced
-    quint16 slot = 0;
+    Matrix matrix = MatrixUnknown;            //!< of this frame
+    Range range = RangeUnknown;               //!< of this frame
+    QSize size = QSize(-1, -1);               //!< pixels
+    int planeCount = 0;                       //!< 0: the frame does not come from a store
+    const uchar *planes[4] = {};              //!< in the order Y, U, V, or Y, UV
+    int strides[4] = {};                      //!< bytes from row to row
+    quint64 session = 0;                      //!< of the writer; differs after a restart
+    quint32 memoryGeneration = 0;             //!< rises when the slot's memory is replaced
+    quint16 slot = 0;                         //!< index of the memory in the store
     quint64 generation = 0;                   //!< of the frame; unique and rising within a session
     ShmemDmaVideoBuffer *dmaBuffer = nullptr; //!< set for a frame on the DMA-buf path
     QString noDmabufReason;                   //!< why it is not on it although that was asked for
 
+    /*! What `frame` knows about itself. */
     static StoreFrame of(const QVideoFrame &frame);
 };
 

@@ -48,6 +48,7 @@ class ZEVQTMM_EXPORT V4L2MediaSource : public MediaSourceBase
     Q_OBJECT
 
 public:
+    /*! Opens the device at this path and sets it up; nothing streams yet. */
     explicit V4L2MediaSource(const QString &device, QObject *parent = nullptr);
     ~V4L2MediaSource() override;
 

@@ -43,7 +43,9 @@ public:
                         bool pointSampling);
     virtual ~VideoFrameConverter();
 
+    /*! The frame as an image; a subclass may have it already. */
     QImage convert(QVideoFrame frame);
+    /*! The same, once, with nothing kept. */
     static QImage convert(QVideoFrame frame, const QSize &targetSize, QImage::Format targetFormat,
                           bool keepAspectRatio, bool pointSampling);
 
@@ -57,12 +59,12 @@ protected:
     /*! `image`, got from allocateImage(), now holds the frame of `startTime`. */
     virtual void updateCache(QImage *image, qint64 startTime);
 
-    QMutex mutex;
-    QSize targetSize;
-    QImage::Format targetFormat;
-    bool keepAspectRatio;
-    bool pointSampling;
-    SwsContext *scalingContext;
+    QMutex mutex;                //!< held during a conversion, protects the rest
+    QSize targetSize;            //!< pixels; empty: the frame's own
+    QImage::Format targetFormat; //!< of the images
+    bool keepAspectRatio;        //!< the image is smaller than asked for rather than distorted
+    bool pointSampling;          //!< the nearest sample, not filtered
+    SwsContext *scalingContext;  //!< swscale's, for the last sizes and formats; null before the first
 
 private:
     Q_DISABLE_COPY(VideoFrameConverter)

@@ -41,11 +41,13 @@ class ZEVQTMM_EXPORT VideoTimeline : public QObject
     Q_OBJECT
 
 public:
+    /*! What updateReadOffset() does with what it computes. */
     enum OffsetUpdateMode {
         Replace,      //!< the computed offset is stored
         DecreaseOnly, //!< it is stored only when it brings the read point closer to live
     };
 
+    /*! Does not tick yet. With `useExternalTicks` it has no thread, and externalTick() is called. */
     VideoTimeline(QSharedPointer<MediaSourceBase> source, int frameRateNumerator, int frameRateDenominator,
                   bool useExternalTicks, QObject *parent = nullptr);
     ~VideoTimeline() override;
@@ -60,6 +62,7 @@ public:
      */
     void setFrameRate(int numerator, int denominator);
 
+    /*! Computes the delay from what the source holds at `now`; `correction` is added to it. */
     void updateReadOffset(long long now, long long correction, const MediaSourceBase::VideoStatus &status,
                           OffsetUpdateMode mode);
     /*! The timestamp to ask for at `now`. */
@@ -68,6 +71,7 @@ public:
     long long getReadOffset() const;
 
 Q_SIGNALS:
+    /*! Ask the source for `ts`. */
     void tick(long long ts);
 
 public Q_SLOTS:

@@ -3,6 +3,7 @@
 
 #include <QtCore/qglobal.h>
 
+/*! Seen outside of the library. */
 #if defined(ZEVQTMM_BUILD)
 #define ZEVQTMM_EXPORT Q_DECL_EXPORT
 #else

@@ -11,6 +11,11 @@ add_test(NAME tst_eglcurrentcontext_glx COMMAND tst_eglcurrentcontext glx)
 set_tests_properties(tst_eglcurrentcontext_glx PROPERTIES LABELS integration TIMEOUT 120 SKIP_RETURN_CODE 77)
 zev_test_environment(tst_eglcurrentcontext_glx)
 
+# The headers' reference: a public symbol without words is an error.
+add_test(NAME api_reference COMMAND ${PROJECT_SOURCE_DIR}/scripts/api-reference ${PROJECT_BINARY_DIR}/api-reference)
+set_tests_properties(api_reference PROPERTIES LABELS integration TIMEOUT 120
+    SKIP_REGULAR_EXPRESSION "doxygen is not installed")
+
 # The installed tree, as an application sees it. Without sanitizers: the example would have to be built with the same.
 find_package(Python3 COMPONENTS Interpreter)
 if(Python3_FOUND AND NOT ZEV_SANITIZE)

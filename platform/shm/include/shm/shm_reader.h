@@ -25,6 +25,7 @@
 extern "C" {
 #endif
 
+/* A connection to one store. What is in it is the library's. */
 typedef struct shm_reader shm_reader_t;
 
 /* What a store carries. 40 bytes. */
@@ -83,6 +84,7 @@ typedef struct shm_video_frame
         plane_offsets[4]; /*  88: of the planes in the slot's memory (and its DMA-buf); 0 when not there */
 } shm_video_frame_t;
 
+/* Which frame shm_reader_lock_video() takes for the timestamp asked for. */
 typedef enum shm_video_lookup_mode {
     SHM_VIDEO_NEAREST = 0,      /* nearest in time; nothing when that is farther than max(1 s, 3 intervals) */
     SHM_VIDEO_NEWEST = 1,       /* the newest, whatever was asked for */
@@ -100,6 +102,7 @@ typedef enum shm_video_lookup_mode {
  */
 SHM_API shm_reader_t *shm_reader_open(const char *name, int timeout_ms);
 
+/* What shm_reader_open_with() is told. Zero it first. */
 typedef struct shm_reader_options
 {
     uint32_t size;      /* sizeof(shm_reader_options_t) */
@@ -185,28 +188,28 @@ SHM_API int64_t shm_reader_query_audio2(shm_reader_t *reader, int stream, void *
 /* Everything a tool wants to show about a store, beyond the format. */
 typedef struct shm_store_info
 {
-    uint32_t size; /* set by the caller: sizeof(shm_store_info_t) */
-    int32_t live;
-    uint64_t session;
-    int32_t writer_pid;
-    int32_t readers;      /* connected now */
-    int32_t locks_held;   /* by all readers, as the writer last counted (at most 100 ms ago) */
-    int32_t slot_count;   /* history and spare */
-    uint64_t slot_bytes;  /* memory of one slot */
-    uint64_t total_bytes; /* of all shared memory of the store */
-    uint64_t frames_published;
-    uint64_t frames_dropped; /* no free slot */
-    uint64_t frames_refused; /* timestamp not after the newest */
-    int64_t oldest_timestamp;
-    int64_t newest_timestamp;
-    int64_t frame_interval_us;
-    int64_t jitter_us;
-    uint32_t rate_numerator; /* declared by the writer; 0/0 when it declared none */
-    uint32_t rate_denominator;
-    uint32_t wished_numerator; /* highest wish of the readers; 0/0 for none */
-    uint32_t wished_denominator;
-    shm_color_t color;
-    int32_t audio_streams;
+    uint32_t size;                   /* set by the caller: sizeof(shm_store_info_t) */
+    int32_t live;                    /* non-zero while the writer lives */
+    uint64_t session;                /* of the writer; differs after a restart */
+    int32_t writer_pid;              /* its process */
+    int32_t readers;                 /* connected now */
+    int32_t locks_held;              /* by all readers, as the writer last counted (at most 100 ms ago) */
+    int32_t slot_count;              /* history and spare */
+    uint64_t slot_bytes;             /* memory of one slot */
+    uint64_t total_bytes;            /* of all shared memory of the store */
+    uint64_t frames_published;       /* since the writer started, as the next two */
+    uint64_t frames_dropped;         /* no free slot */
+    uint64_t frames_refused;         /* timestamp not after the newest */
+    int64_t oldest_timestamp;        /* of the frames held; 0 without one */
+    int64_t newest_timestamp;        /* likewise */
+    int64_t frame_interval_us;       /* as in shm_video_status_t */
+    int64_t jitter_us;               /* as in shm_video_status_t */
+    uint32_t rate_numerator;         /* declared by the writer; 0/0 when it declared none */
+    uint32_t rate_denominator;       /* of the same */
+    uint32_t wished_numerator;       /* highest wish of the readers; 0/0 for none */
+    uint32_t wished_denominator;     /* of the same */
+    shm_color_t color;               /* how samples become colors */
+    int32_t audio_streams;           /* 0 without sound */
     int64_t audio_history_us;        /* capacity of the audio ring */
     uint64_t audio_frames_published; /* of stream 0 */
     int64_t started_timestamp;       /* wall clock when the writer opened the store */

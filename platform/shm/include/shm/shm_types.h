@@ -38,7 +38,9 @@ typedef enum shm_matrix {
     SHM_MATRIX_BT709 = 2,
     SHM_MATRIX_BT2020 = 3
 } shm_matrix;
+/* Which of a sample's values are black and white. */
 typedef enum shm_range { SHM_RANGE_UNKNOWN = 0, SHM_RANGE_FULL = 1, SHM_RANGE_LIMITED = 2 } shm_range;
+/* The curve between light and sample. */
 typedef enum shm_transfer {
     SHM_TRANSFER_UNKNOWN = 0,
     SHM_TRANSFER_BT709 = 1, /* also BT.601 and BT.2020, whose curve is the same */
@@ -46,6 +48,7 @@ typedef enum shm_transfer {
     SHM_TRANSFER_PQ = 3,
     SHM_TRANSFER_HLG = 4
 } shm_transfer;
+/* Where chroma samples lie between luma samples. */
 typedef enum shm_siting {
     SHM_SITING_UNKNOWN = 0,
     SHM_SITING_LEFT = 1,   /* MPEG-2, H.264: chroma beside the left luma column */
@@ -61,6 +64,7 @@ typedef enum shm_capture {
     SHM_CAPTURE_USERPTR = 3 /* the same, given to it by address */
 } shm_capture;
 
+/* All of that of one store, or frame. Not stated: 0. */
 typedef struct shm_color
 {
     uint8_t matrix;   /* shm_matrix */
@@ -82,17 +86,22 @@ enum {
 /* What went wrong, for a person: one line that names the thing, what happened and the remedy. */
 typedef struct shm_error
 {
-    int code; /* negative errno, 0 when nothing went wrong */
-    char message[SHM_ERROR_MAX];
+    int code;                    /* negative errno, 0 when nothing went wrong */
+    char message[SHM_ERROR_MAX]; /* the line */
 } shm_error_t;
 
 /* Null-terminated text for a value of the enumerations above ("bt709", "full", "nv12", "copied"); "unknown"
  * for 0 and what is none ("none" of captures), never null. */
 SHM_API const char *shm_pixel_format_name(int pixel_format);
+/* The same of a shm_matrix. */
 SHM_API const char *shm_matrix_name(int matrix);
+/* The same of a shm_range. */
 SHM_API const char *shm_range_name(int range);
+/* The same of a shm_transfer. */
 SHM_API const char *shm_transfer_name(int transfer);
+/* The same of a shm_siting. */
 SHM_API const char *shm_siting_name(int siting);
+/* The same of a shm_capture. */
 SHM_API const char *shm_capture_name(int capture);
 
 /* 0 when `name` may name a store, else -EINVAL and, with `error` given, why and what is allowed. */

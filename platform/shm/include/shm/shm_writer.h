@@ -24,6 +24,7 @@
 extern "C" {
 #endif
 
+/* A store that is published. What is in it is the library's. */
 typedef struct shm_writer shm_writer_t;
 
 enum {
@@ -34,6 +35,7 @@ enum {
     SHM_WRITER_HUGE_PAGES = 4u     /* frame slots in huge pages; refused when none are to be had */
 };
 
+/* What shm_writer_open() is told. shm_writer_params_init() first. */
 typedef struct shm_writer_params
 {
     uint32_t size;    /* set by shm_writer_params_init: of this record, in bytes */
@@ -43,13 +45,14 @@ typedef struct shm_writer_params
     const char *group; /* null, or the name of a group whose members may read: published in /run/zev-shm */
     uint32_t flags;    /* SHM_WRITER_... */
 
-    int32_t width, height; /* pixels; 0 x 0: no video. 4:2:0 chroma rounds up for odd sizes */
-    int32_t pixel_format;  /* SHM_PIXEL_FORMAT */
-    shm_color_t color;     /* how the samples are to be read; full range unless the source's range is kept */
-    uint32_t rate_numerator; /* declared frames a second; 0: not known, readers estimate */
-    uint32_t rate_denominator;
-    uint32_t history_frames; /* kept at least; 0: 0.75 s of frames, at least 8, at most 256 MiB */
-    uint32_t spare_frames;   /* slots beyond the history that readers may pin; 0: 8 */
+    int32_t width;        /* pixels; 0 x 0: no video. 4:2:0 chroma rounds up for odd sizes */
+    int32_t height;       /* pixels */
+    int32_t pixel_format; /* SHM_PIXEL_FORMAT */
+    shm_color_t color;    /* how the samples are to be read; full range unless the source's range is kept */
+    uint32_t rate_numerator;   /* declared frames a second; 0: not known, readers estimate */
+    uint32_t rate_denominator; /* of the same */
+    uint32_t history_frames;   /* kept at least; 0: 0.75 s of frames, at least 8, at most 256 MiB */
+    uint32_t spare_frames;     /* slots beyond the history that readers may pin; 0: 8 */
 
     int32_t sample_rate;      /* audio frames a second; 0: no audio */
     int32_t channels;         /* 1 to SHM_CHANNELS_MAX */
@@ -99,11 +102,12 @@ SHM_API void shm_writer_close(shm_writer_t *writer);
 /* A slot being filled. `planes` are Y, U, V (or Y, UV); valid until publish or abandon. */
 typedef struct shm_writer_frame
 {
-    uint8_t *planes[4];
-    int32_t strides[4];
-    int32_t width, height;
-    int32_t slot;
-    int32_t memory_fd; /* borrowed descriptor of the slot's memory, for import by a device; -1 when none */
+    uint8_t *planes[4]; /* where to write; null for planes that are not there */
+    int32_t strides[4]; /* bytes from row to row */
+    int32_t width;      /* pixels */
+    int32_t height;     /* pixels */
+    int32_t slot;       /* its index */
+    int32_t memory_fd;  /* borrowed descriptor of the slot's memory, for import by a device; -1 when none */
     int64_t plane_offsets[4];   /* in that memory */
     uint32_t memory_generation; /* rises when the slot is given other memory, often at the same address; 0
                                    when none */
@@ -161,24 +165,25 @@ SHM_API int shm_writer_publish_audio(shm_writer_t *writer, int stream, const int
  */
 SHM_API int shm_writer_set_capture(shm_writer_t *writer, int capture);
 
+/* What a writer has done so far, and who reads it. Frames are counted since it was opened. */
 typedef struct shm_writer_stats
 {
-    uint32_t size; /* set by the caller: sizeof(shm_writer_stats_t) */
-    int32_t readers;
-    int32_t locks_held;
-    int32_t slot_count;
-    uint64_t session;
-    uint64_t frames_published;
-    uint64_t frames_dropped;
-    uint64_t frames_refused;
+    uint32_t size;                   /* set by the caller: sizeof(shm_writer_stats_t) */
+    int32_t readers;                 /* connected now */
+    int32_t locks_held;              /* by all readers, as counted last (at most 100 ms ago) */
+    int32_t slot_count;              /* history and spare */
+    uint64_t session;                /* of this writer; what its readers see */
+    uint64_t frames_published;       /* those that readers could see */
+    uint64_t frames_dropped;         /* no free slot */
+    uint64_t frames_refused;         /* timestamp not after the newest */
     uint64_t audio_frames_published; /* stream 0 */
-    uint64_t total_bytes;
-    uint32_t wished_numerator; /* highest wish of the readers; 0/0 for none */
-    uint32_t wished_denominator;
-    uint64_t readers_disconnected; /* that pinned the last slots */
-    uint64_t slots_replaced;       /* by fresh memory because readers pinned them */
-    char memory[32];               /* "memfd", "udmabuf", ... */
-    char dmabuf[128];              /* "yes", "yes, but ...", else why frames have no DMA-buf */
+    uint64_t total_bytes;            /* of all shared memory of the store */
+    uint32_t wished_numerator;       /* highest wish of the readers; 0/0 for none */
+    uint32_t wished_denominator;     /* of the same */
+    uint64_t readers_disconnected;   /* that pinned the last slots */
+    uint64_t slots_replaced;         /* by fresh memory because readers pinned them */
+    char memory[32];                 /* "memfd", "udmabuf", ... */
+    char dmabuf[128];                /* "yes", "yes, but ...", else why frames have no DMA-buf */
 } shm_writer_stats_t;
 
 /* Any thread. Returns 0 or a negative errno. */

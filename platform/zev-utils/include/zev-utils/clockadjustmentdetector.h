@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+/* Seen outside of the library. */
 #define ZEV_UTILS_EXPORT __attribute__((visibility("default")))
 
 namespace md {

@@ -4,6 +4,7 @@
 #include <QObject>
 #include <memory>
 
+/* Seen outside of the library. */
 #if defined(ZEVQT_UTILS_BUILD)
 #define ZEVQT_UTILS_EXPORT Q_DECL_EXPORT
 #else
@@ -45,6 +46,7 @@ class ZEVQT_UTILS_EXPORT MultimediaThread : public QObject
     Q_OBJECT
 
 public:
+    /* Does not tick yet. */
     explicit MultimediaThread(QObject *parent = nullptr);
     ~MultimediaThread() override;
 
@@ -63,6 +65,7 @@ public:
     void stop(long long waitMs);
 
 Q_SIGNALS:
+    /* In the tick thread, by a direct connection. */
     void tick();
 
 private:

@@ -18,6 +18,7 @@ struct CameraSize
     std::vector<double> rates; /* frames per second, in the driver's order; empty when it does not tell */
 };
 
+/* One pixel format that a camera offers. */
 struct CameraFormat
 {
     std::uint32_t pixelFormat = 0; /* V4L2's code */
@@ -26,13 +27,14 @@ struct CameraFormat
     std::vector<CameraSize> sizes; /* in the driver's order; empty when it does not tell */
 };
 
+/* A capture device, as listCameras() has found it. */
 struct Camera
 {
-    std::string device; /* path: "/dev/video0" */
-    std::string name;   /* what the driver calls it; empty when it could not be opened */
-    std::string driver;
-    std::string bus;
-    std::vector<CameraFormat> formats;
+    std::string device;                /* path: "/dev/video0" */
+    std::string name;                  /* what the driver calls it; empty when it could not be opened */
+    std::string driver;                /* of the kernel */
+    std::string bus;                   /* where it is connected, in the driver's words */
+    std::vector<CameraFormat> formats; /* in the driver's order */
     /* Why DmaEglCapture cannot show it, in one line with the remedy; empty when it can, as far as can be told
      * without changing its settings. */
     std::string problem;
@@ -50,9 +52,9 @@ ZEVMM_EXPORT std::vector<Camera> listCameras();
 /* What a camera is at present, whatever its pixel format. */
 struct CameraState
 {
-    bool multiplanar = false; /* it has the multi-planar interface only */
-    ColorEncoding encoding = ColorEncoding::Bt601;
-    bool fullRange = false; /* luma 0 to 255; else 16 to 235 */
+    bool multiplanar = false;                      /* it has the multi-planar interface only */
+    ColorEncoding encoding = ColorEncoding::Bt601; /* the matrix of its samples */
+    bool fullRange = false;                        /* luma 0 to 255; else 16 to 235 */
 };
 
 /*

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+/* Seen outside of the library. */
 #define ZEVMM_EXPORT __attribute__((visibility("default")))
 
 namespace zevmm {
@@ -12,6 +13,7 @@ namespace v4l2 {
 
 class Capture;
 
+/* The matrix by which samples become colors. */
 enum class ColorEncoding { Bt601, Bt709, Bt2020 };
 
 /* What a capture delivers. All zero before setup(). */
@@ -21,10 +23,10 @@ struct CaptureFormat
     std::uint32_t height = 0; /* pixels */
     /* V4L2's code: NV12 (one descriptor for both planes), or NM12 (a descriptor each). */
     std::uint32_t pixelFormat = 0;
-    std::uint32_t strideBytes = 0;       /* of the luma plane */
-    std::uint32_t chromaStrideBytes = 0; /* of the plane of interleaved Cb and Cr */
-    ColorEncoding encoding = ColorEncoding::Bt601;
-    bool fullRange = false;         /* luma 0 to 255; else 16 to 235 */
+    std::uint32_t strideBytes = 0;                 /* of the luma plane */
+    std::uint32_t chromaStrideBytes = 0;           /* of the plane of interleaved Cb and Cr */
+    ColorEncoding encoding = ColorEncoding::Bt601; /* the matrix of its samples */
+    bool fullRange = false;                        /* luma 0 to 255; else 16 to 235 */
     std::int64_t frameInterval = 0; /* microseconds between two frames as the driver declares it, 0 unknown */
 };
 
@@ -61,13 +63,16 @@ public:
      * so that inside readFrame()'s callback it is that frame's.
      */
     CaptureFormat format() const;
+    /* At this moment; of frames that are under way as well. */
     CaptureStatistics statistics() const;
     /* Why no frames come, in one line: the device is gone, or delivers nothing. Empty when all is well. */
     std::string trouble() const;
 
 protected:
+    /* Takes what does the work. */
     explicit CaptureBase(std::unique_ptr<Capture> implementation);
 
+    /* What does the work. */
     const std::unique_ptr<Capture> capture;
 };
 

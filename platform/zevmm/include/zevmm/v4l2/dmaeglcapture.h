@@ -52,6 +52,7 @@ public:
     /* The types of eglCreateImageKHR and eglDestroyImageKHR; null images and EGL_FALSE are their failures. */
     using CreateImage = void *(*)(void *display, void *context, unsigned int target, void *buffer,
                                   const int *attributes);
+    /* Of eglDestroyImageKHR. */
     using DestroyImage = unsigned int (*)(void *display, void *image);
 
     /* Opens nothing yet. `device` is a path, in the file system's encoding. */

@@ -42,9 +42,9 @@ struct FilledFrame
 {
     FrameMemory memory;                 /* the taker's again; none with MemoryWay::Mapped */
     const std::uint8_t *planes[2] = {}; /* luma, chroma; with MemoryWay::Mapped: until taken() returns */
-    std::uint32_t strideBytes[2] = {};
-    std::uint32_t sequence = 0; /* the driver's number */
-    std::int64_t timestamp = 0; /* when it was captured: CLOCK_MONOTONIC, microseconds; 0 unknown */
+    std::uint32_t strideBytes[2] = {};  /* of these planes */
+    std::uint32_t sequence = 0;         /* the driver's number */
+    std::int64_t timestamp = 0;         /* when it was captured: CLOCK_MONOTONIC, microseconds; 0 unknown */
 };
 
 /*
@@ -94,20 +94,24 @@ public:
 class ZEVMM_EXPORT MemoryCapture
 {
 public:
+    /* What run() has noticed. */
     enum class Change {
-        None,
+        None,  /* nothing that concerns the taker */
         Format /* the device is back and is different: stop(), setup() and start() with its new format */
     };
 
+    /* Opens nothing yet. `device` is a path, in the file system's encoding. */
     explicit MemoryCapture(const std::string &device);
     /* stop()s. */
     ~MemoryCapture();
     MemoryCapture(const MemoryCapture &) = delete;
     MemoryCapture &operator=(const MemoryCapture &) = delete;
 
+    /* The device's path, as given. */
     std::string device() const;
     /* As negotiated by setup(), or by start(), which may have changed strides. */
     CaptureFormat format() const;
+    /* At this moment. */
     CaptureStatistics statistics() const;
     /* Why no frames come, in one line; empty when all is well. */
     std::string trouble() const;
