@@ -1,21 +1,13 @@
-/* c-publisher NAME: publishes a bar that wanders, and a tone of 440 Hz, as the store NAME until it is ended.
- */
+/* c-publisher [NAME]: publishes a bar that wanders, and a tone of 440 Hz, as the store NAME until it is
+ * ended. */
 #include <shm/shm_writer.h>
 
 #include <math.h>
-#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
 
 enum { WIDTH = 640, HEIGHT = 360, FPS = 25, RATE = 48000, SAMPLES = RATE / FPS };
-
-static volatile sig_atomic_t is_ended;
-static void end(int number)
-{
-    (void)number;
-    is_ended = 1;
-}
 
 static int64_t now_us(clockid_t clock)
 {
@@ -40,14 +32,12 @@ int main(int argc, char **argv)
     shm_error_t error;
     if (shm_writer_open(&params, &writer, &error) != 0)
         return fprintf(stderr, "%s\n", error.message), 1;
-    signal(SIGINT, end);
-    signal(SIGTERM, end);
 
     int16_t sound[SAMPLES];
     const int64_t start = now_us(CLOCK_REALTIME), monotonic = now_us(CLOCK_MONOTONIC);
-    for (int64_t n = 0; !is_ended; ++n) {
+    for (int64_t n = 0;; ++n) { /* a writer that is killed leaves nothing behind */
         const int64_t due = n * 1000000 / FPS;
-        while (!is_ended && now_us(CLOCK_MONOTONIC) < monotonic + due)
+        while (now_us(CLOCK_MONOTONIC) < monotonic + due)
             nanosleep(&(struct timespec){0, 1000000}, NULL);
         shm_writer_frame_t frame; /* a slot of the store itself: nothing is copied */
         if (shm_writer_acquire(writer, &frame) == 0) {
@@ -61,6 +51,4 @@ int main(int argc, char **argv)
             sound[i] = (int16_t)(8000 * sin(2 * 3.14159265 * 440 * (double)(n * SAMPLES + i) / RATE));
         shm_writer_publish_audio(writer, 0, sound, SAMPLES, start + due - 1000000 / FPS);
     }
-    shm_writer_close(writer);
-    return 0;
 }

@@ -223,6 +223,12 @@ if(Python3_FOUND AND TARGET zevshm)
     set_tests_properties(documents PROPERTIES LABELS integration TIMEOUT 60)
     zev_test_environment(documents)
     if(NOT ZEV_SANITIZE)
+        foreach(name c-publisher qwidget level-meter video-wall) # qml-minimal is installed_qml's
+            add_test(NAME installed_example_${name} COMMAND Python3::Interpreter
+                ${CMAKE_CURRENT_LIST_DIR}/installed_examples.py ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR}
+                ${CMAKE_CXX_COMPILER} ${name})
+            set_tests_properties(installed_example_${name} PROPERTIES LABELS integration TIMEOUT 120)
+        endforeach()
         add_test(NAME getting_started COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/getting_started.py
             ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})
         set_tests_properties(getting_started PROPERTIES LABELS integration TIMEOUT 120)
