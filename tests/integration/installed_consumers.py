@@ -118,9 +118,14 @@ def must(*command, **options):
     return done.stdout
 
 
+def libraries_of(tree):
+    """lib, or lib/TRIPLET"""
+    return next(tree.glob("lib*/**/pkgconfig")).parent
+
+
 def check(program, module, how, tree, stores):
     """The program says ok with the library of the tree, which no search path but LD_LIBRARY_PATH leads to."""
-    environment = {**os.environ, "LD_LIBRARY_PATH": str(next(tree.glob("lib*"))), "ZEV_SHM_DIR": str(stores),
+    environment = {**os.environ, "LD_LIBRARY_PATH": str(libraries_of(tree)), "ZEV_SHM_DIR": str(stores),
                    "QT_QPA_PLATFORM": "offscreen"}
     libraries = must("ldd", program, env=environment)
     found = re.search(rf"^\s*{module}\.so\S* => (\S+)", libraries, re.M)
@@ -175,37 +180,50 @@ def check_system_libraries(source, folder, cxx, environment):
         sys.exit("platform/shm is built although an installed libshm was asked for")
 
 
+def build_and_run(folder, tree, cxx, qmake, environment):
+    modules = sorted(path.stem for path in tree.glob("lib*/**/pkgconfig/*.pc"))
+    if modules != sorted(MODULES):
+        sys.exit(f"installed are {modules}, tried are {sorted(MODULES)}")
+    libraries = sorted(path.stem for path in libraries_of(tree).glob("lib*.so") if path.is_symlink())
+    if libraries != modules:
+        sys.exit(f"installed are {libraries}, pkg-config finds {modules}")
+    stores = folder / "s"
+    stores.mkdir(mode=0o700)
+    sources = folder / "sources"
+    sources.mkdir()
+    for name, text in PROGRAMS.items():
+        (sources / name).write_text(text + "\n")
+    by_pkg_config(sources, folder / "pkg-config", cxx, environment)
+    by_cmake(sources, folder / "cmake", cxx, tree)
+    built = {"pkg-config": folder / "pkg-config", "CMake": folder / "cmake"}
+    if qmake:
+        by_qmake(sources, folder / "qmake", cxx, qmake[0], environment)
+        built["qmake"] = folder / "qmake"
+    for how, programs in built.items():
+        for module in QMAKE_PROGRAMS if how == "qmake" else MODULES:
+            check(programs / module, module, how, tree, stores)
+    print(f"{len(MODULES)} libraries, by {', '.join(built)}")
+
+
 def main():
-    source, build, cxx, *qmake = sys.argv[1:]
+    first, *others = sys.argv[1:]
     with tempfile.TemporaryDirectory(prefix="zev") as temporary:
         folder = pathlib.Path(temporary).resolve()
-        must("cmake", "--install", build, "--prefix", folder / "first")
-        tree = folder / "moved"
-        (folder / "first").rename(tree)
-        modules = sorted(path.stem for path in tree.glob("lib*/**/pkgconfig/*.pc"))
-        if modules != sorted(MODULES):
-            sys.exit(f"installed are {modules}, tried are {sorted(MODULES)}")
-        libraries = sorted(path.stem for path in tree.glob("lib*/**/lib*.so") if path.is_symlink())
-        if libraries != modules:
-            sys.exit(f"installed are {libraries}, pkg-config finds {modules}")
-        stores = folder / "s"
-        stores.mkdir(mode=0o700)
-        sources = folder / "sources"
-        sources.mkdir()
-        for name, text in PROGRAMS.items():
-            (sources / name).write_text(text + "\n")
-        environment = {**os.environ, "PKG_CONFIG_PATH": str(next(tree.glob("lib*/**/pkgconfig")))}
-        by_pkg_config(sources, folder / "pkg-config", cxx, environment)
-        by_cmake(sources, folder / "cmake", cxx, tree)
-        built = {"pkg-config": folder / "pkg-config", "CMake": folder / "cmake"}
-        if qmake:
-            by_qmake(sources, folder / "qmake", cxx, qmake[0], environment)
-            built["qmake"] = folder / "qmake"
-        for how, programs in built.items():
-            for module in QMAKE_PROGRAMS if how == "qmake" else MODULES:
-                check(programs / module, module, how, tree, stores)
-        check_system_libraries(source, folder / "system", cxx, environment)
-        print(f"{len(MODULES)} libraries, by {', '.join(built)}")
+        if first == "--unpacked":
+            tree, cxx, *qmake = others
+            tree = pathlib.Path(tree).resolve()
+            # The linker looks there for what a library needs. In the system's folders, and with a path of its own
+            # beside it, it finds that by itself.
+            os.environ["LD_LIBRARY_PATH"] = str(libraries_of(tree))
+        else:
+            build, cxx, *qmake = others
+            must("cmake", "--install", build, "--prefix", folder / "first")
+            tree = folder / "moved"
+            (folder / "first").rename(tree)
+        environment = {**os.environ, "PKG_CONFIG_PATH": str(libraries_of(tree) / "pkgconfig")}
+        build_and_run(folder, tree, cxx, qmake, environment)
+        if first != "--unpacked":
+            check_system_libraries(first, folder / "system", cxx, environment)
 
 
 main()
