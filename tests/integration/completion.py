@@ -91,6 +91,7 @@ with tempfile.TemporaryDirectory() as stores:
     expect("files", complete("publish", "cam1", "fi"), {"film.mkv"})
     expect("inputs", complete("publish", "cam1", "te"), {"test:"})
     expect("files to write", complete("record", "cam1", "fi"), {"film.mkv"})
+    expect("outputs", complete("relay", "cam1", "rt"), {"rtsp://", "rtmp://"})
 
 if faults:
     sys.exit("\n".join(faults))

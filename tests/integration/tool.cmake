@@ -2,7 +2,7 @@
 if(ZEV_BUILD_TOOLS)
     pkg_check_modules(FFMPEG_MEDIA REQUIRED IMPORTED_TARGET
         libavformat libavcodec libswscale libswresample libavutil)
-    foreach(name errors info publish memory media network record dump top)
+    foreach(name errors info publish memory media network record relay dump top)
         zev_test(tst_zevshm_${name}
             SOURCES
                 integration/tst_zevshm_${name}.cpp
@@ -22,7 +22,7 @@ if(ZEV_BUILD_TOOLS)
     find_package(Python3 COMPONENTS Interpreter)
     if(Python3_FOUND)
         set(help "$<TARGET_FILE:zevshm>,--help")
-        foreach(command publish list info snapshot record dump top)
+        foreach(command publish list info snapshot record relay dump top)
             list(APPEND help "$<TARGET_FILE:zevshm>,${command},--help")
         endforeach()
         add_test(NAME manpage_zevshm COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/manpages.py
@@ -38,7 +38,7 @@ if(ZEV_BUILD_TOOLS)
             zev_test_environment(completion_zevshm)
         endif()
     endif()
-    foreach(name record dump top)
+    foreach(name record relay dump top)
         target_sources(tst_zevshm_${name} PRIVATE
             integration/zevshm_ownstore.cpp integration/zevshm_recording.cpp)
     endforeach()

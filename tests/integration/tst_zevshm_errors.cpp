@@ -41,10 +41,11 @@ protected:
 
 TEST_F(ZevshmErrors, usage)
 {
-    expectFailure(run({}), 2,
-                  "a command is missing, give one of dump, info, list, publish, record, snapshot, top;");
+    expectFailure(
+        run({}), 2,
+        "a command is missing, give one of dump, info, list, publish, record, relay, snapshot, top;");
     expectFailure(run({"frobnicate"}), 2,
-                  "'frobnicate', give one of dump, info, list, publish, record, snapshot, top;");
+                  "'frobnicate', give one of dump, info, list, publish, record, relay, snapshot, top;");
     expectFailure(run({"--frobnicate"}), 2, "'--frobnicate', the command comes first, give one of dump,");
     expectFailure(run({"publish", "cam"}), 2, "INPUT is missing");
     expectFailure(run({"publish", "cam", "test:", "--speed", "2"}), 2, "'--speed'");
@@ -294,7 +295,7 @@ TEST_F(ZevshmErrors, snapshots)
 
 TEST_F(ZevshmErrors, helpAndVersion)
 {
-    for (const char *command : {"publish", "list", "info", "snapshot", "record", "dump", "top"}) {
+    for (const char *command : {"publish", "list", "info", "snapshot", "record", "relay", "dump", "top"}) {
         const Result help = run({command, "--help"});
         EXPECT_EQ(help.code, 0);
         EXPECT_EQ(help.errors, "");
@@ -305,8 +306,8 @@ TEST_F(ZevshmErrors, helpAndVersion)
     const Result help = run({"--help"});
     EXPECT_EQ(help.code, 0);
     EXPECT_EQ(run({"-h"}).output, help.output);
-    for (const char *command :
-         {"publish", "list", "info", "snapshot", "record", "dump", "top", "Exit codes:", "Examples:"})
+    for (const char *command : {"publish", "list", "info", "snapshot", "record", "relay", "dump", "top",
+                                "Exit codes:", "Examples:"})
         EXPECT_NE(help.output.find(command), std::string::npos);
     const Result version = run({"--version"});
     EXPECT_EQ(version.code, 0);

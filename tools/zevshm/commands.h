@@ -14,6 +14,7 @@ int publishCommand(const std::vector<std::string> &words);
 int listCommand(const std::vector<std::string> &words);
 int infoCommand(const std::vector<std::string> &words);
 int snapshotCommand(const std::vector<std::string> &words);
+int relayCommand(const std::vector<std::string> &words);
 int recordCommand(const std::vector<std::string> &words);
 int topCommand(const std::vector<std::string> &words);
 int dumpCommand(const std::vector<std::string> &words);

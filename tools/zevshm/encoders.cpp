@@ -218,8 +218,9 @@ void VideoEncoder::flush(const PacketSink &sink)
     send(*m_encoder, nullptr, sink);
 }
 
-SoundEncoder::SoundEncoder(const EncoderChoice &choice, int sampleRate, int channels, bool globalHeader)
-    : m_sampleRate(sampleRate), m_channels(channels)
+SoundEncoder::SoundEncoder(const EncoderChoice &choice, int sampleRate, int channels, bool globalHeader,
+                           int64_t startUs)
+    : m_sampleRate(sampleRate), m_channels(channels), m_come(av_rescale(startUs, sampleRate, 1000000))
 {
     const AVCodec *codec = nullptr;
     m_encoder = makeContext(choice, AVMEDIA_TYPE_AUDIO, codec);
@@ -228,6 +229,7 @@ SoundEncoder::SoundEncoder(const EncoderChoice &choice, int sampleRate, int chan
                                 : sampleFormatsOf(codec)[0];
     m_encoder->sample_rate = isListed(sampleRatesOf(codec), 0, sampleRate) ? sampleRate : 48000;
     m_encoder->time_base = {1, m_encoder->sample_rate};
+    m_handed = av_rescale(startUs, m_encoder->sample_rate, 1000000);
     av_channel_layout_default(&m_encoder->ch_layout, channels);
     m_encoder->bit_rate = int64_t{96000} * channels; // of lossy encoders
     m_encoder->strict_std_compliance = FF_COMPLIANCE_EXPERIMENTAL;
@@ -254,13 +256,13 @@ SoundEncoder::SoundEncoder(const EncoderChoice &choice, int sampleRate, int chan
 
 int64_t SoundEncoder::endUs() const
 {
-    return (m_come * 1000000 + m_sampleRate / 2) / m_sampleRate;
+    return av_rescale(m_come, 1000000, m_sampleRate);
 }
 
 void SoundEncoder::encode(const int16_t *samples, int frames, int64_t us, const PacketSink &sink)
 {
     // Rounding moves a timestamp by a sample at most: that is no gap.
-    const int64_t at = (us * m_sampleRate + (us < 0 ? -500000 : 500000)) / 1000000;
+    const int64_t at = av_rescale(us, m_sampleRate, 1000000);
     const int64_t shift = at - m_come;
     if (shift > 1) {
         append(nullptr, shift, sink);

@@ -52,12 +52,13 @@ private:
     AvPtr<SwsContext> m_scaler; // where the encoder does not take the store's pixel format
 };
 
-// Turns the sound of a store into packets: one unbroken stream from time 0 on. What is missing is silence,
+// Turns the sound of a store into packets: one unbroken stream from `startUs` on. What is missing is silence,
 // what comes twice is left out.
 class SoundEncoder
 {
 public:
-    SoundEncoder(const EncoderChoice &choice, int sampleRate, int channels, bool globalHeader);
+    SoundEncoder(const EncoderChoice &choice, int sampleRate, int channels, bool globalHeader,
+                 int64_t startUs);
 
     void encode(const int16_t *samples, int frames, int64_t us, const PacketSink &sink);
     // Silence up to here, where nothing has come.
@@ -79,8 +80,8 @@ private:
     AvPtr<SwrContext> m_resampler;
     AvPtr<AVAudioFifo> m_waiting; // for a whole block of the encoder's
     int m_blockFrames = 0;
-    int64_t m_come = 0;   // audio frames at the store's rate
-    int64_t m_handed = 0; // audio frames at the encoder's rate
+    int64_t m_come = 0;   // audio frames at the store's rate, since time 0
+    int64_t m_handed = 0; // audio frames at the encoder's rate, since time 0
 };
 
 } // namespace zevshm

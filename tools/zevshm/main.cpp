@@ -24,6 +24,7 @@ void printHelp()
         "  info NAME                show what a store carries and how it is doing\n"
         "  snapshot NAME FILE.png   write a frame as a picture\n"
         "  record NAME FILE         record video and sound\n"
+        "  relay NAME URL           send video and sound to a media server or another machine\n"
         "  dump NAME DIR            write all that a store holds as pictures and sound\n\n"
         "Every command has --help (-h). --version shows the version.\n\n"
         "Stores are looked for in $ZEV_SHM_DIR alone when that is set, else in $XDG_RUNTIME_DIR/zev-shm and\n"
@@ -39,7 +40,7 @@ void printHelp()
         "   7  too little memory or too few descriptors\n"
         "   8  the input is missing, unreadable or unreachable\n"
         "   9  the input holds nothing that can be decoded\n"
-        "  10  the output file or folder cannot be written\n"
+        "  10  the output cannot be written or reached\n"
         "  11  the store holds no such frame, or nothing of what was asked for\n\n"
         "Examples:\n"
         "  zevshm publish cam1 test:\n"
@@ -49,6 +50,7 @@ void printHelp()
         "  zevshm info cam1 --json\n"
         "  zevshm snapshot cam1 cam1.png\n"
         "  zevshm record cam1 minute.mkv --seconds 60\n"
+        "  zevshm relay cam1 rtsp://server.local/cam1\n"
         "  zevshm dump cam1 glitch --last 200\n",
         stdout);
 }
@@ -58,7 +60,7 @@ int run(const std::vector<std::string> &words)
     static const std::map<std::string, int (*)(const std::vector<std::string> &)> commands = {
         {"publish", publishCommand},   {"list", listCommand},     {"info", infoCommand},
         {"snapshot", snapshotCommand}, {"record", recordCommand}, {"dump", dumpCommand},
-        {"top", topCommand},
+        {"top", topCommand},           {"relay", relayCommand},
     };
     std::string known;
     for (const auto &command : commands)

@@ -17,7 +17,6 @@ namespace zevshm {
 
 namespace {
 
-constexpr int64_t lookAgainUs = 20000;  // for a store that is not there
 constexpr int64_t soundTailUs = 500000; // the longest time that the last sound is waited for
 constexpr int64_t lateUs = 1000000;     // a store that has stopped publishing does not reach its end
 
@@ -69,16 +68,6 @@ Failure outOfMemory(const std::string &store)
 {
     return Failure(ExitResources, store + ": there is not enough memory to go on recording it; end other "
                                           "programs or publish smaller frames");
-}
-
-std::optional<Ratio> rateOf(const shm_store_info_t &info)
-{
-    if (info.rate_numerator && info.rate_denominator && info.rate_numerator <= INT32_MAX &&
-        info.rate_denominator <= INT32_MAX)
-        return Ratio{static_cast<int>(info.rate_numerator), static_cast<int>(info.rate_denominator)};
-    if (info.frame_interval_us > 0)
-        return Ratio{1000000, static_cast<int>(std::min<int64_t>(info.frame_interval_us, INT32_MAX))};
-    return std::nullopt;
 }
 
 } // namespace
@@ -156,23 +145,6 @@ void Recorder::noteProgress()
     m_shown = m_writer ? m_open : Segment();
 }
 
-// Null when stopped, or when it is not there in time.
-ReaderPtr Recorder::waitForStore(int64_t waitUs)
-{
-    const int64_t until = monotonicUs() + waitUs;
-    for (;;) {
-        shm_error_t error{};
-        ReaderPtr reader = tryOpenStore(m_settings.name, error);
-        if (reader)
-            return reader;
-        const ExitCode code = exitCodeForReader(error.code);
-        if (code != ExitNoStore)
-            throw Failure(code, error.message);
-        if (monotonicUs() >= until || !m_stopToken.waitUntil(std::min(monotonicUs() + lookAgainUs, until)))
-            return nullptr;
-    }
-}
-
 void Recorder::run()
 {
     try {
@@ -222,7 +194,7 @@ void Recorder::endCapture()
 
 void Recorder::recordAll()
 {
-    ReaderPtr reader = waitForStore(m_settings.firstWaitUs);
+    ReaderPtr reader = waitForStore(m_settings.name, m_settings.firstWaitUs, m_stopToken);
     if (m_settings.firstWaitUs > 0)
         m_resumeUs = 0; // who waits for a store wants all of it, also when it has come first
     if (!reader)
@@ -234,7 +206,7 @@ void Recorder::recordAll()
             break;
         if (next == Next::NewFile)
             finishFile();
-        reader = waitForStore(m_settings.returnWaitUs);
+        reader = waitForStore(m_settings.name, m_settings.returnWaitUs, m_stopToken);
         if (!reader && !m_stopToken.stopped())
             say(m_settings.name + ": its writer has gone; the recording ends");
     }

@@ -75,7 +75,6 @@ public:
 private:
     enum class Next { End, Store, NewFile }; // after a capture
 
-    ReaderPtr waitForStore(int64_t waitUs);
     void recordAll();
     void openCapture(ReaderPtr reader);
     void endCapture();

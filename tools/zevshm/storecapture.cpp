@@ -188,6 +188,12 @@ void StoreCapture::finish(End end, int64_t resumeUs)
     m_changed.notify_all();
 }
 
+bool StoreCapture::isTooFarBehind(int64_t timestampUs) const
+{
+    return !m_items.empty() &&
+           difference(timestampUs, m_items.front().first.timestampUs) > m_settings.queueUs;
+}
+
 // False when there was no room for it.
 bool StoreCapture::push(CapturedItem item, size_t bytes)
 {
@@ -195,7 +201,7 @@ bool StoreCapture::push(CapturedItem item, size_t bytes)
     const size_t room = (item.picture ? 1 : 2) * m_settings.queueBytes;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_queuedBytes + bytes > room && !m_items.empty())
+        if ((m_queuedBytes + bytes > room && !m_items.empty()) || isTooFarBehind(item.timestampUs))
             return false;
         m_queuedBytes += bytes;
         m_items.emplace_back(std::move(item), bytes);
@@ -285,7 +291,7 @@ bool StoreCapture::takeFrame(shm_video_frame_t &frame)
     bool isFull = false;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        isFull = m_queuedBytes >= m_settings.queueBytes;
+        isFull = m_queuedBytes >= m_settings.queueBytes || isTooFarBehind(timestamp);
     }
     CapturedItem item;
     item.timestampUs = timestamp;

@@ -42,7 +42,7 @@ FramePool makeFramePool(const shm_reader_format_t &format);
 // A frame is locked for as long as it takes to copy it, one at a time: a writer has spare slots for more. A
 // frame that this thread comes late for is still in the history; only when it comes too late for that, or
 // when what was taken is not fetched and fills `queueBytes`, are frames lost, and counted; sound when it
-// fills twice as much.
+// fills twice as much. What comes more than `queueUs` after the oldest that was not fetched is lost, too.
 //
 // Usage: construct, next() until done() says so, look at end().
 // Threads: stop(), lost() and lostSoundUs() in any; the others in one.
@@ -63,6 +63,7 @@ public:
         // first one here is lost. 0: there was none.
         uint64_t generation = 0;
         size_t queueBytes = 256u << 20;
+        int64_t queueUs = INT64_MAX; // the same bound in time, of frames and sound
     };
     enum class End {
         Stopped,
@@ -107,6 +108,7 @@ private:
     bool takeSound(int64_t nowUs);
     bool takeSound(int stream);
     bool isSteppedBack();
+    bool isTooFarBehind(int64_t timestampUs) const; // with the mutex
     bool push(CapturedItem item, size_t bytes);
     void finish(End end, int64_t resumeUs);
     uint64_t publishedSinceLast() const;

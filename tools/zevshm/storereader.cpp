@@ -113,6 +113,35 @@ StoreReport readReport(shm_reader_t *reader, const std::string &name)
     return report;
 }
 
+std::optional<Ratio> rateOf(const shm_store_info_t &info)
+{
+    if (info.rate_numerator && info.rate_denominator && info.rate_numerator <= INT32_MAX &&
+        info.rate_denominator <= INT32_MAX)
+        return Ratio{static_cast<int>(info.rate_numerator), static_cast<int>(info.rate_denominator)};
+    if (info.frame_interval_us > 0)
+        return Ratio{1000000, static_cast<int>(std::min<int64_t>(info.frame_interval_us, INT32_MAX))};
+    return std::nullopt;
+}
+
+ReaderPtr waitForStore(const std::string &name, int64_t waitUs, StopToken &stopToken)
+{
+    constexpr int64_t lookAgainUs = 20000;
+    const int64_t startedUs = monotonicUs();
+    for (;;) {
+        shm_error_t error{};
+        ReaderPtr reader = tryOpenStore(name, error);
+        if (reader)
+            return reader;
+        const ExitCode code = exitCodeForReader(error.code);
+        if (code != ExitNoStore)
+            throw Failure(code, error.message);
+        const int64_t nowUs = monotonicUs();
+        const int64_t leftUs = waitUs - (nowUs - startedUs);
+        if (leftUs <= 0 || !stopToken.waitUntil(nowUs + std::min(lookAgainUs, leftUs)))
+            return nullptr;
+    }
+}
+
 double framesPerSecond(const shm_store_info_t &info)
 {
     if (info.rate_numerator && info.rate_denominator)

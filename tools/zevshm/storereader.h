@@ -3,10 +3,13 @@
 #define ZEVSHM_STOREREADER_H
 
 #include "failure.h"
+#include "hostclock.h"
+#include "options.h"
 
 #include <shm/shm_reader.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -47,8 +50,15 @@ StoreReport readReport(shm_reader_t *reader, const std::string &name);
 // Frames a second, declared or estimated; 0 when not known.
 double framesPerSecond(const shm_store_info_t &info);
 
+// Of the same as a fraction, for encoders.
+std::optional<Ratio> rateOf(const shm_store_info_t &info);
+
 // Connects, but does not fail: an empty pointer and why.
 ReaderPtr tryOpenStore(const std::string &name, shm_error_t &error, int timeoutMs = 1000);
+
+// Waits for a store that is not there. Null when stopped, or when it has not come in time; Failure when it is
+// there and may not be read.
+ReaderPtr waitForStore(const std::string &name, int64_t waitUs, StopToken &stopToken);
 
 struct StoreEntry
 {
