@@ -76,4 +76,17 @@ if(Python3_FOUND)
     add_test(NAME check_includes COMMAND Python3::Interpreter ${unit}/check_includes.py ${PROJECT_SOURCE_DIR})
     add_test(NAME check_includes_finds_errors COMMAND Python3::Interpreter ${unit}/check_includes.py --self-test)
     set_tests_properties(check_includes check_includes_finds_errors PROPERTIES LABELS unit)
+
+    set(linked)
+    foreach(target shm zevmm zevqt-utils zev-utils audio-level zevqt-mm zevshm)
+        if(TARGET ${target}) # zevshm may be left out
+            list(APPEND linked $<TARGET_FILE:${target}>)
+        endif()
+    endforeach()
+    set(check_needed COMMAND Python3::Interpreter ${unit}/check_needed.py)
+    add_test(NAME check_needed ${check_needed} ${linked})
+    # Qt's own library stands for one that is linked to OpenGL.
+    add_test(NAME check_needed_finds_errors ${check_needed} --as libzevqt-mm $<TARGET_FILE:Qt5::Gui>)
+    set_tests_properties(check_needed check_needed_finds_errors PROPERTIES LABELS unit)
+    set_property(TEST check_needed_finds_errors PROPERTY WILL_FAIL TRUE)
 endif()
