@@ -40,7 +40,7 @@ public:
 
     explicit AudioLevels(QObject *parent = nullptr);
 
-    LiveSource *source() const { return m_source; }
+    LiveSource *source() const { return m_source.data(); }
     void setSource(LiveSource *source);
     bool active() const { return m_isActive; }
     void setActive(bool on);

@@ -61,7 +61,7 @@ public:
     /* The process's; made by the first caller, gone with the application object. For the QML engine. */
     static QObject *instance(QQmlEngine *engine, QJSEngine *scriptEngine);
 
-    LiveSource *source() const { return m_source; }
+    LiveSource *source() const { return m_source.data(); }
     void setSource(LiveSource *source);
     QAbstractItemModel *devices() { return &m_devices; }
     /* "default", or a name of `devices`. One that is not there is waited for. */

@@ -34,7 +34,7 @@ int rateFor(const QAudioDeviceInfo &device)
 
 } // namespace
 
-Sound::Sound(QSharedPointer<MediaSourceBase> source, const Wishes &wishes, QObject *parent)
+Sound::Sound(const QSharedPointer<MediaSourceBase> &source, const Wishes &wishes, QObject *parent)
     : QObject(parent), m_holder(source), m_source(qobject_cast<MediaSource *>(source.data())),
       m_device(wishes.device), m_remedies(wishes.remedies), m_volume(wishes.volume), m_isMuted(wishes.isMuted)
 {

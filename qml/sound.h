@@ -69,7 +69,7 @@ public:
         QString problem; // the last one
     };
 
-    Sound(QSharedPointer<MediaSourceBase> source, const Wishes &wishes, QObject *parent = nullptr);
+    Sound(const QSharedPointer<MediaSourceBase> &source, const Wishes &wishes, QObject *parent = nullptr);
     ~Sound() override;
 
     /* `fps`: reports a second. */

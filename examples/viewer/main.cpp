@@ -44,7 +44,7 @@ QString checkFiles(const Options &options)
                 .arg(options.noSignal, reader.errorString());
     }
     for (const QString &path : {options.snapshot, options.report}) {
-        const QString reason = path.isEmpty() ? QString() : whyNotWritable(path);
+        QString reason = path.isEmpty() ? QString() : whyNotWritable(path);
         if (!reason.isEmpty())
             return reason;
     }

@@ -39,11 +39,10 @@ private:
     AVDictionary *m_entries = nullptr;
 };
 
-AvPtr<AVCodecContext> makeContext(const EncoderChoice &choice, AVMediaType type, const AVCodec *&codec)
+AvPtr<AVCodecContext> makeContext(const EncoderChoice &choice, AVMediaType type)
 {
     checkEncoder(choice.name, type);
-    codec = avcodec_find_encoder_by_name(choice.name.c_str());
-    AvPtr<AVCodecContext> context(avcodec_alloc_context3(codec));
+    AvPtr<AVCodecContext> context(avcodec_alloc_context3(avcodec_find_encoder_by_name(choice.name.c_str())));
     if (!context)
         throw std::bad_alloc();
     return context;
@@ -148,9 +147,9 @@ std::map<std::string, std::string> parseEncoderOptions(const std::string &comman
 
 VideoEncoder::VideoEncoder(const EncoderChoice &choice, const AVFrame &first, std::optional<Ratio> rate,
                            bool globalHeader)
+    : m_encoder(makeContext(choice, AVMEDIA_TYPE_VIDEO))
 {
-    const AVCodec *codec = nullptr;
-    m_encoder = makeContext(choice, AVMEDIA_TYPE_VIDEO, codec);
+    const AVCodec *const codec = m_encoder->codec;
     m_encoder->width = first.width;
     m_encoder->height = first.height;
     m_encoder->pix_fmt = chooseFormat(codec, static_cast<AVPixelFormat>(first.format));
@@ -220,10 +219,10 @@ void VideoEncoder::flush(const PacketSink &sink)
 
 SoundEncoder::SoundEncoder(const EncoderChoice &choice, int sampleRate, int channels, bool globalHeader,
                            int64_t startUs)
-    : m_sampleRate(sampleRate), m_channels(channels), m_come(av_rescale(startUs, sampleRate, 1000000))
+    : m_sampleRate(sampleRate), m_channels(channels), m_encoder(makeContext(choice, AVMEDIA_TYPE_AUDIO)),
+      m_come(av_rescale(startUs, sampleRate, 1000000))
 {
-    const AVCodec *codec = nullptr;
-    m_encoder = makeContext(choice, AVMEDIA_TYPE_AUDIO, codec);
+    const AVCodec *const codec = m_encoder->codec;
     m_encoder->sample_fmt = isListed(sampleFormatsOf(codec), AV_SAMPLE_FMT_NONE, AV_SAMPLE_FMT_S16)
                                 ? AV_SAMPLE_FMT_S16
                                 : sampleFormatsOf(codec)[0];

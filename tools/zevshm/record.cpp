@@ -112,7 +112,7 @@ int recordCommand(const std::vector<std::string> &words)
     while (!ended) {
         if (wakeups.wait(progressMs))
             recorder.stop();
-        else if (!ended)
+        else if (!ended) // cppcheck-suppress identicalInnerCondition ; the thread above sets it meanwhile
             showProgress(recorder.progressLine());
     }
     thread.join();
