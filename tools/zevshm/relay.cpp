@@ -111,7 +111,7 @@ int relayCommand(const std::vector<std::string> &words)
     while (!ended) {
         if (wakeups.wait(progressMs))
             relayer.stop();
-        else if (!ended)
+        else if (!ended) // cppcheck-suppress identicalInnerCondition ; the thread above sets it meanwhile
             showProgress(relayer.progressLine());
         relayer.reportDrops(false);
     }
