@@ -266,23 +266,22 @@ window needs OpenGL ES on EGL, and --headless, --frames image and --frame-path m
 two ticks for each of its frames, up to the screen's rate. It has no sound of its own: --audio names a store,
 whose sound is not held together with the picture.
 
-The report: frames (pictures of the source handed out), distinct and repeated (new, or with the timestamp of
-the one before), skipped (source frames that passed between two pictures in a row, less those that ticks
-slower than the source explain), invalid (requests answered without a picture since the first one; before
-it: invalid_before_first), idle_events (how often pictures stopped coming and the last one was kept; one
-for each time), no_signal_frames, fps (pictures a second, interruptions left out),
-source_interval_us, latency_ms (clock minus the frame's timestamp when it is handed out), size, pixel_format,
-frame_path (mapped: planes uploaded as they are; converted: RGB made by the CPU; image: converted by the
-library; none), audio: device and rate (Hz) last played on, delay_ms (newest sound of the store minus the one
-heard, at the end), underrun_episodes (how often the device had to be given silence) and silence_ms (how much of
-it), jumps (how often reading had fallen behind and jumped to live, or began anew with another format), restarts
-(starts after the first),
-av_offset_ms (at every picture handed out, its timestamp minus that of the sound reported as heard at this moment:
-positive means that the picture is ahead; p50 is the median, p95 the size that 95 % of the pictures stay below;
-null before there is any), history_short_ms (by how much the store's history is too short for the picture to wait
-for the sound), problem (why there is no sound);
-camera (null without): captured, delivered, skipped (replaced by a newer one before a tick came), damaged,
-restarts, returns (after the device had gone), trouble (why no frames come).
+The report: frames (pictures of the source handed out), distinct and repeated (new, or with the timestamp of the
+one before), skipped (source frames that passed between two pictures in a row, less those that ticks slower than
+the source explain), invalid (requests answered without a picture since the first one; before it:
+invalid_before_first), idle_events (how often pictures stopped coming and the last one was kept; one for each
+time), no_signal_frames, fps (pictures a second, interruptions left out), source_interval_us, latency_ms (clock
+minus the frame's timestamp when it is handed out), size, pixel_format, frame_path (mapped: planes uploaded as
+they are; converted: RGB made by the CPU; image: converted by the library; none), audio: device and rate (Hz)
+last played on, delay_ms (newest sound of the store minus the one heard, at the end), underrun_episodes (how
+often the device had to be given silence) and silence_ms (how much of it), jumps (how often reading had fallen
+behind and jumped to live, or began anew with another format), restarts (starts after the first), av_offset_ms
+(at every picture handed out, its timestamp minus that of the sound reported as heard at this moment: positive
+means that the picture is ahead; p50 is the median, p95 the size that 95 % of the pictures stay below; null
+before there is any), history_short_ms (by how much the store's history is too short for the picture to wait for
+the sound), problem (why there is no sound); camera (null without): captured, delivered, skipped (replaced by a
+newer one before a tick came), damaged, restarts, returns (after the device had gone), trouble (why no frames
+come).
 
 Exit status: 0 ended as asked, 1 a report or snapshot could not be written, 2 wrong use, 3 no display,
 4 a capture device cannot be used.
