@@ -13,7 +13,8 @@ zev_test(tst_audiotone
         checkFindsASampleThatIsLostOnTheWay)
 # 65 s; up to 105 when a loaded machine makes one begin anew. Each takes a twentieth of a processor; two are to themselves,
 # for somebody who is late for 15 ms may be heard.
-zev_side_by_side(tst_audiotone_rows tst_audiotone tones:equal tones:resampled tones:second tones:third)
+zev_side_by_side(tst_audiotone_rows tst_audiotone tones:equal tones:resampled tones:raised tones:second
+    tones:third)
 set_tests_properties(tst_audiotone_rows PROPERTIES PROCESSORS 2)
 zev_test(tst_audiorestarts SOURCES ${audio_integration}/tst_audiorestarts.cpp ${audio_playback}
     LIBRARIES ${audio_playback_libraries} LABEL integration)

@@ -330,6 +330,7 @@ QByteArray tst_AudioTone::record(const QString &sink, int rate, int channels, in
 void tst_AudioTone::tones_data()
 {
     QTest::addColumn<QString>("store");
+    QTest::addColumn<int>("storeRate");
     QTest::addColumn<QString>("sink");
     QTest::addColumn<int>("sinkRate");
     QTest::addColumn<int>("sinkChannels");
@@ -338,21 +339,24 @@ void tst_AudioTone::tones_data()
     QTest::addColumn<QVector<int>>("heard"); // which of the store's channels, on each of the sink's
     QTest::addColumn<double>("tolerance");
     // Without conversion, samples are exact but for the server's rounding; a resampler has its own noise.
-    QTest::newRow("equal") << "tones"
-                           << "a" << 48000 << 2 << -1 << bufferedBytes / 4 << QVector<int>{0, 1} << 6.0;
-    QTest::newRow("resampled") << "tones"
-                               << "b" << 44100 << 2 << 44100 << framesPerGrab << QVector<int>{0, 1} << 12.0;
+    QTest::newRow("equal") << "tones" << 48000 << "a" << 48000 << 2 << -1 << bufferedBytes / 4
+                           << QVector<int>{0, 1} << 6.0;
+    QTest::newRow("resampled") << "tones" << 48000 << "b" << 44100 << 2 << 44100 << framesPerGrab
+                               << QVector<int>{0, 1} << 12.0;
+    QTest::newRow("raised") << "tones" << 44100 << "a" << 48000 << 2 << 48000 << framesPerGrab
+                            << QVector<int>{0, 1} << 12.0;
     // A channel of many, in mono, which the server resamples.
-    QTest::newRow("second") << "tones;1"
-                            << "c" << 44100 << 1 << -1 << bufferedBytes / 2 << QVector<int>{1} << 12.0;
-    QTest::newRow("third") << "tones;2"
-                           << "c" << 44100 << 1 << -1 << bufferedBytes / 2 << QVector<int>{2} << 12.0;
+    QTest::newRow("second") << "tones;1" << 48000 << "c" << 44100 << 1 << -1 << bufferedBytes / 2
+                            << QVector<int>{1} << 12.0;
+    QTest::newRow("third") << "tones;2" << 48000 << "c" << 44100 << 1 << -1 << bufferedBytes / 2
+                           << QVector<int>{2} << 12.0;
 }
 
 // A minute of it, without a fault.
 void tst_AudioTone::tones()
 {
     QFETCH(QString, store);
+    QFETCH(int, storeRate);
     QFETCH(QString, sink);
     QFETCH(int, sinkRate);
     QFETCH(int, sinkChannels);
@@ -365,7 +369,7 @@ void tst_AudioTone::tones()
     std::vector<TonePublisher::Tone> tones{lowTone, highTone};
     if (store.contains(QLatin1Char(';')))
         tones.push_back(middleTone);
-    TonePublisher publisher("tones", 48000, tones);
+    TonePublisher publisher("tones", storeRate, tones);
     QVERIFY(publisher.isPublished());
     MediaSource source(store, 100);
     QVERIFY(source.open());
@@ -375,7 +379,7 @@ void tst_AudioTone::tones()
     player->setDelay(400000);
     player->setMaxDelay(500000);
 
-    const ExpectedSeams expected{48000, framesPerRead};
+    const ExpectedSeams expected{storeRate, framesPerRead};
     const auto faultsOf = [&](const QByteArray &data, bool isTold) {
         std::vector<ToneFault> faults;
         for (int channel = 0; channel < sinkChannels; ++channel) {
