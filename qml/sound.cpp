@@ -47,7 +47,11 @@ Sound::Sound(const QSharedPointer<MediaSourceBase> &source, const Wishes &wishes
     m_player->setMaxDelay(wishes.delayUs + slackUs);
     m_player->setVolume(m_volume);
     m_player->setMuted(m_isMuted);
-    connect(m_player, &AudioPlayer::audioPlayed, this, [this] { emit heard(wallClockUs()); });
+    connect(m_player, &AudioPlayer::audioPlayed, this, [this](qint64 reported) {
+        const qint64 now = wallClockUs();
+        m_heardUs = whatIsHeard(now, reported);
+        emit heard(now);
+    });
     connect(m_player, &AudioPlayer::playerStopped, this, &Sound::onStopped);
     auto *timer = new QTimer(this);
     timer->setInterval(checkIntervalMs);
@@ -78,6 +82,16 @@ void Sound::setReportRate(double fps)
     m_fps = fps;
     if (m_player)
         m_player->setReportRate(fps);
+}
+
+// The player's report counts silence as sound, so that it may be of the future. The next sample for the
+// device is not heard before those that the device has.
+qint64 Sound::whatIsHeard(qint64 now, qint64 reported) const
+{
+    if (m_age.isKnown(now))
+        return now - m_age.age();
+    const qint64 next = m_player->getDevicePosition();
+    return next > 0 ? std::min(reported, next) : reported;
 }
 
 bool Sound::isBusy() const
@@ -116,7 +130,7 @@ void Sound::check()
         return;
     }
     const qint64 newest = newestAudio();
-    const bool isActive = m_player->isActive();
+    const bool isActive = !m_player->isStopped(); // a moment without sound is no stop
     if (!m_watch.check(now, isActive, m_player->getReadPosition(), newest, m_player->getReserve())) {
         const qint64 wallNow = wallClockUs();
         if (isActive && m_age.isKnown(wallNow) && newest > 0)
@@ -164,7 +178,9 @@ bool Sound::selectDevice()
         m_player->setFixedSampleRate(rateFor(m_deviceInfo));
         return true;
     }
-    if (m_starts > 0)
+    if (!isSelected && m_player->failure() == AudioPlayer::ServerSilent)
+        sayServerSilent(); // whoever lists the devices would wait for it
+    else if (m_starts > 0)
         sayDeviceGone(); // it was there before
     else if (m_device == QLatin1String("default") || deviceNames().isEmpty())
         complain(QStringLiteral("there is no sound: no audio device was found; the picture goes on, and the "
@@ -196,6 +212,9 @@ void Sound::sayWhyNotStarted()
                                 "converted to; the picture goes on (%3)")
                      .arg(m_playedOn, asked, m_remedies.otherFormat));
         break;
+    case AudioPlayer::ServerSilent:
+        sayServerSilent();
+        break;
     default:
         complain(QStringLiteral("there is no sound: the audio device %1 cannot be opened for %2; the picture "
                                 "goes on, and so do the attempts")
@@ -226,6 +245,12 @@ void Sound::sayDeviceGone()
     complain(QStringLiteral("the audio device %1 is gone; the picture goes on, and the sound returns with "
                             "it (until then the sound server may play it elsewhere)")
                  .arg(m_playedOn));
+}
+
+void Sound::sayServerSilent()
+{
+    complain(QStringLiteral("there is no sound: the sound server (PulseAudio) does not answer; the picture "
+                            "goes on, and the sound begins when it does (continue or restart the server)"));
 }
 
 void Sound::onStopped()
@@ -318,7 +343,7 @@ Sound::Figures Sound::figures() const
     result.isWanted = m_isWanted;
     if (!m_isWanted)
         return result;
-    result.isPlaying = m_player->isActive();
+    result.isPlaying = !m_player->isStopped(); // also when it has no sound for a moment
     result.device = m_starts > 0 ? m_playedOn : QString();
     result.rate = m_rate;
     result.delayUs = m_delay;

@@ -93,6 +93,11 @@ public:
 
     /* Of the sound that is being heard. */
     const AudioPlaybackAge &heardAge() const { return m_age; }
+    /*
+     * Timestamp of what was heard when heard() was emitted last: by its age where that is known, else as the
+     * player reports it, which is not exact then; 0: not known.
+     */
+    qint64 heardUs() const { return m_heardUs; }
     Figures figures() const;
 
     /* AudioPlayer's. */
@@ -109,12 +114,14 @@ signals:
 
 private:
     void check();
+    qint64 whatIsHeard(qint64 now, qint64 reported) const;
     bool tryStart();
     bool selectDevice();
     void onStopped();
     void sayWhyStopped();
     void sayWhyNotStarted();
     void sayDeviceGone();
+    void sayServerSilent();
     QString whyStartedAgain() const;
     bool isDeviceThere() const;
     bool followDevice();
@@ -147,4 +154,5 @@ private:
     int m_rate = 0;
     int m_starts = 0;
     qint64 m_delay = -1;
+    qint64 m_heardUs = 0;
 };

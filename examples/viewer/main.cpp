@@ -157,7 +157,8 @@ int listAudioDevices(int argc, char **argv)
     Sound::silenceLibraries();
     const QStringList names = Sound::deviceNames();
     if (names.isEmpty())
-        complain(Ok, QStringLiteral("no audio device was found: connect one, or start the sound server"));
+        complain(Ok, QStringLiteral("no audio device was found: connect one, or start the sound server; one "
+                                    "that does not answer has to be continued or restarted"));
     for (const QString &name : names)
         std::printf("%s\n", qUtf8Printable(name));
     return Ok;

@@ -18,7 +18,7 @@
  * source say, and start again when it answers true. It knows no clock and no player.
  *
  *     const qint64 newest = source->getAudioLastTimestamp();
- *     if (watch.check(monotonicUs, player->isActive(), player->getReadPosition(), newest,
+ *     if (watch.check(monotonicUs, !player->isStopped(), player->getReadPosition(), newest,
  *                     player->getReserve())) {
  *         player->start(source, fps);
  *         watch.begin(monotonicUs);
@@ -45,8 +45,10 @@ public:
 
     /*! Playing was started, or an attempt failed. */
     void begin(qint64 now);
-    /*! True when it should be started anew. `reserve`: what the last read left, however long ago that was;
-     * -1: not known. */
+    /*!
+     * True when it should be started anew. `isActive`: not stopped; a device whose buffer is empty for a moment
+     * is. `reserve`: what the last read left, however long ago that was; -1: not known.
+     */
     bool check(qint64 now, bool isActive, qint64 readPosition, qint64 newest, qint64 reserve);
     /*! Of the last check(); None since begin(). */
     Reason reason() const { return lastReason; }

@@ -38,13 +38,14 @@ class QAudioOutput;
  * Units: timestamps and delays in wall-clock microseconds; rates in Hz; volume linear, 0 to 1.
  *
  * Errors: false from setDevice() and start(), with a message in the category "zevqt.audio", also for a device
- * that the sound server has no longer; start() without a device or source says nothing. failure() tells which
- * of these it was. A sound server that was not there when Qt first looked for devices is found by
- * setDevice() and deviceNames(), which have to be asked again then, some seconds later; so ask one of them
- * before anything else in the process looks.
+ * that the sound server has no longer, and while that server does not answer; start() without a device or
+ * source says nothing. failure() tells which of these it was. A sound server that was not there when Qt first
+ * looked for devices is found by setDevice() and deviceNames(), which have to be asked again then, some
+ * seconds later; so ask one of them before anything else in the process looks.
  *
- * Cost: start() opens the device and may wait for a sound server; deviceNames() asks all systems for all
- * their devices, which takes about a tenth of a second; the rest does not wait.
+ * Cost: start() opens the device, for which it may wait for a sound server that is slow; a server that does
+ * not answer at all takes start(), setDevice() or deviceNames() a second, once until it does. deviceNames()
+ * asks all systems for all their devices, which takes about a tenth of a second; the rest does not wait.
  */
 class ZEVQTMM_EXPORT AudioPlayer : public QObject
 {
@@ -56,14 +57,15 @@ class ZEVQTMM_EXPORT AudioPlayer : public QObject
     Q_PROPERTY(int fixedSampleRate READ fixedSampleRate WRITE setFixedSampleRate)
 
 public:
-    /*! Why the last start() failed. */
+    /*! Why the last start() failed, or setDevice() when it is ServerSilent. */
     enum Failure {
         NoFailure,     // it did not
-        NotAsked,      // no device is selected, or there was no source
+        NotAsked,      // no device is selected, there was no source, or they changed while it began
         DeviceGone,    // the sound server has it no longer
         SourceSilent,  // audio was required and the source has none
         FormatRefused, // what the source has cannot be converted to what the device takes
         DeviceFailed,  // it could not be opened
+        ServerSilent,  // the sound server takes connections and does not answer
     };
 
     /*! The one player, made by the first call. */
@@ -85,6 +87,8 @@ public:
     bool isActive() const;
     /*! True while its signals are being told: it must not be destroyed then. */
     bool isEmitting() const { return isOutputEmitting; }
+    /*! True while nothing plays; not in the moment after the buffer ran empty, when it is not active. */
+    bool isStopped() const;
     /*! Linear, 0 to 1. */
     double volume() const;
     /*! Plays on, and is not heard. */
@@ -145,11 +149,14 @@ Q_SIGNALS:
     void volumeChanged();
 
 public Q_SLOTS:
-    /*! Stops. An empty name keeps the device; false for a name that no device has, and the device is kept. */
+    /*! Stops. An empty name keeps the device; false for a name that no device has, and for any while the
+     * sound server does not answer at the first look; the device is kept. */
     bool setDevice(QString name);
     /*!
      * Plays `source` from now on. With `fps`, audioPlayed() comes at that rate. A source without audio plays
-     * as silence until it has some, unless `requireAudio` is set.
+     * as silence until it has some, unless `requireAudio` is set. False, and nothing is done, when it is
+     * called while another start() is being made: from a slot of playerStopped(), or out of the events that a
+     * backend handles as it closes.
      */
     bool start(MediaSource *source, double fps = 0, bool requireAudio = false);
     /*! The device stays selected. */
@@ -174,7 +181,9 @@ private:
     AudioPlayer();
     ~AudioPlayer() override;
 
+    bool isDeviceReady(const QString &name);
     bool negotiateFormat(MediaSource *source, bool requireAudio, QAudioFormat *format) const;
+    bool begin(MediaSource *source, double fps, bool requireAudio, QAudio::Error *error);
     void prepareOutput(const QAudioFormat &format);
     void discardOutput();
     void selectDevice(const QAudioDeviceInfo &selected);
@@ -192,6 +201,7 @@ private:
     double correction;
     int fixedSampleRate_;
     bool isOutputEmitting;
+    bool isStarting;
     bool isRateConverted; // by the device's system
     Failure failure_;
     QAudioFormat playedFormat_;

@@ -6,6 +6,7 @@
 #include "wrapping.h"
 
 #include <QtCore/QFile>
+#include <QtCore/QPointer>
 #include <QtCore/QScopedValueRollback>
 #include <QtCore/QThread>
 #include <QtMultimedia/QAudioOutput>
@@ -20,6 +21,8 @@ const qint64 clockShiftLimitMs = 1000;
 const double announcedVolumeMove = 0.05;
 const double smoothingKeep = 0.999;
 const double smoothingTake = 0.001;
+const char serverIsSilent[] =
+    "The sound server (PulseAudio) does not answer. It has to be continued or restarted; then try again.";
 
 int notifyIntervalMs(double fps)
 {
@@ -46,7 +49,10 @@ void AudioPlayer::teardown()
 QStringList AudioPlayer::deviceNames()
 {
     SoundServerReturn::watch(); // which a player would do only later
-    SoundServerReturn::findBackend();
+    if (!SoundServerReturn::findBackend()) {
+        qCWarning(audio) << "Audio playback devices are not known." << serverIsSilent;
+        return {};
+    }
     const QList<QAudioDeviceInfo> devices = QAudioDeviceInfo::availableDevices(QAudio::AudioOutput);
     SoundServerReturn::lookForServer(devices);
     QStringList names;
@@ -58,7 +64,7 @@ QStringList AudioPlayer::deviceNames()
 
 AudioPlayer::AudioPlayer()
     : output(nullptr), volume_(1.0), muted_(false), timeBase(0), correction(0.0), fixedSampleRate_(-1),
-      isOutputEmitting(false), isRateConverted(false), failure_(NoFailure)
+      isOutputEmitting(false), isStarting(false), isRateConverted(false), failure_(NoFailure)
 {
     SoundServerReturn::watch();
 }
@@ -79,6 +85,11 @@ bool AudioPlayer::enabled() const
 bool AudioPlayer::isActive() const
 {
     return output && output->state() == QAudio::ActiveState;
+}
+
+bool AudioPlayer::isStopped() const
+{
+    return !output || output->state() == QAudio::StoppedState;
 }
 
 double AudioPlayer::volume() const
@@ -138,7 +149,13 @@ bool AudioPlayer::setDevice(QString name)
         stop();
     if (name.isEmpty())
         return true;
-    SoundServerReturn::findBackend();
+    if (!SoundServerReturn::findBackend()) {
+        qCWarning(audio) << "Audio playback device" << name << serverIsSilent;
+        failure_ = ServerSilent;
+        return false;
+    }
+    if (failure_ == ServerSilent)
+        failure_ = NotAsked;
     if (name == QLatin1String("default")) {
         selectDevice(QAudioDeviceInfo::defaultOutputDevice());
         if (!soundserver::isItsDevice(device)) // whose devices come first
@@ -161,19 +178,32 @@ bool AudioPlayer::setDevice(QString name)
 
 bool AudioPlayer::start(MediaSource *source, double fps, bool requireAudio)
 {
+    if (isStarting)
+        return false;
+    const QScopedValueRollback<bool> starting(isStarting, true);
+    const QPointer<MediaSource> asked(source);
+    QAudio::Error error = QAudio::NoError;
+    if (begin(source, fps, requireAudio, &error))
+        return true;
+    return error == QAudio::FatalError && SoundServerReturn::lookAgain(device) &&
+           begin(asked, fps, requireAudio, &error);
+}
+
+bool AudioPlayer::begin(MediaSource *source, double fps, bool requireAudio, QAudio::Error *error)
+{
     failure_ = NotAsked;
     if (device.isNull() || !source)
         return false;
+    const QPointer<MediaSource> asked(source); // whoever hears of a stop, or of an event, may delete it
+    const QAudioDeviceInfo selected = device;
     stop();
+    if (!asked)
+        return false;
     const QString name = source->name();
     qCDebug(audio).nospace() << "Audio playback starting for " << name;
 
-    if (soundserver::lacks(device)) {
-        qCCritical(audio) << "Audio playback failed for" << name
-                          << "The device is gone:" << device.deviceName();
-        failure_ = DeviceGone;
+    if (!isDeviceReady(name))
         return false;
-    }
     QAudioFormat format;
     if (!negotiateFormat(source, requireAudio, &format)) {
         qCCritical(audio) << "Source" << name << "does not have audio";
@@ -188,19 +218,27 @@ bool AudioPlayer::start(MediaSource *source, double fps, bool requireAudio)
     }
 
     prepareOutput(format);
-    isRateConverted = device.preferredFormat().sampleRate() != format.sampleRate();
-    output->setVolume(muted_ ? 0.0 : volume_);
-    setReportRate(fps);
-    output->start(&reader);
-
-    const QAudio::Error error = output->error();
-    if (error != QAudio::NoError) {
-        qCCritical(audio) << "Audio playback failed for" << name << "Error code:" << error;
+    QAudioOutput *const prepared = output;
+    if (asked && device == selected) {
+        isRateConverted = device.preferredFormat().sampleRate() != format.sampleRate();
+        output->setVolume(muted_ ? 0.0 : volume_);
+        setReportRate(fps);
+        output->start(&reader);
+        *error = prepared->error(); // one that has emitted is still there
+    }
+    if (!asked || device != selected || output != prepared) {
+        qCWarning(audio) << "Audio playback of" << name
+                         << "did not start: its source or device changed meanwhile";
+        reader.close();
+        stop();
+        return false;
+    }
+    if (*error != QAudio::NoError) {
+        qCCritical(audio) << "Audio playback failed for" << name << "Error code:" << *error;
         stop();
         reader.close(); // a backend may fail without a change of its state
         failure_ = DeviceFailed;
-        return error == QAudio::FatalError && SoundServerReturn::lookAgain(device) &&
-               start(source, fps, requireAudio);
+        return false;
     }
     SoundServerReturn::started(device);
     // A source that dies in another thread has to wait until nobody reads from it any more.
@@ -210,6 +248,27 @@ bool AudioPlayer::start(MediaSource *source, double fps, bool requireAudio)
     qCInfo(audio).nospace() << "Audio playback started for " << name << " (" << format.sampleRate() << "/"
                             << format.channelCount() << "/" << format.sampleSize() << ")";
     failure_ = NoFailure;
+    return true;
+}
+
+// Whoever starts an output on a device that is gone, or of a server that is silent, waits for ever. A server
+// that takes no more connections while the backend is connected has a full queue of them: it is silent.
+bool AudioPlayer::isDeviceReady(const QString &name)
+{
+    const soundserver::State state = soundserver::stateOf(device);
+    if (state == soundserver::State::Gone) {
+        qCCritical(audio) << "Audio playback failed for" << name
+                          << "The device is gone:" << device.deviceName();
+        failure_ = DeviceGone;
+        return false;
+    }
+    if (state == soundserver::State::Silent ||
+        (state == soundserver::State::NoServer && SoundServerReturn::isConnected(device))) {
+        qCCritical(audio) << "Audio playback failed for" << name << "on" << device.deviceName()
+                          << serverIsSilent;
+        failure_ = ServerSilent;
+        return false;
+    }
     return true;
 }
 

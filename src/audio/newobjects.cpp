@@ -13,6 +13,7 @@ enum HookIndex { Version, Size, QtVersion, AddQObject };
 
 thread_local NewObjects *collecting = nullptr;
 std::atomic<Callback> installedBefore{nullptr};
+std::atomic<bool> isInstalled{false}; // also below a hook that came later, which calls ours
 
 quintptr *hooks()
 {
@@ -41,7 +42,7 @@ NewObjects::NewObjects()
         return;
     collecting = this;
     const auto hook = reinterpret_cast<quintptr>(&NewObjectsHook::onObject);
-    if (data[AddQObject] == hook)
+    if (isInstalled.exchange(true))
         return;
     installedBefore = reinterpret_cast<Callback>(data[AddQObject]);
     data[AddQObject] = hook;
@@ -51,8 +52,10 @@ NewObjects::~NewObjects()
 {
     collecting = nullptr;
     quintptr *data = hooks();
-    if (data && data[AddQObject] == reinterpret_cast<quintptr>(&NewObjectsHook::onObject))
-        data[AddQObject] = reinterpret_cast<quintptr>(installedBefore.load());
+    if (!data || data[AddQObject] != reinterpret_cast<quintptr>(&NewObjectsHook::onObject))
+        return;
+    data[AddQObject] = reinterpret_cast<quintptr>(installedBefore.load());
+    isInstalled = false;
 }
 
 QObject *NewObjects::find(const char *className) const

@@ -15,6 +15,7 @@ namespace {
 
 const int ownAttemptMs = 3000; // then the backend looks, once; give or take a twentieth
 const int marginMs = 500;
+const int secondLookMs = 1000;
 const char backendClass[] = "QPulseAudioEngine";
 const char lostSlot[] = "onContextFailed";
 const char connectSlot[] = "prepare";
@@ -35,6 +36,9 @@ SoundServerReturn::SoundServerReturn(QObject *parent) : QObject(parent)
     ownAttempt.setSingleShot(true);
     ownAttempt.setTimerType(Qt::PreciseTimer);
     ownAttempt.setInterval(ownAttemptMs + marginMs);
+    secondLook.setSingleShot(true);
+    secondLook.setInterval(secondLookMs);
+    connect(&secondLook, &QTimer::timeout, this, &SoundServerReturn::lookForServerAgain);
 }
 
 void SoundServerReturn::watch()
@@ -62,30 +66,54 @@ bool SoundServerReturn::eventFilter(QObject *receiver, QEvent *event)
     return false;
 }
 
-void SoundServerReturn::findBackend()
+bool SoundServerReturn::findBackend()
 {
     SoundServerReturn *self = ofThisThread();
-    if (!self || self->hasLooked)
-        return;
+    if (self && self->hasLooked)
+        return true;
+    if (soundserver::isSilent())
+        return false;
+    if (!self)
+        return true;
     self->hasLooked = true;
     const NewObjects objects;
     QAudioDeviceInfo::availableDevices(QAudio::AudioOutput);
     QObject *found = objects.find(backendClass);
     if (found && isBackend(found))
         self->made = found;
+    return true;
 }
 
-// Nothing tells whether a backend without devices is connected. To let go does no harm then, and is followed
-// by the backend's own attempt.
+bool SoundServerReturn::isConnected(const QAudioDeviceInfo &device)
+{
+    SoundServerReturn *self = ofThisThread();
+    if (!self || !self->made || !soundserver::isItsDevice(device))
+        return false;
+    QCoreApplication::sendPostedEvents(self->made, QEvent::MetaCall); // it may have lost it just now
+    return !self->loser;
+}
+
 void SoundServerReturn::lookForServer(const QList<QAudioDeviceInfo> &listed)
 {
     SoundServerReturn *self = ofThisThread();
-    if (!self || !self->made || self->ownAttempt.isActive() ||
+    if (!self || !self->made || self->ownAttempt.isActive() || self->secondLook.isActive() ||
         std::any_of(listed.begin(), listed.end(), soundserver::isItsDevice) || !soundserver::hasSink())
         return;
-    self->ownAttempt.start();
+    self->secondLook.start();
+}
+
+// Nothing tells whether a backend without devices is connected. One that is gets its list a moment later than
+// others see the sinks: only after a second look is it told to let go, which does no harm then, and is
+// followed by the backend's own attempt.
+void SoundServerReturn::lookForServerAgain()
+{
+    const QList<QAudioDeviceInfo> listed = QAudioDeviceInfo::availableDevices(QAudio::AudioOutput);
+    if (!made || ownAttempt.isActive() ||
+        std::any_of(listed.begin(), listed.end(), soundserver::isItsDevice) || !soundserver::hasSink())
+        return;
+    ownAttempt.start();
     qCInfo(audio) << "The sound server has devices that are not listed: connecting to it in three seconds";
-    QMetaObject::invokeMethod(self->made, lostSlot, Qt::DirectConnection);
+    QMetaObject::invokeMethod(made, lostSlot, Qt::DirectConnection);
 }
 
 void SoundServerReturn::started(const QAudioDeviceInfo &device)

@@ -29,8 +29,8 @@ class QAudioDeviceInfo;
  * Threads: the application object's thread, like the backend; in others nothing is done.
  * Ownership: one object, a child of the application object.
  * Errors: none.
- * Cost: until the server is lost, a look at the type of each event of the application; lookAgain() and
- * lookForServer() wait for an answer of the server for at most half a second.
+ * Cost: until the server is lost, a look at the type of each event of the application; findBackend(),
+ * lookAgain() and lookForServer() ask the server (soundserver.h).
  */
 class SoundServerReturn : public QObject
 {
@@ -38,11 +38,16 @@ class SoundServerReturn : public QObject
 
 public:
     static void watch();
-    /*! Looks at the devices, which makes the backend, once. One that was made before is not found. */
-    static void findBackend();
     /*!
-     * `listed`: all devices that Qt knows. When the server has devices and none of them is listed, the
-     * backend lets go and connects three seconds later.
+     * Looks at the devices, which makes the backend, once. One that was made before is not found. False, and
+     * it has not looked, when the server is silent: the backend would wait for it without end.
+     */
+    static bool findBackend();
+    /*! True while the backend takes itself to be connected; also to a server that takes no connection. */
+    static bool isConnected(const QAudioDeviceInfo &device);
+    /*!
+     * `listed`: all devices that Qt knows. When the server has devices and none of them is listed, now and a
+     * second later, the backend lets go and connects three seconds after that.
      */
     static void lookForServer(const QList<QAudioDeviceInfo> &listed);
     static void started(const QAudioDeviceInfo &device);
@@ -55,10 +60,12 @@ private:
     explicit SoundServerReturn(QObject *parent);
 
     static SoundServerReturn *ofThisThread();
+    void lookForServerAgain();
 
     QPointer<QObject> made;  // the backend, where it was seen being made
     QPointer<QObject> loser; // the backend since it has lost its server
     QTimer ownAttempt;       // runs until the backend has made it
+    QTimer secondLook;       // runs until the server is asked once more
     bool hasLooked = false;
 };
 

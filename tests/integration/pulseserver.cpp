@@ -5,6 +5,8 @@
 #include <QtCore/QRegularExpression>
 #include <QtCore/QStandardPaths>
 
+#include <signal.h>
+
 namespace {
 
 const int patienceMs = 20000;
@@ -67,6 +69,16 @@ void PulseServer::kill()
         return;
     server.kill();
     server.waitForFinished(patienceMs);
+}
+
+void PulseServer::freeze()
+{
+    ::kill(static_cast<pid_t>(server.processId()), SIGSTOP);
+}
+
+void PulseServer::thaw()
+{
+    ::kill(static_cast<pid_t>(server.processId()), SIGCONT);
 }
 
 QString PulseServer::control(const QStringList &arguments)

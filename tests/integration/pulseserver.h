@@ -22,6 +22,9 @@ public:
     bool start(Sinks sinks = Sinks::All);
     /*! As after a crash; start() brings it back in the same place, without its clients. */
     void kill();
+    /*! Takes connections and does not answer, until thaw() or kill(). */
+    void freeze();
+    void thaw();
     /*! pactl's output, or an empty string on failure. */
     QString control(const QStringList &arguments);
     /*! Takes a sink away from whoever plays on it. */

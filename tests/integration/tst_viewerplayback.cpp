@@ -181,6 +181,91 @@ INSTANTIATE_TEST_SUITE_P(Ms, ViewerServerOutage, testing::Values(1000, 8000), []
     return QString::number(outage.param).toStdString() + "ms";
 });
 
+// It takes connections and answers nobody, for good or until it goes on.
+class ViewerServerSilent : public ViewerPlayback, public testing::WithParamInterface<bool>
+{
+protected:
+    void TearDown() override
+    {
+        if (server)
+            server->thaw(); // the tests that follow need it
+    }
+};
+
+TEST_P(ViewerServerSilent, soundReturnsWithAServerThatWasSilent)
+{
+    const bool isKilled = GetParam();
+    const ToolPublisher tool(directory.path(), "av", {"test:", "--size", "320x180"});
+    ASSERT_TRUE(waitUntil([&] { return tool.hasFrame(); }));
+    ViewerRun run(headless(), {"shm:///av", "--headless", "--audio-device", "b", "--report", file("r.json")});
+    ASSERT_TRUE(waitUntil([] { return isHeard("b"); }));
+    server->freeze();
+    EXPECT_TRUE(waitUntil([&] { return run.errors().contains("does not answer"); }))
+        << run.errors().toStdString();
+    QThread::msleep(4000); // an attempt or two more
+    EXPECT_TRUE(run.isRunning());
+    if (isKilled) {
+        server->kill();
+        QThread::msleep(1000);
+        ASSERT_TRUE(server->start());
+    } else {
+        server->thaw();
+    }
+    EXPECT_TRUE(waitUntil([] { return isHeard("b"); }));
+    run.terminate();
+    EXPECT_EQ(run.wait(), 0);
+    EXPECT_EQ(run.errors().count("does not answer"), 1) << run.errors().toStdString();
+    const QJsonObject r = readJson(file("r.json"));
+    EXPECT_GE(r["audio"].toObject()["restarts"].toInt(), 1);
+    EXPECT_EQ(r["no_signal_frames"].toInt(-1), 0);
+    std::printf("%d pictures in %g s, at most %g ms old\n", r["frames"].toInt(), r["seconds"].toDouble(),
+                r["latency_ms"].toObject()["max"].toDouble());
+    EXPECT_GT(r["frames"].toInt(), 0.8 * r["source_fps"].toDouble() * r["seconds"].toDouble());
+}
+
+INSTANTIATE_TEST_SUITE_P(Server, ViewerServerSilent, testing::Bool(), [](const auto &silent) {
+    return std::string(silent.param ? "killed" : "continued");
+});
+
+TEST_F(ViewerPlayback, aSilentServerDoesNotKeepTheViewer)
+{
+    const ToolPublisher tool(directory.path(), "av", {"test:", "--size", "320x180"});
+    ASSERT_TRUE(waitUntil([&] { return tool.hasFrame(); }));
+    for (const bool hasPlayed : {true, false}) {
+        ViewerRun run(headless(), {"shm:///av", "--headless", "--audio-device", "b"});
+        if (hasPlayed) {
+            EXPECT_TRUE(waitUntil([] { return isHeard("b"); }));
+        }
+        server->freeze();
+        EXPECT_TRUE(waitUntil([&] { return run.errors().contains("does not answer"); }));
+        run.terminate();
+        const bool isGone = waitUntil([&] { return !run.isRunning(); });
+        server->thaw();
+        EXPECT_TRUE(isGone);
+        EXPECT_EQ(run.wait(), 0);
+        if (!hasPlayed)
+            break;
+        ASSERT_TRUE(waitUntil([] { return !server->control({"info"}).isEmpty(); }));
+    }
+}
+
+TEST_F(ViewerPlayback, soundBeginsWithAServerThatWasSilentFromTheStart)
+{
+    const ToolPublisher tool(directory.path(), "av", {"test:", "--size", "320x180"});
+    ASSERT_TRUE(waitUntil([&] { return tool.hasFrame(); }));
+    server->freeze();
+    ViewerRun run(headless(), {"shm:///av", "--headless", "--audio-device", "b", "--report", file("r.json")});
+    const bool isTold = waitUntil([&] { return run.errors().contains("does not answer"); });
+    QThread::msleep(4000); // an attempt or two more
+    server->thaw();
+    EXPECT_TRUE(isTold) << run.errors().toStdString();
+    EXPECT_TRUE(waitUntil([] { return isHeard("b"); }));
+    run.terminate();
+    EXPECT_EQ(run.wait(), 0);
+    EXPECT_EQ(run.errors().count('\n'), 1) << run.errors().toStdString();
+    EXPECT_EQ(readJson(file("r.json"))["no_signal_frames"].toInt(-1), 0);
+}
+
 int entriesOf(const ViewerRun &run, const char *folder)
 {
     return QDir(QStringLiteral("/proc/%1/%2").arg(run.processId()).arg(folder))
@@ -483,7 +568,19 @@ TEST_F(ViewerPlayback, thatThereAreNoDevicesIsToldInOneLine)
     qunsetenv("ALSA_CONFIG_PATH");
     qputenv("PULSE_SERVER", before);
     EXPECT_TRUE(names.isEmpty()) << names.join(',').toStdString();
-    EXPECT_EQ(errors, "zevqt-viewer: no audio device was found: connect one, or start the sound server\n");
+    EXPECT_EQ(errors, "zevqt-viewer: no audio device was found: connect one, or start the sound server; one "
+                      "that does not answer has to be continued or restarted\n");
+}
+
+TEST_F(ViewerPlayback, aSilentServerDoesNotKeepTheListOfDevices)
+{
+    server->freeze();
+    QString errors;
+    const QStringList names = listedDevices(&errors);
+    server->thaw();
+    EXPECT_TRUE(names.isEmpty()) << names.join(',').toStdString();
+    EXPECT_TRUE(errors.contains("one that does not answer")) << errors.toStdString();
+    EXPECT_EQ(errors.count('\n'), 1) << errors.toStdString();
 }
 
 TEST_F(ViewerPlayback, soundFromAnotherStoreAndOneChannelOfIt)

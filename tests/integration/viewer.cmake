@@ -120,14 +120,15 @@ if(ZEV_BUILD_EXAMPLES AND ZEV_BUILD_QML)
             ARTIFACTS_DIR="${PROJECT_BINARY_DIR}/artifacts")
         add_dependencies(tst_viewerplayback zevqt-viewer zevshm)
         # Together they come near to two minutes on a machine that is busy.
-        set_property(TEST tst_viewerplayback APPEND PROPERTY ENVIRONMENT "GTEST_FILTER=-*soundReturns*:*slowSound*:*volumeIs*:*theDefault*")
+        set_property(TEST tst_viewerplayback APPEND PROPERTY ENVIRONMENT "GTEST_FILTER=-*soundReturns*:*Silent*:*slowSound*:*volumeIs*:*theDefault*")
         add_test(NAME tst_viewerplayback_devices
-            COMMAND tst_viewerplayback "--gtest_filter=*soundReturns*-*Outage*:*EachTime*:*WasNotThere*")
+            COMMAND tst_viewerplayback "--gtest_filter=*soundReturns*-*Outage*:*EachTime*:*WasNotThere*:*Silent*")
+        add_test(NAME tst_viewerplayback_silent COMMAND tst_viewerplayback --gtest_filter=*Silent*)
         add_test(NAME tst_viewerplayback_server
             COMMAND tst_viewerplayback "--gtest_filter=*Outage*:*EachTime*:*WasNotThere*")
         add_test(NAME tst_viewerplayback_heard
             COMMAND tst_viewerplayback "--gtest_filter=*slowSound*:*volumeIs*:*theDefault*")
-        foreach(part devices server heard)
+        foreach(part devices server silent heard)
             set_tests_properties(tst_viewerplayback_${part} PROPERTIES LABELS integration TIMEOUT 120)
             zev_test_environment(tst_viewerplayback_${part})
         endforeach()

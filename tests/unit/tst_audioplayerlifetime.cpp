@@ -15,6 +15,10 @@ private Q_SLOTS:
     void teardownWhilePlaying();
     void restartDuringTeardown();
     void outputThatGoesIsNotAsked();
+    void sourceThatGoesWithTheFormerOutputIsNotPlayed();
+    void startFromTheFormerOutputsEventsIsRefused();
+    void deviceChosenByTheFormerOutputsEventsIsKept();
+    void startThatFailsAndIsFollowedByAnotherDevice();
     void aThousandStartsLeaveNothingBehind();
 };
 
@@ -151,6 +155,76 @@ void tst_AudioPlayerLifetime::outputThatGoesIsNotAsked()
     QCOMPARE(gone, 2);
     QCOMPARE(devices().askedWhileDestroyed, 0);
     devices().whenDestroyed = {};
+}
+
+// The former output, with another format, handles events while it closes.
+void tst_AudioPlayerLifetime::sourceThatGoesWithTheFormerOutputIsNotPlayed()
+{
+    QVERIFY(player()->setDevice(QStringLiteral("speaker")));
+    QVERIFY(player()->start(source.get(), 25));
+    player()->setFixedSampleRate(44100);
+    devices().whenDestroyed = [this] { source.reset(); };
+    QVERIFY(!player()->start(source.get(), 25));
+    devices().whenDestroyed = {};
+    QVERIFY(!source);
+    QCOMPARE(player()->failure(), AudioPlayer::NotAsked);
+    QVERIFY(!player()->isActive());
+    QCOMPARE(player()->getReadPosition(), qint64(0));
+    player()->stop();
+    MediaSource other(QStringLiteral("other"), 100);
+    QVERIFY(other.open());
+    QVERIFY(player()->start(&other, 25));
+    QVERIFY(!output()->pull(3840).isEmpty());
+    player()->stop();
+}
+
+void tst_AudioPlayerLifetime::startFromTheFormerOutputsEventsIsRefused()
+{
+    QVERIFY(player()->setDevice(QStringLiteral("speaker")));
+    QVERIFY(player()->start(source.get(), 25));
+    player()->setFixedSampleRate(44100);
+    int asked = 0;
+    const auto startAgain = [this, &asked] {
+        ++asked;
+        QVERIFY(!player()->start(source.get(), 25));
+    };
+    connect(player(), &AudioPlayer::playerStopped, this, startAgain);
+    devices().whenDestroyed = startAgain;
+    QVERIFY(player()->start(source.get(), 25));
+    QCOMPARE(asked, 2);
+    player()->disconnect(this);
+    devices().whenDestroyed = {};
+    QCOMPARE(player()->failure(), AudioPlayer::NoFailure);
+    QCOMPARE(devices().createdOn.size(), 2);
+    QCOMPARE(devices().liveOutputs, 1);
+    QVERIFY(!output()->pull(3840).isEmpty());
+}
+
+void tst_AudioPlayerLifetime::deviceChosenByTheFormerOutputsEventsIsKept()
+{
+    QVERIFY(player()->setDevice(QStringLiteral("speaker")));
+    QVERIFY(player()->start(source.get(), 25));
+    player()->setFixedSampleRate(44100);
+    devices().whenDestroyed = [] { QVERIFY(player()->setDevice(QStringLiteral("headphones"))); };
+    QVERIFY(!player()->start(source.get(), 25)); // it was to be heard on the other one
+    devices().whenDestroyed = {};
+    QVERIFY(!player()->isActive());
+    QVERIFY(player()->start(source.get(), 25));
+    QCOMPARE(devices().createdOn.last(), QStringLiteral("headphones"));
+    QCOMPARE(devices().liveOutputs, 1);
+}
+
+void tst_AudioPlayerLifetime::startThatFailsAndIsFollowedByAnotherDevice()
+{
+    QVERIFY(player()->setDevice(QStringLiteral("speaker")));
+    devices().startError = QAudio::OpenError;
+    connect(player(), &AudioPlayer::playerStopped, this,
+            [] { QVERIFY(player()->setDevice(QStringLiteral("headphones"))); });
+    QVERIFY(!player()->start(source.get(), 25));
+    player()->disconnect(this);
+    devices().startError = QAudio::NoError;
+    QVERIFY(player()->start(source.get(), 25));
+    QCOMPARE(devices().createdOn.last(), QStringLiteral("headphones"));
 }
 
 void tst_AudioPlayerLifetime::aThousandStartsLeaveNothingBehind()

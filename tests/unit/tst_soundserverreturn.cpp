@@ -1,5 +1,8 @@
 #include "audioplayer_testing.h"
 
+#include "audio/newobjects.h"
+#include "audio/soundserver.h"
+
 #include <QtCore/QTimer>
 #include <QtTest/QtTest>
 
@@ -12,15 +15,32 @@ struct Server
 {
     bool isThere = false;
     bool hasSink = false;
+    bool isSilent = false;
 };
 Server server;
 
 const int patienceMs = 30000;
 const int longStallMs = 3700; // by then a loss of that time has to have been looked after
 
+// A hook of somebody else, for the objects that are made.
+const int addedObject = 3;
+quintptr below = 0;
+int addedObjects = 0;
+
+void onAddedObject(QObject *object)
+{
+    ++addedObjects;
+    reinterpret_cast<void (*)(QObject *)>(below)(object);
+}
+
 } // namespace
 
 extern "C" {
+extern Q_CORE_EXPORT quintptr qtHookData[];
+bool __wrap__ZN11soundserver8isSilentEv()
+{
+    return server.isSilent;
+}
 bool __wrap__ZN11soundserver11isAnsweringEv()
 {
     return server.isThere;
@@ -29,9 +49,11 @@ bool __wrap__ZN11soundserver7hasSinkEv()
 {
     return server.isThere && server.hasSink;
 }
-bool __wrap__ZN11soundserver5lacksERK16QAudioDeviceInfo(const QAudioDeviceInfo &)
+soundserver::State __wrap__ZN11soundserver7stateOfERK16QAudioDeviceInfo(const QAudioDeviceInfo &)
 {
-    return false;
+    return server.isSilent  ? soundserver::State::Silent
+           : server.isThere ? soundserver::State::There
+                            : soundserver::State::NoServer;
 }
 }
 
@@ -99,13 +121,18 @@ class tst_SoundServerReturn : public AudioPlayerTest
     Q_OBJECT
 
 private Q_SLOTS:
+    void silentServerIsNotLookedAt();
     void serverThatComesAfterTheBackend();
+    void listThatIsLateIsWaitedFor();
+    void silentServerIsNotPlayedOn();
+    void serverThatTakesNoConnectionsIsNotPlayedOn();
     void backendWithDevicesIsLeftAlone();
     void serverThatReturnsInTime();
     void serverThatReturnsLate();
     void eventLoopThatStandsStill();
     void attemptThatFails();
     void lossThatIsNotYetKnown();
+    void hookBelowAnotherIsNotInstalledTwice();
 
 private:
     bool plays() { return player()->start(source.get(), 25); }
@@ -127,6 +154,31 @@ void tst_SoundServerReturn::begin()
     QVERIFY(player()->setDevice(QStringLiteral("speaker")));
     QVERIFY(plays());
     player()->stop();
+}
+
+// Whoever lists the devices makes the backend, which waits without end.
+void tst_SoundServerReturn::silentServerIsNotLookedAt()
+{
+    server.isSilent = true;
+    int looks = 0;
+    devices().whenListed = [&looks] { ++looks; };
+    for (const char *name : {"speaker", "default"}) {
+        takeLog();
+        QVERIFY(!player()->setDevice(QLatin1String(name)));
+        QCOMPARE(player()->failure(), AudioPlayer::ServerSilent);
+        const QStringList log = takeLog();
+        QCOMPARE(log.size(), 1);
+        QVERIFY2(log.first().contains(QStringLiteral("The sound server (PulseAudio) does not answer")),
+                 qPrintable(log.first()));
+    }
+    takeLog();
+    QVERIFY(AudioPlayer::deviceNames().isEmpty());
+    QCOMPARE(takeLog().filter(QStringLiteral("The sound server (PulseAudio) does not answer")).size(), 1);
+    QCOMPARE(looks, 0);
+    QVERIFY(!player()->enabled());
+    server.isSilent = false;
+    QVERIFY(!player()->start(source.get(), 25));
+    QCOMPARE(player()->failure(), AudioPlayer::NotAsked);
 }
 
 // Otherwise it would never be heard.
@@ -154,6 +206,50 @@ void tst_SoundServerReturn::serverThatComesAfterTheBackend()
     QVERIFY(plays());
     QCOMPARE(engine->attempts, 2);
     QCOMPARE(engine->connectedTwice, 0);
+}
+
+// A sink is known to others before the backend lists it.
+void tst_SoundServerReturn::listThatIsLateIsWaitedFor()
+{
+    begin();
+    QTest::qWait(3600); // it is not looked for while it may be on its way
+    devices().devices = QStringList{QString()};
+    QVERIFY(!player()->setDevice(QStringLiteral("speaker")));
+    QTest::qWait(200);
+    devices().devices = QStringList{QStringLiteral("speaker")};
+    QVERIFY(player()->setDevice(QStringLiteral("speaker")));
+    QTest::qWait(2000);
+    QVERIFY(engine->isConnected);
+    QVERIFY(plays());
+    QTest::qWait(3000); // for an attempt, if it was made to let go
+    QCOMPARE(engine->attempts, 0);
+}
+
+void tst_SoundServerReturn::silentServerIsNotPlayedOn()
+{
+    begin();
+    player()->stop();
+    const int created = devices().createdOn.size();
+    server.isSilent = true;
+    takeLog();
+    QVERIFY(!plays());
+    QCOMPARE(player()->failure(), AudioPlayer::ServerSilent);
+    QCOMPARE(takeLog().filter(QStringLiteral("does not answer")).size(), 1);
+    QVERIFY(!player()->isActive());
+    QCOMPARE(devices().createdOn.size(), created);
+    server.isSilent = false;
+    QVERIFY(plays());
+}
+
+// One that is silent for long has a full queue of clients.
+void tst_SoundServerReturn::serverThatTakesNoConnectionsIsNotPlayedOn()
+{
+    begin();
+    server.isThere = false;
+    QVERIFY(!plays());
+    QCOMPARE(player()->failure(), AudioPlayer::ServerSilent);
+    server.isThere = true;
+    QVERIFY(plays());
 }
 
 void tst_SoundServerReturn::backendWithDevicesIsLeftAlone()
@@ -245,6 +341,31 @@ void tst_SoundServerReturn::lossThatIsNotYetKnown()
     QTest::qWait(1000);
     QCOMPARE(engine->attempts, 2);
     QCOMPARE(engine->connectedTwice, 0);
+}
+
+// The other one calls ours, which would call it.
+void tst_SoundServerReturn::hookBelowAnotherIsNotInstalledTwice()
+{
+    const quintptr before = qtHookData[addedObject];
+    {
+        const NewObjects objects;
+        below = qtHookData[addedObject];
+        QVERIFY(below != before);
+        qtHookData[addedObject] = reinterpret_cast<quintptr>(&onAddedObject);
+    }
+    {
+        const NewObjects objects;
+        const QObject made;
+        QCOMPARE(objects.find("QObject"), &made);
+        QCOMPARE(addedObjects, 1);
+    }
+    qtHookData[addedObject] = below; // the other one goes
+    {
+        const NewObjects objects;
+        const QObject made;
+        QCOMPARE(objects.find("QObject"), &made);
+    }
+    QCOMPARE(qtHookData[addedObject], before);
 }
 
 QTEST_GUILESS_MAIN(tst_SoundServerReturn)

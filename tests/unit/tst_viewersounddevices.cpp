@@ -3,7 +3,9 @@
 #include "fake_audiosystem.h"
 #include "sound.h"
 #include "tonepublisher.h"
+#include "wallclock.h"
 
+#include <zevqt-mm/audioplayer.h>
 #include <zevqt-mm/mediasource.h>
 
 #include <QtTest/QtTest>
@@ -23,6 +25,9 @@ private Q_SLOTS:
     void reportRateReachesWhatIsPlaying();
     void soundServerIsAskedForItsOwnRate_data();
     void soundServerIsAskedForItsOwnRate();
+    void aMomentWithoutSoundIsNoStop();
+    void reportOfTheFutureIsNotWhatIsHeard();
+    void whatIsHeardIsKnownByItsAge();
 
 private:
     static FakeAudioSystem &devices() { return FakeAudioSystem::instance(); }
@@ -157,6 +162,67 @@ void tst_ViewerSoundDevices::soundServerIsAskedForItsOwnRate()
     devices().output->enter(QAudio::StoppedState, QAudio::FatalError);
     QTRY_COMPARE_WITH_TIMEOUT(starts, 3, patienceMs);
     QCOMPARE(devices().output->format().sampleRate(), source);
+}
+
+// Qt's backend is idle after its buffer ran empty, until the next period is asked for.
+void tst_ViewerSoundDevices::aMomentWithoutSoundIsNoStop()
+{
+    begin();
+    QTRY_COMPARE_WITH_TIMEOUT(starts, 1, patienceMs);
+    QTimer reads; // else it would be started again for taking no more sound
+    connect(&reads, &QTimer::timeout, this, [] { devices().output->pull(3840); });
+    reads.start(20);
+    QTest::qWait(1500); // from then on it could be started again
+    devices().output->enter(QAudio::IdleState, QAudio::UnderrunError);
+    QVERIFY(sound->figures().isPlaying);
+    QTest::qWait(300);
+    devices().output->enter(QAudio::ActiveState, QAudio::NoError);
+    QTest::qWait(300);
+    QCOMPARE(starts, 1);
+    QVERIFY2(problems.isEmpty(), qPrintable(problems.value(0)));
+}
+
+// Silence before the first sample counts in it as sound.
+void tst_ViewerSoundDevices::reportOfTheFutureIsNotWhatIsHeard()
+{
+    begin();
+    QTRY_COMPARE_WITH_TIMEOUT(starts, 1, patienceMs);
+    QCOMPARE(sound->heardUs(), qint64(0));
+    FakeAudioOutput *output = devices().output;
+    AudioPlayer *player = AudioPlayer::getInstance();
+    const auto hasSound = [&] {
+        return !output->pull(output->buffer).isEmpty() && player->getPlayedTime() > 0;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(hasSound(), patienceMs); // the store has just begun
+    const qint64 next = player->getDevicePosition();
+    QVERIFY(next > 0);
+    output->processed = 2000000;
+    output->tick();
+    QVERIFY(player->getPlayedTime() > next + 1000000); // what it tells
+    QCOMPARE(sound->heardUs(), next);
+    QVERIFY(sound->heardUs() <= wallClockUs() - 200000); // the buffer is before it
+    output->processed = 0;                               // one that is possible is taken
+    output->tick();
+    QVERIFY(sound->heardUs() > 0 && sound->heardUs() < next);
+}
+
+void tst_ViewerSoundDevices::whatIsHeardIsKnownByItsAge()
+{
+    begin();
+    QTRY_COMPARE_WITH_TIMEOUT(starts, 1, patienceMs);
+    FakeAudioOutput *output = devices().output;
+    QVERIFY(!output->pull(output->buffer).isEmpty());
+    QTimer reads;
+    reads.setTimerType(Qt::PreciseTimer);
+    connect(&reads, &QTimer::timeout, this, [output] { output->pull(output->period); });
+    reads.start(20);
+    QTRY_VERIFY_WITH_TIMEOUT(sound->heardAge().isKnown(wallClockUs()), patienceMs);
+    output->processed = 100000000; // a report that has nothing to do with it
+    const qint64 before = wallClockUs();
+    output->tick();
+    const qint64 heard = sound->heardUs();
+    QVERIFY(heard >= before - sound->heardAge().age());
+    QVERIFY(heard <= wallClockUs() - sound->heardAge().age());
 }
 
 QTEST_GUILESS_MAIN(tst_ViewerSoundDevices)
