@@ -3,8 +3,6 @@
 #include "livestream.h"
 #include "sound.h"
 
-#include <zevqt-mm/audioplayer.h>
-
 #include <QCoreApplication>
 #include <QQmlEngine>
 
@@ -105,11 +103,10 @@ void LiveAudio::rebuild()
         m_stream->setSound(m_sound.get());
         connect(m_sound.get(), &Sound::changed, this, &LiveAudio::stateChanged);
         connect(m_sound.get(), &Sound::problem, this, &LiveAudio::stateChanged);
-        if (m_sound->figures().isWanted) // then there is a player, which goes with it
-            connect(AudioPlayer::getInstance(), &AudioPlayer::audioPlayed, this, [this](qint64 timestamp) {
-                m_playedUs = timestamp;
-                emit playedTimeChanged();
-            });
+        connect(m_sound.get(), &Sound::heard, this, [this] {
+            m_playedUs = m_sound->heardUs();
+            emit playedTimeChanged();
+        });
         connect(m_stream, &LiveStream::tickRateChanged, m_sound.get(),
                 [this] { m_sound->setReportRate(m_stream->tickRate()); });
         m_sound->start(m_stream->tickRate());

@@ -31,7 +31,7 @@ QT_END_NAMESPACE
  *   Playing   the device takes sound
  *
  * All of it, and the source, may be changed from handlers of its own signals too; what is playing follows a
- * moment later then.
+ * moment later then. It must not be destroyed from them, but deleteLater() may be called; the source may be.
  *
  * Threads: the GUI thread. Start and stop may wait for the sound server. Units: delay in milliseconds, volume
  * linear from 0 to 1, playedTime in milliseconds since the epoch, on the clock of the source's timestamps.
@@ -76,8 +76,7 @@ public:
     void setDelay(int milliseconds);
     State state() const;
     QString errorString() const;
-    /* Timestamp of what is being heard, as the player reported last, once a picture's time; 0: not playing.
-     */
+    /* Timestamp of what is being heard, told once a picture's time; 0: not playing, or not known. */
     double playedTime() const;
 
     /* Devices come and go; the list is asked for anew. */
@@ -104,7 +103,7 @@ private:
     double m_volume = 1.0;
     bool m_isMuted = false;
     int m_delayMs;
-    qint64 m_playedUs = 0;          // as the player reported last
+    qint64 m_playedUs = 0;          // what was heard at the last report
     QPointer<LiveStream> m_stream;  // of the source, while it plays
     std::unique_ptr<Sound> m_sound; // null: nothing to play
 };

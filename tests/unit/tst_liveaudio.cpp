@@ -149,6 +149,77 @@ TEST_F(LiveAudioTest, mayBeChangedFromItsHandlers)
     }
 }
 
+// Nobody but its owner knows when nothing of it is at work any more.
+TEST_F(LiveAudioTest, mayBeToldToGoLaterFromItsHandlers)
+{
+    if (!server)
+        GTEST_SKIP() << "no sound server: is pulseaudio installed?";
+    const StorePublisher publisher("tone", Qt::red);
+    using Signal = void (LiveAudio::*)();
+    for (const Signal signal : {&LiveAudio::playedTimeChanged, &LiveAudio::stateChanged}) {
+        QPointer<LiveAudio> own = new LiveAudio;
+        QPointer<AudioPlayer> player;
+        QObject::connect(own, signal, &source, [&] {
+            if (player || own->state() != LiveAudio::Playing)
+                return;
+            player = AudioPlayer::getInstance();
+            own->deleteLater();
+        });
+        own->setSource(&source);
+        EXPECT_TRUE(waitUntil([&] { return !own; }));
+        EXPECT_FALSE(player);
+        delete own;
+    }
+}
+
+// What is told last is told about a source that is gone.
+TEST_F(LiveAudioTest, itsSourceMayGoInItsHandlers)
+{
+    if (!server)
+        GTEST_SKIP() << "no sound server: is pulseaudio installed?";
+    const StorePublisher publisher("tone", Qt::red);
+    using Signal = void (LiveAudio::*)();
+    for (const Signal signal : {&LiveAudio::playedTimeChanged, &LiveAudio::stateChanged}) {
+        auto own = std::make_unique<LiveSource>();
+        own->setVideo(QUrl(QStringLiteral("shm:///tone")));
+        const auto connection = QObject::connect(&audio, signal, &source, [&] {
+            if (own && audio.state() == LiveAudio::Playing)
+                own.reset();
+        });
+        audio.setSource(own.get());
+        EXPECT_TRUE(waitUntil([&] { return !own; }));
+        EXPECT_EQ(audio.source(), nullptr);
+        EXPECT_TRUE(isSoon(LiveAudio::Silent));
+        QObject::disconnect(connection);
+    }
+}
+
+TEST(LiveAudioQml, isNotDestroyedByQml)
+{
+    LiveAudio *one = nullptr;
+    {
+        QQmlEngine engine;
+        QQmlComponent component(&engine);
+        component.setData("import QtQml 2.15\n"
+                          "import ZevQt.Multimedia 1.0\n"
+                          "QtObject {\n"
+                          "    property QtObject audio: LiveAudio\n"
+                          "    property string refusal\n"
+                          "    Component.onCompleted: {\n"
+                          "        try { LiveAudio.destroy() } catch (error) { refusal = String(error) }\n"
+                          "    }\n"
+                          "}\n",
+                          QUrl("qrc:/inline.qml"));
+        const std::unique_ptr<QObject> made(component.create());
+        ASSERT_TRUE(made) << component.errorString().toStdString();
+        EXPECT_TRUE(made->property("refusal").toString().contains("indestructible"))
+            << made->property("refusal").toString().toStdString();
+        one = qobject_cast<LiveAudio *>(made->property("audio").value<QObject *>());
+    }
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    EXPECT_EQ(LiveAudio::instance(nullptr, nullptr), one);
+}
+
 TEST_F(LiveAudioTest, thePictureFollows)
 {
     if (!server)

@@ -12,9 +12,13 @@
 
 #include <gtest/gtest.h>
 
+#include <QElapsedTimer>
 #include <QPointer>
 #include <QTemporaryDir>
+#include <QTimer>
 
+#include <algorithm>
+#include <cstdio>
 #include <memory>
 
 namespace {
@@ -90,6 +94,37 @@ TEST_F(LiveAudioServerTest, anotherDeviceMayBeNamedWhenTheServerIsLost)
     ASSERT_TRUE(server->start());
     EXPECT_TRUE(isSoon(LiveAudio::Playing));
     EXPECT_EQ(AudioPlayer::getInstance()->selectedDevice().deviceName(), "a");
+}
+
+// It takes connections and answers nobody. The GUI thread is not kept for longer than the question takes.
+TEST_F(LiveAudioServerTest, aServerThatDoesNotAnswerIsSaidAndWaitedFor)
+{
+    ASSERT_TRUE(server->start());
+    audio.setSource(&source);
+    ASSERT_TRUE(isSoon(LiveAudio::Playing));
+    QElapsedTimer sinceLast;
+    qint64 longestMs = 0;
+    QTimer beat;
+    QObject::connect(&beat, &QTimer::timeout, &source, [&] {
+        if (sinceLast.isValid())
+            longestMs = std::max(longestMs, sinceLast.elapsed());
+        sinceLast.start();
+    });
+    beat.start(10);
+    server->freeze();
+    const bool isSaid = waitUntil([&] { return audio.errorString().contains("does not answer"); });
+    bool isLater = false; // some attempts are made
+    QTimer::singleShot(4000, &source, [&] { isLater = true; });
+    EXPECT_TRUE(waitUntil([&] { return isLater; }));
+    const LiveAudio::State state = audio.state();
+    beat.stop();
+    server->thaw();
+    EXPECT_TRUE(isSaid) << audio.errorString().toStdString();
+    EXPECT_EQ(state, LiveAudio::Waiting);
+    EXPECT_TRUE(isSoon(LiveAudio::Playing));
+    EXPECT_TRUE(audio.errorString().isEmpty()) << audio.errorString().toStdString();
+    std::printf("the GUI thread stood still for at most %lld ms\n", longestMs);
+    EXPECT_LT(longestMs, 10000);
 }
 
 } // namespace
