@@ -46,8 +46,8 @@ public:
     /*! Playing was started, or an attempt failed. */
     void begin(qint64 now);
     /*!
-     * True when it should be started anew. `isActive`: not stopped; a device whose buffer is empty for a moment
-     * is. `reserve`: what the last read left, however long ago that was; -1: not known.
+     * True when it should be started anew. `isActive`: not stopped; a device whose buffer is empty for a
+     * moment is. `reserve`: what the last read left, however long ago that was; -1: not known.
      */
     bool check(qint64 now, bool isActive, qint64 readPosition, qint64 newest, qint64 reserve);
     /*! Of the last check(); None since begin(). */
