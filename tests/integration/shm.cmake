@@ -10,3 +10,5 @@ zev_test(tst_shm_hostile SOURCES integration/tst_shm_hostile.cpp LIBRARIES shm_t
 # Also as another user, when it is run by root.
 zev_test(tst_shm_rights SOURCES integration/tst_shm_rights.cpp LIBRARIES shm_testable GTest::gtest LABEL integration)
 zev_test(tst_shm_limits SOURCES integration/tst_shm_limits.cpp LIBRARIES Zev::shm GTest::gtest LABEL integration)
+# A reader for compare/compare.py.
+zev_test(frame_lines SOURCES compare/frame_lines.c LIBRARIES Zev::shm NO_TEST)
