@@ -12,3 +12,13 @@ zev_test(tst_shm_rights SOURCES integration/tst_shm_rights.cpp LIBRARIES shm_tes
 zev_test(tst_shm_limits SOURCES integration/tst_shm_limits.cpp LIBRARIES Zev::shm GTest::gtest LABEL integration)
 # A reader for compare/compare.py.
 zev_test(frame_lines SOURCES compare/frame_lines.c LIBRARIES Zev::shm NO_TEST)
+if(TARGET gstzevshm)
+    pkg_check_modules(GSTREAMER_APP REQUIRED IMPORTED_TARGET gstreamer-app-1.0 gstreamer-video-1.0)
+    zev_test(tst_gstreamer SOURCES integration/tst_gstreamer.cpp
+        LIBRARIES Zev::shm PkgConfig::GSTREAMER_APP GTest::gtest LABEL integration)
+    target_compile_definitions(tst_gstreamer PRIVATE
+        ZEV_GST_PLUGIN_PATH="$<TARGET_FILE_DIR:gstzevshm>")
+    add_dependencies(tst_gstreamer gstzevshm)
+    zev_test(tst_gstclockmap SOURCES unit/tst_gstclockmap.cpp ../gstreamer/clockmap.cpp LIBRARIES GTest::gtest_main)
+    target_include_directories(tst_gstclockmap PRIVATE ../gstreamer)
+endif()
