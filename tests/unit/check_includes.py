@@ -19,10 +19,12 @@ ALLOWED = {
     "src/audio": ("audio/", "wrapping.h", "zevqt-mm/", "zev-utils/", "audio-level/", "audio_level/"),
     "qml": ("zevqt-mm/", "shm/", "zevmm/", "zev-utils/"),
     "tools": ("shm/", "zevmm/"),
+    "gstreamer": ("shm/",),
     "examples": ("zevqt-mm/", "shm/", "zevmm/", "zev-utils/"),
 }
 # These know nothing of Qt.
-WITHOUT_QT = ("platform/shm/", "platform/zevmm/", "platform/zev-utils/", "platform/audio-level/", "tools/")
+WITHOUT_QT = ("platform/shm/", "platform/zevmm/", "platform/zev-utils/", "platform/audio-level/", "tools/",
+              "gstreamer/")
 QT = re.compile(r"(Q[A-Z]\w*|Qt[A-Z]\w*/.*)$")
 # The library's own folders and libraries, by what an include of them starts with.
 OURS = ("zevqt-mm/", "sources/", "video/", "provider/", "audio/", "wrapping.h") + PLATFORM
@@ -31,7 +33,7 @@ OURS = ("zevqt-mm/", "sources/", "video/", "provider/", "audio/", "wrapping.h") 
 def findings(root):
     result = []
     # Only the folders of the project: build trees lie in the root, too.
-    tops = [root / top for top in ("platform", "include", "src", "qml", "tools", "examples")]
+    tops = [root / top for top in ("platform", "include", "src", "qml", "tools", "gstreamer", "examples")]
     sources = [p for top in tops for p in top.rglob("*") if p.suffix in (".h", ".c", ".cpp", ".hpp")]
     for path in sources:
         relative = path.relative_to(root).as_posix()
