@@ -1,6 +1,6 @@
-/* Reads a store as a small application would, and prints a line for every frame: "frame WIDTHxHEIGHT". With a writer gone it
- * opens the store again until there is one. Two frames are held locked at any time, as of a picture on a screen and the next
- * one. For compare.py, which looks at what arrives when. */
+/* Reads a store as a small application would, and prints a line for every frame: "frame WIDTHxHEIGHT". With a
+ * writer gone it opens the store again until there is one. Two frames are held locked at any time, as of a
+ * picture on a screen and the next one. For compare.py, which looks at what arrives when. */
 #include <shm/shm_reader.h>
 
 #include <errno.h>
