@@ -8,7 +8,7 @@ import subprocess
 import sys
 
 FOLDERS = "bench|cmake|docs|examples|include|platform|qml|scripts|src|tests|tools"
-COMMANDS = "publish list info top snapshot record dump".split()
+COMMANDS = "publish list info top snapshot record relay dump".split()
 OPTION = re.compile(r"(?<![\w-])--[a-z][a-z-]+")
 
 
