@@ -137,8 +137,9 @@ struct SourceHooks::Hooked
             isUser = true; // also of what a hook that throws has made until then
             isPrepared = call(&MediaSourceBase::doBeforeGLSynchronizing, &failure);
         }
-        if (failure)
-            report(failure->message, failure->hint);
+        if (isPrepared)
+            told.clear();
+        tell(failure, report);
         return isPrepared;
     }
 
@@ -150,8 +151,7 @@ struct SourceHooks::Hooked
             const QMutexLocker lock(&resources->mutex);
             call(&MediaSourceBase::doAfterGLSynchronizing, &failure);
         }
-        if (failure)
-            report(failure->message, failure->hint);
+        tell(failure, report);
     }
 
     template <typename Report>
@@ -178,8 +178,17 @@ struct SourceHooks::Hooked
                 QCoreApplication::instance(), [common = resources, owner = source] { --common->settling; },
                 Qt::QueuedConnection);
         }
-        if (failure)
-            report(failure->message, failure->hint);
+        tell(failure, report);
+    }
+
+    // A window that is hidden and shown over and over has nothing new to tell.
+    template <typename Report>
+    void tell(const std::optional<Failure> &failure, Report report)
+    {
+        if (!failure || failure->message == told)
+            return;
+        told = failure->message;
+        report(failure->message, failure->hint);
     }
 
     QSharedPointer<MediaSourceBase> source; // null when it was dropped
@@ -187,6 +196,7 @@ struct SourceHooks::Hooked
     bool isUser = false;    // by the resources' mutex
     bool isBroken = false;  // the render thread only
     bool hasFailed = false; // likewise: said and not taken back
+    QString told;           // likewise: what was said last; empty: nothing that still holds
     // After it was detached: of the window that may stop drawing before it synchronizes once more.
     QMetaObject::Connection stopping;
 };

@@ -27,8 +27,9 @@ namespace zevqml {
  * Threads: attach() and detach() in the window's thread; the hooks run in the render thread, most of them
  * while the window's thread waits for it; generation() and areFramesStale() in either. Hooks of one source
  * never run at the same time. Ownership: shares the source while attached, and until its resources are
- * released; borrows the window. Errors: a hook that throws is not called again until the scene graph is made
- * anew; failed() tells once, with the exception's text and, if OpenGL is the reason, a hint in words.
+ * released; borrows the window. Errors: a hook that throws is not called again until the window is drawn
+ * again after it was hidden, or its scene graph was made anew; failed() tells it with the exception's text
+ * and, if OpenGL is the reason, a hint in words, and does not repeat itself until the source was prepared.
  */
 class SourceHooks : public QObject
 {

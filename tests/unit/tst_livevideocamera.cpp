@@ -249,6 +249,39 @@ TEST_F(Hooks, aHookThatThrewIsReleasedQuietlyAndTriedInANewSceneGraph)
     EXPECT_EQ(messages, QStringList{"no usable display"});
 }
 
+TEST_F(Hooks, aHookThatThrowsAtEveryShowIsToldOnce)
+{
+    source->isThrowing = true;
+    zevqml::SourceHooks hooks;
+    QStringList messages;
+    int recovered = 0;
+    QObject::connect(&hooks, &zevqml::SourceHooks::failed, window.get(),
+                     [&](const QString &message) { messages << message; });
+    QObject::connect(&hooks, &zevqml::SourceHooks::recovered, window.get(), [&] { ++recovered; });
+    hooks.attach(window.get(), source);
+    synchronize();
+    const auto showAgain = [&] {
+        window->hide();
+        QCoreApplication::processEvents();
+        window->show();
+        ASSERT_TRUE(waitUntil([&] { return window->isExposed(); }));
+        synchronize();
+    };
+    showAgain();
+    showAgain();
+    EXPECT_GE(source->before, 3) << "not tried again";
+    EXPECT_EQ(messages, QStringList{"no usable display"});
+
+    // What was taken back is told again.
+    source->isThrowing = false;
+    showAgain();
+    ASSERT_TRUE(waitUntil([&] { return recovered == 1; }));
+    source->isThrowing = true;
+    synchronize();
+    EXPECT_TRUE(waitUntil([&] { return messages.size() == 2; }));
+    EXPECT_EQ(messages.value(1), QStringLiteral("no usable display"));
+}
+
 // A frame whose image is somebody else's.
 class BorrowedImage : public QAbstractVideoBuffer
 {
