@@ -1,4 +1,5 @@
 // A camera as a store: the publisher over a driver in memory, real stores, real readers.
+#include "camera.h"
 #include "camerapublisher.h"
 #include "failure.h"
 #include "fake_v4l2.h"
@@ -359,6 +360,23 @@ TEST_F(CameraStore, oneThatReturnsDifferentHasTheStoreOpenedAnew)
     shm_reader_format_t format = {};
     shm_reader_get_format(reader.get(), &format);
     EXPECT_EQ(format.height, 18);
+}
+
+// FFmpeg has it open by then.
+TEST_F(CameraStore, whatADriverForOneUserSaidBeforeItWasOpenedHolds)
+{
+    kernel.driver.colorspace = V4L2_COLORSPACE_REC709;
+    const auto before = stateOfCamera("/dev/video0");
+    kernel.driver.colorspace = V4L2_COLORSPACE_SMPTE170M;
+    kernel.driver.quantization = V4L2_QUANTIZATION_LIM_RANGE;
+    auto now = stateOfOpenCamera("/dev/video0", before);
+    EXPECT_EQ(now.encoding, zevmm::v4l2::ColorEncoding::Bt601);
+    EXPECT_FALSE(now.fullRange);
+    kernel.openError = EBUSY;
+    EXPECT_THROW(stateOfCamera("/dev/video0"), Failure);
+    now = stateOfOpenCamera("/dev/video0", before);
+    EXPECT_EQ(now.encoding, zevmm::v4l2::ColorEncoding::Bt709);
+    EXPECT_TRUE(now.fullRange);
 }
 
 TEST(CameraSlots, freshMemoryOfASlotHasANumberOfItsOwn)

@@ -46,6 +46,16 @@ zevmm::v4l2::CameraState stateOfCamera(const std::string &device)
     }
 }
 
+zevmm::v4l2::CameraState stateOfOpenCamera(const std::string &device,
+                                           const zevmm::v4l2::CameraState &before) noexcept
+{
+    try {
+        return stateOfCamera(device);
+    } catch (const std::exception &) { // out of memory, too: only the picture's colors depend on it
+        return before;
+    }
+}
+
 AVColorSpace colorSpaceOf(zevmm::v4l2::ColorEncoding encoding)
 {
     using zevmm::v4l2::ColorEncoding;

@@ -19,6 +19,11 @@ const AVInputFormat *cameraDemuxer();
 // What the device is at present. Throws Failure: it cannot be opened, or is no camera.
 zevmm::v4l2::CameraState stateOfCamera(const std::string &device);
 
+// The same of one that is open, and set up, by now. Drivers that are for one user at a time do not tell any
+// more: what they said `before` holds then.
+zevmm::v4l2::CameraState stateOfOpenCamera(const std::string &device,
+                                           const zevmm::v4l2::CameraState &before) noexcept;
+
 AVColorSpace colorSpaceOf(zevmm::v4l2::ColorEncoding encoding);
 inline AVColorRange colorRangeOf(bool fullRange)
 {

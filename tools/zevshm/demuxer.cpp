@@ -102,7 +102,8 @@ void Demuxer::open()
 {
     const AVInputFormat *camera = nullptr;
     if (m_name.isCamera) {
-        if (stateOfCamera(m_name.url).multiplanar)
+        m_camera = stateOfCamera(m_name.url);
+        if (m_camera.multiplanar)
             throw Failure(ExitInput,
                           m_name.display +
                               ": has the multi-planar interface, of which NV12 can be published, without "
@@ -147,7 +148,7 @@ void Demuxer::open()
     if (rc < 0)
         refuse(rc);
     if (m_name.isCamera)
-        m_camera = stateOfCamera(m_name.url);
+        m_camera = stateOfOpenCamera(m_name.url, m_camera);
 
     m_live = m_name.isLive;
     if (m_live)

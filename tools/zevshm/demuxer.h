@@ -100,7 +100,7 @@ private:
     bool m_drained = false;
     int64_t m_deadlineUs = INT64_MAX;  // monotonic; a network call that lasts longer is given up
     int64_t m_lastPacketUs = 0;        // monotonic; of a camera
-    zevmm::v4l2::CameraState m_camera; // once it is open
+    zevmm::v4l2::CameraState m_camera; // as it was when it was asked last
     int64_t m_jumpUs = 0;              // added to timestamps after jumps in the input
     uint64_t m_damaged = 0;
     std::string m_lastError;
