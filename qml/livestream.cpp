@@ -17,7 +17,6 @@ namespace {
 
 constexpr int lookIntervalMs = 500;
 constexpr long long rateCheckUs = 500000;
-constexpr int storeOpenMs = 100;
 constexpr qint64 cameraPauseUs = 500000; // without a frame; most ticks between two have none
 constexpr qint64 cameraPauseIntervals = 5;
 constexpr qint64 followCheckUs = 200000;
@@ -37,15 +36,31 @@ QString pixelFormatName(QVideoFrame::PixelFormat format)
 
 bool isCamera(const QUrl &url)
 {
-    return url.scheme() == QLatin1String("v4l");
+    return url.scheme() == QLatin1String("v4l") && !url.path(QUrl::FullyDecoded).isEmpty();
+}
+
+// A camera beside whose pictures there is sound of a store. With audio of its own a provider would ask for
+// video alone, which a camera does not answer.
+bool hasSoundBeside(const QUrl &video, const QUrl &audio)
+{
+    return isCamera(video) && !audio.isEmpty() &&
+           audio.path(QUrl::FullyDecoded) !=
+               video.path(QUrl::FullyDecoded); // the same name is the same source
+}
+
+// That of such a camera; null: none. Another provider makes it, which refuses what any other would.
+QSharedPointer<MediaSourceBase> soundBeside(const QUrl &video, const QUrl &audio)
+{
+    return hasSoundBeside(video, audio) ? MediaProvider(QUrl(), audio).getAudioSource()
+                                        : QSharedPointer<MediaSourceBase>();
 }
 
 } // namespace
 
 LiveStream::LiveStream(const Wishes &wishes, QObject *parent)
     : QObject(parent), m_wishes(wishes), m_wishedRate(wishes.frameRate),
-      // With audio of its own a provider would ask for video alone, which a camera does not answer.
-      m_provider(new MediaProvider(wishes.video, isCamera(wishes.video) ? QUrl() : wishes.audio)),
+      m_soundSource(soundBeside(wishes.video, wishes.audio)),
+      m_provider(new MediaProvider(wishes.video, m_soundSource ? QUrl() : wishes.audio)),
       m_source(m_provider->getVideoSource()), m_camera(Camera::of(m_source)), m_rate(wishes.screenRate)
 {
     m_monotonic.start();
@@ -71,7 +86,7 @@ LiveStream::LiveStream(const Wishes &wishes, QObject *parent)
     } else {
         m_provider->enableVideoFrames();
     }
-    connectSound(wishes.audio); // after the above, which takes all connections of the ticks away
+    connectSound(); // after the above, which takes all connections of the ticks away
 }
 
 LiveStream::~LiveStream()
@@ -99,14 +114,13 @@ void LiveStream::countAnswers()
         [count](const QImage &image) { count(!image.isNull()); }, Qt::DirectConnection);
 }
 
-void LiveStream::connectSound(const QUrl &audio)
+void LiveStream::connectSound()
 {
-    if (!m_camera || audio.isEmpty()) {
+    if (!m_soundSource) {
         connect(m_provider.get(), &MediaProvider::audioReady, this, &LiveStream::onAudio);
         m_soundSource = m_provider->getAudioSource() ? m_provider->getAudioSource() : m_source;
         return;
     }
-    m_soundSource.reset(new MediaSource(audio.path(QUrl::FullyDecoded).mid(1), storeOpenMs));
     connect(m_soundSource.data(), &MediaSourceBase::audioReady, this, &LiveStream::onAudio);
     connect(
         m_provider->getTimeline(), &VideoTimeline::tick, m_soundSource.data(),

@@ -125,7 +125,7 @@ private:
     void setSoundTrouble(const QString &text);
     void setTickRate(double rate);
     void updateTickRate(long long sourceIntervalUs);
-    void connectSound(const QUrl &audio);
+    void connectSound();
     void countAnswers();
     void look();
     void checkSource();
@@ -136,7 +136,7 @@ private:
 
     const Wishes m_wishes;
     double m_wishedRate;
-    QSharedPointer<MediaSourceBase> m_soundSource;
+    QSharedPointer<MediaSourceBase> m_soundSource; // before the provider, so that its URL is refused first
     std::unique_ptr<MediaProvider> m_provider;
     const QSharedPointer<MediaSourceBase> m_source; // the picture's; null for sound alone
     std::unique_ptr<Camera> m_camera;

@@ -197,6 +197,51 @@ TEST_F(CameraSource, soundBesideItIsAskedForWithItsTicks)
     EXPECT_EQ(told, QStringList());
 }
 
+// As a provider does of any other video.
+TEST_F(CameraSource, soundBesideItOfASchemeThatIsNoneIsRefusedBeforeItIsOpened)
+{
+    source.setAudio(QUrl(QStringLiteral("file:///mic")));
+    source.setVideo(camera);
+    EXPECT_TRUE(waitUntil([this] {
+        return source.errorString().contains("MediaProvider does not support audio scheme file");
+    })) << source.errorString().toStdString();
+    EXPECT_EQ(source.state(), LiveSource::NoSource);
+    source.setAudio(QUrl(QStringLiteral("/tmp/mic")));
+    EXPECT_TRUE(waitUntil([this] {
+        return source.errorString().contains("MediaProvider requires non-empty scheme");
+    })) << source.errorString().toStdString();
+    EXPECT_EQ(source.state(), LiveSource::NoSource);
+    EXPECT_EQ(source.provider(), nullptr);
+    EXPECT_EQ(library.takeCalls(), QStringList());
+    source.setAudio(QUrl());
+    EXPECT_TRUE(isStarted());
+}
+
+TEST_F(CameraSource, ofTheSameNameIsTheSameSource)
+{
+    source.setAudio(camera);
+    source.setVideo(camera);
+    ASSERT_TRUE(isStarted());
+    EXPECT_EQ(source.stream()->soundSource(), source.provider()->getVideoSource());
+    EXPECT_EQ(source.provider()->getAudioSource(), source.provider()->getVideoSource());
+}
+
+TEST_F(CameraSource, withoutAPathSoundIsAlone)
+{
+    const QTemporaryDir folder;
+    qputenv("ZEV_SHM_DIR", QFile::encodeName(folder.path()));
+    const StorePublisher microphone(QStringLiteral("mic"), QColor(), QSize(0, 0));
+    ASSERT_TRUE(microphone.isOpen());
+    LiveStream::Wishes wishes;
+    wishes.video = QUrl(QStringLiteral("v4l:"));
+    wishes.audio = QUrl(QStringLiteral("shm:///mic"));
+    const LiveStream stream(wishes);
+    EXPECT_EQ(stream.provider()->getVideoSource(), nullptr);
+    ASSERT_NE(stream.soundSource(), nullptr);
+    EXPECT_EQ(stream.soundSource()->name(), QStringLiteral("mic"));
+    EXPECT_EQ(library.takeCalls(), QStringList());
+}
+
 } // namespace
 
 int main(int argc, char **argv)
