@@ -1,12 +1,14 @@
 // Publishes the samples of zevshmsink's audio pad.
 #include "formats.h"
 #include "shmsink.h"
-#include "sinkcounts.h"
 #include "sinktime.h"
 
 #include <gst/audio/audio.h>
 
 #include <cstdlib>
+
+GST_DEBUG_CATEGORY_EXTERN(zevshm_debug);
+#define GST_CAT_DEFAULT zevshm_debug
 
 namespace zevgst {
 
@@ -18,7 +20,6 @@ constexpr int64_t kContinuousUs = 20000;
 struct AudioState
 {
     std::shared_ptr<StoreFeed> feed;
-    std::shared_ptr<SinkCounts> counts;
     SinkTime time;
     GstAudioInfo info; // of the caps
     bool running = false;
@@ -26,22 +27,22 @@ struct AudioState
     int64_t anchorFrames = 0; // published since
 };
 
-struct AudioSink
+struct ZevShmAudioSink
 {
     GstBaseSink parent;
     AudioState *state;
 };
 
-struct AudioSinkClass
+struct ZevShmAudioSinkClass
 {
     GstBaseSinkClass parent;
 };
 
-G_DEFINE_TYPE(AudioSink, audio_sink, GST_TYPE_BASE_SINK)
+G_DEFINE_TYPE(ZevShmAudioSink, zev_shm_audio_sink, GST_TYPE_BASE_SINK)
 
 AudioState &stateOf(void *sink)
 {
-    return *reinterpret_cast<AudioSink *>(sink)->state;
+    return *reinterpret_cast<ZevShmAudioSink *>(sink)->state;
 }
 
 gboolean setCaps(GstBaseSink *sink, GstCaps *caps)
@@ -50,6 +51,9 @@ gboolean setCaps(GstBaseSink *sink, GstCaps *caps)
     if (!gst_audio_info_from_caps(&state.info, caps))
         return FALSE;
     state.running = false;
+    state.time.reset();
+    GST_INFO_OBJECT(sink, "%d Hz, %d channels", GST_AUDIO_INFO_RATE(&state.info),
+                    GST_AUDIO_INFO_CHANNELS(&state.info));
     std::string error;
     if (!state.feed->setAudio({GST_AUDIO_INFO_RATE(&state.info), GST_AUDIO_INFO_CHANNELS(&state.info)},
                               &error)) {
@@ -82,11 +86,22 @@ GstFlowReturn render(GstBaseSink *sink, GstBuffer *buffer)
     return GST_FLOW_OK;
 }
 
+gboolean unlock(GstBaseSink *sink)
+{
+    stateOf(sink).feed->interrupt(true);
+    return TRUE;
+}
+
+gboolean unlockStop(GstBaseSink *sink)
+{
+    stateOf(sink).feed->interrupt(false);
+    return TRUE;
+}
+
 gboolean stop(GstBaseSink *sink)
 {
     AudioState &state = stateOf(sink);
     state.feed->end(StoreFeed::Kind::Audio);
-    state.time.reset();
     state.running = false;
     return TRUE;
 }
@@ -94,10 +109,10 @@ gboolean stop(GstBaseSink *sink)
 void finalize(GObject *object)
 {
     delete &stateOf(object);
-    G_OBJECT_CLASS(audio_sink_parent_class)->finalize(object);
+    G_OBJECT_CLASS(zev_shm_audio_sink_parent_class)->finalize(object);
 }
 
-void audio_sink_class_init(AudioSinkClass *klass)
+void zev_shm_audio_sink_class_init(ZevShmAudioSinkClass *klass)
 {
     G_OBJECT_CLASS(klass)->finalize = finalize;
     GstElementClass *element = GST_ELEMENT_CLASS(klass);
@@ -109,25 +124,28 @@ void audio_sink_class_init(AudioSinkClass *klass)
     GstBaseSinkClass *sink = GST_BASE_SINK_CLASS(klass);
     sink->set_caps = setCaps;
     sink->render = render;
+    sink->unlock = unlock;
+    sink->unlock_stop = unlockStop;
     sink->stop = stop;
 }
 
-void audio_sink_init(AudioSink *sink)
+void zev_shm_audio_sink_init(ZevShmAudioSink *sink)
 {
     sink->state = new AudioState;
     gst_audio_info_init(&sink->state->info);
     gst_base_sink_set_last_sample_enabled(&sink->parent, FALSE);
     gst_base_sink_set_max_lateness(&sink->parent, -1);
     gst_base_sink_set_qos_enabled(&sink->parent, FALSE);
+    gst_base_sink_set_processing_deadline(&sink->parent, 0);
 }
 
 } // namespace
 
-GstElement *newAudioSink(std::shared_ptr<StoreFeed> feed, std::shared_ptr<SinkCounts> counts)
+GstElement *newAudioSink(std::shared_ptr<StoreFeed> feed)
 {
-    auto *sink = static_cast<GstElement *>(g_object_new(audio_sink_get_type(), "name", "audio", nullptr));
+    auto *sink =
+        static_cast<GstElement *>(g_object_new(zev_shm_audio_sink_get_type(), "name", "audio", nullptr));
     stateOf(sink).feed = std::move(feed);
-    stateOf(sink).counts = std::move(counts);
     return sink;
 }
 

@@ -8,7 +8,9 @@
 namespace zevgst {
 
 // Raw video and audio that a store can carry, as text for pad templates.
-#define ZEVGST_VIDEO_CAPS GST_VIDEO_CAPS_MAKE("{ I420, YV12, NV12 }") ", interlace-mode=(string)progressive"
+#define ZEVGST_VIDEO_CAPS                                                                                    \
+    "video/x-raw, format=(string){ I420, YV12, NV12 }, width=(int)[ 1, 16384 ], height=(int)[ 1, 16384 ], "  \
+    "framerate=" GST_VIDEO_FPS_RANGE ", interlace-mode=(string)progressive"
 #define ZEVGST_AUDIO_CAPS                                                                                    \
     "audio/x-raw, format=(string)S16LE, layout=(string)interleaved, rate=(int)[ 8000, 192000 ], "            \
     "channels=(int)[ 1, 8 ]"

@@ -35,22 +35,22 @@ struct SinkState
     bool sync = true;      // as before
 };
 
-struct ShmSink
+struct ZevShmSink
 {
     GstBin parent;
     SinkState *state;
 };
 
-struct ShmSinkClass
+struct ZevShmSinkClass
 {
     GstBinClass parent;
 };
 
-G_DEFINE_TYPE(ShmSink, shm_sink, GST_TYPE_BIN)
+G_DEFINE_TYPE(ZevShmSink, zev_shm_sink, GST_TYPE_BIN)
 
 SinkState &stateOf(void *sink)
 {
-    return *reinterpret_cast<ShmSink *>(sink)->state;
+    return *reinterpret_cast<ZevShmSink *>(sink)->state;
 }
 
 const char *const kPads[] = {"video", "audio"};
@@ -60,7 +60,7 @@ StoreFeed::Kind kindOf(const char *pad)
     return g_str_equal(pad, "video") ? StoreFeed::Kind::Video : StoreFeed::Kind::Audio;
 }
 
-void setSync(ShmSink *sink, bool sync)
+void setSync(ZevShmSink *sink, bool sync)
 {
     for (const char *name : kPads) {
         if (GstElement *child = gst_bin_get_by_name(&sink->parent, name)) {
@@ -108,7 +108,7 @@ void setProperty(GObject *object, guint id, const GValue *value, GParamSpec *spe
     }
     GST_OBJECT_UNLOCK(object);
     if (id == PropSync)
-        setSync(reinterpret_cast<ShmSink *>(object), g_value_get_boolean(value) != FALSE);
+        setSync(reinterpret_cast<ZevShmSink *>(object), g_value_get_boolean(value) != FALSE);
 }
 
 void getProperty(GObject *object, guint id, GValue *value, GParamSpec *spec)
@@ -166,10 +166,10 @@ GstPad *requestPad(GstElement *element, GstPadTemplate *wanted, const gchar *, c
         return nullptr;
     }
     const StoreFeed::Kind kind = kindOf(name);
-    GstElement *sink = kind == StoreFeed::Kind::Video ? newVideoSink(state.feed, state.counts)
-                                                      : newAudioSink(state.feed, state.counts);
+    GstElement *sink =
+        kind == StoreFeed::Kind::Video ? newVideoSink(state.feed, state.counts) : newAudioSink(state.feed);
     gst_base_sink_set_sync(GST_BASE_SINK(sink), state.sync);
-    state.feed->expect(kind, true);
+    state.feed->expect(kind);
     gst_bin_add(GST_BIN(element), sink);
     GstPad *inner = gst_element_get_static_pad(sink, "sink");
     GstPad *pad = gst_ghost_pad_new_from_template(name, inner, wanted);
@@ -185,41 +185,59 @@ void releasePad(GstElement *element, GstPad *pad)
     GstElement *sink = gst_bin_get_by_name(GST_BIN(element), GST_PAD_NAME(pad));
     if (sink == nullptr)
         return;
-    stateOf(element).feed->expect(kindOf(GST_PAD_NAME(pad)), false);
+    const StoreFeed::Kind kind = kindOf(GST_PAD_NAME(pad));
     gst_pad_set_active(pad, FALSE);
     gst_element_remove_pad(element, pad);
+    gst_element_set_locked_state(sink, TRUE);
     gst_element_set_state(sink, GST_STATE_NULL);
     gst_bin_remove(GST_BIN(element), sink);
     gst_object_unref(sink);
+    SinkState &state = stateOf(element);
+    state.feed->interrupt(false); // which is what the sink that goes has left
+    std::string error;
+    if (!state.feed->release(kind, &error))
+        GST_ELEMENT_ERROR(element, RESOURCE, OPEN_WRITE, ("%s", error.c_str()), (nullptr));
+}
+
+bool checkName(GstElement *element, const std::string &store)
+{
+    shm_error_t error = {};
+    if (store.empty())
+        GST_ELEMENT_ERROR(element, RESOURCE, SETTINGS,
+                          ("no name for the store; say under which to publish: zevshmsink store=NAME"),
+                          (nullptr));
+    else if (shm_check_name(store.c_str(), &error) != 0)
+        GST_ELEMENT_ERROR(element, RESOURCE, SETTINGS, ("%s", error.message), (nullptr));
+    else
+        return true;
+    return false;
 }
 
 GstStateChangeReturn changeState(GstElement *element, GstStateChange change)
 {
     SinkState &state = stateOf(element);
-    if (change == GST_STATE_CHANGE_NULL_TO_READY) {
+    if (change == GST_STATE_CHANGE_NULL_TO_READY || change == GST_STATE_CHANGE_READY_TO_PAUSED) {
         GST_OBJECT_LOCK(element);
         const FeedSettings settings = state.settings;
         GST_OBJECT_UNLOCK(element);
-        shm_error_t error = {};
-        if (settings.store.empty()) {
-            GST_ELEMENT_ERROR(element, RESOURCE, SETTINGS,
-                              ("no name for the store; say under which to publish: zevshmsink store=NAME"),
-                              (nullptr));
+        if (!checkName(element, settings.store))
             return GST_STATE_CHANGE_FAILURE;
-        }
-        if (shm_check_name(settings.store.c_str(), &error) != 0) {
-            GST_ELEMENT_ERROR(element, RESOURCE, SETTINGS, ("%s", error.message), (nullptr));
-            return GST_STATE_CHANGE_FAILURE;
-        }
         state.feed->configure(settings);
+        state.feed->interrupt(false);
     }
-    return GST_ELEMENT_CLASS(shm_sink_parent_class)->change_state(element, change);
+    const GstStateChangeReturn result =
+        GST_ELEMENT_CLASS(zev_shm_sink_parent_class)->change_state(element, change);
+    if (change == GST_STATE_CHANGE_PAUSED_TO_READY) {
+        state.feed->end(StoreFeed::Kind::Video);
+        state.feed->end(StoreFeed::Kind::Audio);
+    }
+    return result;
 }
 
 void finalize(GObject *object)
 {
     SinkState *state = &stateOf(object);
-    G_OBJECT_CLASS(shm_sink_parent_class)->finalize(object);
+    G_OBJECT_CLASS(zev_shm_sink_parent_class)->finalize(object);
     delete state;
 }
 
@@ -266,7 +284,7 @@ void addProperties(GObjectClass *object)
             G_MAXUINT64, 0, readable));
 }
 
-void shm_sink_class_init(ShmSinkClass *klass)
+void zev_shm_sink_class_init(ZevShmSinkClass *klass)
 {
     GObjectClass *object = G_OBJECT_CLASS(klass);
     object->set_property = setProperty;
@@ -291,7 +309,7 @@ void shm_sink_class_init(ShmSinkClass *klass)
     element->change_state = changeState;
 }
 
-void shm_sink_init(ShmSink *sink)
+void zev_shm_sink_init(ZevShmSink *sink)
 {
     sink->state = new SinkState;
     GST_OBJECT_FLAG_SET(sink, GST_ELEMENT_FLAG_SINK);
@@ -301,7 +319,7 @@ void shm_sink_init(ShmSink *sink)
 
 GType shmSinkType()
 {
-    return shm_sink_get_type();
+    return zev_shm_sink_get_type();
 }
 
 } // namespace zevgst

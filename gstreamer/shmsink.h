@@ -17,7 +17,7 @@ struct SinkCounts;
 
 // The sinks behind the pads, for zevshmsink only: made with the feed that they share.
 GstElement *newVideoSink(std::shared_ptr<StoreFeed> feed, std::shared_ptr<SinkCounts> counts);
-GstElement *newAudioSink(std::shared_ptr<StoreFeed> feed, std::shared_ptr<SinkCounts> counts);
+GstElement *newAudioSink(std::shared_ptr<StoreFeed> feed);
 
 } // namespace zevgst
 

@@ -9,8 +9,10 @@
 
 #include <gst/base/gstpushsrc.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
 
 GST_DEBUG_CATEGORY_EXTERN(zevshm_debug);
@@ -50,27 +52,30 @@ struct SrcState
     std::chrono::steady_clock::time_point lookingSince;
     bool looking = false;
 
+    std::atomic<bool> isResumed{false};   // it plays anew
+    std::atomic<int64_t> playingSince{0}; // wall clock
+
     std::mutex mutex;
     std::condition_variable changed;
     bool flushing = false; // protected by mutex
 };
 
-struct ShmSrc
+struct ZevShmSrc
 {
     GstPushSrc parent;
     SrcState *state;
 };
 
-struct ShmSrcClass
+struct ZevShmSrcClass
 {
     GstPushSrcClass parent;
 };
 
-G_DEFINE_TYPE(ShmSrc, shm_src, GST_TYPE_PUSH_SRC)
+G_DEFINE_TYPE(ZevShmSrc, zev_shm_src, GST_TYPE_PUSH_SRC)
 
 SrcState &stateOf(void *source)
 {
-    return *reinterpret_cast<ShmSrc *>(source)->state;
+    return *reinterpret_cast<ZevShmSrc *>(source)->state;
 }
 
 void setProperty(GObject *object, guint id, const GValue *value, GParamSpec *spec)
@@ -183,9 +188,24 @@ bool pause(SrcState &state, std::chrono::milliseconds time)
     return !state.changed.wait_for(guard, time, [&state] { return state.flushing; });
 }
 
-// The format comes from the store, once there is one.
-gboolean negotiate(GstBaseSrc *)
+// Asks what downstream understands, which may be another element than before.
+void askDownstream(GstBaseSrc *base, SrcState &state)
 {
+    GstCaps *caps = state.source.caps();
+    GstQuery *query = gst_query_new_allocation(caps, FALSE);
+    const bool answered = gst_pad_peer_query(GST_BASE_SRC_PAD(base), query) != FALSE;
+    state.source.setVideoMetaSupported(
+        answered && gst_query_find_allocation_meta(query, GST_VIDEO_META_API_TYPE, nullptr) != FALSE);
+    gst_query_unref(query);
+    gst_caps_unref(caps);
+}
+
+// The format comes from the store, once there is one.
+gboolean negotiate(GstBaseSrc *base)
+{
+    SrcState &state = stateOf(base);
+    if (state.source.hasFormat())
+        askDownstream(base, state);
     return TRUE;
 }
 
@@ -205,37 +225,37 @@ GstCaps *getCaps(GstBaseSrc *base, GstCaps *filter)
     return result;
 }
 
-// Tells downstream the new format, and asks what it understands.
 bool tellFormat(GstBaseSrc *base, SrcState &state)
 {
     GstCaps *caps = state.source.caps();
     GST_INFO_OBJECT(base, "%" GST_PTR_FORMAT, static_cast<void *>(caps));
     const bool taken = gst_base_src_set_caps(base, caps) != FALSE;
-    if (taken) {
-        GstQuery *query = gst_query_new_allocation(caps, FALSE);
-        const bool answered = gst_pad_peer_query(GST_BASE_SRC_PAD(base), query) != FALSE;
-        state.source.setVideoMetaSupported(
-            answered && gst_query_find_allocation_meta(query, GST_VIDEO_META_API_TYPE, nullptr) != FALSE);
-        gst_query_unref(query);
-    }
     gst_caps_unref(caps);
+    if (taken)
+        askDownstream(base, state);
     return taken;
 }
 
-void stamp(GstBaseSrc *base, SrcState &state, GstBuffer *buffer, int64_t timestampUs)
+// False for a buffer of a time when the pipeline did not play.
+bool stamp(GstBaseSrc *base, SrcState &state, GstBuffer *buffer, int64_t timestampUs)
 {
-    addUnixTime(buffer, timestampUs);
-    if (const int64_t us = state.source.bufferDurationUs(); us > 0)
-        GST_BUFFER_DURATION(buffer) = static_cast<GstClockTime>(us) * 1000;
+    GST_BUFFER_DURATION(buffer) = state.source.bufferDuration();
+    const int64_t now = wallNowUs();
+    // A writer whose clock is another one: the moment of arrival is all there is.
+    const bool isBelieved = std::abs(timestampUs - now) < SinkTime::believedUs;
+    if (isBelieved)
+        addUnixTime(buffer, timestampUs);
     GstClock *clock = gst_element_get_clock(GST_ELEMENT_CAST(base));
     if (clock == nullptr)
-        return;
+        return true;
     observe(&state.map, clock);
     gst_object_unref(clock);
-    const int64_t running = state.map.clockNs(timestampUs) -
+    const int64_t running = state.map.clockNs(isBelieved ? timestampUs : now) -
                             static_cast<int64_t>(gst_element_get_base_time(GST_ELEMENT_CAST(base)));
-    // The first may be from before the pipeline ran.
-    GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(running > 0 ? running : 0);
+    if (running < 0 || (isBelieved && timestampUs < state.playingSince))
+        return false;
+    GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(running);
+    return true;
 }
 
 // Says once that there is nothing to read, when that lasts.
@@ -257,12 +277,17 @@ GstFlowReturn create(GstPushSrc *push, GstBuffer **buffer)
     GstBaseSrc *base = GST_BASE_SRC_CAST(push);
     SrcState &state = stateOf(push);
     while (pause(state, std::chrono::milliseconds(0))) {
+        if (state.isResumed.exchange(false))
+            state.source.skipToNewest(); // what was published during a pause is of no use
         int64_t timestampUs = 0;
         const StoreSource::Result result = state.source.next(buffer, &timestampUs);
         switch (result) {
         case StoreSource::Result::Buffer:
-            stamp(base, state, *buffer, timestampUs);
-            return GST_FLOW_OK;
+            if (stamp(base, state, *buffer, timestampUs))
+                return GST_FLOW_OK;
+            gst_buffer_unref(*buffer);
+            *buffer = nullptr;
+            break;
         case StoreSource::Result::Failed:
             GST_ELEMENT_ERROR(base, RESOURCE, OPEN_READ, ("%s", state.source.error().c_str()), (nullptr));
             return GST_FLOW_ERROR;
@@ -275,7 +300,7 @@ GstFlowReturn create(GstPushSrc *push, GstBuffer **buffer)
             break;
         }
         if (state.source.takeFormatChange() && !tellFormat(base, state))
-            return GST_FLOW_NOT_NEGOTIATED;
+            return GST_PAD_IS_FLUSHING(GST_BASE_SRC_PAD(base)) ? GST_FLOW_FLUSHING : GST_FLOW_NOT_NEGOTIATED;
     }
     return GST_FLOW_FLUSHING;
 }
@@ -283,7 +308,7 @@ GstFlowReturn create(GstPushSrc *push, GstBuffer **buffer)
 gboolean query(GstBaseSrc *base, GstQuery *asked)
 {
     if (GST_QUERY_TYPE(asked) != GST_QUERY_LATENCY)
-        return GST_BASE_SRC_CLASS(shm_src_parent_class)->query(base, asked);
+        return GST_BASE_SRC_CLASS(zev_shm_src_parent_class)->query(base, asked);
     SrcState &state = stateOf(base);
     GST_OBJECT_LOCK(base);
     const GstClockTime latency = state.latencyMs * GST_MSECOND;
@@ -292,13 +317,22 @@ gboolean query(GstBaseSrc *base, GstQuery *asked)
     return TRUE;
 }
 
+GstStateChangeReturn changeState(GstElement *element, GstStateChange change)
+{
+    if (change == GST_STATE_CHANGE_PAUSED_TO_PLAYING) {
+        stateOf(element).playingSince = wallNowUs();
+        stateOf(element).isResumed = true;
+    }
+    return GST_ELEMENT_CLASS(zev_shm_src_parent_class)->change_state(element, change);
+}
+
 void finalize(GObject *object)
 {
     delete &stateOf(object);
-    G_OBJECT_CLASS(shm_src_parent_class)->finalize(object);
+    G_OBJECT_CLASS(zev_shm_src_parent_class)->finalize(object);
 }
 
-void shm_src_class_init(ShmSrcClass *klass)
+void zev_shm_src_class_init(ZevShmSrcClass *klass)
 {
     GObjectClass *object = G_OBJECT_CLASS(klass);
     object->set_property = setProperty;
@@ -329,6 +363,7 @@ void shm_src_class_init(ShmSrcClass *klass)
         "Reads the video or the sound of a live stream in shared memory; waits while "
         "there is no writer and goes on with the next",
         "libzevqt-mm");
+    element->change_state = changeState;
     gst_type_mark_as_plugin_api(mediaType(), GstPluginAPIFlags{});
 
     GstBaseSrcClass *source = GST_BASE_SRC_CLASS(klass);
@@ -342,7 +377,7 @@ void shm_src_class_init(ShmSrcClass *klass)
     GST_PUSH_SRC_CLASS(klass)->create = create;
 }
 
-void shm_src_init(ShmSrc *source)
+void zev_shm_src_init(ZevShmSrc *source)
 {
     source->state = new SrcState;
     gst_base_src_set_live(&source->parent.parent, TRUE);
@@ -353,7 +388,7 @@ void shm_src_init(ShmSrc *source)
 
 GType shmSrcType()
 {
-    return shm_src_get_type();
+    return zev_shm_src_get_type();
 }
 
 } // namespace zevgst

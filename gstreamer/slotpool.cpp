@@ -2,6 +2,8 @@
 
 #include "formats.h"
 
+#include <atomic>
+
 namespace zevgst {
 
 namespace {
@@ -10,24 +12,25 @@ struct PoolState
 {
     std::shared_ptr<StoreFeed> feed;
     GstVideoInfo info;
+    std::atomic<bool> mayPadRows{false};
 };
 
-struct SlotPool
+struct ZevShmSlotPool
 {
     GstBufferPool parent;
     PoolState *state;
 };
 
-struct SlotPoolClass
+struct ZevShmSlotPoolClass
 {
     GstBufferPoolClass parent;
 };
 
-G_DEFINE_TYPE(SlotPool, slot_pool, GST_TYPE_BUFFER_POOL)
+G_DEFINE_TYPE(ZevShmSlotPool, zev_shm_slot_pool, GST_TYPE_BUFFER_POOL)
 
-SlotPool *slotPool(void *instance)
+ZevShmSlotPool *slotPool(void *instance)
 {
-    return reinterpret_cast<SlotPool *>(instance);
+    return reinterpret_cast<ZevShmSlotPool *>(instance);
 }
 
 GQuark slotQuark()
@@ -42,6 +45,14 @@ const gchar **poolOptions(GstBufferPool *)
 {
     static const gchar *options[] = {GST_BUFFER_POOL_OPTION_VIDEO_META, nullptr};
     return options;
+}
+
+// Rows of a slot are padded: only for who looks at the video meta.
+gboolean setConfig(GstBufferPool *pool, GstStructure *config)
+{
+    slotPool(pool)->state->mayPadRows =
+        gst_buffer_pool_config_has_option(config, GST_BUFFER_POOL_OPTION_VIDEO_META) != FALSE;
+    return GST_BUFFER_POOL_CLASS(zev_shm_slot_pool_parent_class)->set_config(pool, config);
 }
 
 // Slots are taken one by one as they are asked for, and given back when the buffer goes: nothing is kept in
@@ -62,8 +73,10 @@ GstFlowReturn acquireBuffer(GstBufferPool *pool, GstBuffer **buffer, GstBufferPo
         return GST_FLOW_FLUSHING;
     const PoolState &state = *slotPool(pool)->state;
     const GstVideoInfo &info = state.info;
-    const std::shared_ptr<Slot> slot = state.feed->acquire(
-        GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info), pixelFormat(GST_VIDEO_INFO_FORMAT(&info)));
+    std::shared_ptr<Slot> slot;
+    if (state.mayPadRows)
+        slot = state.feed->acquire(GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info),
+                                   pixelFormat(GST_VIDEO_INFO_FORMAT(&info)), StoreFeed::For::Pool);
     if (slot) {
         gsize offsets[GST_VIDEO_MAX_PLANES] = {};
         gint strides[GST_VIDEO_MAX_PLANES] = {};
@@ -89,21 +102,22 @@ void releaseBuffer(GstBufferPool *, GstBuffer *buffer)
 void finalizePool(GObject *object)
 {
     delete slotPool(object)->state;
-    G_OBJECT_CLASS(slot_pool_parent_class)->finalize(object);
+    G_OBJECT_CLASS(zev_shm_slot_pool_parent_class)->finalize(object);
 }
 
-void slot_pool_class_init(SlotPoolClass *klass)
+void zev_shm_slot_pool_class_init(ZevShmSlotPoolClass *klass)
 {
     G_OBJECT_CLASS(klass)->finalize = finalizePool;
     GstBufferPoolClass *pool = GST_BUFFER_POOL_CLASS(klass);
     pool->get_options = poolOptions;
+    pool->set_config = setConfig;
     pool->start = startPool;
     pool->stop = stopPool;
     pool->acquire_buffer = acquireBuffer;
     pool->release_buffer = releaseBuffer;
 }
 
-void slot_pool_init(SlotPool *pool)
+void zev_shm_slot_pool_init(ZevShmSlotPool *pool)
 {
     pool->state = new PoolState;
 }
@@ -112,7 +126,7 @@ void slot_pool_init(SlotPool *pool)
 
 GstBufferPool *newSlotPool(std::shared_ptr<StoreFeed> feed, const GstVideoInfo &info)
 {
-    auto *pool = slotPool(g_object_new(slot_pool_get_type(), nullptr));
+    auto *pool = slotPool(g_object_new(zev_shm_slot_pool_get_type(), nullptr));
     gst_object_ref_sink(pool);
     pool->state->feed = std::move(feed);
     pool->state->info = info;

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <thread>
 
 namespace zevgst {
 
@@ -21,12 +20,28 @@ bool VideoFormat::operator==(const VideoFormat &other) const
            rateNumerator == other.rateNumerator && rateDenominator == other.rateDenominator;
 }
 
-Slot::Slot(std::shared_ptr<OpenStore> store, const shm_writer_frame_t &frame)
-    : m_store(std::move(store)), m_frame(frame)
+OpenStore::OpenStore(shm_writer_t *w, std::shared_ptr<OpenCount> c) : writer(w), count(std::move(c))
+{
+    const std::lock_guard<std::mutex> guard(count->mutex);
+    ++count->open;
+}
+
+OpenStore::~OpenStore()
+{
+    shm_writer_close(writer);
+    const std::lock_guard<std::mutex> guard(count->mutex);
+    --count->open;
+    count->changed.notify_all();
+}
+
+Slot::Slot(std::shared_ptr<OpenStore> store, const shm_writer_frame_t &frame, bool isPooled)
+    : m_store(std::move(store)), m_frame(frame), m_isPooled(isPooled)
 {}
 
 Slot::~Slot()
 {
+    if (m_isPooled)
+        --m_store->pooled;
     if (m_done)
         return;
     const std::lock_guard<std::mutex> guard(m_store->video);
@@ -58,68 +73,92 @@ void StoreFeed::configure(const FeedSettings &settings)
     m_settings = settings;
 }
 
-FeedSettings StoreFeed::settings() const
+void StoreFeed::expect(Kind kind)
 {
     const std::lock_guard<std::mutex> guard(m_mutex);
-    return m_settings;
+    (kind == Kind::Video ? m_expectVideo : m_expectAudio) = true;
 }
 
-void StoreFeed::expect(Kind kind, bool expected)
+bool StoreFeed::release(Kind kind, std::string *error)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    (kind == Kind::Video ? m_expectVideo : m_expectAudio) = expected;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (kind == Kind::Video) {
+        m_expectVideo = false;
+        m_video.reset();
+    } else {
+        m_expectAudio = false;
+        m_audio.reset();
+    }
+    return reopen(lock, error);
 }
 
 bool StoreFeed::setVideo(const VideoFormat &format, std::string *error)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     if (m_store && m_video == format)
         return true;
     m_video = format;
-    return reopen(error);
+    return reopen(lock, error);
 }
 
 bool StoreFeed::setAudio(const AudioFormat &format, std::string *error)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     if (m_store && m_audio == format)
         return true;
     m_audio = format;
-    return reopen(error);
+    return reopen(lock, error);
+}
+
+void StoreFeed::interrupt(bool interrupted)
+{
+    const std::lock_guard<std::mutex> guard(m_count->mutex);
+    m_count->interrupted = interrupted;
+    m_count->changed.notify_all();
 }
 
 void StoreFeed::end(Kind kind)
 {
+    std::shared_ptr<OpenStore> former; // closed with m_mutex free
     const std::lock_guard<std::mutex> guard(m_mutex);
     if (kind == Kind::Video)
         m_video.reset();
     else
         m_audio.reset();
-    if (!m_video && !m_audio && m_store) {
-        m_previous = m_store;
-        m_store.reset();
+    if (!m_video && !m_audio) {
+        ++m_formats;
+        former.swap(m_store);
     }
 }
 
-bool StoreFeed::reopen(std::string *error)
+// The name is free when the former store is closed, and that is when nobody has a slot of it any more.
+bool StoreFeed::waitForFormer(std::string *error) const
 {
-    if ((m_expectVideo && !m_video) || (m_expectAudio && !m_audio))
+    std::unique_lock<std::mutex> lock(m_count->mutex);
+    const bool isOver = m_count->changed.wait_for(
+        lock, kOldStoreLimit, [this] { return m_count->open == 0 || m_count->interrupted; });
+    if (m_count->open == 0)
+        return true;
+    if (!isOver)
+        *error = "store \"" + m_settings.store +
+                 "\" cannot be opened anew: an element still holds a buffer of what it carried before; "
+                 "make it give the buffer back, or put identity drop-allocation=true in front of this sink";
+    return false;
+}
+
+bool StoreFeed::reopen(std::unique_lock<std::mutex> &lock, std::string *error)
+{
+    if ((m_expectVideo && !m_video) || (m_expectAudio && !m_audio) || (!m_video && !m_audio))
         return true; // when the other one is known
-    if (m_store) {
-        m_previous = m_store;
-        m_store.reset();
-    }
-    const auto limit = std::chrono::steady_clock::now() + kOldStoreLimit;
-    while (!m_previous.expired()) {
-        if (std::chrono::steady_clock::now() > limit) {
-            *error =
-                "store \"" + m_settings.store +
-                "\": its format changes while an element upstream holds on to buffers of the former one; "
-                "put a videoconvert or identity drop-allocation=true in front of this sink";
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    const uint64_t mine = ++m_formats;
+    m_store.reset();
+    lock.unlock(); // other pads go on, without a store
+    const bool isFree = waitForFormer(error);
+    lock.lock();
+    if (mine != m_formats)
+        return true; // another pad's format came meanwhile, and that pad opens
+    if (!isFree)
+        return error->empty(); // interrupted: the stream ends
 
     shm_writer_params_t params;
     shm_writer_params_init(&params);
@@ -135,7 +174,7 @@ bool StoreFeed::reopen(std::string *error)
         params.color = m_video->color;
         params.rate_numerator = m_video->rateNumerator;
         params.rate_denominator = m_video->rateDenominator;
-        params.lent_frames = lentFrames;
+        params.lent_frames = pooledFrames + 1;
     }
     if (m_audio) {
         params.sample_rate = m_audio->sampleRate;
@@ -147,7 +186,7 @@ bool StoreFeed::reopen(std::string *error)
         *error = why.message;
         return false;
     }
-    m_store = std::make_shared<OpenStore>(writer);
+    m_store = std::make_shared<OpenStore>(writer, m_count);
     return true;
 }
 
@@ -163,17 +202,12 @@ bool StoreFeed::keepsRange() const
     return m_settings.keepRange;
 }
 
-bool StoreFeed::isOpen() const
-{
-    return store() != nullptr;
-}
-
 bool StoreFeed::owns(const Slot &slot) const
 {
     return slot.isOf(store().get());
 }
 
-std::shared_ptr<Slot> StoreFeed::acquire(int width, int height, SHM_PIXEL_FORMAT pixelFormat)
+std::shared_ptr<Slot> StoreFeed::acquire(int width, int height, SHM_PIXEL_FORMAT pixelFormat, For use)
 {
     std::shared_ptr<OpenStore> open;
     {
@@ -183,13 +217,23 @@ std::shared_ptr<Slot> StoreFeed::acquire(int width, int height, SHM_PIXEL_FORMAT
             return nullptr;
         open = m_store;
     }
+    const bool isPooled = use == For::Pool;
+    if (isPooled && ++open->pooled > pooledFrames) {
+        --open->pooled;
+        return nullptr;
+    }
     shm_writer_frame_t frame = {};
+    int result = 0;
     {
         const std::lock_guard<std::mutex> guard(open->video);
-        if (shm_writer_acquire(open->writer, &frame) != 0)
-            return nullptr;
+        result = shm_writer_acquire(open->writer, &frame);
     }
-    return std::make_shared<Slot>(std::move(open), frame);
+    if (result != 0) {
+        if (isPooled)
+            --open->pooled;
+        return nullptr;
+    }
+    return std::make_shared<Slot>(std::move(open), frame, isPooled);
 }
 
 int StoreFeed::publishAudio(const int16_t *samples, uint32_t frames, int64_t timestamp)

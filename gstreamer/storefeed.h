@@ -4,6 +4,8 @@
 
 #include <shm/shm_writer.h>
 
+#include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -43,25 +45,38 @@ struct AudioFormat
     }
 };
 
+// How many writers of a feed are open, which is one but while a former one's slots are still under way. Any
+// thread.
+struct OpenCount
+{
+    std::mutex mutex;
+    std::condition_variable changed;
+    int open = 0;             // protected by mutex
+    bool interrupted = false; // as before
+};
+
 // A writer with its lock. Lives until the last slot taken from it has come back: elements may hold buffers
 // longer than the stream lasts.
 struct OpenStore
 {
-    explicit OpenStore(shm_writer_t *w) : writer(w) {}
-    ~OpenStore() { shm_writer_close(writer); }
+    OpenStore(shm_writer_t *w, std::shared_ptr<OpenCount> c);
+    ~OpenStore();
     OpenStore(const OpenStore &) = delete;
     OpenStore &operator=(const OpenStore &) = delete;
 
     shm_writer_t *const writer;
-    std::mutex video; // around the video calls of `writer`
-    std::mutex audio; // around the audio calls
+    std::mutex video;                // around the video calls of `writer`
+    std::mutex audio;                // around the audio calls
+    std::atomic<uint32_t> pooled{0}; // slots that upstream has
+    const std::shared_ptr<OpenCount> count;
 };
 
 // A slot of a store, to be written into and published; given back unpublished when it goes. Any thread.
 class Slot
 {
 public:
-    Slot(std::shared_ptr<OpenStore> store, const shm_writer_frame_t &frame);
+    // `isPooled`: handed upstream, and counted as such.
+    Slot(std::shared_ptr<OpenStore> store, const shm_writer_frame_t &frame, bool isPooled);
     ~Slot();
     Slot(const Slot &) = delete;
     Slot &operator=(const Slot &) = delete;
@@ -77,6 +92,7 @@ public:
 private:
     const std::shared_ptr<OpenStore> m_store;
     shm_writer_frame_t m_frame;
+    const bool m_isPooled;
     bool m_done = false;
 };
 
@@ -87,32 +103,37 @@ public:
     enum class Kind { Video, Audio };
 
     void configure(const FeedSettings &settings);
-    FeedSettings settings() const;
 
     // Which formats the store waits for. The writer is opened when all of them are known, and anew when one
     // changes: readers go over to the new one by themselves.
-    void expect(Kind kind, bool expected);
-    // False with the reason in `error`, for a person.
+    void expect(Kind kind);
+    // There is no such pad any more: what waited for its format begins, what carried it is opened anew
+    // without it. False with the reason in `error`, for a person.
+    bool release(Kind kind, std::string *error);
+    // As above. May wait for buffers of the former format that are under way; interrupt() ends that.
     bool setVideo(const VideoFormat &format, std::string *error);
     bool setAudio(const AudioFormat &format, std::string *error);
+    void interrupt(bool interrupted);
     // The stream of that kind has ended; with the last of them the store goes.
     void end(Kind kind);
 
     bool keepsRange() const;
-    bool isOpen() const;
-    // Null when there is no store of that format yet, or no slot to be had.
-    std::shared_ptr<Slot> acquire(int width, int height, SHM_PIXEL_FORMAT pixelFormat);
+    // Null when there is no store of that format yet, or no slot to be had. Of those for upstream's pool
+    // there are pooledFrames at most; beyond it buffers are of other memory and copied, for which a slot is
+    // kept back.
+    enum class For { Pool, Copy };
+    std::shared_ptr<Slot> acquire(int width, int height, SHM_PIXEL_FORMAT pixelFormat, For use);
     // Whether `slot` belongs to the store that is open now.
     bool owns(const Slot &slot) const;
     // Interleaved signed 16-bit samples. Returns 0 or a negative errno; -ENODEV when the store is not open
     // yet.
     int publishAudio(const int16_t *samples, uint32_t frames, int64_t timestamp);
 
-    // Slots that upstream may fill at once. Beyond it buffers are of other memory, and copied.
-    static constexpr uint32_t lentFrames = 8;
+    static constexpr uint32_t pooledFrames = 8;
 
 private:
-    bool reopen(std::string *error); // with m_mutex held
+    bool reopen(std::unique_lock<std::mutex> &lock, std::string *error); // with m_mutex held
+    bool waitForFormer(std::string *error) const;
     std::shared_ptr<OpenStore> store() const;
 
     mutable std::mutex m_mutex; // protects what follows
@@ -122,7 +143,8 @@ private:
     std::optional<VideoFormat> m_video;
     std::optional<AudioFormat> m_audio;
     std::shared_ptr<OpenStore> m_store;
-    std::weak_ptr<OpenStore> m_previous; // lives on while elements hold slots of it, and its name with it
+    uint64_t m_formats = 0; // changes of the formats: whoever comes last opens the store
+    const std::shared_ptr<OpenCount> m_count = std::make_shared<OpenCount>();
 };
 
 } // namespace zevgst

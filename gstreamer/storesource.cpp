@@ -3,7 +3,9 @@
 #include "formats.h"
 #include "slotpool.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <thread>
 
@@ -11,9 +13,8 @@ namespace zevgst {
 
 namespace {
 
-constexpr int kOpenLimitMs = 1000;
+constexpr int kOpenLimitMs = 20; // a writer that takes longer is asked again, and goes on where it was
 constexpr int kWaitMs = 20;
-// Frames that may be under way downstream without a copy; beyond it they are copied.
 constexpr int kLocksMax = 32;
 constexpr int64_t kAudioStartUs = 40000; // behind the newest sample
 constexpr int64_t kAudioAheadUs =
@@ -55,6 +56,8 @@ size_t planeRows(const GstVideoInfo &info, guint plane)
 void StoreSource::configure(const std::string &store, Media media, int stream)
 {
     close();
+    skipToNewest();
+    m_session = 0;
     m_store = store;
     m_media = media;
     m_stream = stream;
@@ -63,6 +66,11 @@ void StoreSource::configure(const std::string &store, Media media, int stream)
 void StoreSource::close()
 {
     m_connection.reset();
+    m_discont = true;
+}
+
+void StoreSource::skipToNewest()
+{
     m_generation = 0;
     m_frameUs = 0;
     m_anchorUs = 0;
@@ -79,44 +87,61 @@ StoreSource::Result StoreSource::open()
     shm_reader_t *reader = shm_reader_open_with(m_store.c_str(), &options, &error);
     if (reader == nullptr) {
         m_error = error.message;
-        const bool mayCome = errno == ENOENT || errno == ECONNREFUSED || errno == ETIMEDOUT;
+        const bool mayCome = error.code == -ENOENT || error.code == -ECONNREFUSED || error.code == -ETIMEDOUT;
         return mayCome ? Result::Gone : Result::Failed;
     }
     auto connection = std::make_shared<Connection>(reader);
     shm_reader_format_t format = {};
-    m_storeInfo = {};
-    m_storeInfo.size = sizeof m_storeInfo;
-    if (shm_reader_get_format(reader, &format) != 0 || shm_reader_get_info(reader, &m_storeInfo) != 0 ||
-        !format.valid)
+    shm_store_info_t info = {};
+    info.size = sizeof info;
+    if (shm_reader_get_format(reader, &format) != 0 || shm_reader_get_info(reader, &info) != 0 ||
+        !format.valid) {
+        m_error = "store \"" + m_store + "\" went away while it was opened; start its writer again";
         return Result::Gone;
-    if (m_media == Media::Video) {
-        const GstVideoFormat pixels = videoFormat(format.pixel_format);
-        if (!format.has_video || pixels == GST_VIDEO_FORMAT_UNKNOWN) {
-            m_error = "store \"" + m_store +
-                      "\" has no video; read its sound with media=audio, or publish it with video";
-            return Result::Failed;
-        }
-        gst_video_info_set_format(&m_video, pixels, static_cast<guint>(format.width),
-                                  static_cast<guint>(format.height));
-        setColor(&m_video, m_storeInfo.color);
-        m_video.fps_n = static_cast<gint>(m_storeInfo.rate_numerator);
-        m_video.fps_d = m_storeInfo.rate_numerator > 0 ? static_cast<gint>(m_storeInfo.rate_denominator) : 1;
-    } else {
-        if (!format.has_audio) {
-            m_error = "store \"" + m_store +
-                      "\" has no sound; read its video with media=video, or publish it with sound";
-            return Result::Failed;
-        }
-        GstAudioChannelPosition positions[64];
-        const guint64 mask = gst_audio_channel_get_fallback_mask(format.channels);
-        const bool known =
-            mask != 0 && gst_audio_channel_positions_from_mask(format.channels, mask, positions);
-        gst_audio_info_set_format(&m_audio, GST_AUDIO_FORMAT_S16LE, format.sample_rate, format.channels,
-                                  known ? positions : nullptr);
     }
+    const bool isVideo = m_media == Media::Video;
+    if (isVideo ? !format.has_video || videoFormat(format.pixel_format) == GST_VIDEO_FORMAT_UNKNOWN
+                : !format.has_audio) {
+        m_error = "store \"" + m_store + "\" has no " +
+                  (isVideo ? "video; read its sound with media=audio, or publish it with video"
+                           : "sound; read its video with media=video, or publish it with sound");
+        // One that had it may have it again.
+        return m_session != 0 ? Result::Gone : Result::Failed;
+    }
+    m_storeInfo = info;
+    if (isVideo)
+        setVideoFormat(format);
+    else
+        setAudioFormat(format);
+    // The same writer again: it has hung up on a reader that held too much. It goes on where it was.
+    if (info.session != m_session)
+        skipToNewest();
+    m_session = info.session;
+    // Those that the store keeps beyond its history, but for the one that the writer fills.
+    m_locksMax = std::clamp(info.slot_count - format.frame_count - 1, 1, kLocksMax - 1);
     m_connection = std::move(connection);
     m_formatChanged = true;
     return Result::Buffer;
+}
+
+void StoreSource::setVideoFormat(const shm_reader_format_t &format)
+{
+    gst_video_info_set_format(&m_video, videoFormat(format.pixel_format), static_cast<guint>(format.width),
+                              static_cast<guint>(format.height));
+    setColor(&m_video, m_storeInfo.color);
+    m_video.fps_n = static_cast<gint>(m_storeInfo.rate_numerator);
+    m_video.fps_d = m_storeInfo.rate_numerator > 0 ? static_cast<gint>(m_storeInfo.rate_denominator) : 1;
+    m_duration = m_video.fps_n > 0 ? gst_util_uint64_scale_int(GST_SECOND, m_video.fps_d, m_video.fps_n)
+                                   : GST_CLOCK_TIME_NONE;
+}
+
+void StoreSource::setAudioFormat(const shm_reader_format_t &format)
+{
+    GstAudioChannelPosition positions[64];
+    const guint64 mask = gst_audio_channel_get_fallback_mask(format.channels);
+    const bool known = mask != 0 && gst_audio_channel_positions_from_mask(format.channels, mask, positions);
+    gst_audio_info_set_format(&m_audio, GST_AUDIO_FORMAT_S16LE, format.sample_rate, format.channels,
+                              known ? positions : nullptr);
 }
 
 bool StoreSource::takeFormatChange()
@@ -131,15 +156,6 @@ GstCaps *StoreSource::caps() const
     if (m_media == Media::Audio)
         return gst_audio_info_to_caps(&m_audio);
     return gst_video_info_to_caps(&m_video);
-}
-
-int64_t StoreSource::bufferDurationUs() const
-{
-    if (m_media == Media::Audio)
-        return 10000;
-    if (m_storeInfo.rate_numerator > 0)
-        return int64_t{m_storeInfo.rate_denominator} * 1000000 / m_storeInfo.rate_numerator;
-    return 0;
 }
 
 StoreSource::Result StoreSource::next(GstBuffer **buffer, int64_t *timestampUs)
@@ -203,8 +219,8 @@ GstBuffer *StoreSource::wrap(const shm_video_frame_t &frame)
         size = std::max(size, offsets[i] + static_cast<size_t>(strides[i]) * planeRows(m_video, i));
     }
     auto locked = std::make_shared<LockedFrame>(m_connection, frame);
-    // The last one is left for the next frame.
-    if ((!usual && !m_metaSupported) || m_connection->locked >= kLocksMax)
+    // More would take slots that the writer needs.
+    if ((!usual && !m_metaSupported) || m_connection->locked > m_locksMax)
         return copy(frame);
     return wrapPlanes(frame.planes[0], size, GST_MEMORY_FLAG_READONLY, m_video, offsets, strides,
                       std::move(locked), frameQuark());
@@ -269,6 +285,7 @@ StoreSource::Result StoreSource::nextSamples(GstBuffer **buffer, int64_t *timest
     }
     gst_buffer_set_size(*buffer, static_cast<gssize>(got * GST_AUDIO_INFO_BPF(&m_audio)));
     *timestampUs = positionUs();
+    m_duration = gst_util_uint64_scale_int(static_cast<guint64>(got), GST_SECOND, static_cast<gint>(rate));
     m_anchorFrames += got;
     return Result::Buffer;
 }

@@ -40,6 +40,8 @@ public:
 
     void configure(const std::string &store, Media media, int stream);
     void close();
+    // The newest is next, whatever was last.
+    void skipToNewest();
 
     // The next frame, or the next 10 ms of sound. `timestampUs` on the wall clock, of the buffer's begin. The
     // first after a gap, and the first of another store, has the flag DISCONT.
@@ -48,13 +50,16 @@ public:
     // Whether the format is another than at the last call: then caps() are to be told first.
     bool takeFormatChange();
     GstCaps *caps() const; // the caller's
+    bool hasFormat() const { return m_session != 0; }
     // Whether downstream understands planes that lie elsewhere than the format has them by default.
     void setVideoMetaSupported(bool supported) { m_metaSupported = supported; }
-    int64_t bufferDurationUs() const; // 0: not known
+    GstClockTime bufferDuration() const { return m_duration; } // of the last buffer; none: not known
     const std::string &error() const { return m_error; }
 
 private:
     Result open();
+    void setVideoFormat(const shm_reader_format_t &format);
+    void setAudioFormat(const shm_reader_format_t &format);
     Result nextFrame(GstBuffer **buffer, int64_t *timestampUs);
     Result nextSamples(GstBuffer **buffer, int64_t *timestampUs);
     GstBuffer *wrap(const shm_video_frame_t &frame);
@@ -67,6 +72,9 @@ private:
 
     std::shared_ptr<Connection> m_connection;
     shm_store_info_t m_storeInfo = {};
+    uint64_t m_session = 0; // of the writer that was read last
+    int m_locksMax = 1;     // frames that may be under way downstream without a copy
+    GstClockTime m_duration = GST_CLOCK_TIME_NONE;
     bool m_formatChanged = false;
     bool m_discont = true;
     std::string m_error;

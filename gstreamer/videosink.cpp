@@ -8,6 +8,8 @@
 
 #include <gst/video/video.h>
 
+#include <cerrno>
+
 GST_DEBUG_CATEGORY_EXTERN(zevshm_debug);
 #define GST_CAT_DEFAULT zevshm_debug
 
@@ -20,33 +22,38 @@ struct VideoState
     std::shared_ptr<StoreFeed> feed;
     std::shared_ptr<SinkCounts> counts;
     SinkTime time;
-    GstVideoInfo info;   // of the caps
-    bool expand = false; // limited range comes in, full range is published
+    GstVideoInfo info;      // of the caps
+    bool expand = false;    // limited range comes in, full range is published
+    bool isRefused = false; // there is no store of this format, and why has been said
 };
 
-struct VideoSink
+struct ZevShmVideoSink
 {
     GstBaseSink parent;
     VideoState *state;
 };
 
-struct VideoSinkClass
+struct ZevShmVideoSinkClass
 {
     GstBaseSinkClass parent;
 };
 
-G_DEFINE_TYPE(VideoSink, video_sink, GST_TYPE_BASE_SINK)
+G_DEFINE_TYPE(ZevShmVideoSink, zev_shm_video_sink, GST_TYPE_BASE_SINK)
 
 VideoState &stateOf(void *sink)
 {
-    return *reinterpret_cast<VideoSink *>(sink)->state;
+    return *reinterpret_cast<ZevShmVideoSink *>(sink)->state;
 }
 
 gboolean setCaps(GstBaseSink *sink, GstCaps *caps)
 {
     VideoState &state = stateOf(sink);
-    if (!gst_video_info_from_caps(&state.info, caps))
+    GstVideoInfo info;
+    if (!gst_video_info_from_caps(&info, caps))
         return FALSE;
+    if (state.isRefused && gst_video_info_is_equal(&info, &state.info))
+        return FALSE; // why was said
+    state.info = info;
     VideoFormat format;
     format.width = GST_VIDEO_INFO_WIDTH(&state.info);
     format.height = GST_VIDEO_INFO_HEIGHT(&state.info);
@@ -59,11 +66,17 @@ gboolean setCaps(GstBaseSink *sink, GstCaps *caps)
         format.rateNumerator = static_cast<unsigned>(GST_VIDEO_INFO_FPS_N(&state.info));
         format.rateDenominator = static_cast<unsigned>(GST_VIDEO_INFO_FPS_D(&state.info));
     }
+    GST_INFO_OBJECT(sink, "%dx%d %s, range %s%s", format.width, format.height,
+                    shm_pixel_format_name(format.pixelFormat), shm_range_name(format.color.range),
+                    state.expand ? ", made of limited range" : "");
+    state.time.reset();
     std::string error;
     if (!state.feed->setVideo(format, &error)) {
         GST_ELEMENT_ERROR(sink, RESOURCE, OPEN_WRITE, ("%s", error.c_str()), (nullptr));
+        state.isRefused = true;
         return FALSE;
     }
+    state.isRefused = false;
     return TRUE;
 }
 
@@ -89,10 +102,16 @@ gboolean proposeAllocation(GstBaseSink *sink, GstQuery *query)
     return TRUE;
 }
 
-void count(VideoState &state, int result, bool copied)
+// `result`: 0, or why the frame is not in the store.
+void count(GstBaseSink *sink, int result, bool copied)
 {
+    const VideoState &state = stateOf(sink);
     if (result != 0) {
         ++state.counts->dropped;
+        GST_INFO_OBJECT(sink, "a frame is dropped: %s",
+                        result == -EEXIST   ? "it is not later than the one before"
+                        : result == -EAGAIN ? "there is no store yet, or readers hold every slot of it"
+                                            : g_strerror(-result));
         return;
     }
     ++state.counts->published;
@@ -106,44 +125,63 @@ GstFlowReturn render(GstBaseSink *sink, GstBuffer *buffer)
 {
     VideoState &state = stateOf(sink);
     const int64_t timestamp = state.time.timestampUs(sink, buffer);
-    if (const std::shared_ptr<Slot> slot = slotOf(buffer); slot && state.feed->owns(*slot)) {
-        count(state, slot->publish(timestamp), false);
-        return GST_FLOW_OK;
+    if (!state.expand) {
+        if (const std::shared_ptr<Slot> slot = slotOf(buffer); slot && state.feed->owns(*slot)) {
+            count(sink, slot->publish(timestamp), false);
+            return GST_FLOW_OK;
+        }
     }
     const std::shared_ptr<Slot> slot =
         state.feed->acquire(GST_VIDEO_INFO_WIDTH(&state.info), GST_VIDEO_INFO_HEIGHT(&state.info),
-                            pixelFormat(GST_VIDEO_INFO_FORMAT(&state.info)));
+                            pixelFormat(GST_VIDEO_INFO_FORMAT(&state.info)), StoreFeed::For::Copy);
     if (!slot) {
-        ++state.counts->dropped;
+        count(sink, -EAGAIN, true);
         return GST_FLOW_OK;
     }
     GstVideoFrame frame;
     if (!gst_video_frame_map(&frame, &state.info, buffer, GST_MAP_READ)) {
-        GST_ELEMENT_ERROR(sink, RESOURCE, READ, ("a frame's memory cannot be read"),
-                          ("put a videoconvert or a download element in front of this sink"));
+        GST_ELEMENT_ERROR(
+            sink, RESOURCE, READ,
+            ("a frame cannot be read: it has %" G_GSIZE_FORMAT " bytes in memory that is not to be "
+             "mapped, or fewer than the %" G_GSIZE_FORMAT " of its format; put a videoconvert or a "
+             "download element in front of this sink, or mend the source",
+             gst_buffer_get_size(buffer), GST_VIDEO_INFO_SIZE(&state.info)),
+            (nullptr));
         return GST_FLOW_ERROR;
     }
     copyPlanes(frame, slot->frame(), state.expand);
     gst_video_frame_unmap(&frame);
-    count(state, slot->publish(timestamp), true);
+    count(sink, slot->publish(timestamp), true);
     return GST_FLOW_OK;
+}
+
+gboolean unlock(GstBaseSink *sink)
+{
+    stateOf(sink).feed->interrupt(true);
+    return TRUE;
+}
+
+gboolean unlockStop(GstBaseSink *sink)
+{
+    stateOf(sink).feed->interrupt(false);
+    return TRUE;
 }
 
 gboolean stop(GstBaseSink *sink)
 {
     VideoState &state = stateOf(sink);
     state.feed->end(StoreFeed::Kind::Video);
-    state.time.reset();
+    state.isRefused = false;
     return TRUE;
 }
 
 void finalize(GObject *object)
 {
     delete &stateOf(object);
-    G_OBJECT_CLASS(video_sink_parent_class)->finalize(object);
+    G_OBJECT_CLASS(zev_shm_video_sink_parent_class)->finalize(object);
 }
 
-void video_sink_class_init(VideoSinkClass *klass)
+void zev_shm_video_sink_class_init(ZevShmVideoSinkClass *klass)
 {
     G_OBJECT_CLASS(klass)->finalize = finalize;
     GstElementClass *element = GST_ELEMENT_CLASS(klass);
@@ -156,10 +194,12 @@ void video_sink_class_init(VideoSinkClass *klass)
     sink->set_caps = setCaps;
     sink->propose_allocation = proposeAllocation;
     sink->render = render;
+    sink->unlock = unlock;
+    sink->unlock_stop = unlockStop;
     sink->stop = stop;
 }
 
-void video_sink_init(VideoSink *sink)
+void zev_shm_video_sink_init(ZevShmVideoSink *sink)
 {
     sink->state = new VideoState;
     gst_video_info_init(&sink->state->info);
@@ -168,13 +208,15 @@ void video_sink_init(VideoSink *sink)
     // A late frame is published all the same: readers choose.
     gst_base_sink_set_max_lateness(&sink->parent, -1);
     gst_base_sink_set_qos_enabled(&sink->parent, FALSE);
+    gst_base_sink_set_processing_deadline(&sink->parent, 0);
 }
 
 } // namespace
 
 GstElement *newVideoSink(std::shared_ptr<StoreFeed> feed, std::shared_ptr<SinkCounts> counts)
 {
-    auto *sink = static_cast<GstElement *>(g_object_new(video_sink_get_type(), "name", "video", nullptr));
+    auto *sink =
+        static_cast<GstElement *>(g_object_new(zev_shm_video_sink_get_type(), "name", "video", nullptr));
     stateOf(sink).feed = std::move(feed);
     stateOf(sink).counts = std::move(counts);
     return sink;

@@ -35,6 +35,8 @@ static void read_until_gone(shm_reader_t *reader)
             fflush(stdout);
         } else if (result == -ENODEV) {
             break;
+        } else {
+            pause_ms(1);
         }
     }
     shm_reader_unlock_video(reader, &held[0]);
