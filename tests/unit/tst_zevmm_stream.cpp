@@ -1,9 +1,15 @@
 // Buffers between driver and reader, stalls, errors, and devices that go and come back.
 #include "zevmm_testing.h"
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <future>
+#include <new>
 #include <random>
 #include <stdexcept>
+#include <thread>
 
 using namespace zevmm::v4l2;
 
@@ -11,10 +17,31 @@ namespace {
 
 constexpr std::int64_t second = 1000000;
 
+std::atomic<std::size_t> allocations{0};
+
 class Streams : public StreamTest
 {};
 
 } // namespace
+
+// Not inlined: compilers warn of free() for what they see a new for.
+[[gnu::noinline]] void *operator new(std::size_t bytes)
+{
+    ++allocations;
+    if (void *const memory = std::malloc(bytes > 0 ? bytes : 1))
+        return memory;
+    throw std::bad_alloc();
+}
+
+[[gnu::noinline]] void operator delete(void *memory) noexcept
+{
+    std::free(memory);
+}
+
+[[gnu::noinline]] void operator delete(void *memory, std::size_t) noexcept
+{
+    std::free(memory);
+}
 
 TEST_F(Streams, deliversNothingUntilAFrameIsThere)
 {
@@ -134,6 +161,81 @@ TEST_F(Streams, aCallbackMayStop)
     EXPECT_EQ(kernel.queuedCount(), 6u);
     EXPECT_TRUE(fillAndStep());
     EXPECT_NE(read(), nullptr);
+    end();
+}
+
+TEST_F(Streams, aCallbackThatDestroysTheImagesDoesNotWaitForItself)
+{
+    begin();
+    ASSERT_TRUE(fillAndStep());
+    const auto begun = std::chrono::steady_clock::now();
+    stream->readFrame([&](void *) {
+        stream->readFrame([](void *) { ADD_FAILURE() << "there is no other frame"; });
+        ASSERT_TRUE(fillAndStep());
+        stream->readFrame([](void *) {});
+        end();
+    });
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(2));
+    EXPECT_EQ(fake::Egl::alive(), 0);
+}
+
+TEST_F(Streams, imagesAreNotDestroyedWhileAnotherThreadIsInACallback)
+{
+    begin();
+    ASSERT_TRUE(fillAndStep());
+    const int images = fake::Egl::alive();
+    ASSERT_GT(images, 0);
+    std::promise<void> inside;
+    int imagesAtTheEnd = -1;
+    std::thread ticks([&] {
+        stream->readFrame([&](void *) {
+            EXPECT_TRUE(fillAndStep());
+            stream->readFrame([](void *) {}); // ends, and this one does not
+            inside.set_value();
+            const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+            while (fake::Egl::alive() == images && std::chrono::steady_clock::now() < until)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            imagesAtTheEnd = fake::Egl::alive();
+        });
+    });
+    inside.get_future().wait();
+    end();
+    EXPECT_EQ(fake::Egl::alive(), 0);
+    ticks.join();
+    EXPECT_EQ(imagesAtTheEnd, images);
+}
+
+TEST_F(Streams, aCallbackThatWaitsForTheImagesToGoIsNotWaitedForForEver)
+{
+    begin();
+    ASSERT_TRUE(fillAndStep());
+    std::promise<void> inside, destroyed;
+    bool hasSeen = false;
+    std::thread ticks([&] {
+        stream->readFrame([&](void *) {
+            inside.set_value();
+            hasSeen = destroyed.get_future().wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+        });
+    });
+    inside.get_future().wait();
+    end();
+    destroyed.set_value();
+    ticks.join();
+    EXPECT_TRUE(hasSeen);
+}
+
+// A destructor does it, which could not tell that there is no memory.
+TEST_F(Streams, returningABufferTakesNoMemory)
+{
+    begin();
+    for (int i = 0; i < 8; ++i) {
+        ASSERT_TRUE(fillAndStep());
+        std::size_t before = 0;
+        stream->readFrame([&](void *) { before = allocations; });
+        const std::size_t after = allocations;
+        EXPECT_EQ(after, before) << i;
+    }
+    EXPECT_GT(wakeUps, 4);
     end();
 }
 
@@ -527,9 +629,40 @@ TEST_F(Streams, newBuffersThatEglDoesNotTakeAreNotDelivered)
         EXPECT_EQ(read(), nullptr);
     }
     EXPECT_EQ(stream->statistics().delivered, 0u);
-    EXPECT_EQ(stream->trouble(),
-              "/dev/video0: EGL makes no image of the buffers since the device came back; release "
-              "the GL resources and start again");
+    const std::string refusal = "/dev/video0: EGL makes no image of the buffers since the device came back; "
+                                "release the GL resources and start again";
+    EXPECT_EQ(stream->trouble(), refusal);
+    ASSERT_TRUE(fillAndStep()); // a frame that came is not one that can be shown
+    EXPECT_EQ(stream->trouble(), refusal);
+    advance(second); // a stall is told, and what was before it when it is over
+    EXPECT_NE(stream->trouble(), refusal);
+    EXPECT_NE(stream->trouble(), "");
+    ASSERT_TRUE(fillAndStep());
+    EXPECT_EQ(stream->trouble(), refusal);
+
+    fake::Egl::failFrom(-1);
+    ASSERT_TRUE(fillAndStep());
+    EXPECT_NE(read(), nullptr);
+    EXPECT_EQ(stream->trouble(), "");
+    end();
+}
+
+TEST_F(Streams, aRefusalOfEglEndsWithTheStream)
+{
+    begin();
+    for (int i = 0; i < 2; ++i) {
+        kernel.unplug();
+        step(POLLERR);
+        kernel.plugIn();
+        advance(second);
+        EXPECT_TRUE(fillAndStep());
+        EXPECT_EQ(stream->trouble(), "") << "new buffers are a new attempt";
+        fake::Egl::failFrom(0);
+        EXPECT_EQ(read(), nullptr);
+        EXPECT_NE(stream->trouble(), "");
+    }
+    stream->stop();
+    EXPECT_EQ(stream->trouble(), "");
     end();
 }
 

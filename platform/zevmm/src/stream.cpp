@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <stdexcept>
 #include <utility>
 
@@ -13,6 +14,8 @@ namespace v4l2 {
 namespace {
 
 constexpr std::uint64_t retiredLimit = 256u << 20; // bytes
+// A callback may itself wait for the thread that destroys the images, as one that hides the window does.
+constexpr std::chrono::seconds longestCallback{2};
 
 } // namespace
 
@@ -35,7 +38,7 @@ CaptureStatistics Stream::statistics() const
 std::string Stream::trouble() const
 {
     const std::lock_guard<std::mutex> lock(mutex);
-    return troubleText;
+    return troubleText.empty() ? refusalText : troubleText;
 }
 
 void Stream::setTrouble(const std::string &text)
@@ -63,10 +66,13 @@ void Stream::prepare(std::uint32_t width, std::uint32_t height)
         camera.open();
         negotiated = camera.negotiate({width, height, 0, Device::Wish::Memories::AsSet});
         auto made = std::make_unique<EglImages>(negotiated, camera.allocate());
+        giving.reserve(made->count());
         const std::lock_guard<std::mutex> lock(mutex);
+        returned.reserve(made->count()); // the two are swapped
         images = std::move(made);
         mailbox.beginGeneration(++generation);
         returned.clear();
+        refusalText.clear();
     } catch (...) {
         camera.close();
         throw;
@@ -97,9 +103,13 @@ void Stream::createImages(void *eglDisplay, DmaEglCapture::CreateImage create)
 
 void Stream::destroyImages(void *eglDisplay, DmaEglCapture::DestroyImage destroy)
 {
-    const std::lock_guard<std::mutex> lock(mutex);
+    std::unique_lock<std::mutex> lock(mutex);
     if (destroy == nullptr)
         throw std::invalid_argument(device() + ": destroyEGLImages without eglDestroyImageKHR");
+    // Whoever is told afterwards that the images have gone has been handed the last of them before.
+    readerIsThrough.wait_for(lock, longestCallback, [this] {
+        return reader == std::thread::id() || reader == std::this_thread::get_id();
+    });
     if (images)
         images->destroy(eglDisplay, destroy);
     for (const auto &old : retired)
@@ -173,6 +183,7 @@ void Stream::stop()
     mailbox.clear();
     returned.clear();
     troubleText.clear();
+    refusalText.clear();
 }
 
 bool Stream::isFrameReady() const
@@ -184,8 +195,10 @@ bool Stream::isFrameReady() const
 void Stream::readFrame(const std::function<void(void *)> &callback)
 {
     void *image = nullptr;
+    std::thread::id outer; // of a callback that this call comes from
     {
         const std::lock_guard<std::mutex> lock(mutex);
+        outer = reader;
         const auto frame = mailbox.take();
         if (!frame)
             return;
@@ -195,8 +208,10 @@ void Stream::readFrame(const std::function<void(void *)> &callback)
             ++counters.delivered;
             counters.lastSequence = frame->sequence;
             counters.lastTimestamp = frame->timestamp;
-        } else {
-            troubleText = device() +
+            refusalText.clear();
+            reader = std::this_thread::get_id();
+        } else if (refusalText.empty()) {
+            refusalText = device() +
                           ": EGL makes no image of the buffers since the device came back; release the "
                           "GL resources and start again";
         }
@@ -205,20 +220,23 @@ void Stream::readFrame(const std::function<void(void *)> &callback)
     struct Done
     {
         Stream &stream;
+        const std::thread::id outer;
         ~Done()
         {
             bool hasReturned = false;
             {
                 const std::lock_guard<std::mutex> lock(stream.mutex);
+                stream.reader = outer;
                 if (const auto index = stream.mailbox.done()) {
                     stream.returned.push_back(*index); // room was made for all of them
                     hasReturned = true;
                 }
             }
+            stream.readerIsThrough.notify_all();
             if (hasReturned)
                 stream.wake();
         }
-    } done{*this};
+    } done{*this, outer};
     if (image != nullptr)
         callback(image);
 }

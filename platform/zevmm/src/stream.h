@@ -9,11 +9,13 @@
 
 #include <zevmm/v4l2/dmaeglcapture.h>
 
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace zevmm {
@@ -37,6 +39,7 @@ public:
 
     void setup();
     void createImages(void *eglDisplay, DmaEglCapture::CreateImage create);
+    // Waits for a callback of readFrame() that another thread is in, but not for ever.
     void destroyImages(void *eglDisplay, DmaEglCapture::DestroyImage destroy);
     void start();
     void stop();
@@ -87,9 +90,12 @@ private:
         retired; // of earlier ones, kept because they may be on the screen
     void *display = nullptr;
     DmaEglCapture::CreateImage createImage = nullptr;
+    std::thread::id reader; // in a callback; none: nobody is
+    std::condition_variable readerIsThrough;
     CaptureFormat deliveredFormat;
     CaptureStatistics counters;
-    std::string troubleText;
+    std::string troubleText; // of the device
+    std::string refusalText; // of EGL, of the present opening's buffers; told while the device is well
 };
 
 } // namespace v4l2

@@ -94,7 +94,10 @@ public:
      */
     void stop();
 
-    /* Destroys all images made so far. Stops first when it streams. */
+    /*
+     * Destroys all images made so far. Stops first when it streams. Waits for a callback of readFrame() that
+     * is under way in another thread, but no longer than two seconds.
+     */
     void destroyEGLImages(void *display, DestroyImage destroy);
 };
 
