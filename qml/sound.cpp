@@ -45,6 +45,7 @@ Sound::Sound(const QSharedPointer<MediaSourceBase> &source, const Wishes &wishes
     m_player = AudioPlayer::getInstance();
     m_player->setDelay(wishes.delayUs);
     m_player->setMaxDelay(wishes.delayUs + slackUs);
+    m_watch.setDelay(std::max(wishes.delayUs, usualDelayUs));
     m_player->setVolume(m_volume);
     m_player->setMuted(m_isMuted);
     connect(m_player, &AudioPlayer::audioPlayed, this, [this](qint64 reported) {
@@ -117,10 +118,12 @@ void Sound::check()
     const QScopedValueRollback<int> telling(m_telling, m_telling + 1);
     if (m_isStopping)
         return; // Qt's backend handles events while it opens and closes
-    // Before there is audio there is nothing to play, and the device's format would be a guess.
-    if (m_starts == 0 && !m_source->getAudioFormat().isValid())
-        return;
     const qint64 now = m_monotonic.nsecsElapsed() / 1000;
+    // Before there is audio there is nothing to play, and the device's format would be a guess.
+    if (m_starts == 0 && (newestAudio() == 0 || !m_source->getAudioFormat().isValid())) {
+        m_watch.check(now, false, 0, 0, -1);
+        return;
+    }
     sayWhyStopped();
     if (m_isStopUntold)
         return; // what it is told next depends on it
@@ -257,6 +260,7 @@ void Sound::onStopped()
 {
     const QScopedValueRollback<int> telling(m_telling, m_telling + 1);
     m_age.begin();
+    m_heardUs = 0;
     if (!m_isStopping && m_hasStarted) {
         m_stopShiftMs = m_clock.check();
         m_isStopUntold = true;

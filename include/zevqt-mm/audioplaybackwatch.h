@@ -12,10 +12,12 @@
  * leave it playing into nothing; and a source whose clock is slower than the device's lets what a read leaves
  * in it (the reserve) run out, from when on reads end in a little silence. A source that was away for a
  * second or more is read from a full delay behind, with the output's buffer full of silence: the sound is
- * later than before by that buffer. Starting anew mends all four.
+ * later than before by that buffer. Starting anew mends all four, the last one not before the source has as
+ * much sound as the delay: until then the output's buffer is filled with silence once more.
  *
- * Usage: begin() whenever playing was started; check() a few times a second with what the player and the
- * source say, and start again when it answers true. It knows no clock and no player.
+ * Usage: setDelay() to the player's delay; begin() whenever playing was started; check() a few times a second
+ * with what the player and the source say, and start again when it answers true. It knows no clock and no
+ * player.
  *
  *     const qint64 newest = source->getAudioLastTimestamp();
  *     if (watch.check(monotonicUs, !player->isStopped(), player->getReadPosition(), newest,
@@ -43,6 +45,11 @@ public:
         SourceBack, // the source was away and has returned
     };
 
+    /*!
+     * How far behind its newest sound the source is read, or the device's buffer where that is longer. A
+     * source that has come, or is back, is played when it has told of so much.
+     */
+    void setDelay(qint64 delay);
     /*! Playing was started, or an attempt failed. */
     void begin(qint64 now);
     /*!
@@ -57,10 +64,12 @@ public:
 
 private:
     void followSource(qint64 now, qint64 newest);
+    bool isFilling() const;
     void closeWindow(qint64 now);
     bool mayRestart(qint64 now) const;
     Reason findReason(qint64 now, bool isActive, qint64 readPosition, qint64 newest, qint64 reserve);
 
+    qint64 delay = 200000; // the player's, unless it is told another one
     qint64 started = 0;
     qint64 backoff = 0;
     qint64 lastPosition = 0;
@@ -73,6 +82,7 @@ private:
     bool wasHealthy = false;
     qint64 lastNewest = 0;
     qint64 lastNews = 0; // when the source last had something new
+    qint64 backFrom = 0; // the newest when it came back
     bool isSourceAway = false;
     bool isSourceBack = false;
     Reason lastReason = None;

@@ -33,9 +33,13 @@ void AudioPlaybackWatch::begin(qint64 now)
     dryWindows = 0;
     wasHealthy = false;
     lastNews = now;
-    isSourceAway = false;
-    isSourceBack = false;
+    isSourceBack = isFilling(); // a start in between is late by the buffer
     lastReason = None;
+}
+
+void AudioPlaybackWatch::setDelay(qint64 newDelay)
+{
+    delay = newDelay;
 }
 
 bool AudioPlaybackWatch::mayRestart(qint64 now) const
@@ -55,7 +59,7 @@ AudioPlaybackWatch::Reason AudioPlaybackWatch::findReason(qint64 now, bool isAct
 {
     followSource(now, newest);
     if (!isActive)
-        return Stopped;
+        return isFilling() ? None : Stopped;
     if (readPosition != lastPosition || newest == 0 || newest == newestThen) {
         // It moves, or there is nothing new to move to.
         if (readPosition != lastPosition || newest == 0)
@@ -70,22 +74,35 @@ AudioPlaybackWatch::Reason AudioPlaybackWatch::findReason(qint64 now, bool isAct
         windowReserve = windowReserve < 0 ? reserve : qMin(windowReserve, reserve);
     if (now - windowStart >= second)
         closeWindow(now);
-    if (isSourceBack)
+    if (isSourceBack && !isSourceAway && !isFilling())
         return SourceBack;
     return dryWindows >= dryWindowsToRestart ? Dry : None;
 }
 
-// Away is only what was seen to be: whoever does not look for a second has missed nothing.
+// Away is only what was seen to be: whoever does not look for a second has missed nothing. Before the first
+// start there is nothing to miss.
 void AudioPlaybackWatch::followSource(qint64 now, qint64 newest)
 {
     if (newest == 0 || newest == lastNewest) {
-        isSourceAway = isSourceAway || now - lastNews >= awayAfter;
+        const bool isNew = newest == 0 && backoff == 0;
+        isSourceAway = isSourceAway || isNew || now - lastNews >= awayAfter;
         return;
     }
-    isSourceBack = isSourceBack || isSourceAway;
+    if (isSourceAway) {
+        isSourceBack = true;
+        backFrom = newest;
+    }
+    backFrom = qMin(backFrom, newest); // its clock may have been set back
     isSourceAway = false;
     lastNewest = newest;
     lastNews = now;
+}
+
+// There is nothing to read yet a delay behind the newest: the output's buffer would be filled with silence,
+// by which everything after that is late.
+bool AudioPlaybackWatch::isFilling() const
+{
+    return isSourceBack && !isSourceAway && lastNewest - backFrom < delay;
 }
 
 // Only a reserve that was there once can run out: where the delay is too short for the device, starting anew

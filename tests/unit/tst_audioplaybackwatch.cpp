@@ -146,9 +146,102 @@ TEST(AudioPlaybackWatch, AnOutageIsNotBlamedOnTheDevice)
         EXPECT_EQ(simulation.run(away), 0);
         simulation.isSourceAlive = true;
         simulation.newest += away;
-        EXPECT_EQ(simulation.run(40 * ms), 1); // before the device has read anything of it
+        EXPECT_EQ(simulation.run(200 * ms), 0); // of which the first 40 are not new when it is seen
+        EXPECT_EQ(simulation.run(40 * ms), 1);
         EXPECT_EQ(simulation.reason, AudioPlaybackWatch::SourceBack) << away;
     }
+}
+
+// A store that was made anew has nothing a delay behind its newest: a start would fill the output's buffer
+// with silence, and be as late as what it is to mend.
+TEST(AudioPlaybackWatch, ASourceThatReturnsFirstGathersSoundForTheDelay)
+{
+    for (const qint64 delay : {0 * ms, 400 * ms, 2000 * ms}) {
+        Simulation simulation;
+        simulation.watch.setDelay(delay);
+        simulation.run(10 * second);
+        simulation.isSourceAlive = false;
+        simulation.run(10 * second);
+        simulation.isSourceAlive = true;
+        simulation.newest += 10 * second;
+        EXPECT_EQ(simulation.run(delay), 0) << delay;
+        EXPECT_EQ(simulation.run(40 * ms), 1) << delay;
+        EXPECT_EQ(simulation.reason, AudioPlaybackWatch::SourceBack);
+        EXPECT_EQ(simulation.run(60 * second), 0);
+    }
+}
+
+TEST(AudioPlaybackWatch, ASourceThatReturnsForAMomentHasNotGatheredIt)
+{
+    Simulation simulation;
+    simulation.watch.setDelay(400 * ms);
+    simulation.run(10 * second);
+    for (int i = 0; i < 3; ++i) {
+        simulation.isSourceAlive = false;
+        EXPECT_EQ(simulation.run(10 * second), 0);
+        simulation.isSourceAlive = true;
+        simulation.newest += 10 * second;
+        EXPECT_EQ(simulation.run(200 * ms), 0);
+    }
+    simulation.newest -= 3600 * second; // its clock is set back
+    EXPECT_EQ(simulation.run(400 * ms), 0);
+    EXPECT_EQ(simulation.run(40 * ms), 1);
+    EXPECT_EQ(simulation.reason, AudioPlaybackWatch::SourceBack);
+}
+
+// Whatever it was that was started while the source was away or had too little: it is late by the buffer.
+TEST(AudioPlaybackWatch, AStartWithoutEnoughSoundIsDoneAnew)
+{
+    Simulation away;
+    away.watch.setDelay(400 * ms);
+    away.run(10 * second);
+    away.isSourceAlive = false;
+    away.run(5 * second);
+    away.watch.begin(away.now);
+    away.run(200 * ms);
+    away.isSourceAlive = true;
+    EXPECT_EQ(away.run(60 * second), 1);
+    EXPECT_EQ(away.reason, AudioPlaybackWatch::SourceBack);
+
+    Simulation early;
+    early.watch.setDelay(3000 * ms);
+    early.run(10 * second);
+    early.isSourceAlive = false;
+    early.run(5 * second);
+    early.isSourceAlive = true;
+    early.run(200 * ms);
+    early.watch.begin(early.now);
+    EXPECT_EQ(early.run(2800 * ms), 0);
+    EXPECT_EQ(early.run(40 * ms), 1);
+    EXPECT_EQ(early.reason, AudioPlaybackWatch::SourceBack);
+    EXPECT_EQ(early.run(60 * second), 0);
+}
+
+TEST(AudioPlaybackWatch, TheFirstStartWaitsForSoundThatHasJustBegun)
+{
+    AudioPlaybackWatch fresh;
+    fresh.setDelay(400 * ms);
+    EXPECT_TRUE(fresh.check(0, false, 0, 0, -1)); // who wants silence may play it
+    const qint64 begun = 1000 * second;
+    EXPECT_FALSE(fresh.check(100 * ms, false, 0, begun, -1));
+    EXPECT_FALSE(fresh.check(400 * ms, false, 0, begun + 390 * ms, -1));
+    EXPECT_TRUE(fresh.check(500 * ms, false, 0, begun + 400 * ms, -1));
+    EXPECT_EQ(fresh.reason(), AudioPlaybackWatch::Stopped);
+
+    AudioPlaybackWatch late; // the sound was there before it looked
+    late.setDelay(400 * ms);
+    EXPECT_TRUE(late.check(0, false, 0, begun, -1));
+}
+
+// A source that is gone again is not waited for.
+TEST(AudioPlaybackWatch, AStoppedPlayerWaitsForNoSourceThatIsAway)
+{
+    AudioPlaybackWatch watch;
+    watch.setDelay(400 * ms);
+    watch.check(0, false, 0, 0, -1);
+    EXPECT_FALSE(watch.check(100 * ms, false, 0, 1000 * second, -1));
+    EXPECT_FALSE(watch.check(1000 * ms, false, 0, 1000 * second, -1));
+    EXPECT_TRUE(watch.check(1100 * ms, false, 0, 1000 * second, -1));
 }
 
 // While attempts have to wait there is nothing to tell.

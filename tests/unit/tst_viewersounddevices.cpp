@@ -28,17 +28,23 @@ private Q_SLOTS:
     void aMomentWithoutSoundIsNoStop();
     void reportOfTheFutureIsNotWhatIsHeard();
     void whatIsHeardIsKnownByItsAge();
+    void soundThatHasJustBegunIsGatheredFirst();
 
 private:
     static FakeAudioSystem &devices() { return FakeAudioSystem::instance(); }
     void begin(int rate = 48000);
+    void publish(int rate);
+    void play();
 
     const int patienceMs = 30000;
     QTemporaryDir stores{QStringLiteral("/tmp/zev-XXXXXX")};
     std::unique_ptr<TonePublisher> publisher;
+    QSharedPointer<MediaSource> published;
     std::unique_ptr<Sound> sound;
     QStringList problems;
     int starts = 0;
+    qint64 publishedFrom = 0;
+    qint64 gathered = 0; // by the source at the last start
 };
 
 void tst_ViewerSoundDevices::initTestCase()
@@ -58,20 +64,35 @@ void tst_ViewerSoundDevices::init()
 void tst_ViewerSoundDevices::cleanup()
 {
     sound.reset();
+    published.reset();
     publisher.reset();
 }
 
 void tst_ViewerSoundDevices::begin(int rate)
 {
+    publish(rate);
+    play();
+}
+
+void tst_ViewerSoundDevices::publish(int rate)
+{
+    publishedFrom = wallClockUs();
     publisher = std::make_unique<TonePublisher>(
         "tone", rate, std::vector<TonePublisher::Tone>{{441.0, 8000}, {441.0, 8000}});
     QVERIFY(publisher->isPublished());
+}
+
+void tst_ViewerSoundDevices::play()
+{
     Sound::Wishes wishes;
     wishes.device = QStringLiteral("speaker");
-    const QSharedPointer<MediaSourceBase> source(new MediaSource(QStringLiteral("tone"), 100));
-    sound = std::make_unique<Sound>(source, wishes);
+    published.reset(new MediaSource(QStringLiteral("tone"), 100));
+    sound = std::make_unique<Sound>(published, wishes);
     connect(sound.get(), &Sound::problem, this, [this](const QString &text) { problems << text; });
-    connect(sound.get(), &Sound::started, this, [this] { ++starts; });
+    connect(sound.get(), &Sound::started, this, [this] {
+        ++starts;
+        gathered = published->getAudioLastTimestamp() - publishedFrom;
+    });
     sound->start(25);
 }
 
@@ -223,6 +244,34 @@ void tst_ViewerSoundDevices::whatIsHeardIsKnownByItsAge()
     const qint64 heard = sound->heardUs();
     QVERIFY(heard >= before - sound->heardAge().age());
     QVERIFY(heard <= wallClockUs() - sound->heardAge().age());
+    output->enter(QAudio::StoppedState, QAudio::FatalError);
+    QCOMPARE(sound->heardUs(), qint64(0));
+}
+
+// The device's buffer would be filled with silence, by which all that follows is late.
+void tst_ViewerSoundDevices::soundThatHasJustBegunIsGatheredFirst()
+{
+    play();
+    QTest::qWait(300); // it looks, and there is nothing
+    publish(48000);
+    QVERIFY(published->open()); // which it would do within a second
+    QTRY_COMPARE_WITH_TIMEOUT(starts, 1, patienceMs);
+    QVERIFY2(gathered >= Sound::usualDelayUs, qPrintable(QString::number(gathered)));
+    QTimer reads;
+    connect(&reads, &QTimer::timeout, this, [] { devices().output->pull(3840); });
+    reads.start(20);
+    QTest::qWait(1500);
+    publisher.reset();
+    QTest::qWait(3000);
+    QCOMPARE(starts, 1);
+    publish(48000);
+    QVERIFY(published->open()); // which it would do within a second
+    QTRY_COMPARE_WITH_TIMEOUT(starts, 2, patienceMs);
+    QVERIFY2(gathered >= Sound::usualDelayUs, qPrintable(QString::number(gathered)));
+    QVERIFY2(problems.value(0).contains(QStringLiteral("was away and is back")),
+             qPrintable(problems.value(0)));
+    QTest::qWait(2500);
+    QCOMPARE(starts, 2);
 }
 
 QTEST_GUILESS_MAIN(tst_ViewerSoundDevices)
