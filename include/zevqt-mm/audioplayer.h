@@ -70,7 +70,8 @@ public:
 
     /*! The one player, made by the first call. */
     static AudioPlayer *getInstance();
-    /*! Deletes it, and stops it before; nothing without one. */
+    /*! Deletes it, and stops it before; nothing without one. Not while isEmitting(): also what a timer calls
+     * may come out of the events that a backend handles as start() opens it. */
     static void teardown();
 
     /*!
@@ -85,8 +86,8 @@ public:
     const QAudioDeviceInfo &selectedDevice() const { return device; }
     /*! True while the device takes audio. */
     bool isActive() const;
-    /*! True while its signals are being told: it must not be destroyed then. */
-    bool isEmitting() const { return isOutputEmitting; }
+    /*! True while its signals are being told, and while it starts: it must not be destroyed then. */
+    bool isEmitting() const { return isOutputEmitting || isStarting; }
     /*! True while nothing plays; not in the moment after the buffer ran empty, when it is not active. */
     bool isStopped() const;
     /*! Linear, 0 to 1. */
@@ -156,7 +157,7 @@ public Q_SLOTS:
      * Plays `source` from now on. With `fps`, audioPlayed() comes at that rate. A source without audio plays
      * as silence until it has some, unless `requireAudio` is set. False, and nothing is done, when it is
      * called while another start() is being made: from a slot of playerStopped(), or out of the events that a
-     * backend handles as it closes.
+     * backend handles as it closes; and for the source whose end stops the player.
      */
     bool start(MediaSource *source, double fps = 0, bool requireAudio = false);
     /*! The device stays selected. */
@@ -202,7 +203,8 @@ private:
     int fixedSampleRate_;
     bool isOutputEmitting;
     bool isStarting;
-    bool isRateConverted; // by the device's system
+    const QObject *leaving; // the source that is being destroyed
+    bool isRateConverted;   // by the device's system
     Failure failure_;
     QAudioFormat playedFormat_;
 };

@@ -64,15 +64,17 @@ QStringList AudioPlayer::deviceNames()
 
 AudioPlayer::AudioPlayer()
     : output(nullptr), volume_(1.0), muted_(false), timeBase(0), correction(0.0), fixedSampleRate_(-1),
-      isOutputEmitting(false), isStarting(false), isRateConverted(false), failure_(NoFailure)
+      isOutputEmitting(false), isStarting(false), leaving(nullptr), isRateConverted(false),
+      failure_(NoFailure)
 {
     SoundServerReturn::watch();
 }
 
 AudioPlayer::~AudioPlayer()
 {
-    device = QAudioDeviceInfo(); // no slot of playerStopped() starts anew
-    stop();                      // the backends of Qt 5 abort the process when an active output is destroyed
+    isStarting = true; // no slot of playerStopped() starts anew
+    device = QAudioDeviceInfo();
+    stop(); // the backends of Qt 5 abort the process when an active output is destroyed
     delete std::exchange(output, nullptr); // closing may handle events, of which some may ask the player
     qCDebug(audio) << "Audio player destroyed";
 }
@@ -192,17 +194,17 @@ bool AudioPlayer::start(MediaSource *source, double fps, bool requireAudio)
 bool AudioPlayer::begin(MediaSource *source, double fps, bool requireAudio, QAudio::Error *error)
 {
     failure_ = NotAsked;
-    if (device.isNull() || !source)
+    if (device.isNull() || !source || source == leaving)
         return false;
     const QPointer<MediaSource> asked(source); // whoever hears of a stop, or of an event, may delete it
-    const QAudioDeviceInfo selected = device;
     stop();
-    if (!asked)
+    if (!asked || device.isNull())
         return false;
+    const QAudioDeviceInfo selected = device;
     const QString name = source->name();
     qCDebug(audio).nospace() << "Audio playback starting for " << name;
 
-    if (!isDeviceReady(name))
+    if (!isDeviceReady(name) || !asked)
         return false;
     QAudioFormat format;
     if (!negotiateFormat(source, requireAudio, &format)) {
@@ -314,6 +316,7 @@ void AudioPlayer::discardOutput()
     if (!output)
         return;
     QAudioOutput *former = std::exchange(output, nullptr); // closing may handle events
+    former->stop();                                        // a slot may have started it anew
     former->disconnect(this);
     if (isOutputEmitting)
         former->deleteLater();
@@ -324,9 +327,10 @@ void AudioPlayer::discardOutput()
 // An output is bound to its device: one that is kept for the next start must not outlive the choice.
 void AudioPlayer::selectDevice(const QAudioDeviceInfo &selected)
 {
-    if (selected != device)
-        discardOutput();
-    device = selected;
+    if (selected == device)
+        return;
+    device = selected; // what is started by whoever hears of the stop is heard there
+    discardOutput();
 }
 
 void AudioPlayer::stop()
@@ -368,6 +372,7 @@ void AudioPlayer::onFrameTimer()
 void AudioPlayer::activeSourceDestroyed()
 {
     qCInfo(audio) << "Active media source destroyed during playback";
+    const QScopedValueRollback<const QObject *> going(leaving, reader.getSource());
     stop();
 }
 

@@ -13,7 +13,11 @@ private Q_SLOTS:
     void sourceThatNoLongerPlaysMayGo();
     void restartFromItsOwnSignals();
     void teardownWhilePlaying();
+    void restartDuringTeardown_data();
     void restartDuringTeardown();
+    void restartOfASourceThatGoes();
+    void restartWhileAnotherDeviceIsSelected();
+    void deviceChosenWhenStoppedIsPlayedOn();
     void outputThatGoesIsNotAsked();
     void sourceThatGoesWithTheFormerOutputIsNotPlayed();
     void startFromTheFormerOutputsEventsIsRefused();
@@ -119,17 +123,88 @@ void tst_AudioPlayerLifetime::teardownWhilePlaying()
 }
 
 // Whoever starts anew whenever the player has stopped must not have it play on while it goes away.
+void tst_AudioPlayerLifetime::restartDuringTeardown_data()
+{
+    QTest::addColumn<bool>("isDeviceSelected");
+    QTest::newRow("started") << false;
+    QTest::newRow("selected and started") << true;
+}
+
 void tst_AudioPlayerLifetime::restartDuringTeardown()
 {
+    QFETCH(bool, isDeviceSelected);
     player()->setDevice(QStringLiteral("default"));
     QVERIFY(player()->start(source.get(), 25));
     AudioPlayer *leaving = player();
     bool isStarted = true;
-    connect(leaving, &AudioPlayer::playerStopped, this,
-            [this, leaving, &isStarted] { isStarted = leaving->start(source.get(), 25); });
+    connect(leaving, &AudioPlayer::playerStopped, this, [this, leaving, isDeviceSelected, &isStarted] {
+        if (isDeviceSelected)
+            QVERIFY(leaving->setDevice(QStringLiteral("default")));
+        isStarted = leaving->start(source.get(), 25);
+    });
     AudioPlayer::teardown();
     QVERIFY(!isStarted);
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QCOMPARE(devices().liveOutputs, 0);
     QCOMPARE(devices().destroyedActive, 0);
+}
+
+// What is there of it yet would be read from when it is gone.
+void tst_AudioPlayerLifetime::restartOfASourceThatGoes()
+{
+    QVERIFY(player()->setDevice(QStringLiteral("default")));
+    QVERIFY(player()->start(source.get(), 25));
+    MediaSource *going = source.get();
+    int asked = 0;
+    connect(player(), &AudioPlayer::playerStopped, this, [&asked, going] {
+        ++asked;
+        QVERIFY(!player()->start(going, 25));
+        QCOMPARE(player()->failure(), AudioPlayer::NotAsked);
+    });
+    source.reset();
+    player()->disconnect(this);
+    QCOMPARE(asked, 1);
+    QVERIFY(!player()->isActive());
+    QVERIFY(!output()->hasOpenDevice());
+    MediaSource other(QStringLiteral("other"), 100);
+    QVERIFY(other.open());
+    QVERIFY(player()->start(&other, 25));
+    player()->stop();
+}
+
+// The stop is told while the former device is still selected.
+void tst_AudioPlayerLifetime::restartWhileAnotherDeviceIsSelected()
+{
+    QVERIFY(player()->setDevice(QStringLiteral("speaker")));
+    QVERIFY(player()->start(source.get(), 25));
+    QSignalSpy stopped(player(), &AudioPlayer::playerStopped);
+    connect(player(), &AudioPlayer::playerStopped, this, [this] { player()->start(source.get(), 25); });
+    QVERIFY(player()->setDevice(QStringLiteral("headphones")));
+    player()->disconnect(this);
+    QCOMPARE(devices().destroyedActive, 0);
+    QCOMPARE(stopped.count(), 2);
+    QVERIFY(player()->isActive());
+    QCOMPARE(devices().createdOn.last(), QStringLiteral("headphones"));
+    QVERIFY(!output()->pull(3840).isEmpty());
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QCOMPARE(devices().liveOutputs, 1);
+    player()->stop();
+    source.reset();
+    QCOMPARE(stopped.count(), 3); // nobody waits for its end any more
+}
+
+void tst_AudioPlayerLifetime::deviceChosenWhenStoppedIsPlayedOn()
+{
+    QVERIFY(player()->setDevice(QStringLiteral("speaker")));
+    QVERIFY(player()->start(source.get(), 25));
+    connect(player(), &AudioPlayer::playerStopped, this,
+            [] { QVERIFY(player()->setDevice(QStringLiteral("headphones"))); });
+    QVERIFY(player()->start(source.get(), 25));
+    player()->disconnect(this);
+    QVERIFY(player()->isActive());
+    QCOMPARE(devices().createdOn.last(), QStringLiteral("headphones"));
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QCOMPARE(devices().liveOutputs, 1);
 }
 
 // A backend handles events while it closes, and some of them may come to the player.
@@ -186,12 +261,14 @@ void tst_AudioPlayerLifetime::startFromTheFormerOutputsEventsIsRefused()
     int asked = 0;
     const auto startAgain = [this, &asked] {
         ++asked;
+        QVERIFY(player()->isEmitting());
         QVERIFY(!player()->start(source.get(), 25));
     };
     connect(player(), &AudioPlayer::playerStopped, this, startAgain);
     devices().whenDestroyed = startAgain;
     QVERIFY(player()->start(source.get(), 25));
     QCOMPARE(asked, 2);
+    QVERIFY(!player()->isEmitting());
     player()->disconnect(this);
     devices().whenDestroyed = {};
     QCOMPARE(player()->failure(), AudioPlayer::NoFailure);
