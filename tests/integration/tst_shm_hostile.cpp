@@ -139,6 +139,23 @@ void useEverything(shm_reader_t *reader, std::mt19937_64 &random)
     shm_reader_wait_video(reader, static_cast<uint64_t>(-1), 0);
 }
 
+TEST_F(ShmHostile, AWayOfCaptureThatNobodyKnowsIsNone)
+{
+    const Writer writer = openWriter(smallVideo("s"));
+    const Reader reader = openReader("s");
+    ASSERT_TRUE(reader);
+    const std::vector<Area> index = writableMemory("memfd:shm-index");
+    ASSERT_EQ(index.size(), 1u);
+    auto &capture = reinterpret_cast<IndexHead *>(index.front().begin)->capture;
+    capture.store(SHM_CAPTURE_USERPTR, std::memory_order_relaxed);
+    EXPECT_EQ(infoOf(reader.get()).capture, SHM_CAPTURE_USERPTR);
+    for (const uint32_t unknown : {uint32_t{SHM_CAPTURE_USERPTR + 1}, UINT32_MAX}) {
+        capture.store(unknown, std::memory_order_relaxed);
+        EXPECT_EQ(infoOf(reader.get()).capture, SHM_CAPTURE_NONE);
+        EXPECT_STREQ(shm_capture_name(infoOf(reader.get()).capture), "none");
+    }
+}
+
 TEST_F(ShmHostile, AWriterThatScribblesOverIndexAudioAndControlPages)
 {
     Child writer([](Child &self) {
