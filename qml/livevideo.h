@@ -61,7 +61,9 @@ class SourceHooks;
  * The same holds in a window that is not exposed: what was on its screen last is let go of.
  * No frame carries an EGL image when it leaves the render thread, so copies of it may go in any
  * thread. The source's GL resources are released when no item shows it any more, when the window is not drawn
- * any more, and with the scene graph; a camera's frame is not drawn again after that. Errors: none are
+ * any more, and with the scene graph; a camera's frame is not drawn again after that. The basic render loop
+ * does not tell of a window that is minimized: a camera of the application's own provider goes on in there,
+ * one of a LiveSource does not. Errors: none are
  * thrown; a frame that cannot be drawn leaves the item empty, with framePathReason saying why. Cost: Mapped
  * is one copy into textures per new frame, in the render thread; Converted converts 4:2:0 frames there while
  * the GUI thread waits.
