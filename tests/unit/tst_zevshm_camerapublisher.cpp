@@ -285,6 +285,29 @@ TEST_F(CameraStore, oneThatCannotBeUsedIsNamedWithTheRemedy)
     EXPECT_EQ(timesOpened(), 0);
 }
 
+TEST_F(CameraStore, oneThatDoesNotStreamIsNamedAndNoStoreIsSeen)
+{
+    settings.obstacle = "--copy is given";
+    kernel.driver.startError = EIO;
+    try {
+        open();
+        FAIL();
+    } catch (const Failure &failure) {
+        EXPECT_STREQ(failure.what(),
+                     "/dev/video0: does not stream (VIDIOC_STREAMON failed: Input/output error); 'v4l2-ctl "
+                     "-d /dev/video0 --all' and the kernel's log (dmesg) may say more");
+    }
+    EXPECT_EQ(timesOpened(), 0);
+}
+
+TEST_F(CameraStore, withoutAStoreTheCameraIsLeft)
+{
+    settings.obstacle = "--copy is given";
+    storeSettings.memory = "nonsense";
+    EXPECT_THROW(open(), Failure);
+    EXPECT_TRUE(kernel.openDescriptors.empty());
+}
+
 // Readers that hold frames have the store make fresh memory, and then others go without.
 TEST_F(CameraStore, slotsThatReadersHoldAreReplacedOrFramesLeftOutAndTheDriverNeverRunsDry)
 {

@@ -124,15 +124,21 @@ void CameraPublisher::start()
     std::string why = m_settings.obstacle;
     if (why.empty() && startStraight(camera, &why))
         return;
-    Publisher::Settings wishes;
-    wishes.size = m_settings.size;
-    wishes.keepRange = m_settings.keepRange;
-    m_store.setCapture(SHM_CAPTURE_COPIED);
-    m_store.open(Publisher::storeFormat({camera, std::nullopt}, wishes), m_settings.pixelFormat);
+    // First the camera: nobody is to find the store of one that does not stream.
     std::string refusal;
     if (!m_capture.start(MemoryWay::Mapped, {}, *this, &refusal))
         throw Failure(ExitInput, m_settings.device + ": does not stream (" + refusal + "); 'v4l2-ctl -d " +
                                      m_settings.device + " --all' and the kernel's log (dmesg) may say more");
+    Publisher::Settings wishes;
+    wishes.size = m_settings.size;
+    wishes.keepRange = m_settings.keepRange;
+    m_store.setCapture(SHM_CAPTURE_COPIED);
+    try {
+        m_store.open(Publisher::storeFormat({camera, std::nullopt}, wishes), m_settings.pixelFormat);
+    } catch (...) {
+        m_capture.stop();
+        throw;
+    }
     m_way = "each frame written into the store from the driver's buffer: one copy, because " + why;
 }
 
