@@ -101,7 +101,7 @@ private:
             if (prepare(loop, wait->leftUs()) < 0 || poll(loop) < 0)
                 return;
             const int handled = dispatch(loop);
-            if (getState(context) >= answered)
+            if (handled > 0 && getState(context) >= answered) // what it said before is no news
                 wait->extend();
             if (handled < 0 || (handled == 0 && wait->leftUs() <= 0))
                 return;

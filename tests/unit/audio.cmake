@@ -58,6 +58,11 @@ foreach(function 8isSilentEv 11isAnsweringEv 7hasSinkEv 7stateOfERK16QAudioDevic
     target_link_options(tst_soundserverreturn PRIVATE LINKER:--wrap=_ZN11soundserver${function})
 endforeach()
 
+# A look at the server, by the client library that is looked up at run time.
+zev_test(tst_soundserver SOURCES ${audio_unit}/tst_soundserver.cpp
+    LIBRARIES zevqt-mm-objects Zev::shm Zev::zevmm Zev::zevqt-utils Zev::audio-level PkgConfig::FFMPEG GTest::gtest_main)
+target_link_options(tst_soundserver PRIVATE LINKER:--wrap=_ZN8QLibrary7resolveEPKc)
+
 # A day of playing against a source whose clock differs, in simulated time.
 zev_test(tst_audioreaderdrift NO_TSAN SOURCES ${audio_unit}/tst_audioreaderdrift.cpp ${audio_store}
     LIBRARIES ${audio_libraries})

@@ -124,7 +124,7 @@ TEST_F(LiveAudioServerTest, aServerThatDoesNotAnswerIsSaidAndWaitedFor)
     EXPECT_TRUE(isSoon(LiveAudio::Playing));
     EXPECT_TRUE(audio.errorString().isEmpty()) << audio.errorString().toStdString();
     std::printf("the GUI thread stood still for at most %lld ms\n", longestMs);
-    EXPECT_LT(longestMs, 10000);
+    EXPECT_LT(longestMs, 3000);
 }
 
 } // namespace

@@ -16,6 +16,7 @@ struct Server
     bool isThere = false;
     bool hasSink = false;
     bool isSilent = false;
+    std::function<void()> whenAsked; // for a device
 };
 Server server;
 
@@ -51,6 +52,8 @@ bool __wrap__ZN11soundserver7hasSinkEv()
 }
 soundserver::State __wrap__ZN11soundserver7stateOfERK16QAudioDeviceInfo(const QAudioDeviceInfo &)
 {
+    if (server.whenAsked)
+        server.whenAsked();
     return server.isSilent  ? soundserver::State::Silent
            : server.isThere ? soundserver::State::There
                             : soundserver::State::NoServer;
@@ -126,6 +129,7 @@ private Q_SLOTS:
     void listThatIsLateIsWaitedFor();
     void silentServerIsNotPlayedOn();
     void serverThatTakesNoConnectionsIsNotPlayedOn();
+    void sourceThatGoesMeanwhileIsNotPlayed();
     void backendWithDevicesIsLeftAlone();
     void serverThatReturnsInTime();
     void serverThatReturnsLate();
@@ -144,7 +148,7 @@ private:
 // A server that is there, and a backend that plays.
 void tst_SoundServerReturn::begin()
 {
-    server = {true, true};
+    server = {true, true, false, {}};
     QVERIFY(engine);
     if (!engine->isConnected)
         engine->prepare();
@@ -250,6 +254,18 @@ void tst_SoundServerReturn::serverThatTakesNoConnectionsIsNotPlayedOn()
     QCOMPARE(player()->failure(), AudioPlayer::ServerSilent);
     server.isThere = true;
     QVERIFY(plays());
+}
+
+void tst_SoundServerReturn::sourceThatGoesMeanwhileIsNotPlayed()
+{
+    begin();
+    takeLog();
+    server.whenAsked = [this] { source.reset(); };
+    QVERIFY(!plays());
+    server.whenAsked = {};
+    QCOMPARE(player()->failure(), AudioPlayer::NotAsked);
+    QVERIFY(!player()->isActive());
+    QVERIFY(takeLog().filter(QStringLiteral("does not have audio")).isEmpty()); // nobody asked it
 }
 
 void tst_SoundServerReturn::backendWithDevicesIsLeftAlone()
