@@ -101,8 +101,8 @@ void LiveAudio::rebuild()
         const Sound::Wishes wishes = {m_device, m_volume, m_isMuted, qint64(m_delayMs) * 1000, remedies()};
         m_sound = std::make_unique<Sound>(m_stream->soundSource(), wishes);
         m_stream->setSound(m_sound.get());
-        connect(m_sound.get(), &Sound::changed, this, &LiveAudio::stateChanged);
-        connect(m_sound.get(), &Sound::problem, this, &LiveAudio::stateChanged);
+        connect(m_sound.get(), &Sound::changed, this, &LiveAudio::followState);
+        connect(m_sound.get(), &Sound::problem, this, &LiveAudio::followState);
         connect(m_sound.get(), &Sound::heard, this, [this] {
             m_playedUs = m_sound->heardUs();
             emit playedTimeChanged();
@@ -114,6 +114,16 @@ void LiveAudio::rebuild()
     m_isRebuilding = false;
     emit stateChanged();
     emit playedTimeChanged();
+}
+
+void LiveAudio::followState()
+{
+    const bool isTimeLost = m_playedUs != 0 && state() != Playing;
+    if (isTimeLost)
+        m_playedUs = 0;
+    emit stateChanged();
+    if (isTimeLost)
+        emit playedTimeChanged();
 }
 
 void LiveAudio::setDevice(const QString &name)

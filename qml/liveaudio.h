@@ -93,6 +93,7 @@ Q_SIGNALS:
 
 private:
     void rebuild();
+    void followState();
     void dropSound();
 
     QPointer<LiveSource> m_source;

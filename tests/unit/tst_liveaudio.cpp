@@ -24,6 +24,7 @@
 #include <cmath>
 #include <functional>
 #include <memory>
+#include <vector>
 
 namespace {
 
@@ -110,6 +111,30 @@ TEST_F(LiveAudioTest, playsAndTellsTheTime)
     EXPECT_TRUE(audio.muted());
     source.setVideo(QUrl(QStringLiteral("shm:///nosuchstore")));
     EXPECT_TRUE(isSoon(LiveAudio::Waiting));
+}
+
+TEST_F(LiveAudioTest, noTimeIsPlayedFromAStopUntilItIsHeardAnew)
+{
+    if (!server)
+        GTEST_SKIP() << "no sound server: is pulseaudio installed?";
+    const StorePublisher publisher("tone", Qt::red);
+    audio.setSource(&source);
+    ASSERT_TRUE(waitUntil([&] { return audio.playedTime() > 0.0; }));
+    std::vector<double> told;
+    const auto connection = QObject::connect(&audio, &LiveAudio::playedTimeChanged, &source,
+                                             [&] { told.push_back(audio.playedTime()); });
+    AudioPlayer::getInstance()->stop();
+    EXPECT_EQ(audio.state(), LiveAudio::Waiting);
+    EXPECT_EQ(told, std::vector<double>{0.0});
+    QObject::disconnect(connection);
+    double atStart = -1.0;
+    QObject::connect(&audio, &LiveAudio::stateChanged, &source, [&] {
+        if (atStart < 0.0 && audio.state() == LiveAudio::Playing)
+            atStart = audio.playedTime();
+    });
+    ASSERT_TRUE(isSoon(LiveAudio::Playing));
+    EXPECT_EQ(atStart, 0.0);
+    EXPECT_TRUE(waitUntil([&] { return audio.playedTime() > 0.0; }));
 }
 
 // Each of these replaces the player, which is telling something meanwhile.
