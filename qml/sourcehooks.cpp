@@ -336,7 +336,8 @@ void SourceHooks::releaseSoon(QQuickWindow *window, const std::shared_ptr<Hooked
     hooked->stopping = connect(
         window, &QQuickWindow::sceneGraphAboutToStop, window,
         [window, hooked] {
-            const auto last = hooked; // the connection's own goes with the connection
+            // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): the connection's own goes with it
+            const auto last = hooked;
             const UnseenContext context(window);
             QObject::disconnect(last->stopping);
             last->release(warn);
