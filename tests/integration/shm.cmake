@@ -15,14 +15,16 @@ zev_test(frame_lines SOURCES compare/frame_lines.c LIBRARIES Zev::shm NO_TEST)
 if(TARGET gstzevshm)
     pkg_get_variable(gst_plugins gstreamer-1.0 pluginsdir)
     pkg_check_modules(GSTREAMER_APP REQUIRED IMPORTED_TARGET gstreamer-app-1.0 gstreamer-video-1.0)
-    # The thread sanitizer does not see GLib's locks.
-    zev_test(tst_gstreamer NO_TSAN SOURCES integration/tst_gstreamer.cpp
-        LIBRARIES Zev::shm PkgConfig::GSTREAMER_APP GTest::gtest LABEL integration)
-    if(TARGET tst_gstreamer)
-        target_compile_definitions(tst_gstreamer PRIVATE
-            ZEV_GST_PLUGIN_PATH="$<TARGET_FILE_DIR:gstzevshm>" ZEV_GST_SYSTEM_PLUGINS="${gst_plugins}")
-        add_dependencies(tst_gstreamer gstzevshm)
-    endif()
+    foreach(name tst_gstreamersink tst_gstreamersource)
+        # The thread sanitizer does not see GLib's locks.
+        zev_test(${name} NO_TSAN SOURCES integration/${name}.cpp integration/gstreamerrig.cpp
+            LIBRARIES Zev::shm PkgConfig::GSTREAMER_APP GTest::gtest LABEL integration)
+        if(TARGET ${name})
+            target_compile_definitions(${name} PRIVATE
+                ZEV_GST_PLUGIN_PATH="$<TARGET_FILE_DIR:gstzevshm>" ZEV_GST_SYSTEM_PLUGINS="${gst_plugins}")
+            add_dependencies(${name} gstzevshm)
+        endif()
+    endforeach()
     zev_test(tst_gstclockmap SOURCES unit/tst_gstclockmap.cpp ../gstreamer/clockmap.cpp LIBRARIES GTest::gtest_main)
     target_include_directories(tst_gstclockmap PRIVATE ../gstreamer)
 endif()
