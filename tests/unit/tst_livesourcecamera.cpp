@@ -190,7 +190,8 @@ TEST_F(CameraSource, soundBesideItIsAskedForWithItsTicks)
     // A provider with audio of its own would ask for video alone, which a camera does not answer.
     EXPECT_EQ(source.provider()->getAudioSource(), nullptr);
     int buffers = 0;
-    QObject::connect(source.stream(), &LiveStream::audioReady, &source,
+    const QObject here; // the source outlives the number
+    QObject::connect(source.stream(), &LiveStream::audioReady, &here,
                      [&](const QAudioBuffer &buffer) { buffers += buffer.isValid() ? 1 : 0; });
     EXPECT_TRUE(waitUntil([&] { return buffers > 3; }));
     EXPECT_EQ(source.stream()->soundSource()->name(), QStringLiteral("mic"));
